@@ -1,0 +1,75 @@
+# Flags and helpers shared by every room.
+
+# Warnings are errors everywhere.
+add_library(vorn_warnings INTERFACE)
+target_compile_options(vorn_warnings INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-Wall -Wextra -Werror -Wno-cast-function-type
+  $<$<CXX_COMPILER_ID:GNU>:--param=min-pagesize=0>>)
+
+# Include paths: the repository root ("detours/detours.h") and the library ("Policy/path_hash.h").
+add_library(vorn_includes INTERFACE)
+target_include_directories(vorn_includes INTERFACE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/core)
+
+# Builds do not depend on where the sources lie.
+add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "X86" OR CMAKE_SIZEOF_VOID_P EQUAL 4)
+  set(VORN_ARCH x86)
+else()
+  set(VORN_ARCH x64)
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-march=x86-64-v2>)
+endif()
+
+if(WIN32)
+  set(CMAKE_CXX_STANDARD_LIBRARIES "")  # no -luser32 -lgdi32 ... on every link line
+  set(CMAKE_C_STANDARD_LIBRARIES "")
+  add_compile_definitions(_WIN32_WINNT=0x0A00 WINVER=0x0A00 UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX)
+endif()
+
+# Flags of everything that goes into a DLL of ours: no exceptions, no RTTI, no runtime DLL.
+add_library(vorn_nocrt INTERFACE)
+if(WIN32)
+  target_compile_definitions(vorn_nocrt INTERFACE __USE_MINGW_ANSI_STDIO=0)
+  target_compile_options(vorn_nocrt INTERFACE $<$<COMPILE_LANGUAGE:CXX>:
+    -fno-exceptions -fno-rtti -fasynchronous-unwind-tables -fno-ident -ffunction-sections -fdata-sections>)
+endif()
+
+# vorn_room(NAME FOLDER [LIBS …]): a static library from all sources of one folder, with the flags of the
+# library. Not for Platform/runtime (that is linked into DLLs only).
+function(vorn_room name folder)
+  cmake_parse_arguments(ARG "" "" "LIBS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${folder}/*.cpp ${folder}/*.h)
+  add_library(${name} STATIC ${sources})
+  set_target_properties(${name} PROPERTIES LINKER_LANGUAGE CXX)
+  target_link_libraries(${name} PUBLIC vorn_includes ${ARG_LIBS} PRIVATE vorn_warnings vorn_nocrt)
+endfunction()
+
+# Flags of a DLL that carries our own runtime: imports ntdll and kernel32 alone, reproducible byte for byte.
+function(vorn_runtime_free_dll target)
+  if(VORN_ARCH STREQUAL "x64")
+    set(entry DllMainCRTStartup)
+  else()
+    set(entry _DllMainCRTStartup@12)
+  endif()
+  set_target_properties(${target} PROPERTIES PREFIX "" LINKER_LANGUAGE CXX)
+  target_link_options(${target} PRIVATE -nostdlib -nostartfiles
+    -Wl,-e,${entry} -Wl,--disable-auto-import -Wl,--disable-runtime-pseudo-reloc -Wl,--gc-sections
+    -Wl,--dynamicbase -Wl,--nxcompat
+    $<$<CXX_COMPILER_ID:GNU>:-Wl,--no-insert-timestamp>)
+  if(VORN_ARCH STREQUAL "x64")
+    target_link_options(${target} PRIVATE -Wl,--high-entropy-va)
+  endif()
+  target_link_libraries(${target} PRIVATE ntdll ntdllcrt kernel32 gcc)
+endfunction()
+
+# Header-only libraries of the distribution for cross builds, without the native /usr/include around them.
+set(VORN_THIRD_PARTY ${CMAKE_BINARY_DIR}/third_party)
+file(MAKE_DIRECTORY ${VORN_THIRD_PARTY})
+foreach(lib CLI toml++ nlohmann fmt)
+  if(NOT EXISTS ${VORN_THIRD_PARTY}/${lib})
+    file(CREATE_LINK /usr/include/${lib} ${VORN_THIRD_PARTY}/${lib} SYMBOLIC)
+  endif()
+endforeach()
+add_library(vorn_third_party INTERFACE)
+target_include_directories(vorn_third_party SYSTEM INTERFACE ${VORN_THIRD_PARTY})
+target_compile_definitions(vorn_third_party INTERFACE FMT_HEADER_ONLY)
