@@ -30,7 +30,9 @@ endif()
 add_library(vorn_nocrt INTERFACE)
 if(WIN32)
   target_compile_definitions(vorn_nocrt INTERFACE __USE_MINGW_ANSI_STDIO=0)
-  target_compile_options(vorn_nocrt INTERFACE $<$<COMPILE_LANGUAGE:CXX>:
+  # Log lines carry the file name below core/.
+  target_compile_options(vorn_nocrt INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/core/=
+   
     -fno-exceptions -fno-rtti -fasynchronous-unwind-tables -fno-ident -ffunction-sections -fdata-sections>)
 endif()
 

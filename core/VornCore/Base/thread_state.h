@@ -1,0 +1,105 @@
+// Per-thread state: how intercepted calls recognise the library's own work and their own nesting, and the
+// reusable buffers of path handling.
+//
+//   ThreadState* state = GetThreadState();
+//   HookDepthGuard depth(state);              // in every handler, for its whole run
+//   ScratchLevel level(state);                // while scratch buffers are in use
+//   void* buffer = GetScratchBuffer(state, 0, bytes);
+//
+// A block belongs to its thread: nobody else touches it. It is created by the first GetThreadState and freed
+// when the thread detaches.
+#pragma once
+
+#include <cstdint>
+
+#include "Platform/nt.h"
+
+namespace VornCore {
+
+inline constexpr int kScratchSlots = 8;  // 0 to 4 are named by the caller, 5 to 7 are dynamic
+inline constexpr int kFirstDynamicSlot = 5;
+inline constexpr int kScratchLevels = 16;
+inline constexpr UINT kExitBadScratch = 0xEED00A4C;        // bad slot or level
+inline constexpr UINT kExitScratchTooDeep = 0xEED00A4D;    // more than 16 levels
+inline constexpr UINT kExitScratchUnderflow = 0xEED00A4E;  // below level 0
+
+struct ScratchBuffer {
+  void* data;
+  std::uint32_t capacity;  // bytes
+};
+
+struct ThreadState {
+  ScratchBuffer scratch[kScratchSlots][kScratchLevels];
+  std::uint32_t scratchDynamic[kScratchLevels];  // dynamic slots in use, per level
+  std::int32_t scratchLevel;
+  std::uint8_t bInCreateFile;  // inside the NtCreateFile handler
+  std::uint8_t bInWriteFile;   // inside the NtWriteFile handler
+  std::uint8_t bOwnCall;       // the library's own file work
+  std::uint8_t bInLoader;      // inside the real loader call
+  std::uint8_t bHelperInject;  // a helper process is being started
+  std::uint8_t bInNetCall;     // inside a network handler's real call
+  std::uint32_t hookDepth;     // listener operations active on this thread
+  HANDLE hPendingThread;       // child whose injection waits for its first resume
+  HANDLE hPendingProcess;
+};
+
+// Allocates the thread-local storage index. 0 or the error of TlsAlloc.
+[[nodiscard]] DWORD InitThreadState() noexcept;
+
+// The calling thread's block, created when it has none; null when that is not possible. The thread's
+// last-error value is the same on return as on entry, and is stored to *last_error when a block is returned.
+ThreadState* GetThreadState(DWORD* last_error = nullptr) noexcept;
+
+// Whether the calling thread has a block already. Never allocates; keeps the last-error value.
+bool HasThreadState() noexcept;
+
+// Frees the calling thread's block and its scratch buffers.
+void FreeThreadState() noexcept;
+
+// Misuse of the three ends the process with the exit codes above.
+void EnterScratchLevel(ThreadState* state) noexcept;
+void LeaveScratchLevel(ThreadState* state) noexcept;
+// A buffer of at least size bytes, valid until the slot is asked for again at this level; contents are not
+// carried over when it grows. Null when memory is short. A slot of 5 or more asks for the level's next
+// dynamic slot.
+void* GetScratchBuffer(ThreadState* state, int slot, std::uint32_t size) noexcept;
+
+class [[nodiscard]] ScratchLevel {
+ public:
+  explicit ScratchLevel(ThreadState* state) : state_(state) { EnterScratchLevel(state_); }
+  ~ScratchLevel() { LeaveScratchLevel(state_); }
+  ScratchLevel(const ScratchLevel&) = delete;
+  ScratchLevel& operator=(const ScratchLevel&) = delete;
+
+ private:
+  ThreadState* state_;
+};
+
+// Counts a handler in hookDepth; tolerates a null block.
+class [[nodiscard]] HookDepthGuard {
+ public:
+  HookDepthGuard() : HookDepthGuard(GetThreadState()) {}
+  explicit HookDepthGuard(ThreadState* state) : state_(state) {
+    if (state_) ++state_->hookDepth;
+  }
+  ~HookDepthGuard() {
+    if (state_) --state_->hookDepth;
+  }
+  HookDepthGuard(const HookDepthGuard&) = delete;
+  HookDepthGuard& operator=(const HookDepthGuard&) = delete;
+
+  ThreadState* state() const { return state_; }
+  bool in_net_call() const { return state_ && state_->bInNetCall; }
+  void set_in_net_call(bool on) {
+    if (state_) state_->bInNetCall = on;
+  }
+  bool own_call() const { return state_ && state_->bOwnCall; }
+  void set_own_call(bool on) {
+    if (state_) state_->bOwnCall = on;
+  }
+
+ private:
+  ThreadState* state_;
+};
+
+}  // namespace VornCore
