@@ -1,0 +1,110 @@
+// Policies as people write them: what is read, and where each mistake is reported.
+#include <gtest/gtest.h>
+
+#include "vorn/policy_file.h"
+
+namespace vorn::host {
+namespace {
+
+std::optional<std::string> Lookup(std::string_view name) {
+  if (name == "USERPROFILE") return "C:\\users\\me";
+  return {};
+}
+
+PolicyDocument Good(std::string_view text) {
+  auto result = ParsePolicy(text, Lookup);
+  if (auto* errors = std::get_if<1>(&result)) ADD_FAILURE() << FormatPolicyError("policy", errors->front());
+  return std::holds_alternative<PolicyDocument>(result) ? std::get<PolicyDocument>(result) : PolicyDocument{};
+}
+
+TEST(PolicyFile, FileRulesAreExpandedAndCleaned) {
+  PolicyDocument policy = Good(
+      "[log]\nlevel = 'detail'\n"
+      "[files]\n"
+      "deny = ['C:\\secret\\', '%USERPROFILE%\\x', 'C:\\100%%']\n"
+      "read = ['//srv/share//a']\n"
+      "write = ['D:\\']\n");
+  std::vector<std::pair<FileAccess, std::string>> rules;
+  for (const PolicyFileRule& rule : policy.files) rules.emplace_back(rule.access, rule.path);
+  EXPECT_EQ(rules, (std::vector<std::pair<FileAccess, std::string>>{{FileAccess::kDeny, "C:\\secret"},
+                                                                    {FileAccess::kDeny, "C:\\users\\me\\x"},
+                                                                    {FileAccess::kDeny, "C:\\100%"},
+                                                                    {FileAccess::kRead, "\\\\srv\\share\\a"},
+                                                                    {FileAccess::kWrite, "D:"}}));
+  EXPECT_EQ(policy.log_level, 15u);
+}
+
+struct Mistake {
+  const char* text;
+  std::uint32_t line, column;
+  const char* message;
+};
+
+class PolicyMistakes : public testing::TestWithParam<Mistake> {};
+
+TEST_P(PolicyMistakes, AreReportedWhereTheyStand) {
+  auto result = ParsePolicy(GetParam().text, Lookup);
+  auto* errors = std::get_if<1>(&result);
+  ASSERT_TRUE(errors);
+  EXPECT_EQ(errors->front().place.line, GetParam().line);
+  EXPECT_EQ(errors->front().place.column, GetParam().column);
+  EXPECT_NE(errors->front().message.find(GetParam().message), std::string::npos) << errors->front().message;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, PolicyMistakes,
+    testing::Values(Mistake{"[files\nx = 1", 1, 7, "expected ']'"},
+                    Mistake{"lag = 1", 1, 1, "unknown key \"lag\""},
+                    Mistake{"[files]\nopen = []", 2, 1, "known: deny, read, write, enforce"},
+                    Mistake{"files = 3", 1, 1, "write [files]"},
+                    Mistake{"[files]\ndeny = 'C:\\a'", 2, 8, "a list of strings"},
+                    Mistake{"[files]\ndeny = ['C:\\a', 5]", 2, 17, "must be a string"},
+                    Mistake{"[files]\ndeny = ['a\\b']", 2, 9, "not a full path"},
+                    Mistake{"[files]\ndeny = ['\\\\?\\C:\\a']", 2, 9, "not a full path"},
+                    Mistake{"[files]\ndeny = ['\\\\srv']", 2, 9, "names no share"},
+                    Mistake{"[files]\ndeny = ['C:\\a\\..\\b']", 2, 9, "contains \"..\""},
+                    Mistake{"[files]\ndeny = ['C:\\a\\*']", 2, 9, "wildcards are not needed"},
+                    Mistake{"[files]\ndeny = ['C:\\a:stream']", 2, 9, "a character that no path has"},
+                    Mistake{"[files]\ndeny = ['%NOPE%\\a']", 2, 9, "%NOPE% is not set"},
+                    Mistake{"[files]\ndeny = ['C:\\50%']", 2, 9, "a % without a second one"},
+                    Mistake{"[files]\ndeny = ['C:\\a']\nwrite = ['c:\\A\\']", 3, 10,
+                            "another access in line 2"},
+                    Mistake{"[log]\nlevel = 'loud'", 2, 9, "unknown level"},
+                    Mistake{"[network]\ndefault = 'maybe'", 2, 11, "\"allow\" or \"deny\""},
+                    Mistake{"[network]\nallow = ['1.2.3.4/33']", 2, 10, "from 0 to 32"},
+                    Mistake{"[network]\nallow = ['::1']", 2, 10, "in brackets"},
+                    Mistake{"[network]\nallow = ['[::1']", 2, 10, "[ without a ]"},
+                    Mistake{"[network]\nallow = ['[::ffff:1.2.3.4]']", 2, 10, "write it as IPv4"},
+                    Mistake{"[network]\nallow = ['1.2.3.4:0']", 2, 10, "bad port"},
+                    Mistake{"[network]\nallow = ['a.test:9-2']", 2, 10, "bad port"},
+                    Mistake{"[network]\nallow = ['a..b']", 2, 10, "neither an address nor a name"},
+                    Mistake{"[network]\nallow = ['1.2.3']", 2, 10, "neither an address nor a name"},
+                    Mistake{"[network]\nallow = ['a.test/8']", 2, 10, "a prefix belongs to an address"},
+                    Mistake{"[network]\nallow = ['10.1.0.0/8']\ndeny = ['10.0.0.0/8']", 3, 9,
+                            "already allowed in line 2"}));
+
+TEST(PolicyFile, EveryMistakeIsReported) {
+  auto result = ParsePolicy("[files]\ndeny = ['x', 'y']\nread = ['z']\n", Lookup);
+  ASSERT_TRUE(std::get_if<1>(&result));
+  EXPECT_EQ(std::get<1>(result).size(), 3u);
+}
+
+TEST(PolicyFile, DestinationsStandInTheOrderInWhichTheyAreTried) {
+  PolicyDocument policy = Good(
+      "[network]\ndefault = 'deny'\n"
+      "allow = ['10.1.2.3', '*.example.com:443', 'example.com', '[2001:db8::]/33:80,8000-8002']\n"
+      "deny = ['10.0.0.0/8', '*.bad.example.com', 'a.example.com:443']\n");
+  std::vector<std::string> order;
+  for (const PolicyNetRule& rule : policy.network) order.push_back((rule.allow ? "+" : "-") + rule.text);
+  EXPECT_EQ(order, (std::vector<std::string>{"+[2001:db8::]/33:80,8000-8002", "+10.1.2.3", "-10.0.0.0/8",
+                                             "-a.example.com:443", "+example.com", "-*.bad.example.com",
+                                             "+*.example.com:443"}));
+  EXPECT_EQ(policy.network[0].ports, (std::vector<std::uint16_t>{80, 8000, 8001, 8002}));
+  EXPECT_EQ(policy.network[0].prefix, 33u);
+  EXPECT_TRUE(policy.has_network);
+  EXPECT_FALSE(policy.network_default_allow);
+  EXPECT_FALSE(Good("").has_network);
+}
+
+}  // namespace
+}  // namespace vorn::host
