@@ -1,0 +1,84 @@
+// One intercepted function: its listeners, the way to the real function, and the dispatcher between them.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+
+#include "Platform/net_types.h"
+
+namespace VornCore {
+
+inline constexpr int kListenerSlots = 4;
+
+template <class Listener, class Signature>
+struct HookEntry;
+
+// In static storage, zero at load.
+template <class Listener, class Result, class... Args>
+struct HookEntry<Listener, Result(Args...)> {
+  using Function = Result(WINAPI*)(Args...);
+
+  // In call order; null is a free slot. A listener is never destroyed, so a dispatcher that read a slot just
+  // before it was cleared still calls a live object, and relaxed accesses suffice.
+  std::atomic<Listener*> listeners[kListenerSlots];
+  // Null until the table is installed; then the trampoline, or the target's address while nothing is patched.
+  Function original;
+  // What CallOriginal goes through once installed: original, or a bridge around it.
+  Function bridged;
+
+  bool Register(Listener* listener) noexcept {
+    for (auto& slot : listeners)
+      if (slot.load(std::memory_order_relaxed) == listener) return false;
+    for (auto& slot : listeners) {
+      Listener* free_slot = nullptr;
+      if (slot.compare_exchange_strong(free_slot, listener, std::memory_order_relaxed)) return true;
+    }
+    return false;
+  }
+
+  void Unregister(Listener* listener) noexcept {
+    for (auto& slot : listeners) {
+      Listener* held = listener;
+      if (slot.compare_exchange_strong(held, nullptr, std::memory_order_relaxed)) return;
+    }
+  }
+
+  // fail() gives the function's usual error, for a call of a function that was never installed.
+  template <class Fail>
+  Result CallOriginal(Fail fail, Args... args) const {
+    if (bridged) [[likely]]
+      return bridged(args...);
+    return original ? original(args...) : fail();
+  }
+
+  // The body of every dispatcher. Operation is the interface's operation of this function, known at compile
+  // time.
+  template <auto Operation>
+  Result Dispatch(Args... args) const {
+    for (const auto& slot : listeners) {
+      Listener* listener = slot.load(std::memory_order_relaxed);
+      if (!listener) continue;
+      bool pass_on = false;
+      Result result = (listener->*Operation)(args..., &pass_on);
+      if (!pass_on) return result;
+    }
+    return original(args...);
+  }
+};
+
+// What a call of a function that was never installed answers, by the kind of its result.
+template <class Result>
+Result FailWith(Result value, DWORD last_error) noexcept {
+  SetLastError(last_error);
+  return value;
+}
+inline NTSTATUS FailStatus() noexcept { return STATUS_PROCEDURE_NOT_FOUND; }
+inline BOOL FailBool() noexcept { return FailWith(FALSE, ERROR_PROC_NOT_FOUND); }
+inline LONG FailWin32Code() noexcept { return ERROR_PROC_NOT_FOUND; }
+// Winsock keeps its error where the thread's last error is.
+inline int FailSocket() noexcept { return FailWith(SOCKET_ERROR, WSASYSCALLFAILURE); }
+inline SOCKET FailSocketHandle() noexcept { return FailWith(INVALID_SOCKET, WSASYSCALLFAILURE); }
+inline int FailWinsockCode() noexcept { return FailWith(WSASYSNOTREADY, WSASYSNOTREADY); }
+inline std::nullptr_t FailNull() noexcept { return FailWith(nullptr, ERROR_PROC_NOT_FOUND); }
+
+}  // namespace VornCore
