@@ -1,0 +1,32 @@
+// The hash of file-rule paths. Host and library must agree on it bit by bit: it is stored in every rule.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "Policy/text.h"
+
+namespace vorn::policy {
+
+// The hash of a path that grows unit by unit: after each Add, Value() is the hash of all units so far, so one
+// pass over a path yields the hashes of all its parents.
+class PathHash {
+ public:
+  constexpr void Add(char16_t unit) noexcept { value_ = value_ * 33 + FoldCase(unit); }
+  // Meaningful once a unit was added.
+  [[nodiscard]] constexpr std::uint32_t Value() const noexcept { return value_; }
+
+ private:
+  std::uint32_t value_ = 5381;
+};
+
+// h = 5381, then h * 33 + lower(unit) for each unit, modulo 2^32; only A to Z are folded. 0 for an empty
+// path.
+[[nodiscard]] constexpr std::uint32_t HashPathNoCase(std::u16string_view path) noexcept {
+  if (path.empty()) return 0;
+  PathHash hash;
+  for (char16_t unit : path) hash.Add(unit);
+  return hash.Value();
+}
+
+}  // namespace vorn::policy

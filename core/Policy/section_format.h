@@ -1,0 +1,125 @@
+// Layout of the shared configuration section, version 2: what the host writes and the library reads.
+//
+//   0    SharedDataHeader
+//   ...  file rule table      file rule count × FileRuleRecord, back to back
+//   ...  network rule table   network rule count × NetRuleRecord, back to back
+//   ...  strings, addresses, port lists, in any order and at any alignment
+//
+// Integers are 32-bit unsigned little-endian. Offsets count bytes from the start of the section, lengths
+// count bytes; strings are UTF-16LE and their length leaves out a terminator. A length of 0 means absent.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vorn::policy {
+
+// A 32-bit field at any alignment in memory that another process may be writing. Each conversion to a value
+// is exactly one load: a value that was checked is the value that is used.
+class [[gnu::packed, gnu::may_alias]] SharedU32 {
+ public:
+  SharedU32() noexcept = default;
+  constexpr SharedU32(std::uint32_t value) noexcept
+      : value_(value) {}                     // NOLINT: a field is written like a number
+  operator std::uint32_t() const noexcept {  // NOLINT: and read like one
+    const volatile SharedU32* self = this;
+    return self->value_;
+  }
+
+ private:
+  std::uint32_t value_ = 0;
+};
+static_assert(sizeof(SharedU32) == 4 && alignof(SharedU32) == 1);
+
+inline constexpr std::uint32_t kSharedDataMagic = 0x566F726E;
+inline constexpr std::uint32_t kSharedDataVersion = 2;
+
+// SharedDataFlags.
+inline constexpr std::uint32_t kFlagLogLevelMask = 0xFF;
+inline constexpr std::uint32_t kFlagDebugLog = 0x08;  // part of the level mask: detail lines are written
+inline constexpr std::uint32_t kFlagFileCreateCheckOff = 0x100;
+inline constexpr std::uint32_t kFlagNetCheckOff = 0x200;
+
+// An init-event prefix of this many characters or more is not used.
+inline constexpr std::uint32_t kMaxInitEventPrefix = 260;
+
+struct SharedString {
+  SharedU32 length;  // bytes
+  SharedU32 offset;
+};
+
+struct SharedDataHeader {
+  SharedU32 magic;
+  SharedU32 version;
+  SharedU32 reserved[2];
+  SharedU32 flags;
+  SharedString log_directory;
+  SharedString dump_directory;
+  SharedString server_port_name;
+  SharedString create_process_event_prefix;
+  // The four library paths are followed by a terminator: they go to functions that measure them.
+  SharedString biz_dll_path_x64;
+  SharedString biz_dll_path_x86;
+  SharedString ipc_path_64;
+  SharedString ipc_path_32;
+  SharedU32 file_rule_count;
+  SharedU32 file_rule_offset;
+  SharedU32 net_rule_count;
+  SharedU32 net_rule_offset;
+};
+static_assert(sizeof(SharedDataHeader) == 100 && alignof(SharedDataHeader) == 1);
+static_assert(offsetof(SharedDataHeader, flags) == 16);
+static_assert(offsetof(SharedDataHeader, log_directory) == 20);
+static_assert(offsetof(SharedDataHeader, create_process_event_prefix) == 44);
+static_assert(offsetof(SharedDataHeader, ipc_path_32) == 76);
+static_assert(offsetof(SharedDataHeader, file_rule_count) == 84);
+static_assert(offsetof(SharedDataHeader, net_rule_offset) == 96);
+
+struct FileRuleRecord {
+  SharedU32 access;     // FileACL
+  SharedU32 path_hash;  // HashPathNoCase of the whole path
+  SharedString path;    // canonical NT path without trailing backslash
+};
+static_assert(sizeof(FileRuleRecord) == 16 && alignof(FileRuleRecord) == 1);
+static_assert(offsetof(FileRuleRecord, path_hash) == 4);
+
+enum class NetRuleKind : std::uint32_t { kAddress = 1, kDomain = 2, kDefault = 3 };
+
+// The network verdict of a rule and of a decision.
+inline constexpr std::uint32_t kVerdictDeny = 0;
+inline constexpr std::uint32_t kVerdictAllow = 1;
+
+// Address families as Windows numbers them.
+inline constexpr std::uint32_t kFamilyIPv4 = 2;
+inline constexpr std::uint32_t kFamilyIPv6 = 23;
+
+struct NetRuleRecord {
+  SharedU32 verdict;
+  SharedU32 kind;           // NetRuleKind
+  SharedU32 family;         // address rules
+  SharedU32 prefix_length;  // address rules: leading bits that must match
+  SharedString address;     // address rules: 4 or 16 bytes in network order
+  SharedString ports;       // array of 16-bit ports in host order; empty: every port
+  SharedString domain;      // domain rules: pattern, terminated
+};
+static_assert(sizeof(NetRuleRecord) == 40 && alignof(NetRuleRecord) == 1);
+static_assert(offsetof(NetRuleRecord, prefix_length) == 12);
+static_assert(offsetof(NetRuleRecord, address) == 16);
+static_assert(offsetof(NetRuleRecord, domain) == 32);
+
+// An address rule whose address is longer is ignored.
+inline constexpr std::uint32_t kMaxNetRuleAddress = 128;
+
+// "deny", "allow", or "unknown" for any other value.
+[[nodiscard]] constexpr const char* VerdictText(std::uint32_t verdict) noexcept {
+  switch (verdict) {
+    case kVerdictDeny:
+      return "deny";
+    case kVerdictAllow:
+      return "allow";
+    default:
+      return "unknown";
+  }
+}
+
+}  // namespace vorn::policy
