@@ -9,7 +9,7 @@
 // LISTENER: the interface; SPACE: the module's namespace; fail, result, api, …: a row of the list.
 #define VORN_DEFINE_API(LISTENER, SPACE, fail, result, api, ...)                                       \
   namespace SPACE {                                                                                    \
-  static HookEntry<LISTENER, result(VORN_PARAMETERS(__VA_ARGS__))> entry_##api;                        \
+  constinit static HookEntry<LISTENER, result(VORN_PARAMETERS(__VA_ARGS__))> entry_##api;              \
   static result WINAPI Hooked##api(VORN_PARAMETERS(__VA_ARGS__)) {                                     \
     return entry_##api.Dispatch<&LISTENER::api>(VORN_ARGUMENTS(__VA_ARGS__));                          \
   }                                                                                                    \

@@ -20,11 +20,11 @@ struct HookEntry<Listener, Result(Args...)> {
 
   // In call order; null is a free slot. A listener is never destroyed, so a dispatcher that read a slot just
   // before it was cleared still calls a live object, and relaxed accesses suffice.
-  std::atomic<Listener*> listeners[kListenerSlots];
+  std::atomic<Listener*> listeners[kListenerSlots] = {};
   // Null until the table is installed; then the trampoline, or the target's address while nothing is patched.
-  Function original;
+  Function original = nullptr;
   // What CallOriginal goes through once installed: original, or a bridge around it.
-  Function bridged;
+  Function bridged = nullptr;
 
   bool Register(Listener* listener) noexcept {
     for (auto& slot : listeners)

@@ -14,7 +14,7 @@ namespace KernelBase {
 namespace {
 
 // The crash path must be caught even where KernelBase cannot be found: kernel32 hands that function on.
-constexpr void* const* ImportOf(std::string_view api) {
+consteval void* const* ImportOf(std::string_view api) {
   return api == "SetUnhandledExceptionFilter" ? &imp_SetUnhandledExceptionFilter : nullptr;
 }
 
