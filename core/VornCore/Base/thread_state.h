@@ -75,6 +75,25 @@ class [[nodiscard]] ScratchLevel {
   ThreadState* state_;
 };
 
+// Marks the calling thread's file work as the library's own for a scope, so that the file handlers let it
+// through. Scopes nest. Does nothing on a thread without a block.
+class [[nodiscard]] OwnCallScope {
+ public:
+  OwnCallScope() : OwnCallScope(HasThreadState() ? GetThreadState() : nullptr) {}
+  explicit OwnCallScope(ThreadState* state) : state_(state), before_(state ? state->bOwnCall : 0) {
+    if (state_) state_->bOwnCall = 1;
+  }
+  ~OwnCallScope() {
+    if (state_) state_->bOwnCall = before_;
+  }
+  OwnCallScope(const OwnCallScope&) = delete;
+  OwnCallScope& operator=(const OwnCallScope&) = delete;
+
+ private:
+  ThreadState* state_;
+  std::uint8_t before_;
+};
+
 // Counts a handler in hookDepth; tolerates a null block.
 class [[nodiscard]] HookDepthGuard {
  public:

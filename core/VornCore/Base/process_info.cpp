@@ -1,0 +1,86 @@
+#include "VornCore/Base/process_info.h"
+
+#include <cstring>
+
+#include "Platform/native.h"
+
+namespace VornCore {
+namespace {
+
+// winternl.h hides the members that count here.
+struct BasicInformation {
+  NTSTATUS ExitStatus;
+  void* PebBaseAddress;
+  ULONG_PTR AffinityMask;
+  LONG BasePriority;
+  ULONG_PTR UniqueProcessId, InheritedFromUniqueProcessId;
+};
+
+std::uint32_t QueryParentProcessId() noexcept {
+  BasicInformation info{};
+  const NTSTATUS status = platform::Native().NtQueryInformationProcess(
+      GetCurrentProcess(), ProcessBasicInformation, &info, sizeof info, nullptr);
+  return nt::Success(status) ? static_cast<std::uint32_t>(info.InheritedFromUniqueProcessId) : 0;
+}
+
+std::uint32_t IntegrityOfToken(HANDLE token) noexcept {
+  ULONG size = 0;
+  if (NtQueryInformationToken(token, nt::kTokenIntegrityLevel, nullptr, 0, &size) != STATUS_BUFFER_TOO_SMALL)
+    return 0;
+  platform::HeapPtr<TOKEN_MANDATORY_LABEL> label(static_cast<TOKEN_MANDATORY_LABEL*>(malloc(size)));
+  if (!label) return 0;
+  if (!nt::Success(NtQueryInformationToken(token, nt::kTokenIntegrityLevel, label.get(), size, &size)))
+    return 0;
+  const auto* sid = static_cast<const SID*>(label->Label.Sid);
+  if (!RtlValidSid(const_cast<SID*>(sid)) || sid->SubAuthorityCount == 0) return 0;
+  return sid->SubAuthority[sid->SubAuthorityCount - 1];
+}
+
+}  // namespace
+
+std::uint32_t GetIntegrityLevel() noexcept {
+  HANDLE token = nullptr;
+  if (!nt::Success(NtOpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token))) return 0;
+  const std::uint32_t level = IntegrityOfToken(token);
+  NtClose(token);
+  return level;
+}
+
+std::uint32_t GetParentProcessId() noexcept {
+  static const std::uint32_t pid = QueryParentProcessId();
+  return pid;
+}
+
+const wchar_t* GetImageBaseName() noexcept {
+  const LIST_ENTRY* first = nt::CurrentLdr()->InLoadOrderModuleList.Flink;
+  return CONTAINING_RECORD(first, nt::LdrEntry, InLoadOrderLinks)->BaseDllName.Buffer;
+}
+
+platform::HeapString GetProcessImageFileName(HANDLE process) noexcept {
+  const auto query = platform::Native().NtQueryInformationProcess;
+  ULONG size = 0;
+  if (query(process, nt::kProcessImageFileName, nullptr, 0, &size) != STATUS_INFO_LENGTH_MISMATCH)
+    return nullptr;
+  platform::HeapPtr<UNICODE_STRING> name(static_cast<UNICODE_STRING*>(malloc(size)));
+  if (!name) return nullptr;
+  if (!nt::Success(query(process, nt::kProcessImageFileName, name.get(), size, &size))) return nullptr;
+  if (!name->Buffer || name->Length == 0) return nullptr;
+  platform::HeapString path(static_cast<wchar_t*>(malloc(name->Length + sizeof(wchar_t))));
+  if (!path) return nullptr;
+  std::memcpy(path.get(), name->Buffer, name->Length);
+  path.get()[name->Length / sizeof(wchar_t)] = L'\0';
+  return path;
+}
+
+std::uint32_t GetProcessMachine(HANDLE process) noexcept {
+  USHORT own = IMAGE_FILE_MACHINE_UNKNOWN, native = IMAGE_FILE_MACHINE_UNKNOWN;
+  if (!IsWow64Process2(process, &own, &native)) return 0;
+  return own != IMAGE_FILE_MACHINE_UNKNOWN ? own : native;
+}
+
+bool IsWow64Self() noexcept {
+  BOOL wow64 = FALSE;
+  return IsWow64Process(GetCurrentProcess(), &wow64) && wow64;
+}
+
+}  // namespace VornCore
