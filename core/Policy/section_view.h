@@ -28,7 +28,7 @@ enum class SectionStatus {
 
 // A string in the section. `text` has a null data() when absent; a trailing odd byte is not part of it.
 struct SectionText {
-  std::u16string_view text;
+  std::u16string_view text = {};
   std::uint32_t byte_length = 0;  // as stored, also when the string is absent
 
   [[nodiscard]] bool Present() const noexcept { return text.data() != nullptr; }
@@ -38,12 +38,12 @@ struct FileRule {
   bool in_table = false;     // the index is below the count and the record lies inside the section
   std::uint32_t access = 0;  // raw FileACL value
   std::uint32_t hash = 0;    // as stored
-  SectionText path;
+  SectionText path = {};
 };
 
 struct NetRuleAddress {
-  std::span<const std::byte> bytes;  // null data() when absent
-  std::uint32_t length = 0;          // as stored
+  std::span<const std::byte> bytes = {};  // null data() when absent
+  std::uint32_t length = 0;               // as stored
   std::uint32_t prefix_length = 0;
   std::uint32_t family = 0;
 };
