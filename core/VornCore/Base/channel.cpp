@@ -1,0 +1,266 @@
+#include "VornCore/Base/channel.h"
+
+#include <algorithm>
+#include <cstring>
+#include <cwchar>
+#include <span>
+#include <string_view>
+
+#include "Policy/message.h"
+#include "VornCore/Base/clock.h"
+#include "VornCore/Base/flood_rule.h"
+#include "VornCore/Base/ipc.h"
+#include "VornCore/Base/log.h"
+#include "VornCore/Base/message_queue.h"
+#include "VornCore/Base/process_info.h"
+#include "VornCore/Base/strings.h"
+
+namespace VornCore {
+namespace {
+
+using vorn::policy::kMinMessageSize;
+using vorn::policy::kTipMagic;
+using vorn::policy::MessageOrigin;
+using vorn::policy::TIPHeader;
+
+constexpr std::int32_t kQueueNodes = 1'000;
+constexpr std::size_t kPortNameUnits = 259;     // longest local port name, without terminator
+constexpr std::size_t kCommandLineUnits = 511;  // of the command line, in the process start message
+constexpr DWORD kExitStoppedThread = 19920308;
+constexpr UINT kExitHostGone = 19960116;
+
+std::atomic<bool> gs_initialised = false;
+std::atomic<bool> gs_terminate_on_disconnect = false;
+std::atomic<channel::PathConverter> gs_path_converter = nullptr;
+MessageQueue gs_rqGameToHost, gs_rqHostToGame;
+FloodRule gs_flood;
+HANDLE gs_recv_thread = nullptr, gs_dispatch_thread = nullptr, gs_send_thread = nullptr;
+
+MessageOrigin OriginNow() { return {GetPreciseTimeMicros() / 1'000, GetCurrentProcessId()}; }
+
+// The text of a block that was converted to UTF-8; empty without one.
+std::string_view ViewOf(const HeapText& text) {
+  return text ? std::string_view(text.get()) : std::string_view();
+}
+
+HeapText ToUtf8(const wchar_t* text, std::size_t units) {
+  return WideToUtf8(text, static_cast<std::int32_t>(units * sizeof(wchar_t)));
+}
+
+// Encodes a message into a block of its size and sends it. False when memory is short.
+template <class Message>
+bool EncodeAndSend(const Message& message) {
+  const std::size_t size = EncodedSize(message);
+  platform::HeapPtr<std::byte> block(static_cast<std::byte*>(malloc(size)));
+  if (!block) return false;
+  if (Encode(message, OriginNow(), {block.get(), size}) != 0)
+    SendToHost(block.get(), static_cast<std::uint32_t>(size));
+  return true;
+}
+
+void SendProcessStart() {
+  const wchar_t* image = GetImageBaseName();
+  const wchar_t* command = GetCommandLineW();
+  const HeapText image_text = image ? ToUtf8(image, std::wcslen(image)) : nullptr;
+  if (!image_text) {
+    VORN_LOG_E("ws2u8s failed");
+    return;
+  }
+  const HeapText command_text =
+      command ? ToUtf8(command, std::min(std::wcslen(command), kCommandLineUnits)) : nullptr;
+  if (!EncodeAndSend(vorn::policy::ProcessStart{.parent_pid = GetParentProcessId(),
+                                                .image_name = ViewOf(image_text),
+                                                .command_line = ViewOf(command_text)}))
+    VORN_LOG_E("pTIPHeader is NULL");
+}
+
+void DispatchMsgToBiz(const void* data, std::uint32_t bytes) {
+  if (!data || bytes < kMinMessageSize) {
+    VORN_LOG_W("DispatchMsgToBiz: invalid data");
+    return;
+  }
+  // No message of the host asks for anything yet.
+  if (static_cast<const TIPHeader*>(data)->magic != kTipMagic) VORN_LOG_W("Not a Tip Message");
+}
+
+// ---- Threads ----
+
+DWORD WINAPI IPCRecvThreadProc(void*) {
+  VORN_LOG_N("IPCRecvThreadProc thread start");
+  IpcRecvLoop();
+  VORN_LOG_N("IPCRecvThreadProc thread end");
+  return 0;
+}
+
+DWORD WINAPI IPCSendThreadProc(void*) {
+  VORN_LOG_N("IPCSendThreadProc thread start");
+  SendProcessStart();
+  gs_rqGameToHost.Consume([](const void* data, std::uint32_t bytes) { IpcSend(data, bytes); });
+  VORN_LOG_N("IPCSendThreadProc thread end");
+  return 0;
+}
+
+DWORD WINAPI DispatchMsg(void*) {
+  VORN_LOG_N("DispatchMsg thread start");
+  gs_rqHostToGame.Consume(DispatchMsgToBiz);
+  VORN_LOG_N("DispatchMsg thread end");
+  return 0;
+}
+
+void StopChannelThreads() {
+  IpcStop();
+  for (HANDLE* thread : {&gs_recv_thread, &gs_send_thread, &gs_dispatch_thread}) {
+    if (!*thread) continue;
+    TerminateThread(*thread, kExitStoppedThread);
+    CloseHandle(*thread);
+    *thread = nullptr;
+  }
+}
+
+bool StartRecvData() {
+  const auto start = [](HANDLE& thread, LPTHREAD_START_ROUTINE routine) {
+    thread = CreateThread(nullptr, 0, routine, nullptr, 0, nullptr);
+    return thread != nullptr;
+  };
+  if (start(gs_recv_thread, IPCRecvThreadProc) && start(gs_dispatch_thread, DispatchMsg) &&
+      start(gs_send_thread, IPCSendThreadProc))
+    return true;
+  StopChannelThreads();
+  return false;
+}
+
+// ---- What the transport calls ----
+
+void __stdcall OnRecvData(void*, const void* data, std::uint32_t bytes) {
+  // A full queue has logged itself; nobody would answer the host.
+  if (gs_initialised.load()) (void)gs_rqHostToGame.Push(data, bytes);
+}
+
+void __stdcall OnIpcError(void*, const char* text) { VORN_LOG_W("%s", text); }
+
+bool __stdcall OnConnectAuth(void*, std::uint32_t pid, std::uint32_t tid, const char* port_name) {
+  VORN_LOG_N("connect auth, it's pid:%u, tid:%u, port name:%s", pid, tid, port_name);
+  return true;
+}
+
+void __stdcall OnDisconnectNotify(void*, std::uint32_t pid, std::uint32_t tid, const char* port_name) {
+  VORN_LOG_N("recv disconnect notify, it's pid:%u, tid:%u, port name:%s", pid, tid, port_name);
+  if (gs_terminate_on_disconnect.load() && !TerminateProcess(GetCurrentProcess(), kExitHostGone))
+    VORN_LOG_E("TerminateProcess failed, error code:%lu", GetLastError());
+}
+
+constexpr vorn::ipc::IpcCallbacks kCallbacks{OnRecvData, OnIpcError, OnConnectAuth, OnDisconnectNotify,
+                                             nullptr};
+
+// ---- Start ----
+
+// The name of this process's own port: image name, process id and the time, so that it names no other.
+bool GetLocalServerPortName(wchar_t (&name)[kPortNameUnits + 1]) {
+  const std::uint64_t now = GetPreciseTimeMicros();
+  const auto high = static_cast<std::uint32_t>(now >> 32), low = static_cast<std::uint32_t>(now);
+  wchar_t pid[33], high_digits[33], low_digits[33];
+  std::size_t length = 0;
+  for (const wchar_t* piece :
+       {GetImageBaseName(), L"_", const_cast<const wchar_t*>(UIntToWide(GetCurrentProcessId(), 10, pid)),
+        L"_0x", const_cast<const wchar_t*>(UIntToWide(high, 16, high_digits)),
+        const_cast<const wchar_t*>(UIntToWide(low, 16, low_digits))}) {
+    const std::size_t units = piece ? std::wcslen(piece) : 0;
+    if (units > kPortNameUnits - length) return false;
+    std::wmemcpy(name + length, piece, units);
+    length += units;
+  }
+  name[length] = L'\0';
+  return true;
+}
+
+// The steps of channel::Init; null or the text of the step that failed.
+const char* Start(const wchar_t* port) {
+  wchar_t local_port[kPortNameUnits + 1];
+  if (!GetLocalServerPortName(local_port)) return "GetLocalServerPortName Failed";
+  if (!InitIPC(local_port, port, &kCallbacks)) return "Init IPC Failed";
+  VORN_LOG_N("Init gs_rqGameToHost: %p", &gs_rqGameToHost);
+  if (!gs_rqGameToHost.InitRing(kQueueNodes)) return "Init gs_rqGameToHost Failed";
+  VORN_LOG_N("Init gs_rqHostToGame: %p", &gs_rqHostToGame);
+  if (!gs_rqHostToGame.InitRing(kQueueNodes)) return "Init gs_rqHostToGame Failed";
+  if (!gs_rqGameToHost.InitEvent() || !gs_rqHostToGame.InitEvent()) return "CreateEventW Failed";
+  // The threads may run at once, and the first thing that they send must not find the channel closed.
+  gs_initialised.store(true);
+  if (!StartRecvData()) return "StartRecvData() Failed";
+  return nullptr;
+}
+
+}  // namespace
+
+void InitTipHeader(void* message, std::uint16_t type, std::uint16_t subtype, std::uint32_t payload_length,
+                   std::uint8_t flag) noexcept {
+  const MessageOrigin origin = OriginNow();
+  *static_cast<TIPHeader*>(message) = {.magic = kTipMagic,
+                                       .time_ms = origin.time_ms,
+                                       .type = type,
+                                       .subtype = subtype,
+                                       .flag = flag,
+                                       .pid = origin.pid,
+                                       .payload_length = payload_length};
+}
+
+bool SendToHost(const void* message, std::uint32_t bytes) noexcept {
+  if (!gs_initialised.load() || !message || bytes < kMinMessageSize) return false;
+  const auto& header = *static_cast<const TIPHeader*>(message);
+  if (header.magic != kTipMagic) return false;
+  if (gs_flood.Drops(header.type, header.subtype, GetPreciseTimeMicros())) {
+    VORN_LOG_I("drop spam msg, pid %d, type %d, subtype %d", static_cast<int>(header.pid), header.type,
+               header.subtype);
+    return false;
+  }
+  const bool queued = gs_rqGameToHost.Push(message, bytes);
+  if (!queued)
+    VORN_LOG_I("drop unlucky msg, pid %d, type %d, subtype %d", static_cast<int>(header.pid), header.type,
+               header.subtype);
+  return queued;
+}
+
+void SendSample(std::uint64_t first, std::uint64_t second, std::uint32_t third, std::uint16_t subtype,
+                const wchar_t* text) noexcept {
+  HeapText utf8;
+  if (const HeapString path = WideDup(text)) {
+    if (const auto convert = gs_path_converter.load()) convert(path.get());
+    utf8 = ToUtf8(path.get(), std::wcslen(path.get()));
+  }
+  EncodeAndSend(vorn::policy::Sample{
+      .subtype = subtype, .first = first, .second = second, .third = third, .text = ViewOf(utf8)});
+}
+
+bool MaySendSample(std::atomic<std::uint64_t>& last_sent, std::uint64_t now) noexcept {
+  constexpr std::uint64_t kInterval = 2'000'000;
+  std::uint64_t last = last_sent.load();
+  return now > last && now - last > kInterval && last_sent.compare_exchange_strong(last, now);
+}
+
+namespace channel {
+
+bool Init(const wchar_t* port, bool terminate_on_disconnect) noexcept {
+  if (gs_initialised.load()) return true;
+  gs_terminate_on_disconnect.store(terminate_on_disconnect);
+  const char* failure = Start(port);
+  if (!failure) return true;
+  VORN_LOG_E("%s", failure);
+  gs_initialised.store(false);
+  gs_terminate_on_disconnect.store(false);
+  return false;
+}
+
+bool UnInit() noexcept {
+  if (!gs_initialised.load()) return true;
+  StopChannelThreads();
+  const bool unloaded = UnInitIPC();
+  gs_initialised.store(false);
+  gs_terminate_on_disconnect.store(false);
+  gs_rqGameToHost.Destroy();
+  gs_rqHostToGame.Destroy();
+  return unloaded;
+}
+
+void SetPathConverter(PathConverter converter) noexcept { gs_path_converter.store(converter); }
+
+}  // namespace channel
+}  // namespace VornCore

@@ -1,0 +1,56 @@
+#include "VornCore/Base/message_queue.h"
+
+#include "VornCore/Base/log.h"
+
+namespace VornCore {
+
+bool MessageQueue::InitEvent() noexcept {
+  event_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  return event_ != nullptr;
+}
+
+void MessageQueue::Destroy() noexcept {
+  ring_.Destroy();
+  if (event_) CloseHandle(event_);
+  event_ = nullptr;
+  sleeping_.store(false, std::memory_order_relaxed);
+}
+
+bool MessageQueue::Push(const void* data, std::uint32_t bytes) noexcept {
+  const bool queued = ring_.Push(data, bytes);
+  if (sleeping_.load(std::memory_order_relaxed) && sleeping_.exchange(false)) SetEvent(event_);
+  return queued;
+}
+
+void MessageQueue::WaitForMessage() noexcept {
+  ResetEvent(event_);
+  sleeping_.store(true);
+  if (ring_.IsEmpty()) WaitForSingleObject(event_, INFINITE);
+  sleeping_.store(false, std::memory_order_relaxed);
+}
+
+void MessageQueue::Consume(Handler handle) noexcept {
+  constexpr int kMaxFailures = 10;
+  int failures = 0;
+  for (;;) {
+    const RingNode* node = nullptr;
+    switch (ring_.Pop(&node)) {
+      case PopResult::kNode:
+        handle(node->data, node->length);
+        failures = 0;
+        break;
+      case PopResult::kEmpty:
+        WaitForMessage();
+        break;
+      case PopResult::kError:
+        if (++failures == kMaxFailures) {
+          VORN_LOG_E("get data failed more than 10, and break");
+          return;
+        }
+        VORN_LOG_W("get data failed, cnt %d", failures);
+        break;
+    }
+  }
+}
+
+}  // namespace VornCore

@@ -1,0 +1,41 @@
+// A ring queue with a consumer thread that sleeps while there is nothing to take.
+//
+// A producer that finds the consumer awake pays for the copy alone; only one that finds it asleep, or about
+// to fall asleep, signals the event. No message is missed: the consumer says that it will sleep before it
+// looks into the queue a last time, and both that look and every push take the queue's lock. So a push comes
+// before the look, and is seen by it, or after it, and then sees the sleeper.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "Platform/nt.h"
+#include "VornCore/Base/ring_buffer.h"
+
+namespace VornCore {
+
+class MessageQueue {
+ public:
+  // The two steps before any thread uses the queue.
+  [[nodiscard]] bool InitRing(std::int32_t capacity) noexcept { return ring_.Init(capacity); }
+  [[nodiscard]] bool InitEvent() noexcept;
+  // Frees everything. No thread may use the queue any more.
+  void Destroy() noexcept;
+
+  // Queues a copy and wakes the consumer, also when there was no room. Any thread.
+  [[nodiscard]] bool Push(const void* data, std::uint32_t bytes) noexcept;
+
+  using Handler = void (*)(const void* data, std::uint32_t bytes);
+  // The consumer thread's loop: hands each message to handle. Returns only when the queue answers with ten
+  // errors in a row.
+  void Consume(Handler handle) noexcept;
+
+ private:
+  void WaitForMessage() noexcept;
+
+  RingQueue ring_;
+  HANDLE event_ = nullptr;  // manual reset
+  std::atomic<bool> sleeping_ = false;
+};
+
+}  // namespace VornCore
