@@ -1,0 +1,79 @@
+#include "vorn/run_journal.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+namespace vorn::host {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path Folder() {
+  std::wstring base(32767, L'\0');
+  base.resize(GetEnvironmentVariableW(L"LOCALAPPDATA", base.data(), static_cast<DWORD>(base.size())));
+  return fs::path(base) / L"Vorn" / L"runs";
+}
+
+bool IsRunName(const std::string& run) {
+  return !run.empty() && std::all_of(run.begin(), run.end(), [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || c == '-';
+  });
+}
+
+fs::path FileOf(const std::string& run) { return Folder() / (run + ".jsonl"); }
+
+}  // namespace
+
+RunJournal::RunJournal(std::string run) : run_(std::move(run)) {}
+
+bool RunJournal::Add(const RecycleEntry& entry) {
+  if (!file_.is_open()) {
+    std::error_code ignored;
+    fs::create_directories(Folder(), ignored);
+    file_.open(FileOf(run_), std::ios::binary | std::ios::app);
+  }
+  const std::u8string path = fs::path(entry.path).u8string();
+  const nlohmann::json line = {
+      {"path", std::string(path.begin(), path.end())}, {"time_ms", entry.time_ms}, {"pid", entry.pid}};
+  file_ << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n' << std::flush;
+  ++count_;
+  return file_.good();
+}
+
+std::string RunJournal::NewRunName() {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  char name[64];
+  std::snprintf(name, sizeof name, "%04u%02u%02u-%02u%02u%02u-%lu", now.wYear, now.wMonth, now.wDay,
+                now.wHour, now.wMinute, now.wSecond, GetCurrentProcessId());
+  return name;
+}
+
+std::optional<std::vector<RecycleEntry>> RunJournal::Read(const std::string& run) {
+  if (!IsRunName(run)) return {};
+  std::ifstream file(FileOf(run), std::ios::binary);
+  if (!file) return {};
+  std::vector<RecycleEntry> entries;
+  for (std::string line; std::getline(file, line);) {
+    const auto json = nlohmann::json::parse(line, nullptr, false);
+    if (!json.is_object() || !json.contains("path") || !json["path"].is_string())
+      continue;  // a line cut by a crash
+    const std::string path = json["path"];
+    entries.push_back({fs::path(std::u8string(path.begin(), path.end())).wstring(),
+                       json.value("time_ms", std::uint64_t{0}), json.value("pid", 0u)});
+  }
+  return entries;
+}
+
+std::vector<std::string> RunJournal::List() {
+  std::vector<std::string> runs;
+  std::error_code error;
+  for (fs::directory_iterator it(Folder(), error), end; !error && it != end; it.increment(error))
+    if (it->path().extension() == L".jsonl") runs.push_back(it->path().stem().string());
+  std::sort(runs.begin(), runs.end());
+  return runs;
+}
+
+}  // namespace vorn::host
