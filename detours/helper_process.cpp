@@ -1,0 +1,198 @@
+// The helper process: updates a process of its own bitness on behalf of one of the other.
+//
+// It is the system's rundll32.exe of the target's bitness, made to load the very DLL that the target shall
+// get:
+//
+//   rundll32.exe "DLL",#1
+//
+// What it has to do travels in its start-up information (lpReserved2, which the process finds as RuntimeData
+// in its process parameters), not in the command line or the environment: nobody becomes a helper, and
+// thereby a process in which the DLL does nothing, by a command that a script can type. The data start with a
+// zero count of inherited file descriptors, which is all that the C runtime reads there.
+#include <winternl.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "detours/detours.h"
+
+namespace detours {
+namespace {
+
+constexpr DWORD kWaitMilliseconds = 30'000;
+// Exit code of a helper that did its work. Any other code is a Win32 error, or of a rundll32 that never got
+// as far as the DLL.
+constexpr DWORD kHelperDone = 0x48454C50;
+constexpr size_t kMaxPath = 1024;  // characters, with the terminator
+
+// The same for both bitnesses.
+struct HelperOrder {
+  uint32_t inherited_descriptors;  // 0
+  uint8_t signature[16];
+  uint32_t target_pid;
+  char dll[kMaxPath];  // ANSI, terminated
+};
+static_assert(sizeof(HelperOrder) == 24 + kMaxPath);
+
+constexpr uint8_t kSignature[16] = {0x83, 0x1c, 0xe0, 0x5a, 0x77, 0xd9, 0x42, 0x6f,
+                                    0xa8, 0x0e, 0x91, 0xc4, 0x3b, 0x26, 0xf5, 0x5d};
+
+// The process parameters up to the data that a parent passes on.
+struct ProcessParameters {
+  ULONG sizes_and_flags[4];
+  HANDLE console;
+  ULONG console_flags;
+  HANDLE standard[3];
+  UNICODE_STRING current_directory;
+  HANDLE current_directory_handle;
+  UNICODE_STRING dll_path, image_path, command_line;
+  void* environment;
+  ULONG window[9];
+  UNICODE_STRING title, desktop, shell, runtime_data;
+};
+static_assert(offsetof(ProcessParameters, runtime_data) == (sizeof(void*) == 8 ? 0xE0 : 0x88));
+
+const ProcessParameters& Parameters() {
+  return *reinterpret_cast<const ProcessParameters*>(
+      NtCurrentTeb()->ProcessEnvironmentBlock->ProcessParameters);
+}
+
+class [[nodiscard]] Handle {
+ public:
+  explicit Handle(HANDLE handle) : handle_(handle) {}
+  ~Handle() {
+    if (handle_) CloseHandle(handle_);
+  }
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+  HANDLE get() const { return handle_; }
+
+ private:
+  HANDLE handle_;
+};
+
+// rundll32.exe "DLL",#1
+struct HelperCommand {
+  wchar_t text[kMaxPath + 32];
+  size_t length;  // 0: the DLL's name cannot be expressed
+
+  explicit HelperCommand(const char* dll) : length(0) {
+    static constexpr wchar_t kHead[] = L"rundll32.exe \"";
+    static constexpr wchar_t kTail[] = L"\",#1";
+    constexpr size_t kHeadLength = sizeof(kHead) / sizeof(wchar_t) - 1;
+    memcpy(text, kHead, sizeof(kHead));
+    const int n = MultiByteToWideChar(CP_ACP, 0, dll, -1, text + kHeadLength, kMaxPath);
+    if (n <= 1) return;
+    length = kHeadLength + static_cast<size_t>(n) - 1;
+    memcpy(text + length, kTail, sizeof(kTail));
+    length += sizeof(kTail) / sizeof(wchar_t) - 1;
+  }
+};
+
+// The order that this process was started with; null in every other process.
+const HelperOrder* FindOrder() {
+  const UNICODE_STRING& data = Parameters().runtime_data;
+  const auto* order = reinterpret_cast<const HelperOrder*>(data.Buffer);
+  if (!order || data.Length != sizeof(HelperOrder)) return nullptr;
+  if (memcmp(order->signature, kSignature, sizeof(kSignature)) != 0) return nullptr;
+  return order->dll[kMaxPath - 1] == 0 ? order : nullptr;
+}
+
+bool IsWow64(HANDLE process) {
+  BOOL wow64 = FALSE;
+  return IsWow64Process(process, &wow64) && wow64;
+}
+
+// Full path of the rundll32.exe of the target's bitness.
+bool HelperImage(HANDLE target, wchar_t (&path)[MAX_PATH]) {
+  static constexpr wchar_t kProgram[] = L"\\rundll32.exe";
+  // System32 means the caller's own bitness; the other one has a name of its own.
+  const bool target_wow64 = IsWow64(target), own_wow64 = IsWow64(GetCurrentProcess());
+  const wchar_t* folder = L"\\System32";
+  if (target_wow64 && !own_wow64) folder = L"\\SysWOW64";
+  if (!target_wow64 && own_wow64) folder = L"\\Sysnative";
+  size_t n = GetSystemWindowsDirectoryW(path, MAX_PATH);
+  const size_t folder_length = wcslen(folder);
+  if (n == 0 || n + folder_length + sizeof(kProgram) / sizeof(wchar_t) > MAX_PATH) return false;
+  memcpy(path + n, folder, folder_length * sizeof(wchar_t));
+  memcpy(path + n + folder_length, kProgram, sizeof(kProgram));
+  return true;
+}
+
+DWORD WaitForHelper(HANDLE helper) {
+  if (WaitForSingleObject(helper, kWaitMilliseconds) != WAIT_OBJECT_0) {
+    // A rundll32 that cannot load the DLL shows a message and waits for its user.
+    TerminateProcess(helper, ERROR_TIMEOUT);
+    return ERROR_TIMEOUT;
+  }
+  DWORD code;
+  if (!GetExitCodeProcess(helper, &code)) return GetLastError();
+  if (code == kHelperDone) return NO_ERROR;
+  return code ? code : ERROR_DLL_INIT_FAILED;
+}
+
+DWORD RunHelper(DWORD pid, const char* dll, PDETOUR_CREATE_PROCESS_ROUTINEW create_process) {
+  HelperOrder order = {};
+  const size_t length = strnlen(dll, kMaxPath);
+  if (length == 0 || length == kMaxPath) return ERROR_INVALID_PARAMETER;
+  memcpy(order.signature, kSignature, sizeof(kSignature));
+  order.target_pid = pid;
+  memcpy(order.dll, dll, length);
+  HelperCommand command(order.dll);
+  if (!command.length) return ERROR_INVALID_PARAMETER;
+
+  const Handle target(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
+  if (!target.get()) return GetLastError();
+  wchar_t image[MAX_PATH];
+  if (!HelperImage(target.get(), image)) return ERROR_PATH_NOT_FOUND;
+
+  STARTUPINFOW startup = {};
+  startup.cb = sizeof(startup);
+  startup.cbReserved2 = sizeof(order);
+  startup.lpReserved2 = reinterpret_cast<BYTE*>(&order);
+  PROCESS_INFORMATION started = {};
+  if (!create_process(image, command.text, nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr, nullptr,
+                      &startup, &started)) {
+    return GetLastError();
+  }
+  const Handle process(started.hProcess), thread(started.hThread);
+  return WaitForHelper(process.get());
+}
+
+DWORD CarryOut(const HelperOrder& order) {
+  const Handle target(
+      OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_OPERATION | PROCESS_VM_READ | PROCESS_VM_WRITE,
+                  FALSE, order.target_pid));
+  if (!target.get()) return GetLastError();
+  LPCSTR dll = order.dll;
+  return DetourUpdateProcessWithDll(target.get(), &dll, 1) ? kHelperDone : GetLastError();
+}
+
+}  // namespace
+}  // namespace detours
+
+// The loader calls the DLL for every thread, so this compares one length in all processes but a helper. There
+// the command line must be the one that goes with the order too: a rundll32 that would run anything else is
+// an ordinary process.
+BOOL WINAPI DetourIsHelperProcess() {
+  using namespace detours;
+  const HelperOrder* order = FindOrder();
+  if (!order) return FALSE;
+  const HelperCommand command(order->dll);
+  const UNICODE_STRING& actual = Parameters().command_line;
+  return command.length && actual.Length == command.length * sizeof(wchar_t) &&
+         memcmp(actual.Buffer, command.text, actual.Length) == 0;
+}
+
+BOOL WINAPI DetourProcessViaHelperW(DWORD pid, LPCSTR dll, PDETOUR_CREATE_PROCESS_ROUTINEW create_process) {
+  DWORD error = ERROR_INVALID_PARAMETER;
+  if (pid && dll && create_process) error = detours::RunHelper(pid, dll, create_process);
+  if (error) SetLastError(error);
+  return error == NO_ERROR;
+}
+
+VOID CALLBACK DetourFinishHelperProcess(HWND, HINSTANCE, LPSTR, INT) {
+  DWORD code = ERROR_INVALID_FUNCTION;
+  if (DetourIsHelperProcess()) code = detours::CarryOut(*detours::FindOrder());
+  ExitProcess(code);
+}
