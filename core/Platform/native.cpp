@@ -1,5 +1,8 @@
 #include "Platform/native.h"
 
+#include "Platform/wine_adapter.h"
+#include "Platform/wine_link_names.h"
+
 namespace VornCore::platform {
 namespace {
 
@@ -14,12 +17,14 @@ NativeApi RealFunctions() noexcept {
   api.GetFinalPathNameByHandleW = &::GetFinalPathNameByHandleW;
   api.GetFileInformationByHandle = &::GetFileInformationByHandle;
   api.GetFileInformationByHandleEx = &::GetFileInformationByHandleEx;
-  // Kernel32 exports these from Windows Vista on; an implementation without them answers "no names".
   HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");
   api.FindFirstFileNameW =
       reinterpret_cast<decltype(&::FindFirstFileNameW)>(GetProcAddress(kernel32, "FindFirstFileNameW"));
   api.FindNextFileNameW =
       reinterpret_cast<decltype(&::FindNextFileNameW)>(GetProcAddress(kernel32, "FindNextFileNameW"));
+  api.FindClose = &::FindClose;
+  api.AliasTarget = [](std::wstring_view, wchar_t*, std::size_t) -> std::size_t { return 0; };
+  if (IsWine()) wine::Adapt(api);
   return api;
 }
 
@@ -34,5 +39,7 @@ bool IsWine() noexcept {
   static const bool wine = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
   return wine;
 }
+
+void SetLinkFolderSource(LinkFolderSource source) noexcept { wine::SetLinkFolders(source); }
 
 }  // namespace VornCore::platform

@@ -7,6 +7,10 @@
 // written at attach and by tests only, and read from any thread without a lock.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
 #include "Platform/nt.h"
 
 namespace VornCore::platform {
@@ -25,6 +29,10 @@ struct NativeApi {
   decltype(&::GetFileInformationByHandleEx) GetFileInformationByHandleEx;
   decltype(&::FindFirstFileNameW) FindFirstFileNameW;
   decltype(&::FindNextFileNameW) FindNextFileNameW;
+  decltype(&::FindClose) FindClose;  // of a FindFirstFileNameW handle
+  // The path that a name means which the system accepts although no symbolic-link object stands for it:
+  // writes it (at most units UTF-16 units, not terminated) and returns its length, 0 when there is none.
+  std::size_t (*AliasTarget)(std::wstring_view name, wchar_t* target, std::size_t units);
 };
 
 // The table in force. Filled on first use.
@@ -32,5 +40,11 @@ NativeApi& Native() noexcept;
 
 // True on an implementation of the Windows interface that is not Windows (ntdll exports wine_get_version).
 bool IsWine() noexcept;
+
+// Names the folders (NT device paths) in which other names of a file matter, by index; an empty answer ends
+// them. An implementation that cannot list the hard links of a file looks for them there; Windows never asks.
+// Set once, before files are intercepted.
+using LinkFolderSource = std::wstring_view (*)(std::uint32_t index);
+void SetLinkFolderSource(LinkFolderSource source) noexcept;
 
 }  // namespace VornCore::platform
