@@ -11,6 +11,10 @@ void ForEachRow(const HookTable& table, std::span<const std::uint8_t> order, Act
   for (std::size_t i = 0; i < table.rows.size(); ++i) action(table.rows[order.empty() ? i : order[i]]);
 }
 
+void* DispatcherOf(const HookRow& row) noexcept {
+  return platform::BridgeDispatcher(row.name, row.dispatcher);
+}
+
 // The trampolines are known (and, after a removal, the targets again) once the transaction has ended.
 void PublishOriginals(const HookTable& table) noexcept {
   for (const HookRow& row : table.rows)
@@ -45,7 +49,7 @@ void CommitHookTransaction() noexcept { DetourTransactionCommit(); }
 void InstallTable(const HookTable& table, HMODULE module) noexcept {
   BeginHookTransaction();
   ForEachRow(table, table.attach_order, [&](const HookRow& row) {
-    AttachHook(row.name, row.import ? *row.import : nullptr, row.dispatcher, row.original, module);
+    AttachHook(row.name, row.import ? *row.import : nullptr, DispatcherOf(row), row.original, module);
   });
   CommitHookTransaction();
   PublishOriginals(table);
@@ -55,7 +59,7 @@ void RemoveTable(const HookTable& table) noexcept {
   BeginHookTransaction();
   ForEachRow(table, table.detach_order, [](const HookRow& row) {
     // What was never found was never attached; naming it would fail the removal of the others.
-    if (*row.original) DetachHook(row.original, row.dispatcher);
+    if (*row.original) DetachHook(row.original, DispatcherOf(row));
   });
   CommitHookTransaction();
   PublishOriginals(table);
