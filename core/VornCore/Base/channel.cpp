@@ -36,8 +36,6 @@ MessageQueue gs_rqGameToHost, gs_rqHostToGame;
 FloodRule gs_flood;
 HANDLE gs_recv_thread = nullptr, gs_dispatch_thread = nullptr, gs_send_thread = nullptr;
 
-MessageOrigin OriginNow() { return {GetPreciseTimeMicros() / 1'000, GetCurrentProcessId()}; }
-
 // The text of a block that was converted to UTF-8; empty without one.
 std::string_view ViewOf(const HeapText& text) {
   return text ? std::string_view(text.get()) : std::string_view();
@@ -45,17 +43,6 @@ std::string_view ViewOf(const HeapText& text) {
 
 HeapText ToUtf8(const wchar_t* text, std::size_t units) {
   return WideToUtf8(text, static_cast<std::int32_t>(units * sizeof(wchar_t)));
-}
-
-// Encodes a message into a block of its size and sends it. False when memory is short.
-template <class Message>
-bool EncodeAndSend(const Message& message) {
-  const std::size_t size = EncodedSize(message);
-  platform::HeapPtr<std::byte> block(static_cast<std::byte*>(malloc(size)));
-  if (!block) return false;
-  if (Encode(message, OriginNow(), {block.get(), size}) != 0)
-    SendToHost(block.get(), static_cast<std::uint32_t>(size));
-  return true;
 }
 
 void SendProcessStart() {
@@ -190,6 +177,8 @@ const char* Start(const wchar_t* port) {
 }
 
 }  // namespace
+
+MessageOrigin OriginNow() noexcept { return {GetPreciseTimeMicros() / 1'000, GetCurrentProcessId()}; }
 
 void InitTipHeader(void* message, std::uint16_t type, std::uint16_t subtype, std::uint32_t payload_length,
                    std::uint8_t flag) noexcept {

@@ -1,7 +1,7 @@
 // The host channel: complete messages in, over a bounded queue and the host's transport to the host.
 //
-//   InitTipHeader(message, kMsgAudit, kAuditFile, payload, 1);
-//   SendToHost(message, size);     // copies; the caller keeps its buffer
+//   EncodeAndSend(vorn::policy::FileAudit{…});   // a message of Policy/message.h
+//   SendToHost(message, size);                    // complete bytes; copies, the caller keeps its buffer
 //
 // Producers never wait for the host. Any thread may send, also inside intercepted calls.
 #pragma once
@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "Platform/heap.h"
 #include "Platform/nt.h"
 #include "Policy/message.h"
 
@@ -22,6 +23,21 @@ void InitTipHeader(void* message, std::uint16_t type, std::uint16_t subtype, std
 // True when a copy of the message is in the outgoing queue. False when the channel is not running, the
 // message is shorter than 30 bytes or has no magic, is part of a flood, or the queue is full.
 bool SendToHost(const void* message, std::uint32_t bytes) noexcept;
+
+// This process, now: the origin of the messages that it sends.
+vorn::policy::MessageOrigin OriginNow() noexcept;
+
+// Encodes a message of Policy/message.h into a block of its size and sends it. False when memory is short; a
+// message that the channel drops is no failure here.
+template <class Message>
+bool EncodeAndSend(const Message& message) noexcept {
+  const std::size_t size = EncodedSize(message);
+  platform::HeapPtr<std::byte> block(static_cast<std::byte*>(malloc(size)));
+  if (!block) return false;
+  if (Encode(message, OriginNow(), {block.get(), size}) != 0)
+    SendToHost(block.get(), static_cast<std::uint32_t>(size));
+  return true;
+}
 
 // Builds and sends a type-4 message. path: NT device path or host name (UTF-16, terminated) or null; device
 // paths are sent in drive-letter form. Not throttled: the fronts below are.
