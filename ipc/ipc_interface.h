@@ -31,8 +31,7 @@ struct IpcCallbacks {
   // A peer connects: pid as the system knows it, a thread of it (0 when the system does not tell), and the
   // name of the port it connects to (the peer's port when this side connects). False refuses it.
   bool(__stdcall* OnConnectAuth)(void* context, std::uint32_t pid, std::uint32_t tid, const char* port_name);
-  // The peer went away; same arguments. Told once per connection, and not for a connection that this side
-  // ended.
+  // The server went away; same arguments. Told once, and not when this side ended the connection.
   void(__stdcall* OnDisconnectNotify)(void* context, std::uint32_t pid, std::uint32_t tid,
                                       const char* port_name);
   void* context;

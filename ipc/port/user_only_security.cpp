@@ -1,0 +1,35 @@
+#include "ipc/port/user_only_security.h"
+
+#include "ipc/port/unique_handle.h"
+
+extern "C" {
+NTSYSAPI NTSTATUS NTAPI RtlCreateSecurityDescriptor(PSECURITY_DESCRIPTOR, ULONG revision);
+NTSYSAPI NTSTATUS NTAPI RtlCreateAcl(PACL, ULONG bytes, ULONG revision);
+NTSYSAPI NTSTATUS NTAPI RtlAddAccessAllowedAce(PACL, ULONG revision, ACCESS_MASK, PSID);
+NTSYSAPI NTSTATUS NTAPI RtlSetDaclSecurityDescriptor(PSECURITY_DESCRIPTOR, BOOLEAN present, PACL,
+                                                     BOOLEAN defaulted);
+}
+
+namespace vorn::ipc {
+
+UserOnlySecurity::UserOnlySecurity() noexcept
+    : attributes_{sizeof(SECURITY_ATTRIBUTES), &descriptor_, FALSE}, error_(Build()) {}
+
+DWORD UserOnlySecurity::Build() noexcept {
+  UniqueHandle token;
+  NTSTATUS status = NtOpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put());
+  if (!nt::Success(status)) return RtlNtStatusToDosErrorNoTeb(status);
+  ULONG bytes = 0;
+  status = NtQueryInformationToken(token.get(), TokenUser, user_, sizeof user_, &bytes);
+  if (!nt::Success(status)) return RtlNtStatusToDosErrorNoTeb(status);
+  PSID sid = reinterpret_cast<TOKEN_USER*>(user_)->User.Sid;
+
+  auto* acl = reinterpret_cast<ACL*>(acl_);
+  status = RtlCreateSecurityDescriptor(&descriptor_, SECURITY_DESCRIPTOR_REVISION);
+  if (nt::Success(status)) status = RtlCreateAcl(acl, sizeof acl_, ACL_REVISION);
+  if (nt::Success(status)) status = RtlAddAccessAllowedAce(acl, ACL_REVISION, GENERIC_ALL, sid);
+  if (nt::Success(status)) status = RtlSetDaclSecurityDescriptor(&descriptor_, TRUE, acl, FALSE);
+  return nt::Success(status) ? 0 : RtlNtStatusToDosErrorNoTeb(status);
+}
+
+}  // namespace vorn::ipc
