@@ -1,0 +1,457 @@
+// Two real processes over real pipes: this program is the host; started again as "client", it loads
+// vorn_ipc.dll as a confined process does.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "build_paths.h"
+#include "ipc/ipc_interface.h"
+#include "ipc/port/handshake.h"
+#include "ipc/port/pipe.h"
+#include "vorn/message_server.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using vorn::host::MessageServer;
+using vorn::host::Peer;
+using vorn::host::RandomName;
+using vorn::ipc::IPC;
+using vorn::ipc::IpcCallbacks;
+
+std::vector<std::byte> Bytes(const std::string& text) {
+  std::vector<std::byte> bytes(text.size());
+  std::memcpy(bytes.data(), text.data(), text.size());
+  return bytes;
+}
+
+std::string Text(std::span<const std::byte> bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// vorn_ipc.dll as its user sees it.
+class Library {
+ public:
+  Library() : module_(LoadLibraryW(vorn::test::BuildPath("vorn_ipc.dll").c_str())) {
+    if (!module_) return;
+    const auto create = reinterpret_cast<vorn::ipc::CreateIPCInterface2Function>(
+        reinterpret_cast<void*>(GetProcAddress(module_, vorn::ipc::kCreateIPCInterface2)));
+    destroy_ = reinterpret_cast<vorn::ipc::DestroyIPCInterfaceFunction>(
+        reinterpret_cast<void*>(GetProcAddress(module_, vorn::ipc::kDestroyIPCInterface)));
+    if (create) create(&ipc);
+  }
+  ~Library() {
+    if (ipc) destroy_(ipc);
+    if (module_) FreeLibrary(module_);
+  }
+
+  IPC* ipc = nullptr;
+
+ private:
+  HMODULE module_;
+  vorn::ipc::DestroyIPCInterfaceFunction destroy_ = nullptr;
+};
+
+// The client's side of the channel, recorded.
+struct Client {
+  Client() : Client(RandomName(L"client")) {}
+  explicit Client(std::wstring name) : local(std::move(name)) {
+    callbacks.OnRecvData = [](void* self, const void* data, std::uint32_t bytes) {
+      auto& client = *static_cast<Client*>(self);
+      std::lock_guard lock(client.mutex);
+      client.received.emplace_back(static_cast<const char*>(data), bytes);
+      client.changed.notify_all();
+    };
+    callbacks.OnIpcError = [](void* self, const char* text) {
+      std::lock_guard lock(static_cast<Client*>(self)->mutex);
+      static_cast<Client*>(self)->errors.emplace_back(text);
+    };
+    callbacks.OnConnectAuth = [](void* self, std::uint32_t pid, std::uint32_t, const char* port) {
+      auto& client = *static_cast<Client*>(self);
+      client.auth_pid = pid;
+      client.auth_port = port;
+      return client.accept;
+    };
+    callbacks.OnDisconnectNotify = [](void* self, std::uint32_t, std::uint32_t, const char*) {
+      auto& client = *static_cast<Client*>(self);
+      std::lock_guard lock(client.mutex);
+      ++client.disconnects;
+      client.changed.notify_all();
+    };
+    callbacks.context = this;
+  }
+  ~Client() { StopLoop(); }
+
+  bool Init(const std::wstring& server) {
+    return library.ipc->Init(local.c_str(), server.c_str(), &callbacks);
+  }
+  void StartLoop() {
+    loop = std::thread([this] { library.ipc->RecvLoop(); });
+  }
+  void StopLoop() {
+    if (!loop.joinable()) return;
+    library.ipc->Stop();
+    loop.join();
+  }
+  bool Send(const std::string& text) {
+    return library.ipc->Send(text.data(), static_cast<std::uint32_t>(text.size()), 0);
+  }
+  template <class Predicate>
+  bool WaitFor(Predicate predicate) {
+    std::unique_lock lock(mutex);
+    return changed.wait_for(lock, 20s, predicate);
+  }
+
+  Library library;
+  IpcCallbacks callbacks{};
+  std::wstring local;
+  std::thread loop;
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::string> received, errors;
+  std::atomic<std::uint32_t> auth_pid = 0;
+  std::string auth_port;
+  bool accept = true;
+  int disconnects = 0;
+};
+
+// The host's side, recorded.
+struct Host {
+  explicit Host(bool accept = true)
+      : server(RandomName(L"host"), {.on_message =
+                                         [this](const Peer& peer, std::span<const std::byte> message) {
+                                           std::lock_guard lock(mutex);
+                                           received.emplace_back(peer.pid, Text(message));
+                                           changed.notify_all();
+                                         },
+                                     .on_connect =
+                                         [this, accept](const Peer& peer) {
+                                           std::lock_guard lock(mutex);
+                                           connected.push_back(peer);
+                                           changed.notify_all();
+                                           return accept;
+                                         },
+                                     .on_disconnect =
+                                         [this](const Peer& peer) {
+                                           std::lock_guard lock(mutex);
+                                           gone.push_back(peer.pid);
+                                           changed.notify_all();
+                                         },
+                                     .on_error =
+                                         [this](const std::string& text) {
+                                           std::lock_guard lock(mutex);
+                                           errors.push_back(text);
+                                           changed.notify_all();
+                                         }}) {}
+  ~Host() { server.Stop(); }
+  template <class Predicate>
+  bool WaitFor(Predicate predicate) {
+    std::unique_lock lock(mutex);
+    return changed.wait_for(lock, 60s, predicate);
+  }
+
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::pair<std::uint32_t, std::string>> received;
+  std::vector<Peer> connected;
+  std::vector<std::uint32_t> gone;
+  std::vector<std::string> errors;
+  MessageServer server;
+};
+
+// This program again, as a client process with one job.
+struct Process {
+  Process(const std::wstring& job, const std::wstring& port, int count) {
+    std::wstring command = L"\"" + vorn::test::ThisProgram().wstring() + L"\" client " + job + L" " + port +
+                           L" " + std::to_wstring(count);
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info);
+  }
+  ~Process() {
+    TerminateProcess(info.hProcess, 1);
+    CloseHandle(info.hThread);
+    CloseHandle(info.hProcess);
+  }
+  DWORD Wait() {
+    DWORD code = ~0u;
+    if (WaitForSingleObject(info.hProcess, 60'000) == WAIT_OBJECT_0) GetExitCodeProcess(info.hProcess, &code);
+    return code;
+  }
+  PROCESS_INFORMATION info{};
+};
+
+// ---- what the client process does
+// ------------------------------------------------------------------------------
+
+int SendNumbered(Client& client, int count) {
+  for (int i = 0; i < count; ++i) {
+    // Lengths from a few bytes to beyond the reader's first buffer and the pipe's.
+    if (!client.Send(std::to_string(i) + ":" + std::string(static_cast<std::size_t>(i) * 37 % 9000, 'x')))
+      return 4;
+  }
+  return 0;
+}
+
+int EchoUntilGone(Client& client) {
+  client.StartLoop();
+  std::size_t next = 0;
+  for (;;) {
+    std::string message;
+    {
+      std::unique_lock lock(client.mutex);
+      client.changed.wait(lock, [&] { return client.received.size() > next || client.disconnects; });
+      if (client.received.size() == next) return 7;  // the host went away
+      message = client.received[next++];
+    }
+    if (!client.Send("echo " + message)) return 5;
+  }
+}
+
+// Writes to another process's local port, as far as that lets it.
+int Intrude(const std::wstring& port) {
+  vorn::ipc::UniqueHandle pipe, event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  if (vorn::ipc::OpenPipe(vorn::ipc::PipePath(port.c_str()), vorn::ipc::Direction::kIn, 5000, pipe)) return 8;
+  // Whether the pipe still takes the message before the process hangs up is a matter of timing.
+  [[maybe_unused]] const DWORD error =
+      vorn::ipc::WriteMessage(pipe.get(), "intruder", 8, event.get(), nullptr, 5000);
+  return 0;
+}
+
+int ClientMain(const std::wstring& job, const std::wstring& port, int count) {
+  if (job == L"intrude") return Intrude(port);
+  Client client;
+  if (!client.library.ipc) return 2;
+  if (!client.Init(port)) return 3;
+  if (job == L"numbers") return SendNumbered(client, count);
+  if (job == L"echo") return EchoUntilGone(client);
+  return 6;
+}
+
+// ---- tests
+// -----------------------------------------------------------------------------------------------------
+
+TEST(IpcPort, ThousandsOfMessagesOfAProcessArriveWholeAndInOrderThoughItHasEnded) {
+  Host host;
+  Process process(L"numbers", host.server.port_name(), 5000);
+  EXPECT_EQ(process.Wait(), 0u);
+  ASSERT_TRUE(host.server.WaitUntilIdle(60s));
+  ASSERT_EQ(host.received.size(), 5000u);
+  for (int i = 0; i < 5000; ++i) {
+    ASSERT_EQ(host.received[i].first, process.info.dwProcessId);
+    ASSERT_EQ(host.received[i].second,
+              std::to_string(i) + ":" + std::string(static_cast<std::size_t>(i) * 37 % 9000, 'x'));
+  }
+  EXPECT_EQ(host.gone, std::vector<std::uint32_t>{process.info.dwProcessId});
+}
+
+TEST(IpcPort, HostReachesAProcessThroughItsLocalPort) {
+  Host host;
+  Process process(L"echo", host.server.port_name(), 0);
+  ASSERT_TRUE(host.WaitFor([&] { return host.connected.size() == 1; }));
+  for (int i = 0; i < 200; ++i) {
+    const auto error = host.server.Send(process.info.dwProcessId, Bytes("hello " + std::to_string(i)));
+    ASSERT_FALSE(error) << error.message();
+  }
+  ASSERT_TRUE(host.WaitFor([&] { return host.received.size() == 200; }));
+  EXPECT_EQ(host.received.back().second, "echo hello 199");
+  host.server.Stop();
+  EXPECT_EQ(process.Wait(), 7u) << "the process hears that the host went away";
+}
+
+TEST(IpcPort, SizesUpToTheLimitPassAndLargerOnesAreRefusedWithAText) {
+  Host host;
+  Client client;
+  ASSERT_TRUE(client.Init(host.server.port_name()));
+  client.StartLoop();
+  const std::string largest(vorn::ipc::kMaxMessageBytes, 'L');
+  for (const std::string& message :
+       {std::string("a"), std::string(4096, 'b'), std::string(4097, 'c'), largest}) {
+    EXPECT_TRUE(client.Send(message)) << message.size();
+    ASSERT_TRUE(
+        host.WaitFor([&] { return !host.received.empty() && host.received.back().second == message; }));
+    const auto error = host.server.Send(GetCurrentProcessId(), Bytes(message));
+    EXPECT_FALSE(error) << error.message();
+    ASSERT_TRUE(
+        client.WaitFor([&] { return !client.received.empty() && client.received.back() == message; }));
+  }
+  EXPECT_TRUE(client.errors.empty());
+  EXPECT_FALSE(client.Send(largest + "x"));
+  EXPECT_FALSE(client.Send(""));
+  ASSERT_EQ(client.errors.size(), 2u);
+  EXPECT_NE(client.errors[0].find("1048577"), std::string::npos) << client.errors[0];
+  EXPECT_EQ(host.server.Send(GetCurrentProcessId(), Bytes(largest + "x")).value(), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(host.server.Send(GetCurrentProcessId(), {}).value(), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(host.server.Send(4, Bytes("x")).value(), ERROR_NOT_FOUND);
+}
+
+// A peer that does not use the library can write what it likes.
+TEST(IpcPort, OversizedAndMalformedMessagesOfAStrangerDoNotHarmTheServer) {
+  Host host;
+  vorn::ipc::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  const vorn::ipc::PipePath path(host.server.port_name().c_str());
+  std::size_t expected_errors = 0;
+  for (const std::size_t bytes : {std::size_t{3}, std::size_t{4000}, std::size_t{3} << 20}) {
+    vorn::ipc::UniqueHandle pipe;
+    ASSERT_EQ(vorn::ipc::OpenPipe(path, vorn::ipc::Direction::kBoth, 5000, pipe), 0u);
+    const std::string junk(bytes, '\x7f');
+    const DWORD error = vorn::ipc::WriteMessage(pipe.get(), junk.data(), static_cast<std::uint32_t>(bytes),
+                                                event.get(), nullptr, 20'000);
+    EXPECT_EQ(error, 0u) << bytes;
+    ++expected_errors;
+    EXPECT_TRUE(host.WaitFor([&] { return host.errors.size() == expected_errors; })) << bytes;
+  }
+  Client client;
+  EXPECT_TRUE(client.Init(host.server.port_name()));
+  EXPECT_TRUE(client.Send("still here"));
+  EXPECT_TRUE(host.WaitFor([&] { return host.received.size() == 1; }));
+}
+
+TEST(IpcPort, EitherSideMayRefuseTheOther) {
+  Host refusing(/*accept=*/false);
+  Client refused;
+  EXPECT_FALSE(refused.Init(refusing.server.port_name()));
+  ASSERT_FALSE(refused.errors.empty());
+  EXPECT_NE(refused.errors.back().find("refused this process"), std::string::npos) << refused.errors.back();
+  ASSERT_EQ(refusing.connected.size(), 1u);
+  EXPECT_EQ(refusing.connected[0].pid, GetCurrentProcessId());
+
+  Host host;
+  Client choosy;
+  choosy.accept = false;
+  EXPECT_FALSE(choosy.Init(host.server.port_name()));
+  EXPECT_EQ(choosy.auth_pid, GetCurrentProcessId()) << "the pid is the pipe's word";
+  const std::wstring name = host.server.port_name();
+  EXPECT_EQ(choosy.auth_port, std::string(name.begin(), name.end()));
+  EXPECT_FALSE(choosy.Send("x"));
+}
+
+TEST(IpcPort, LocalPortAnswersTheServersProcessAlone) {
+  Host host;
+  Process process(L"echo", host.server.port_name(), 0);
+  ASSERT_TRUE(host.WaitFor([&] { return host.connected.size() == 1; }));
+  Process intruder(L"intrude", host.connected[0].port, 0);
+  EXPECT_EQ(intruder.Wait(), 0u);
+  EXPECT_FALSE(host.server.Send(process.info.dwProcessId, Bytes("one")));
+  ASSERT_TRUE(host.WaitFor([&] { return !host.received.empty(); }));
+  EXPECT_EQ(host.received[0].second, "echo one") << "what the intruder wrote was not delivered";
+}
+
+TEST(IpcPort, HostSendsNothingToAPortThatBelongsToAnotherProcess) {
+  Host host;
+  Process process(L"echo", host.server.port_name(), 0);
+  ASSERT_TRUE(host.WaitFor([&] { return host.connected.size() == 1; }));
+  // This process introduces itself with the other one's port.
+  vorn::ipc::UniqueHandle pipe, event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  const vorn::ipc::PipePath path(host.server.port_name().c_str());
+  ASSERT_EQ(vorn::ipc::OpenPipe(path, vorn::ipc::Direction::kBoth, 5000, pipe), 0u);
+  const std::wstring& port = host.connected[0].port;
+  vorn::ipc::Hello hello{vorn::ipc::kHandshakeMagic,
+                         vorn::ipc::kHandshakeVersion,
+                         0,
+                         static_cast<std::uint32_t>(port.size()),
+                         {}};
+  port.copy(hello.local_port, port.size());
+  ASSERT_EQ(vorn::ipc::WriteMessage(pipe.get(), &hello,
+                                    static_cast<std::uint32_t>(vorn::ipc::Hello::Bytes(port.size())),
+                                    event.get(), nullptr, 5000),
+            0u);
+  ASSERT_TRUE(host.WaitFor([&] { return host.connected.size() == 2; }));
+  EXPECT_EQ(host.server.Send(GetCurrentProcessId(), Bytes("secret")).value(), ERROR_ACCESS_DENIED);
+}
+
+TEST(IpcPort, InitFailsAtOnceWithoutAServerOrWithNamesThatCannotBe) {
+  Client client;
+  const ULONGLONG start = GetTickCount64();
+  EXPECT_FALSE(client.Init(L"nobody-serves-this"));
+  EXPECT_FALSE(client.Init(L""));
+  EXPECT_FALSE(client.Init(L"back\\slash"));
+  EXPECT_FALSE(client.Init(std::wstring(300, L'n')));
+  EXPECT_FALSE(client.library.ipc->Init(nullptr, nullptr, &client.callbacks));
+  EXPECT_FALSE(client.library.ipc->Init(L"a", L"b", nullptr));
+  EXPECT_LT(GetTickCount64() - start, 5000u);
+  EXPECT_EQ(client.errors.size(), 5u);
+  EXPECT_FALSE(client.library.ipc->RecvLoop());
+}
+
+TEST(IpcPort, APortNameBelongsToOneServer) {
+  Host host;
+  // Wine lets anybody add instances to a port.
+  if (!GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version")) {
+    EXPECT_THROW(MessageServer(host.server.port_name(), {}), std::system_error);
+  }
+  EXPECT_THROW(MessageServer(L"", {}), std::system_error);
+  const std::wstring name = host.server.port_name();
+  host.server.Stop();
+  EXPECT_NO_THROW(MessageServer(name, {}));
+}
+
+TEST(IpcPort, StopEndsRecvLoopAlsoBeforeItStarts) {
+  Host host;
+  Client client;
+  ASSERT_TRUE(client.Init(host.server.port_name()));
+  client.StartLoop();
+  client.StopLoop();
+  EXPECT_TRUE(client.library.ipc->Stop());
+  EXPECT_TRUE(client.library.ipc->RecvLoop());
+  client.library.ipc->UnInit();
+  EXPECT_TRUE(host.server.WaitUntilIdle(20s)) << "UnInit ends the connection";
+  EXPECT_EQ(client.disconnects, 0) << "an end of one's own making is not notified";
+}
+
+TEST(IpcPort, AProcessThatIsKilledIsNoticed) {
+  Host host;
+  Process process(L"echo", host.server.port_name(), 0);
+  ASSERT_TRUE(host.WaitFor([&] { return host.connected.size() == 1; }));
+  TerminateProcess(process.info.hProcess, 9);
+  ASSERT_TRUE(host.WaitFor([&] { return host.gone.size() == 1; }));
+  EXPECT_EQ(host.gone[0], process.info.dwProcessId);
+  EXPECT_EQ(host.server.Send(process.info.dwProcessId, Bytes("x")).value(), ERROR_NOT_FOUND);
+}
+
+TEST(IpcPort, TwoHundredClientsAtOnce) {
+  constexpr int kClients = 200, kMessages = 50;
+  Host host;
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < kClients; ++i) clients.push_back(std::make_unique<Client>());
+  std::atomic<int> failures = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = t; i < kClients; i += 8) {
+        if (!clients[i]->Init(host.server.port_name())) ++failures;
+      }
+      for (int m = 0; m < kMessages; ++m) {
+        for (int i = t; i < kClients; i += 8) {
+          if (!clients[i]->Send(std::to_string(i) + "/" + std::to_string(m))) ++failures;
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(host.server.connections(), static_cast<std::size_t>(kClients));
+  ASSERT_TRUE(host.WaitFor([&] { return host.received.size() == std::size_t{kClients} * kMessages; }));
+  std::vector<int> next(kClients);
+  for (const auto& [pid, text] : host.received) {
+    const int client = std::stoi(text);
+    ASSERT_EQ(text, std::to_string(client) + "/" + std::to_string(next[client]++));
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 5 && std::string(argv[1]) == "client") {
+    const std::string job = argv[2], port = argv[3];
+    return ClientMain({job.begin(), job.end()}, {port.begin(), port.end()}, std::stoi(argv[4]));
+  }
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
