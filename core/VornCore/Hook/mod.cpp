@@ -1,10 +1,14 @@
 #include "VornCore/Hook/mod.h"
 
-#include <algorithm>
 #include <string_view>
+
+#include "Policy/text.h"
+#include "Policy/wide.h"
 
 namespace VornCore::mod {
 namespace {
+
+namespace policy = vorn::policy;
 
 constexpr ULONG kReasonLoaded = 1, kReasonUnloaded = 2;
 
@@ -12,13 +16,10 @@ std::span<ModuleHookEntry> watched;
 decltype(&::LdrUnregisterDllNotification) unregister_notification;
 PVOID cookie;
 
-wchar_t Fold(wchar_t c) noexcept { return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c + 32) : c; }
-
 // Loader strings are counted; they need not be terminated.
 bool HasName(const ModuleHookEntry& entry, const UNICODE_STRING& base_name) noexcept {
-  const std::wstring_view a(entry.name), b(base_name.Buffer, base_name.Length / sizeof(wchar_t));
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](wchar_t x, wchar_t y) { return Fold(x) == Fold(y); });
+  const std::wstring_view counted(base_name.Buffer, base_name.Length / sizeof(wchar_t));
+  return policy::EqualsNoCase(policy::U16(counted), policy::U16(std::wstring_view(entry.name)));
 }
 
 ModuleHookEntry* Find(const UNICODE_STRING& base_name) noexcept {
