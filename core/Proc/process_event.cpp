@@ -1,7 +1,6 @@
 #include "Proc/process_event.h"
 
 #include "VornCore/Base/channel.h"
-#include "VornCore/Base/clock.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/process_info.h"
 #include "VornCore/Base/strings.h"
@@ -23,16 +22,7 @@ void SendProcessEvent(ProcessEventKind kind, std::wstring_view image, DWORD chil
       .code = code,
       .image_name = name ? std::string_view(name.get()) : std::string_view(),
   };
-  const std::size_t size = vorn::policy::EncodedSize(event);
-  const platform::HeapPtr<std::byte> message(static_cast<std::byte*>(malloc(size)));
-  if (!message) {
-    VORN_LOG_E("pTIPHeader is NULL");
-    return;
-  }
-  const vorn::policy::MessageOrigin origin{.time_ms = GetPreciseTimeMicros() / 1000,
-                                           .pid = GetCurrentProcessId()};
-  if (vorn::policy::Encode(event, origin, {message.get(), size}))
-    SendToHost(message.get(), static_cast<std::uint32_t>(size));
+  if (!EncodeAndSend(event)) VORN_LOG_E("pTIPHeader is NULL");
 }
 
 }  // namespace VornCore
