@@ -1,5 +1,6 @@
 #include "Platform/wine_adapter.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
