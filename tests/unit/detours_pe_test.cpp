@@ -1,0 +1,295 @@
+// The import table that an injection gives to an image, seen with the eyes of a loader; its undoing; and
+// images that lie.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "detours/code/pe_import_plan.h"
+#include "tests/unit/pe_builder.h"
+
+namespace detours::pe_test {
+namespace {
+
+constexpr uint32_t kBlock = 0x10000;
+using Dlls = std::vector<const char*>;
+
+// What an injection does, in memory: plan, build, write the block, apply the patches.
+pe::Status Inject(Memory& memory, const Dlls& dlls, uint32_t block_rva = kBlock,
+                  pe::ImportPlan* out = nullptr) {
+  pe::Image image;
+  pe::ImportPlan plan;
+  pe::PatchList patches;
+  if (pe::Status s = pe::ReadImage(memory, &image); s != pe::Status::kOk) return s;
+  if (pe::Status s = pe::PlanImports(memory, image, dlls, &plan); s != pe::Status::kOk) return s;
+  std::vector<uint8_t> block(plan.block_size);
+  pe::Status s = pe::BuildImports(memory, image, plan, dlls, block_rva, block, &patches);
+  if (s != pe::Status::kOk) return s;
+  memory.Add(block_rva, std::move(block));
+  for (uint32_t i = 0; i < patches.count; ++i) {
+    const pe::Patch& p = patches.patch[i];
+    uint8_t now[8];
+    EXPECT_TRUE(memory.Read(p.rva, now, p.size));
+    EXPECT_EQ(memcmp(now, p.before, p.size), 0);
+    EXPECT_TRUE(memory.Write(p.rva, p.after, p.size));
+  }
+  if (out) *out = plan;
+  return s;
+}
+
+bool Restore(Memory& memory) {
+  pe::Image image;
+  pe::BlockHeader block;
+  if (pe::ReadImage(memory, &image) != pe::Status::kOk || !pe::FindBlock(memory, image, &block)) return false;
+  bool ok = true;
+  for (uint32_t i = 0; i < block.saved_count; ++i) {
+    ok &= memory.Write(block.saved[i].rva, block.saved[i].bytes, block.saved[i].size);
+  }
+  return ok;
+}
+
+pe::DataDirectory DirectoryOf(const Memory& memory, uint32_t index) {
+  pe::Image image;
+  EXPECT_EQ(pe::ReadImage(memory, &image), pe::Status::kOk);
+  return image.directory[index];
+}
+
+std::string TextAt(const Memory& memory, uint32_t rva) {
+  std::string text;
+  for (char c; memory.Read(rva, &c) && c; ++rva) text += c;
+  return text;
+}
+
+// "name#ordinal" of every import in the order in which a loader meets them. Fails where the loader would:
+// name and address table must agree before the addresses are filled in, and the stamp must not claim bound
+// addresses.
+std::vector<std::string> LoaderView(const Memory& memory, bool is_64) {
+  std::vector<std::string> seen;
+  const uint32_t width = is_64 ? 8 : 4;
+  for (uint32_t rva = DirectoryOf(memory, pe::kImportDirectory).rva;; rva += sizeof(pe::ImportDescriptor)) {
+    pe::ImportDescriptor d;
+    if (!memory.Read(rva, &d)) return {"unreadable"};
+    if (!d.name || !d.first_thunk) return seen;
+    EXPECT_EQ(d.time_date_stamp, 0u);
+    for (uint32_t i = 0;; ++i) {
+      uint64_t name_entry = 0, address_entry = 0;
+      if (!memory.Read(d.original_first_thunk + i * width, &name_entry, width)) return {"unreadable"};
+      if (!memory.Read(d.first_thunk + i * width, &address_entry, width)) return {"unreadable"};
+      EXPECT_EQ(name_entry, address_entry);
+      if (!name_entry) break;
+      EXPECT_EQ(name_entry >> (width * 8 - 1), 1u);
+      seen.push_back(TextAt(memory, d.name) + "#" + std::to_string(name_entry & 0xffff));
+    }
+  }
+}
+
+class PeImages : public testing::TestWithParam<bool> {
+ protected:
+  BuildOptions Options() const {
+    BuildOptions o;
+    o.is_64 = GetParam();
+    return o;
+  }
+};
+INSTANTIATE_TEST_SUITE_P(BothWidths, PeImages, testing::Bool(),
+                         [](const auto& info) { return info.param ? "x64" : "x86"; });
+
+TEST_P(PeImages, OurDllsComeFirstAndTheImageComesBackExactly) {
+  const Dlls two = {"C:\\a\\one.dll", "two.dll"};
+  struct Case {
+    const char* what;
+    BuildOptions options;
+    std::vector<std::string> own;
+    bool repaired = false;
+  };
+  std::vector<Case> cases(7, {"plain", Options(), {"KERNEL32.dll#7", "msvcrt.dll#7"}});
+  cases[1].what = "import directory of size 0";
+  cases[1].options.import_size_is_zero = cases[1].repaired = true;
+  cases[2].what = "bound imports";
+  cases[2].options.bound = true;
+  cases[3].what = "no imports";
+  cases[3].options.dlls = {};
+  cases[3].own = {};
+  cases[4].what = "no address table directory";
+  cases[4].options.with_iat_directory = false;
+  cases[5].what = "managed code only";
+  cases[5].options.clr_flags = 3;
+  cases[6].what = "many imports";
+  cases[6].options.dlls.assign(50, "m.dll");
+  cases[6].own.assign(50, "m.dll#7");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Memory memory(BuildImage(c.options));
+    const std::vector<uint8_t> original = memory.image();
+    pe::ImportPlan plan;
+    ASSERT_EQ(Inject(memory, two, kBlock, &plan), pe::Status::kOk);
+    EXPECT_EQ(plan.repaired_size, c.repaired);
+    std::vector<std::string> expected = {"C:\\a\\one.dll#1", "two.dll#1"};
+    expected.insert(expected.end(), c.own.begin(), c.own.end());
+    EXPECT_EQ(LoaderView(memory, GetParam()), expected);
+    EXPECT_EQ(DirectoryOf(memory, pe::kImportDirectory).size, (expected.size() + 1) * 20);
+    EXPECT_EQ(DirectoryOf(memory, pe::kBoundImportDirectory), pe::DataDirectory{});
+    ASSERT_TRUE(Restore(memory));
+    EXPECT_EQ(memory.image(), original);
+    EXPECT_FALSE(Restore(memory)) << "restored, there is nothing left to restore";
+  }
+}
+
+TEST_P(PeImages, AddressTableDirectoryIsWhatTheLoaderWouldHaveTakenItself) {
+  BuildOptions o = Options();
+  Memory present(BuildImage(o));
+  const auto before = DirectoryOf(present, pe::kIatDirectory);
+  ASSERT_EQ(Inject(present, {"a.dll"}), pe::Status::kOk);
+  EXPECT_EQ(DirectoryOf(present, pe::kIatDirectory), before);
+
+  o.with_iat_directory = false;
+  Memory section(BuildImage(o));
+  ASSERT_EQ(Inject(section, {"a.dll"}), pe::Status::kOk);
+  EXPECT_EQ(DirectoryOf(section, pe::kIatDirectory), (pe::DataDirectory{kSection, kImageSize - kSection}));
+
+  o.dlls = {};
+  Memory own(BuildImage(o));
+  ASSERT_EQ(Inject(own, {"a.dll"}), pe::Status::kOk);
+  EXPECT_GE(DirectoryOf(own, pe::kIatDirectory).rva, kBlock);
+}
+
+TEST_P(PeImages, ManagedImageLosesTheFlagThatHidesItsImports) {
+  BuildOptions o = Options();
+  o.clr_flags = 0x9;
+  Memory memory(BuildImage(o));
+  ASSERT_EQ(Inject(memory, {"a.dll"}), pe::Status::kOk);
+  pe::ClrHeader header;
+  ASSERT_TRUE(memory.Read(kClr, &header));
+  EXPECT_EQ(header.flags, 0x8u);
+}
+
+TEST_P(PeImages, TwoUpdatesAreUndoneByOneRestoration) {
+  BuildOptions o = Options();
+  o.bound = true;
+  o.with_iat_directory = false;
+  o.clr_flags = 1;
+  Memory memory(BuildImage(o));
+  const std::vector<uint8_t> original = memory.image();
+  ASSERT_EQ(Inject(memory, {"one.dll"}), pe::Status::kOk);
+  ASSERT_EQ(Inject(memory, {"two.dll"}, 0x20000), pe::Status::kOk);
+  EXPECT_EQ(LoaderView(memory, GetParam()),
+            (std::vector<std::string>{"two.dll#1", "one.dll#1", "KERNEL32.dll#7", "msvcrt.dll#7"}));
+  ASSERT_TRUE(Restore(memory));
+  EXPECT_EQ(memory.image(), original);
+}
+
+TEST_P(PeImages, BlockMayLieAtTheEndOfTheReachAndNotBeyond) {
+  pe::ImportPlan plan;
+  Memory first(BuildImage(Options()));
+  ASSERT_EQ(Inject(first, {"a.dll"}, kBlock, &plan), pe::Status::kOk);
+  Memory last(BuildImage(Options()));
+  EXPECT_EQ(Inject(last, {"a.dll"}, UINT32_MAX - plan.block_size), pe::Status::kOk);
+  EXPECT_EQ(LoaderView(last, GetParam()).size(), 3u);
+  Memory beyond(BuildImage(Options()));
+  EXPECT_EQ(Inject(beyond, {"a.dll"}, UINT32_MAX - plan.block_size + 1), pe::Status::kOutOfReach);
+  EXPECT_EQ(beyond.image(), BuildImage(Options()));
+}
+
+TEST_P(PeImages, DllNamesThatCannotBeAreRefused) {
+  const std::string longest(32767, 'a'), too_long(32768, 'a');
+  Memory memory(BuildImage(Options()));
+  const std::vector<uint8_t> original = memory.image();
+  EXPECT_EQ(Inject(memory, {}), pe::Status::kBadDllName);
+  EXPECT_EQ(Inject(memory, {"a.dll", nullptr}), pe::Status::kBadDllName);
+  EXPECT_EQ(Inject(memory, {""}), pe::Status::kBadDllName);
+  EXPECT_EQ(Inject(memory, {too_long.c_str()}), pe::Status::kBadDllName);
+  EXPECT_EQ(memory.image(), original);
+  EXPECT_EQ(Inject(memory, {longest.c_str()}), pe::Status::kOk);
+}
+
+TEST_P(PeImages, HeadersThatLieEndWithTheirReason) {
+  const uint32_t optional = kNt + 24;
+  const uint32_t directories =
+      optional + (GetParam() ? pe::kDirectoryCountField64 : pe::kDirectoryCountField32) + 4;
+  const uint32_t import = directories + 8 * pe::kImportDirectory;
+  const uint32_t clr = directories + 8 * pe::kClrDirectory;
+  struct Lie {
+    const char* what;
+    uint32_t rva, bytes, value;
+    pe::Status status;
+  };
+  const Lie lies[] = {
+      {"no MZ", 0, 2, 0x4D5A, pe::Status::kNotAnImage},
+      {"NT headers far away", pe::kNtOffsetField, 4, 0x0fff'fff0, pe::Status::kUnreadable},
+      {"NT headers behind the base", pe::kNtOffsetField, 4, 0xffff'fff0, pe::Status::kBadHeaders},
+      {"NT headers cut off by the end", pe::kNtOffsetField, 4, kImageSize - 6, pe::Status::kNotAnImage},
+      {"no PE", kNt, 4, 0x454E, pe::Status::kNotAnImage},
+      {"another processor", kNt + 4, 2, 0xAA64, pe::Status::kUnsupportedMachine},
+      {"the other width", optional, 2, GetParam() ? 0x10Bu : 0x20Bu, pe::Status::kUnsupportedMachine},
+      {"optional header too small", kNt + 4 + 16, 2, 60, pe::Status::kBadHeaders},
+      {"image smaller than its headers", optional + pe::kSizeOfImageField, 4, 0x100, pe::Status::kBadHeaders},
+      {"too few directories", directories - 4, 4, pe::kIatDirectory, pe::Status::kNoDirectorySlot},
+      {"import table beyond the image", import, 4, kImageSize + 4, pe::Status::kBadImportTable},
+      {"import table at the last byte", import, 4, kImageSize - 1, pe::Status::kBadImportTable},
+      {"import table at the end of the reach", import, 4, 0xffff'fffe, pe::Status::kBadImportTable},
+      {"image larger than its memory", optional + pe::kSizeOfImageField, 4, 0x7000'0000, pe::Status::kOk},
+      {"more directories than exist", directories - 4, 4, 0xffff'ffff, pe::Status::kOk},
+      {"import directory size too large", import + 4, 4, 0xffff'ffff, pe::Status::kOk},
+      {"import directory size too small", import + 4, 4, 1, pe::Status::kOk},
+      {"CLR header beyond the image", clr, 4, kImageSize - 8, pe::Status::kBadClrHeader},
+  };
+  for (const Lie& lie : lies) {
+    SCOPED_TRACE(lie.what);
+    std::vector<uint8_t> bytes = BuildImage(Options());
+    memcpy(bytes.data() + lie.rva, &lie.value, lie.bytes);
+    Memory memory(bytes);
+    EXPECT_EQ(Inject(memory, {"a.dll"}), lie.status);
+    EXPECT_EQ(Restore(memory), lie.status == pe::Status::kOk);
+    EXPECT_EQ(memory.image(), bytes);
+  }
+}
+
+TEST_P(PeImages, ImportTableWithoutEndIsRefused) {
+  std::vector<uint8_t> bytes = BuildImage(Options());
+  memset(bytes.data() + kSection, 0x11, kImageSize - kSection);
+  Memory memory(bytes);
+  EXPECT_EQ(Inject(memory, {"a.dll"}), pe::Status::kBadImportTable);
+  EXPECT_EQ(memory.image(), bytes);
+}
+
+TEST_P(PeImages, TruncatedMemoryAtEveryLengthEndsWithAStatus) {
+  const std::vector<uint8_t> whole = BuildImage(Options());
+  const uint32_t needed = kSection + 3 * sizeof(pe::ImportDescriptor);
+  for (uint32_t length = 0; length < kSection + 128; ++length) {
+    Memory memory({whole.begin(), whole.begin() + length});
+    EXPECT_EQ(Inject(memory, {"a.dll"}) == pe::Status::kOk, length >= needed) << length;
+  }
+}
+
+// Whatever the bytes are: no access outside the memory (the sanitizers watch), a failure leaves the image
+// alone, and a success can be undone exactly.
+TEST_P(PeImages, TenThousandMutatedImagesEndWithAStatusOrAnUndoableUpdate) {
+  std::mt19937 random(20240501u + GetParam());
+  const uint32_t interesting[] = {
+      0,          1,           7,           8,           0x7f,       0x80, 0xff, 0x1000, kImageSize - 1,
+      kImageSize, 0x7fff'ffff, 0x8000'0000, 0xffff'fff0, 0xffff'ffff};
+  int accepted = 0;
+  for (int round = 0; round < 10'000; ++round) {
+    BuildOptions o = Options();
+    o.bound = random() % 2;
+    o.with_iat_directory = random() % 2;
+    o.clr_flags = random() % 2;
+    std::vector<uint8_t> bytes = BuildImage(o);
+    for (uint32_t n = 1 + random() % 4; n; --n) {
+      const uint32_t where = random() % 2 ? random() % 0x240 : kSection + random() % 0x40;
+      const uint32_t value = random() % 2 ? interesting[random() % std::size(interesting)] : random();
+      memcpy(bytes.data() + where, &value, 1u << random() % 3);
+    }
+    Memory memory(bytes);
+    if (Inject(memory, {"a.dll", "b.dll"}) == pe::Status::kOk) {
+      ++accepted;
+      ASSERT_TRUE(Restore(memory)) << round;
+    }
+    ASSERT_EQ(memory.image(), bytes) << round;
+  }
+  EXPECT_GT(accepted, 1000) << "the mutations hit nothing but signatures";
+}
+
+}  // namespace
+}  // namespace detours::pe_test
