@@ -12,6 +12,7 @@
 #include "ipc/ipc_interface.h"
 #include "ipc/port/handshake.h"
 #include "ipc/port/pipe.h"
+#include "vorn/text.h"
 
 namespace vorn::host {
 
@@ -218,7 +219,7 @@ class MessageServer::Impl {
 
   bool OnConnected(Connection& connection) {
     const DWORD error = AddListener(/*first=*/false);
-    if (error) Error("the server port accepts fewer processes: " + SystemError(error).message());
+    if (error) Error("the server port accepts fewer processes: " + Win32ErrorText(error));
     connection.state = Connection::State::kGreeting;
     {
       std::lock_guard lock(mutex_);

@@ -15,6 +15,7 @@
 #include "ipc/port/handshake.h"
 #include "ipc/port/pipe.h"
 #include "vorn/message_server.h"
+#include "vorn/text.h"
 
 namespace {
 

@@ -66,8 +66,4 @@ class MessageServer {
   std::unique_ptr<Impl> impl_;
 };
 
-// prefix + "_" + process id + "_" + 128 random bits in hexadecimal: a name that nobody can guess, for ports
-// and named objects.
-std::wstring RandomName(const std::wstring& prefix);
-
 }  // namespace vorn::host

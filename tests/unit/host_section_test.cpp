@@ -1,0 +1,153 @@
+// What the host lays out is what the library's own reader finds; and the section, its name and the paths of
+// its rules as the system sees them.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+
+#include "Platform/nt.h"
+#include "Policy/file_rules.h"
+#include "Policy/net_rules.h"
+#include "Policy/section_view.h"
+#include "Policy/wide.h"
+#include "ipc/port/unique_handle.h"
+#include "vorn/named_object.h"
+#include "vorn/nt_path.h"
+#include "vorn/section.h"
+#include "vorn/text.h"
+
+namespace {
+
+using namespace vorn;
+using host::SectionContents;
+using policy::FileACL;
+
+SectionContents Example() {
+  SectionContents contents;
+  contents.UseLibrariesIn(L"C:\\vorn");
+  contents.log_directory = L"C:\\logs";
+  contents.server_port = L"port";
+  contents.init_event_prefix = L"\\Sessions\\1\\BaseNamedObjects\\init_";
+  contents.flags = 0x20F;
+  contents.file_rules = {{FileACL::kDeny, L"\\Device\\HarddiskVolume1\\Users"},
+                         {FileACL::kReadWrite, L"\\Device\\HarddiskVolume1\\Users\\a\\"}};
+  contents.net_rules = {
+      {policy::kVerdictAllow, policy::NetRuleKind::kAddress, {10, 1, 0, 0}, 16, {80, 443}, L""},
+      {policy::kVerdictAllow, policy::NetRuleKind::kDomain, {}, 0, {}, L"example.com"},
+      {policy::kVerdictDeny, policy::NetRuleKind::kDefault, {}, 0, {}, L""}};
+  return contents;
+}
+
+std::u16string Text(const policy::SectionText& text) { return std::u16string(text.text); }
+
+TEST(HostSection, ReaderFindsEveryField) {
+  const auto bytes = host::LayOutSection(Example());
+  const policy::SectionView view(bytes);
+  ASSERT_TRUE(view.Valid());
+  EXPECT_EQ(Text(view.LogDirectory()), u"C:\\logs");
+  EXPECT_FALSE(view.DumpDirectory().Present());
+  EXPECT_EQ(Text(view.ServerPortName()), u"port");
+  EXPECT_EQ(Text(view.CreateProcessEventPrefix()), u"\\Sessions\\1\\BaseNamedObjects\\init_");
+  EXPECT_EQ(Text(view.BizDllPathX64()), u"C:\\vorn\\vorn_core.dll");
+  EXPECT_EQ(Text(view.BizDllPathX86()), u"C:\\vorn\\vorn_core32.dll");
+  EXPECT_EQ(Text(view.IPC64FullPath()), u"C:\\vorn\\vorn_ipc.dll");
+  EXPECT_EQ(Text(view.IPC32FullPath()), u"C:\\vorn\\vorn_ipc32.dll");
+  EXPECT_EQ(view.BizDllPathX64().text.data()[21], u'\0') << "library paths are terminated";
+  EXPECT_EQ(view.Flags(), 0x20Fu);
+}
+
+TEST(HostSection, RulesDecideThroughTheDecisionKernel) {
+  const auto bytes = host::LayOutSection(Example());
+  const policy::SectionView view(bytes);
+  ASSERT_EQ(view.FileRuleCount(), 2u);
+  const auto access = [&](std::u16string_view path) { return policy::CheckFileACL(view, path).access; };
+  EXPECT_EQ(access(u"\\device\\harddiskvolume1\\USERS\\b"), FileACL::kDeny);
+  EXPECT_EQ(access(u"\\device\\harddiskvolume1\\users\\a\\x"), FileACL::kReadWrite);
+  EXPECT_EQ(access(u"\\device\\harddiskvolume2\\users"), FileACL::kRead);
+
+  ASSERT_EQ(view.NetRules().size(), 3u);
+  const auto& rule = view.NetRules()[0];
+  EXPECT_EQ(view.AddressOf(rule).family, policy::kFamilyIPv4);
+  EXPECT_EQ(view.AddressOf(rule).prefix_length, 16u);
+  EXPECT_TRUE(view.PortsOf(rule).Admit(443));
+  EXPECT_FALSE(view.PortsOf(rule).Admit(25));
+  EXPECT_EQ(view.DomainOf(view.NetRules()[1]).byte_length, 24u) << "the terminator is measured";
+}
+
+TEST(HostSection, ContentsThatCannotBeExpressedAreRefused) {
+  const auto refused = [](auto change) {
+    SectionContents contents = Example();
+    change(contents);
+    EXPECT_THROW((void)host::LayOutSection(contents), std::invalid_argument);
+  };
+  refused([](SectionContents& c) { c.file_rules[0].path.clear(); });
+  refused([](SectionContents& c) { c.net_rules[0].address.pop_back(); });
+  refused([](SectionContents& c) { c.net_rules[0].prefix = 33; });
+  refused([](SectionContents& c) { c.net_rules[1].domain.clear(); });
+  refused([](SectionContents& c) { c.init_event_prefix.assign(251, L'p'); });
+}
+
+// Opened as the library opens it.
+TEST(HostSection, SharedSectionIsFoundByItsFullName) {
+  SectionContents contents = Example();
+  contents.init_event_prefix.clear();
+  const host::SharedSection section(contents);
+  EXPECT_LT(section.name().size(), 256u) << "what the environment variable may hold";
+  UNICODE_STRING name = nt::CountedString(section.name().c_str(), section.name().size() * sizeof(wchar_t));
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+  ipc::UniqueHandle opened;
+  ASSERT_EQ(NtOpenSection(opened.put(), SECTION_MAP_READ | SECTION_MAP_WRITE, &attributes), STATUS_SUCCESS);
+  const void* view = MapViewOfFile(opened.get(), FILE_MAP_READ, 0, 0, 0);
+  ASSERT_NE(view, nullptr);
+  EXPECT_EQ(std::memcmp(view, section.bytes().data(), section.bytes().size()), 0);
+  UnmapViewOfFile(view);
+
+  const std::wstring& prefix = section.contents().init_event_prefix;
+  EXPECT_TRUE(prefix.starts_with(host::NamedObjectPath(L"vorn_init_"))) << host::ToUtf8(prefix);
+  EXPECT_NE(host::SharedSection(contents).name(), section.name());
+}
+
+TEST(HostNtPath, DriveLetterAndUncPathsBecomeDevicePaths) {
+  const std::wstring c = host::ToNtPath(L"C:\\");
+  EXPECT_TRUE(c.starts_with(L"\\Device\\")) << host::ToUtf8(c);
+  EXPECT_EQ(c.find(L'\\', 8), std::wstring::npos) << host::ToUtf8(c);
+  EXPECT_EQ(host::ToNtPath(L"c:"), c);
+  EXPECT_EQ(host::ToNtPath(L"C:\\no such\\.\\folder\\..\\x\\"), c + L"\\no such\\x");
+  EXPECT_EQ(host::ToNtPath(L"C:/no such/x"), c + L"\\no such\\x");
+  EXPECT_EQ(host::ToNtPath(L"\\\\?\\C:\\no such\\x"), c + L"\\no such\\x");
+  EXPECT_EQ(host::ToNtPath(L"\\\\server\\share\\x"), L"\\Device\\Mup\\server\\share\\x");
+  EXPECT_EQ(host::ToNtPath(L"\\\\?\\UNC\\server\\share\\"), L"\\Device\\Mup\\server\\share");
+  for (const wchar_t* bad : {L"", L"x", L"\\x", L"C:x", L"\\\\.\\pipe\\x", L"\\??\\C:\\x", L"\\\\"}) {
+    EXPECT_THROW(host::ToNtPath(bad), std::system_error) << host::ToUtf8(bad);
+  }
+}
+
+TEST(HostNtPath, ExistingPartIsResolvedToItsFinalForm) {
+  namespace fs = std::filesystem;
+  const fs::path top = fs::temp_directory_path() / host::RandomName(L"vorn_paths");
+  fs::create_directories(top / "A Long Directory Name");
+  const std::wstring expected = host::ToNtPath(top.wstring()) + L"\\A Long Directory Name\\new\\file";
+  EXPECT_EQ(host::ToNtPath((top / "a long directory NAME" / "new" / "file").wstring()), expected)
+      << "the case on disk";
+  wchar_t shorter[MAX_PATH];
+  ASSERT_NE(GetShortPathNameW((top / "A Long Directory Name").c_str(), shorter, MAX_PATH), 0u);
+  EXPECT_EQ(host::ToNtPath(std::wstring(shorter) + L"\\new\\file"), expected) << host::ToUtf8(shorter);
+  // Needs a privilege on Windows; Wine says yes and makes none.
+  CreateSymbolicLinkW((top / "link").c_str(), (top / "A Long Directory Name").c_str(),
+                      SYMBOLIC_LINK_FLAG_DIRECTORY);
+  if (fs::exists(top / "link")) {
+    EXPECT_EQ(host::ToNtPath((top / "link" / "new" / "file").wstring()), expected);
+  }
+  fs::remove_all(top);
+}
+
+TEST(HostText, ErrorsAreTheSystemsSentences) {
+  EXPECT_FALSE(host::Win32ErrorText(ERROR_FILE_NOT_FOUND).empty());
+  EXPECT_NE(host::Win32ErrorText(ERROR_FILE_NOT_FOUND).back(), '.');
+  EXPECT_EQ(host::Win32ErrorText(0x0FFFFFFF), "error 268435455");
+  EXPECT_EQ(host::ToWide(host::ToUtf8(L"\x00e9\xd83d\xde00")), L"\x00e9\xd83d\xde00");
+}
+
+}  // namespace
