@@ -1,0 +1,510 @@
+// Attaching, detaching and committing on generated machine code and on the exports of real modules.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <span>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "detours/code/jump_chain.h"
+#include "detours/detours.h"
+
+namespace {
+
+using Byte = std::uint8_t;
+using Function = int (*)(int);
+
+// One block of code pages with a page of data behind it, at a wished address when that is free.
+class Code {
+ public:
+  explicit Code(std::uintptr_t wish = 0) {
+    void* place = reinterpret_cast<void*>(wish);
+    base_ = static_cast<Byte*>(VirtualAlloc(place, 2 * kPage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+    memset(base_, 0xCC, kPage);
+  }
+  ~Code() { VirtualFree(base_, 0, MEM_RELEASE); }
+  Code(const Code&) = delete;
+  Code& operator=(const Code&) = delete;
+
+  Byte* Put(std::size_t offset, std::initializer_list<Byte> bytes) {
+    DWORD old = 0;
+    VirtualProtect(base_, kPage, PAGE_READWRITE, &old);
+    std::copy(bytes.begin(), bytes.end(), base_ + offset);
+    VirtualProtect(base_, kPage, PAGE_EXECUTE_READ, &old);
+    FlushInstructionCache(GetCurrentProcess(), base_, kPage);
+    return base_ + offset;
+  }
+
+  Byte* data() { return base_ + kPage; }
+  bool ok() const { return base_ != nullptr; }
+
+  static constexpr std::size_t kPage = 4096;
+
+ private:
+  Byte* base_ = nullptr;
+};
+
+#define RETURNS(n) 0xB8, n, 0, 0, 0, 0xC3 /* mov eax, n; ret */
+
+int Call(void* function, int argument = 0) { return reinterpret_cast<Function>(function)(argument); }
+
+void* real = nullptr;  // what the detours call on
+int PlusHundred(int argument) { return Call(real, argument) + 100; }
+
+void* real_again = nullptr;
+int PlusThousand(int argument) { return Call(real_again, argument) + 1000; }
+
+template <class F>
+void* Address(F* function) {
+  return reinterpret_cast<void*>(function);
+}
+
+LONG Attach(void*& pointer, void* detour) {
+  DetourTransactionBegin();
+  DetourAttach(&pointer, detour);
+  return DetourTransactionCommit();
+}
+
+LONG Detach(void*& pointer, void* detour) {
+  DetourTransactionBegin();
+  DetourDetach(&pointer, detour);
+  return DetourTransactionCommit();
+}
+
+std::vector<Byte> Bytes(const void* address, std::size_t size = 64) {
+  const auto* bytes = static_cast<const Byte*>(address);
+  return {bytes, bytes + size};
+}
+
+DWORD Protection(const void* address) {
+  MEMORY_BASIC_INFORMATION info{};
+  VirtualQuery(address, &info, sizeof(info));
+  return info.Protect;
+}
+
+TEST(Interception, CallsReachTheDetourAndItsPointerTheFunctionUntilTheDetach) {
+  Code code;
+  Byte* target = code.Put(0, {RETURNS(7)});
+  const auto before = Bytes(target);
+  real = target;
+  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_NE(real, target);
+  EXPECT_EQ(Call(target), 107);
+  EXPECT_EQ(Call(real), 7);
+  EXPECT_EQ(Protection(target), DWORD{PAGE_EXECUTE_READ});
+  EXPECT_EQ(Protection(real), DWORD{PAGE_EXECUTE_READ});
+
+  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(real, target);
+  EXPECT_EQ(Bytes(target), before);
+  EXPECT_EQ(Call(target), 7);
+  EXPECT_EQ(Protection(target), DWORD{PAGE_EXECUTE_READ});
+}
+
+TEST(Interception, NothingChangesBeforeTheCommitOrAfterAnAbort) {
+  Code code;
+  Byte* target = code.Put(0, {RETURNS(7)});
+  const auto before = Bytes(target);
+  real = target;
+  ASSERT_EQ(DetourTransactionBegin(), NO_ERROR);
+  ASSERT_EQ(DetourAttach(&real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(Bytes(target), before);
+  EXPECT_EQ(real, target);
+  ASSERT_EQ(DetourTransactionAbort(), NO_ERROR);
+  EXPECT_EQ(Bytes(target), before);
+  EXPECT_EQ(real, target);
+}
+
+TEST(Interception, OneRefusedAttachFailsTheWholeTransaction) {
+  Code code;
+  Byte* good = code.Put(0, {RETURNS(7)});
+  Byte* short_function = code.Put(16, {0xC3, RETURNS(1)});
+  const auto before = Bytes(good);
+  void* first = good;
+  void* second = short_function;
+  DetourTransactionBegin();
+  EXPECT_EQ(DetourAttach(&first, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(DetourAttach(&second, Address(PlusHundred)), ERROR_INVALID_BLOCK);
+  EXPECT_EQ(DetourTransactionCommit(), ERROR_INVALID_BLOCK);
+  EXPECT_EQ(first, good);
+  EXPECT_EQ(second, short_function);
+  EXPECT_EQ(Bytes(good), before);
+}
+
+TEST(Interception, MisuseHasItsOwnErrors) {
+  Code code;
+  Byte* target = code.Put(0, {RETURNS(7)});
+  void* pointer = target;
+  void* none = nullptr;
+  void* data = code.data();
+  EXPECT_EQ(DetourAttach(&pointer, Address(PlusHundred)), ERROR_INVALID_OPERATION);
+  EXPECT_EQ(DetourUpdateThread(GetCurrentThread()), ERROR_INVALID_OPERATION);
+  EXPECT_EQ(DetourTransactionCommit(), ERROR_INVALID_OPERATION);
+  EXPECT_EQ(DetourTransactionAbort(), ERROR_INVALID_OPERATION);
+
+  ASSERT_EQ(DetourTransactionBegin(), NO_ERROR);
+  EXPECT_EQ(DetourTransactionBegin(), ERROR_INVALID_OPERATION);
+  std::thread([&] {
+    EXPECT_EQ(DetourTransactionBegin(), ERROR_INVALID_OPERATION);
+    EXPECT_EQ(DetourAttach(&pointer, Address(PlusHundred)), ERROR_INVALID_OPERATION);
+    EXPECT_EQ(DetourTransactionCommit(), ERROR_INVALID_OPERATION);
+  }).join();
+  EXPECT_EQ(DetourUpdateThread(GetCurrentThread()), NO_ERROR);
+  EXPECT_EQ(DetourAttach(&data, Address(PlusHundred)), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(DetourAttach(&none, Address(PlusHundred)), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(DetourDetach(&pointer, Address(PlusHundred)), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(DetourTransactionCommit(), ERROR_INVALID_HANDLE) << "the first error of the transaction";
+}
+
+TEST(Interception, AFunctionShorterThanAJumpNeedsPaddingBehindIt) {
+  Code code;
+  void* padded = code.Put(0, {0x31, 0xC0, 0xC3, 0xCC, 0xCC});  // xor eax, eax; ret; int3...
+  void* followed = code.Put(32, {0x31, 0xC0, 0xC3, 0x31, 0xC0, 0xFF, 0xC0, 0xC3});
+  real = padded;
+  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(Call(padded), 100);
+  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(Attach(followed, Address(PlusHundred)), ERROR_INVALID_BLOCK);
+}
+
+TEST(Interception, StubsAndThunksAreFollowedToTheCodeBehindThem) {
+  Code module;
+  Code other;
+  void* function = other.Put(0, {RETURNS(5)});
+  memcpy(module.data(), &function, sizeof(function));
+  // lea rsp, [rsp+0]; jmp [rip → data]
+  void* import_stub = module.Put(0, {0x48, 0x8D, 0xA4, 0x24, 0, 0, 0, 0, 0xFF, 0x25, 0xF2, 0x0F, 0, 0});
+  void* thunk = module.Put(32, {0xE9, 0xDB, 0xFF, 0xFF, 0xFF});  // jmp import_stub
+  void* hop = module.Put(64, {0xEB, 0xDE});                      // jmp thunk
+  const auto stub_before = Bytes(import_stub, 128);
+
+  real = hop;
+  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(Bytes(import_stub, 128), stub_before);
+  EXPECT_EQ(Call(function), 105) << "callers that do not go through the stub are reached too";
+  EXPECT_EQ(Call(thunk), 105);
+  EXPECT_EQ(Call(real), 5);
+  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(real, hop) << "the caller's own address comes back";
+  EXPECT_EQ(Call(hop), 5);
+}
+
+TEST(Interception, AFunctionThatSomebodyElsePatchedKeepsTheirPatchBelowOurs) {
+  Code code;
+  Code theirs;
+  Byte* target = code.Put(0, {RETURNS(7)});
+  Byte* their_detour = theirs.Put(0, {RETURNS(9)});
+  const auto distance = static_cast<std::int32_t>(their_detour - (target + 5));
+  Byte jump[5] = {0xE9};
+  memcpy(jump + 1, &distance, 4);
+  code.Put(0, {jump[0], jump[1], jump[2], jump[3], jump[4]});
+  const auto before = Bytes(target);
+  const auto their_code = Bytes(their_detour);
+
+  real = target;
+  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(Call(target), 109);
+  EXPECT_EQ(Bytes(their_detour), their_code);
+  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(Bytes(target), before);
+
+  // And the other way round: what lies over ours is not taken away.
+  code.Put(0, {RETURNS(7)});
+  real = target;
+  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  const auto ours = Bytes(target, 5);
+  code.Put(0, {jump[0], jump[1], jump[2], jump[3], jump[4]});
+  void* const trampoline = real;
+  EXPECT_EQ(Detach(real, Address(PlusHundred)), ERROR_INVALID_BLOCK);
+  EXPECT_EQ(real, trampoline);
+  EXPECT_EQ(Call(target), 9);
+  code.Put(0, {ours[0], ours[1], ours[2], ours[3], ours[4]});
+  EXPECT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+}
+
+TEST(Interception, TwoDetoursOfOneFunctionStackInOneTransaction) {
+  Code code;
+  Byte* target = code.Put(0, {RETURNS(7)});
+  const auto before = Bytes(target);
+  real = real_again = target;
+  DetourTransactionBegin();
+  DetourAttach(&real, Address(PlusHundred));
+  DetourAttach(&real_again, Address(PlusThousand));
+  ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
+  EXPECT_EQ(Call(target), 1107);
+  EXPECT_EQ(Detach(real, Address(PlusHundred)), ERROR_INVALID_BLOCK) << "the lower one cannot go first";
+  DetourTransactionBegin();
+  DetourDetach(&real_again, Address(PlusThousand));
+  DetourDetach(&real, Address(PlusHundred));
+  ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
+  EXPECT_EQ(Bytes(target), before);
+}
+
+TEST(Interception, ADetourBeyondTheReachOfAJumpIsReachedThroughTheTrampoline) {
+  Code code(0x5000'0000'0000);
+  ASSERT_TRUE(code.ok());
+  // cmp [rip+…], eax reaches the data page; then the function returns what lies there.
+  Byte* target = code.Put(0, {0x8B, 0x05, 0xFA, 0x0F, 0, 0, 0xC3});
+  memcpy(code.data(), "\x2A\0\0\0", 4);
+  real = target;
+  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(Call(target), 142);
+  EXPECT_EQ(Call(real), 42);
+  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+}
+
+TEST(Interception, AttachingAgainTakesTheOldTrampoline) {
+  Code code;
+  real = code.Put(0, {RETURNS(7)});
+  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  void* const trampoline = real;
+  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(real, trampoline);
+  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+  code.Put(0, {RETURNS(8)});
+  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_NE(real, trampoline) << "other bytes, another function";
+  EXPECT_EQ(Call(code.Put(16, {RETURNS(1)}) - 16), 108);
+  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+}
+
+// A thread that runs through a function all the time, and can be stopped.
+class Caller {
+ public:
+  explicit Caller(void* target) {
+    thread_ = std::thread([this, target] {
+      while (!stop_) {
+        const int result = Call(target, 3);
+        if (result != 7 && result != 107) wrong_ = true;
+        ++calls_;
+      }
+    });
+  }
+  // False when a call returned something else than 7 or 107.
+  bool Stop() {
+    stop_ = true;
+    thread_.join();
+    return !wrong_;
+  }
+  HANDLE handle() { return reinterpret_cast<HANDLE>(pthread_gethandle(thread_.native_handle())); }
+  unsigned calls() const { return calls_; }
+
+ private:
+  std::thread thread_;
+  std::atomic<bool> stop_{false};
+  std::atomic<bool> wrong_{false};
+  std::atomic<unsigned> calls_{0};
+};
+
+// Where the entry lies within the pieces that processors write and fetch: inside a word, across two words of
+// one cache line, and across two cache lines.
+class CallersDuringAttach : public testing::TestWithParam<std::size_t> {};
+INSTANTIATE_TEST_SUITE_P(EntryOffset, CallersDuringAttach, testing::Values(0, 6, 61, 62));
+
+TEST_P(CallersDuringAttach, AlwaysMeetTheOldOrTheNewFunction) {
+  Code code;
+  Byte* target = code.Put(GetParam(), {RETURNS(7)});
+  real = target;
+  Caller one(target);
+  Caller two(target);
+  while (one.calls() == 0 || two.calls() == 0) SwitchToThread();
+  for (int i = 0; i < 300; ++i) {
+    ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+    if (i % 16 == 0) SwitchToThread();
+    ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+  }
+  EXPECT_TRUE(one.Stop());
+  EXPECT_TRUE(two.Stop());
+}
+
+TEST(Interception, EnlistedThreadsMayStandBetweenTheReplacedInstructions) {
+  Code code;
+  // push rbx; push rsi; pop rsi; pop rbx; xchg eax, eax; mov eax, 7; ret: one byte each at the start
+  Byte* target = code.Put(0, {0x53, 0x56, 0x5E, 0x5B, 0x90, RETURNS(7)});
+  real = target;
+  Caller one(target);
+  Caller two(target);
+  while (one.calls() == 0 || two.calls() == 0) SwitchToThread();
+  for (int i = 0; i < 100; ++i) {
+    DetourTransactionBegin();
+    ASSERT_EQ(DetourUpdateThread(one.handle()), NO_ERROR);
+    ASSERT_EQ(DetourUpdateThread(two.handle()), NO_ERROR);
+    i % 2 == 0 ? DetourAttach(&real, Address(PlusHundred)) : DetourDetach(&real, Address(PlusHundred));
+    ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
+    if (i % 8 == 0) SwitchToThread();
+  }
+  EXPECT_TRUE(one.Stop());
+  EXPECT_TRUE(two.Stop());
+}
+
+TEST(Interception, AnEnlistedThreadInsideTheReplacedBytesGoesOnInTheTrampoline) {
+  Code code;
+  // pushfq; nop; nop; nop; inc dword [rip → data]; popfq; ret
+  Byte* target = code.Put(0, {0x9C, 0x90, 0x90, 0x90, 0xFF, 0x05, 0xF6, 0x0F, 0, 0, 0x9D, 0xC3});
+  auto* counter = reinterpret_cast<volatile LONG*>(code.data());
+  std::atomic<bool> stop{false};
+  std::thread spinner([&] {
+    while (!stop) YieldProcessor();
+  });
+  const HANDLE thread = reinterpret_cast<HANDLE>(pthread_gethandle(spinner.native_handle()));
+  ASSERT_NE(SuspendThread(thread), static_cast<DWORD>(-1));
+
+  CONTEXT context{};
+  context.ContextFlags = CONTEXT_CONTROL;
+  ASSERT_TRUE(GetThreadContext(thread, &context));
+  const CONTEXT spinning = context;
+  // As if the spinner had called the function and run its first two instructions.
+  const auto place = [&](std::size_t offset) {
+    context = spinning;
+    auto* stack = reinterpret_cast<DWORD64*>(context.Rsp);
+    *--stack = spinning.Rip;
+    *--stack = spinning.EFlags;
+    context.Rsp = reinterpret_cast<DWORD64>(stack);
+    context.Rip = reinterpret_cast<DWORD64>(target + offset);
+    return SetThreadContext(thread, &context);
+  };
+  ASSERT_TRUE(place(2));
+  real = target;
+  DetourTransactionBegin();
+  ASSERT_EQ(DetourUpdateThread(thread), NO_ERROR);
+  ASSERT_EQ(DetourAttach(&real, Address(PlusHundred)), NO_ERROR);
+  ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
+
+  ASSERT_TRUE(GetThreadContext(thread, &context));
+  EXPECT_EQ(context.Rip, reinterpret_cast<DWORD64>(real) + 2);
+  ResumeThread(thread);
+  while (*counter == 0) SwitchToThread();
+  stop = true;
+  spinner.join();
+  EXPECT_EQ(*counter, 1);
+  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+}
+
+// The exports of a module that lie in executable sections and are more than a stub that leads to another
+// module.
+std::vector<Byte*> ExportedFunctions(Byte* image) {
+  const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(image);
+  const auto* nt = reinterpret_cast<const IMAGE_NT_HEADERS*>(image + dos->e_lfanew);
+  const auto& directory = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT];
+  const auto* table = reinterpret_cast<const IMAGE_EXPORT_DIRECTORY*>(image + directory.VirtualAddress);
+  const std::span rvas(reinterpret_cast<const DWORD*>(image + table->AddressOfFunctions),
+                       table->NumberOfFunctions);
+  const std::span sections(IMAGE_FIRST_SECTION(nt), nt->FileHeader.NumberOfSections);
+  std::vector<Byte*> functions;
+  for (const DWORD rva : rvas) {
+    const bool code = std::ranges::any_of(sections, [&](const IMAGE_SECTION_HEADER& s) {
+      return (s.Characteristics & IMAGE_SCN_MEM_EXECUTE) && rva - s.VirtualAddress < s.Misc.VirtualSize;
+    });
+    if (!code) continue;
+    const auto link = detours::LeadingJump({image + rva, 32}, reinterpret_cast<std::uintptr_t>(image + rva),
+                                           detours::kNativeMode);
+    if (!link || link->kind == detours::Link::Kind::kDirect) functions.push_back(image + rva);
+  }
+  return functions;
+}
+
+// A module's image in private memory, with the same protections: patched and compared, never run.
+std::vector<Byte*> CopyOfExports(const char* name, Byte*& copy, std::size_t& size) {
+  auto* image = reinterpret_cast<Byte*>(LoadLibraryA(name));
+  const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(image);
+  size = reinterpret_cast<const IMAGE_NT_HEADERS*>(image + dos->e_lfanew)->OptionalHeader.SizeOfImage;
+  copy = static_cast<Byte*>(VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+  for (std::size_t at = 0; at < size;) {
+    MEMORY_BASIC_INFORMATION info{};
+    VirtualQuery(image + at, &info, sizeof(info));
+    const std::size_t length = std::min(info.RegionSize, size - at);
+    memcpy(copy + at, image + at, length);
+    DWORD old = 0;
+    VirtualProtect(copy + at, length, info.Protect == PAGE_EXECUTE_READ ? PAGE_EXECUTE_READ : PAGE_READWRITE,
+                   &old);
+    at += length;
+  }
+  return ExportedFunctions(copy);
+}
+
+class Exports : public testing::TestWithParam<const char*> {};
+INSTANTIATE_TEST_SUITE_P(Modules, Exports,
+                         testing::Values("ntdll", "kernelbase", "kernel32", "ws2_32", "dnsapi"));
+
+TEST_P(Exports, EveryOneIsPatchedTogetherAndRestoredToTheByte) {
+  Byte* copy = nullptr;
+  std::size_t size = 0;
+  auto functions = CopyOfExports(GetParam(), copy, size);
+  const std::vector<Byte> before(copy, copy + size);
+
+  std::vector<void*> pointers;
+  std::size_t refused = 0;
+  for (Byte* function : functions) {
+    void* pointer = function;
+    DetourTransactionBegin();
+    const LONG error = DetourAttach(&pointer, Address(PlusHundred));
+    DetourTransactionAbort();
+    error == NO_ERROR ? pointers.push_back(function) : void(++refused);
+    EXPECT_TRUE(error == NO_ERROR || error == ERROR_INVALID_BLOCK) << error;
+  }
+  RecordProperty("attached", static_cast<int>(pointers.size()));
+  printf("%s: %zu exports, %zu refused\n", GetParam(), functions.size(), refused);
+  EXPECT_LE(refused * 20, functions.size()) << "more than one in twenty";
+
+  DetourTransactionBegin();
+  for (void*& pointer : pointers) ASSERT_EQ(DetourAttach(&pointer, Address(PlusHundred)), NO_ERROR);
+  ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
+  DetourTransactionBegin();
+  for (std::size_t i = pointers.size(); i-- > 0;) {
+    ASSERT_EQ(DetourDetach(&pointers[i], Address(PlusHundred)), NO_ERROR) << i;
+  }
+  ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
+  EXPECT_TRUE(std::equal(before.begin(), before.end(), copy));
+  VirtualFree(copy, 0, MEM_RELEASE);
+}
+
+// Live functions, called while they are patched.
+HANDLE(WINAPI* real_open_event)(DWORD, BOOL, LPCWSTR) = nullptr;
+int opened = 0;
+HANDLE WINAPI CountOpenEvent(DWORD access, BOOL inherit, LPCWSTR name) {
+  ++opened;
+  return real_open_event(access, inherit, name);
+}
+
+LONG(WINAPI* real_close)(HANDLE) = nullptr;
+std::atomic<int> closed = 0;
+LONG WINAPI CountClose(HANDLE handle) {
+  ++closed;
+  return real_close(handle);
+}
+
+TEST(Interception, SystemFunctionsAreFollowedWhereverTheyAreCalledFrom) {
+  real_open_event = OpenEventW;
+  real_close = reinterpret_cast<decltype(real_close)>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll"), "NtClose")));
+  DetourTransactionBegin();
+  DetourUpdateThread(GetCurrentThread());
+  DetourAttach(reinterpret_cast<void**>(&real_open_event), Address(CountOpenEvent));
+  DetourAttach(reinterpret_cast<void**>(&real_close), Address(CountClose));
+  ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
+
+  const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, L"detours_interception_test");
+  const HANDLE same = OpenEventW(EVENT_ALL_ACCESS, FALSE, L"detours_interception_test");
+  EXPECT_NE(same, nullptr);
+  EXPECT_EQ(opened, 1);
+  CloseHandle(same);
+  CloseHandle(event);
+  EXPECT_EQ(closed, 2);
+
+  DetourTransactionBegin();
+  DetourDetach(reinterpret_cast<void**>(&real_open_event), Address(CountOpenEvent));
+  DetourDetach(reinterpret_cast<void**>(&real_close), Address(CountClose));
+  ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
+  CloseHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  EXPECT_EQ(closed, 2);
+}
+
+}  // namespace
