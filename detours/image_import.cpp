@@ -100,7 +100,7 @@ class [[nodiscard]] LocalBlock {
 DWORD UpdateImports(HANDLE process, std::span<const char* const> dlls) {
   const RemoteMemory memory(process);
   const uint64_t base = memory.ImageBase();
-  if (!base) return ERROR_INVALID_HANDLE;
+  if (!base) return Failure();
   const RemoteImage reader(memory, base);
 
   pe::Image image;

@@ -49,17 +49,25 @@ bool RemoteMemory::WriteProtected(uint64_t address, const void* data, size_t siz
 
 uint64_t RemoteMemory::AllocateBetween(uint64_t low, uint64_t high, size_t size) const noexcept {
   MEMORY_BASIC_INFORMATION region;
-  for (uint64_t at = low; at < high && high - at >= size;) {
-    if (at > UINTPTR_MAX || !VirtualQueryEx(process_, At(at), &region, sizeof(region))) break;
+  DWORD error = ERROR_NOT_ENOUGH_MEMORY;
+  for (uint64_t at = low; at < high && high - at >= size && at <= UINTPTR_MAX;) {
+    if (!VirtualQueryEx(process_, At(at), &region, sizeof(region))) {
+      if (GetLastError() == ERROR_ACCESS_DENIED) error = ERROR_ACCESS_DENIED;
+      break;  // otherwise the address space ends here
+    }
     const uint64_t end = reinterpret_cast<uintptr_t>(region.BaseAddress) + uint64_t{region.RegionSize};
     const uint64_t start = (at + kGranularity - 1) & ~(kGranularity - 1);
-    if (region.State == MEM_FREE && start < end && end - start >= size && start < high &&
-        high - start >= size) {
+    const uint64_t room = end < high ? end : high;
+    if (region.State == MEM_FREE && start < room && room - start >= size) {
       if (VirtualAllocEx(process_, At(start), size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)) return start;
+      if (GetLastError() == ERROR_ACCESS_DENIED) {
+        error = ERROR_ACCESS_DENIED;
+        break;
+      }
     }
     at = end;
   }
-  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  SetLastError(error);
   return 0;
 }
 

@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
+#include <winternl.h>
+
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,84 +17,466 @@
 namespace {
 
 constexpr DWORD kProbeExit = 42;
+constexpr uint64_t kReach = uint64_t{1} << 32;
 
-std::string Folder() {
+std::string Sibling(const char* name) {
   char path[MAX_PATH];
   GetModuleFileNameA(nullptr, path, MAX_PATH);
-  return std::string(path, strrchr(path, '\\') - path + 1);
+  return std::string(path, strrchr(path, '\\') - path + 1) + name;
 }
+const std::string kProbe = Sibling("injection_probe.exe"), kBareProbe = Sibling("injection_bare_probe.exe"),
+                  kDll = Sibling("injection_dll.dll");
 
-std::string Probe(const char* name) { return Folder() + name; }
+// A file of this test, gone with it.
+class ScratchFile {
+ public:
+  ScratchFile(const std::string& from, const char* name, void (*change)(IMAGE_NT_HEADERS64*) = nullptr)
+      : path_(Sibling(name)) {
+    std::ifstream in(from, std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(in), {});
+    if (change) {
+      const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(bytes.data());
+      change(reinterpret_cast<IMAGE_NT_HEADERS64*>(bytes.data() + dos->e_lfanew));
+    }
+    std::ofstream(path_, std::ios::binary) << bytes;
+  }
+  ~ScratchFile() { DeleteFileA(path_.c_str()); }
+  const std::string& path() const { return path_; }
 
-// A child that was created suspended, with the record that it and the DLL write; ended with the test.
+ private:
+  std::string path_;
+};
+
+// The section for what a process records.
+class Record {
+ public:
+  explicit Record(DWORD pid) {
+    wchar_t name[32];
+    InjectionRecordName(pid, name);
+    section_ =
+        CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(InjectionRecord), name);
+    view_ = static_cast<InjectionRecord*>(MapViewOfFile(section_, FILE_MAP_WRITE, 0, 0, 0));
+  }
+  ~Record() {
+    UnmapViewOfFile(view_);
+    CloseHandle(section_);
+  }
+  const InjectionRecord* operator->() const { return view_; }
+
+ private:
+  HANDLE section_;
+  InjectionRecord* view_;
+};
+
+// A child that was created suspended; ended with the test.
 class Child {
  public:
   explicit Child(const std::string& program) {
     STARTUPINFOA startup = {};
     startup.cb = sizeof(startup);
-    created_ = CreateProcessA(program.c_str(), nullptr, nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr,
-                              nullptr, &startup, &info_);
-    if (!created_) return;
-    wchar_t name[32];
-    InjectionRecordName(info_.dwProcessId, name);
-    section_ =
-        CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(InjectionRecord), name);
-    record_ = static_cast<InjectionRecord*>(MapViewOfFile(section_, FILE_MAP_WRITE, 0, 0, 0));
+    if (!CreateProcessA(program.c_str(), nullptr, nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr, nullptr,
+                        &startup, &info_)) {
+      ADD_FAILURE() << program << ": error " << GetLastError();
+      return;
+    }
+    record = std::make_unique<Record>(info_.dwProcessId);
+    PROCESS_BASIC_INFORMATION basic;
+    NtQueryInformationProcess(info_.hProcess, ProcessBasicInformation, &basic, sizeof(basic), nullptr);
+    ReadProcessMemory(info_.hProcess, reinterpret_cast<char*>(basic.PebBaseAddress) + 16, &base_, 8, nullptr);
   }
   ~Child() {
-    if (!created_) return;
     TerminateProcess(info_.hProcess, 1);
     CloseHandle(info_.hThread);
     CloseHandle(info_.hProcess);
-    UnmapViewOfFile(record_);
-    CloseHandle(section_);
   }
 
-  bool created() const { return created_; }
   HANDLE process() const { return info_.hProcess; }
   DWORD pid() const { return info_.dwProcessId; }
-  const InjectionRecord& record() const { return *record_; }
+  char* base() const { return base_; }
 
-  bool Inject(std::vector<std::string> dlls) const {
-    std::vector<LPCSTR> names;
-    for (const auto& dll : dlls) names.push_back(dll.c_str());
-    return DetourUpdateProcessWithDll(info_.hProcess, names.data(), static_cast<DWORD>(names.size()));
+  bool Inject(std::vector<LPCSTR> dlls) const { return InjectThrough(info_.hProcess, std::move(dlls)); }
+  static bool InjectThrough(HANDLE process, std::vector<LPCSTR> dlls) {
+    return DetourUpdateProcessWithDll(process, dlls.data(), static_cast<DWORD>(dlls.size()));
   }
 
   DWORD RunToEnd() const {
-    ResumeThread(info_.hThread);
     DWORD code = STILL_ACTIVE;
+    ResumeThread(info_.hThread);
     WaitForSingleObject(info_.hProcess, 20'000);
     GetExitCodeProcess(info_.hProcess, &code);
     return code;
   }
 
+  IMAGE_NT_HEADERS64 Headers(ULONG* offset = nullptr) const {
+    IMAGE_DOS_HEADER dos = {};
+    IMAGE_NT_HEADERS64 nt = {};
+    ReadProcessMemory(process(), base_, &dos, sizeof(dos), nullptr);
+    ReadProcessMemory(process(), base_ + dos.e_lfanew, &nt, sizeof(nt), nullptr);
+    if (offset) *offset = static_cast<ULONG>(dos.e_lfanew);
+    return nt;
+  }
+
+  template <class T>
+  void Overwrite(ULONG rva, const T& value) const {
+    DWORD protection;
+    VirtualProtectEx(process(), base_ + rva, sizeof(value), PAGE_READWRITE, &protection);
+    EXPECT_TRUE(WriteProcessMemory(process(), base_ + rva, &value, sizeof(value), nullptr));
+    VirtualProtectEx(process(), base_ + rva, sizeof(value), protection, &protection);
+  }
+
+  // Everything in reach of the image: each region's start, size and protection, and the bytes of the image.
+  std::string Snapshot() const {
+    std::string all;
+    MEMORY_BASIC_INFORMATION r;
+    for (char* at = base_; at < base_ + kReach && VirtualQueryEx(process(), at, &r, sizeof(r));
+         at = static_cast<char*>(r.BaseAddress) + r.RegionSize) {
+      const uintptr_t facts[] = {reinterpret_cast<uintptr_t>(r.BaseAddress), r.RegionSize, r.State,
+                                 r.Protect};
+      all.append(reinterpret_cast<const char*>(facts), sizeof(facts));
+    }
+    std::string image(Headers().OptionalHeader.SizeOfImage, 0);
+    SIZE_T done = 0;
+    if (ReadProcessMemory(process(), base_, image.data(), image.size(), &done)) all += image;
+    return all;
+  }
+
+  // Leaves no free place between the image and the end of its reach.
+  void FillNeighbourhood() const {
+    MEMORY_BASIC_INFORMATION r;
+    for (char* at = base_; at < base_ + kReach && VirtualQueryEx(process(), at, &r, sizeof(r));
+         at = static_cast<char*>(r.BaseAddress) + r.RegionSize) {
+      if (r.State != MEM_FREE) continue;
+      auto* start =
+          reinterpret_cast<char*>((reinterpret_cast<uintptr_t>(r.BaseAddress) + 0xffff) & ~0xffffull);
+      char* end = static_cast<char*>(r.BaseAddress) + r.RegionSize;
+      if (end > base_ + kReach) end = base_ + kReach;
+      if (start < end)
+        VirtualAllocEx(process(), start, static_cast<SIZE_T>(end - start), MEM_RESERVE, PAGE_NOACCESS);
+    }
+  }
+
+  std::unique_ptr<Record> record;
+
  private:
   PROCESS_INFORMATION info_ = {};
-  bool created_ = false;
-  HANDLE section_ = nullptr;
-  InjectionRecord* record_ = nullptr;
+  char* base_ = nullptr;
 };
 
-TEST(Injection, DllRunsBeforeTheProgramAndPutsItsHeaderBack) {
-  Child child(Probe("injection_probe.exe"));
-  ASSERT_TRUE(child.created());
-  ASSERT_TRUE(child.Inject({Probe("injection_dll.dll")})) << GetLastError();
-  EXPECT_EQ(child.RunToEnd(), kProbeExit);
-  EXPECT_STREQ(child.record().order, "iTM");
-  EXPECT_TRUE(child.record().restored);
-  EXPECT_FALSE(child.record().restored_again);
-  EXPECT_TRUE(child.record().header_is_the_files);
+ULONG DirectoryRva(ULONG nt, ULONG index) {
+  return nt + static_cast<ULONG>(offsetof(IMAGE_NT_HEADERS64, OptionalHeader.DataDirectory)) + index * 8;
 }
 
-TEST(Injection, HelperProcessUpdatesTheTarget) {
-  Child child(Probe("injection_probe.exe"));
-  ASSERT_TRUE(child.created());
-  ASSERT_TRUE(DetourProcessViaHelperW(child.pid(), Probe("injection_dll.dll").c_str(), CreateProcessW))
-      << GetLastError();
+// Texts that this thread sends to a debugger while the listener lives.
+class DebugTextListener {
+ public:
+  DebugTextListener() : handler_(AddVectoredExceptionHandler(1, OnException)) { text_.clear(); }
+  ~DebugTextListener() { RemoveVectoredExceptionHandler(handler_); }
+  const std::wstring& text() const { return text_; }
+
+ private:
+  static constexpr DWORD kWideText = 0x4001000A;
+  static LONG CALLBACK OnException(EXCEPTION_POINTERS* e) {
+    const EXCEPTION_RECORD& r = *e->ExceptionRecord;
+    if (r.ExceptionCode == kWideText) {
+      text_.assign(reinterpret_cast<const wchar_t*>(r.ExceptionInformation[1]));
+    } else if (r.ExceptionCode == static_cast<DWORD>(DBG_PRINTEXCEPTION_C) && text_.empty()) {
+      for (auto* c = reinterpret_cast<const char*>(r.ExceptionInformation[1]); *c; ++c) text_ += *c;
+    }
+    return EXCEPTION_CONTINUE_SEARCH;
+  }
+  static inline std::wstring text_;
+  void* handler_;
+};
+
+TEST(Injection, DllsRunInOrderBeforeTheProgramAndPutItsHeaderBack) {
+  const ScratchFile second(kDll, "second_injection.dll");
+  Child child(kProbe);
+  MEMORY_BASIC_INFORMATION region = {};
+  VirtualQueryEx(child.process(), child.base(), &region, sizeof(region));
+  ASSERT_TRUE(child.Inject({kDll.c_str(), second.path().c_str()})) << GetLastError();
   EXPECT_EQ(child.RunToEnd(), kProbeExit);
-  EXPECT_STREQ(child.record().order, "iTM");
-  EXPECT_TRUE(child.record().header_is_the_files);
+  const Record& record = *child.record;
+  EXPECT_STREQ(record->order, "isTM");
+  EXPECT_TRUE(record->restored);
+  EXPECT_FALSE(record->restored_again);
+  EXPECT_TRUE(record->header_is_the_files);
+  EXPECT_EQ(record->header_protection, region.Protect);
 }
+
+TEST(Injection, ControlRunWithoutInjectionIsOnlyTheProgram) {
+  Child child(kProbe);
+  EXPECT_EQ(child.RunToEnd(), kProbeExit);
+  EXPECT_STREQ((*child.record)->order, "TM");
+}
+
+TEST(Injection, UnusualImportTablesWorkAndComeBack) {
+  struct Case {
+    const char* name;
+    void (*change)(IMAGE_NT_HEADERS64*);
+  };
+  const Case cases[] = {
+      {"import_size_zero.exe", [](IMAGE_NT_HEADERS64* nt) { nt->OptionalHeader.DataDirectory[1].Size = 0; }},
+      {"import_size_lies.exe",
+       [](IMAGE_NT_HEADERS64* nt) { nt->OptionalHeader.DataDirectory[1].Size = 1u << 31; }},
+      {"bound_imports.exe",
+       [](IMAGE_NT_HEADERS64* nt) {
+         nt->OptionalHeader.DataDirectory[11] = {0x3f0, 0x10};
+       }},
+      {"no_iat_directory.exe", [](IMAGE_NT_HEADERS64* nt) { nt->OptionalHeader.DataDirectory[12] = {}; }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const ScratchFile program(kProbe, c.name, c.change);
+    Child child(program.path());
+    ASSERT_TRUE(child.Inject({kDll.c_str()})) << GetLastError();
+    EXPECT_EQ(child.RunToEnd(), kProbeExit);
+    EXPECT_STREQ((*child.record)->order, "iTM");
+    EXPECT_TRUE((*child.record)->header_is_the_files);
+  }
+}
+
+TEST(Injection, RepairOfAZeroImportSizeIsReportedWithoutTouchingTheLastError) {
+  const ScratchFile program(kProbe, "zero_size_report.exe",
+                            [](IMAGE_NT_HEADERS64* nt) { nt->OptionalHeader.DataDirectory[1].Size = 0; });
+  Child repaired(program.path()), sound(kProbe);
+  const DebugTextListener listener;
+  SetLastError(1234);
+  ASSERT_TRUE(sound.Inject({kDll.c_str()}));
+  EXPECT_EQ(listener.text(), L"");
+  ASSERT_TRUE(repaired.Inject({kDll.c_str()}));
+  EXPECT_EQ(GetLastError(), 1234u);
+  EXPECT_EQ(
+      listener.text(),
+      L"[This PE file has an import table, but the import table size is marked as 0. This is an error.If it "
+      L"is not repaired, the launched program will not work properly, Detours has automatically repaired its "
+      L"import table size for you! ! !]\r\n");
+}
+
+TEST(Injection, ProgramWithoutImportsGetsATableAndLosesItAgain) {
+  // The linker leaves a directory that names an empty table; the copy has none at all.
+  const ScratchFile no_directory(kBareProbe, "no_imports.exe",
+                                 [](IMAGE_NT_HEADERS64* nt) { nt->OptionalHeader.DataDirectory[1] = {}; });
+  for (const std::string& program : {kBareProbe, no_directory.path()}) {
+    SCOPED_TRACE(program);
+    Child child(program);
+    ASSERT_TRUE(child.Inject({kDll.c_str()})) << GetLastError();
+    EXPECT_EQ(child.RunToEnd(), kProbeExit);
+    EXPECT_STREQ((*child.record)->order, "i");
+    EXPECT_TRUE((*child.record)->header_is_the_files);
+  }
+}
+
+TEST(Injection, SecondUpdateBeforeTheFirstRunIsUndoneWithIt) {
+  const ScratchFile second(kDll, "twice_injection.dll");
+  Child child(kProbe);
+  ASSERT_TRUE(child.Inject({kDll.c_str()}));
+  ASSERT_TRUE(child.Inject({kDll.c_str()}));
+  ASSERT_TRUE(child.Inject({second.path().c_str()}));
+  EXPECT_EQ(child.RunToEnd(), kProbeExit);
+  EXPECT_STREQ((*child.record)->order, "tiTM");
+  EXPECT_TRUE((*child.record)->header_is_the_files);
+}
+
+TEST(Injection, MissingDllKeepsTheProgramFromRunning) {
+  Child child(kProbe);
+  ASSERT_TRUE(child.Inject({"C:\\no\\such.dll"}));
+  EXPECT_EQ(child.RunToEnd(), 0xC0000135);
+  EXPECT_STREQ((*child.record)->order, "");
+}
+
+TEST(Injection, RefusedUpdateLeavesTheProcessAsItWas) {
+  ULONG nt = 0;
+  const struct {
+    const char* what;
+    DWORD error;
+    void (*prepare)(const Child&, ULONG nt);
+  } cases[] = {
+      {"no room nearby", ERROR_NOT_ENOUGH_MEMORY, [](const Child& c, ULONG) { c.FillNeighbourhood(); }},
+      {"no image", ERROR_INVALID_HANDLE, [](const Child& c, ULONG) { c.Overwrite(0, WORD{0x1234}); }},
+      {"headers beyond memory", ERROR_INVALID_HANDLE,
+       [](const Child& c, ULONG) { c.Overwrite(0x3c, DWORD{0x0fff0000}); }},
+      {"headers behind the base", ERROR_BAD_EXE_FORMAT,
+       [](const Child& c, ULONG) { c.Overwrite(0x3c, ~DWORD{0}); }},
+      {"image of the other width", ERROR_INVALID_HANDLE,
+       [](const Child& c, ULONG n) {
+         c.Overwrite(n + 4, WORD{IMAGE_FILE_MACHINE_I386});
+         c.Overwrite(n + 24, WORD{IMAGE_NT_OPTIONAL_HDR32_MAGIC});
+       }},
+      {"image of another processor", ERROR_INVALID_HANDLE,
+       [](const Child& c, ULONG n) { c.Overwrite(n + 4, WORD{0xAA64}); }},
+      {"import table outside", ERROR_BAD_EXE_FORMAT,
+       [](const Child& c, ULONG n) { c.Overwrite(DirectoryRva(n, 1), DWORD{0x7fffff00}); }},
+      {"too few directories", ERROR_BAD_EXE_FORMAT,
+       [](const Child& c, ULONG n) { c.Overwrite(DirectoryRva(n, 0) - 4, DWORD{2}); }},
+      {"CLR header outside", ERROR_BAD_EXE_FORMAT,
+       [](const Child& c, ULONG n) { c.Overwrite(DirectoryRva(n, 14), DWORD{0x7fffff00}); }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Child child(kProbe);
+    child.Headers(&nt);
+    c.prepare(child, nt);
+    const std::string before = child.Snapshot();
+    SetLastError(NO_ERROR);
+    EXPECT_FALSE(child.Inject({kDll.c_str()}));
+    EXPECT_EQ(GetLastError(), c.error);
+    EXPECT_TRUE(child.Snapshot() == before);
+  }
+}
+
+TEST(Injection, HandleWithoutTheRightsIsRefusedBeforeAnythingChanges) {
+  const DWORD all = PROCESS_QUERY_INFORMATION | PROCESS_VM_OPERATION | PROCESS_VM_READ | PROCESS_VM_WRITE;
+  for (const DWORD missing : {PROCESS_VM_OPERATION, PROCESS_VM_READ, PROCESS_VM_WRITE}) {
+    SCOPED_TRACE(missing);
+    Child child(kProbe);
+    const std::string before = child.Snapshot();
+    HANDLE weak = OpenProcess(all & ~missing, FALSE, child.pid());
+    ASSERT_TRUE(weak);
+    EXPECT_FALSE(Child::InjectThrough(weak, {kDll.c_str()}));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
+    CloseHandle(weak);
+    EXPECT_TRUE(child.Snapshot() == before);
+  }
+}
+
+TEST(Injection, SuccessfulUpdateKeepsEveryPagesProtection) {
+  Child child(kProbe);
+  const auto protections = [&] {
+    std::vector<DWORD> all;
+    MEMORY_BASIC_INFORMATION r;
+    const ULONG size = child.Headers().OptionalHeader.SizeOfImage;
+    for (ULONG at = 0; at < size; at += 0x1000) {
+      VirtualQueryEx(child.process(), child.base() + at, &r, sizeof(r));
+      all.push_back(r.Protect);
+    }
+    return all;
+  };
+  const auto before = protections();
+  ASSERT_TRUE(child.Inject({kDll.c_str()}));
+  EXPECT_EQ(protections(), before);
+}
+
+TEST(Injection, ArgumentsThatCannotBeAreRefused) {
+  Child child(kProbe);
+  LPCSTR one = kDll.c_str(), empty = "", none = nullptr;
+  const auto error = [&](HANDLE process, LPCSTR* dlls, DWORD count) -> DWORD {
+    return DetourUpdateProcessWithDll(process, dlls, count) ? NO_ERROR : GetLastError();
+  };
+  EXPECT_EQ(error(child.process(), nullptr, 1), DWORD{ERROR_INVALID_PARAMETER});
+  EXPECT_EQ(error(child.process(), &one, 0), DWORD{ERROR_INVALID_PARAMETER});
+  EXPECT_EQ(error(child.process(), &empty, 1), DWORD{ERROR_INVALID_PARAMETER});
+  EXPECT_EQ(error(child.process(), &none, 1), DWORD{ERROR_INVALID_PARAMETER});
+  EXPECT_EQ(error(nullptr, &one, 1), DWORD{ERROR_INVALID_HANDLE});
+}
+
+TEST(Restoration, ProcessThatWasNotInjectedHasNothingToRestore) { EXPECT_FALSE(DetourRestoreAfterWith()); }
+
+// ---- Helper process ----
+
+// A creation routine that watches the helper: what the DLL records there, and how the helper ends.
+struct HelperWatch {
+  static inline std::unique_ptr<Record> record;
+  static inline const wchar_t* command_line_suffix = L"";
+
+  static BOOL WINAPI Create(LPCWSTR image, LPWSTR command, LPSECURITY_ATTRIBUTES process,
+                            LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
+                            LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) {
+    std::wstring line = std::wstring(command) + command_line_suffix;
+    if (!CreateProcessW(image, line.data(), process, thread, inherit, flags | CREATE_SUSPENDED, environment,
+                        directory, startup, info)) {
+      return FALSE;
+    }
+    record = std::make_unique<Record>(info->dwProcessId);
+    ResumeThread(info->hThread);
+    return TRUE;
+  }
+};
+
+class HelperProcess : public testing::Test {
+ protected:
+  void SetUp() override { HelperWatch::command_line_suffix = L""; }
+  void TearDown() override { HelperWatch::record.reset(); }
+};
+
+TEST_F(HelperProcess, UpdatesTheTargetAndDoesNothingElse) {
+  Child child(kProbe);
+  ASSERT_TRUE(DetourProcessViaHelperW(child.pid(), kDll.c_str(), HelperWatch::Create)) << GetLastError();
+  EXPECT_STREQ((*HelperWatch::record)->order, "") << "the DLL must not start up in the helper";
+  EXPECT_EQ(child.RunToEnd(), kProbeExit);
+  EXPECT_STREQ((*child.record)->order, "iTM");
+  EXPECT_TRUE((*child.record)->header_is_the_files);
+}
+
+TEST_F(HelperProcess, PathWithSpacesReachesTheHelper) {
+  const ScratchFile dll(kDll, "helper copy of it.dll");
+  Child child(kProbe);
+  ASSERT_TRUE(DetourProcessViaHelperW(child.pid(), dll.path().c_str(), CreateProcessW)) << GetLastError();
+  EXPECT_EQ(child.RunToEnd(), kProbeExit);
+  EXPECT_STREQ((*child.record)->order, "hTM");
+}
+
+TEST_F(HelperProcess, ErrorOfTheUpdateComesBackThroughTheHelper) {
+  Child child(kProbe);
+  child.FillNeighbourhood();
+  const std::string before = child.Snapshot();
+  EXPECT_FALSE(DetourProcessViaHelperW(child.pid(), kDll.c_str(), CreateProcessW));
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
+  EXPECT_TRUE(child.Snapshot() == before);
+}
+
+TEST_F(HelperProcess, FailuresBeforeTheHelperRunsAreReported) {
+  Child child(kProbe);
+  const auto error = [](DWORD pid, LPCSTR dll, PDETOUR_CREATE_PROCESS_ROUTINEW create) -> DWORD {
+    return DetourProcessViaHelperW(pid, dll, create) ? NO_ERROR : GetLastError();
+  };
+  const auto refuse = [](LPCWSTR, LPWSTR, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID,
+                         LPCWSTR, LPSTARTUPINFOW, LPPROCESS_INFORMATION) WINAPI -> BOOL {
+    SetLastError(ERROR_NOT_ENOUGH_QUOTA);
+    return FALSE;
+  };
+  EXPECT_EQ(error(child.pid(), kDll.c_str(), refuse), DWORD{ERROR_NOT_ENOUGH_QUOTA});
+  EXPECT_EQ(error(child.pid(), kDll.c_str(), nullptr), DWORD{ERROR_INVALID_PARAMETER});
+  EXPECT_EQ(error(child.pid(), "", CreateProcessW), DWORD{ERROR_INVALID_PARAMETER});
+  EXPECT_EQ(error(child.pid(), std::string(2000, 'a').c_str(), CreateProcessW),
+            DWORD{ERROR_INVALID_PARAMETER});
+  EXPECT_EQ(error(0xfffffff0, kDll.c_str(), CreateProcessW), DWORD{ERROR_INVALID_PARAMETER});
+}
+
+TEST_F(HelperProcess, HelperThatCannotLoadTheDllIsAFailure) {
+  Child child(kProbe);
+  EXPECT_FALSE(DetourProcessViaHelperW(child.pid(), "C:\\no\\such.dll", CreateProcessW));
+  EXPECT_NE(GetLastError(), DWORD{NO_ERROR});
+}
+
+// The same order with any other command line makes no helper: a rundll32 that could run something else starts
+// the DLL like every process does.
+TEST_F(HelperProcess, OtherCommandLineMakesNoHelper) {
+  HelperWatch::command_line_suffix = L" more";
+  Child child(kProbe);
+  EXPECT_FALSE(DetourProcessViaHelperW(child.pid(), kDll.c_str(), HelperWatch::Create));
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_FUNCTION});
+  EXPECT_STREQ((*HelperWatch::record)->order, "i");
+  EXPECT_EQ(child.RunToEnd(), kProbeExit);
+  EXPECT_STREQ((*child.record)->order, "TM");
+}
+
+TEST_F(HelperProcess, CommandLineAloneMakesNoHelper) {
+  std::wstring line = L"rundll32.exe \"" + std::wstring(kDll.begin(), kDll.end()) + L"\",#1";
+  STARTUPINFOW startup = {};
+  startup.cb = sizeof(startup);
+  PROCESS_INFORMATION info = {};
+  wchar_t image[MAX_PATH];
+  GetSystemDirectoryW(image, MAX_PATH);
+  wcscat(image, L"\\rundll32.exe");
+  ASSERT_TRUE(
+      HelperWatch::Create(image, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info));
+  EXPECT_EQ(WaitForSingleObject(info.hProcess, 20'000), DWORD{WAIT_OBJECT_0});
+  EXPECT_STREQ((*HelperWatch::record)->order, "i");
+  TerminateProcess(info.hProcess, 1);
+  CloseHandle(info.hThread);
+  CloseHandle(info.hProcess);
+}
+
+TEST_F(HelperProcess, OrdinaryProcessIsNone) { EXPECT_FALSE(DetourIsHelperProcess()); }
 
 }  // namespace
