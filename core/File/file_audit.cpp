@@ -1,0 +1,67 @@
+#include "File/file_audit.h"
+
+#include "File/file_helper.h"
+#include "File/scratch_path.h"
+#include "VornCore/Base/channel.h"
+#include "VornCore/Base/clock.h"
+#include "VornCore/Base/log.h"
+#include "VornCore/Base/shared_data.h"
+#include "VornCore/Base/strings.h"
+
+namespace VornCore {
+namespace {
+
+constexpr int kSourceSlot = 0, kDestinationSlot = 1, kSourceTextSlot = 2, kDestinationTextSlot = 3,
+              kMessageSlot = 4;
+constexpr std::uint32_t kMaxUtf8PerUnit = 3;
+
+// A copy of path as people read it; null for an absent path.
+wchar_t* Readable(std::wstring_view path, int slot) {
+  if (path.empty()) return nullptr;
+  wchar_t* copy = ScratchPath(slot, path.size());
+  if (copy) {
+    TerminatedCopy(copy, path);
+    NtPathToDosPath(copy);
+  }
+  return copy;
+}
+
+std::string_view ToUtf8(ThreadState* state, const wchar_t* path, int slot) {
+  if (!path) return {};
+  const auto bytes = static_cast<ULONG>(wcslen(path) * sizeof(wchar_t));
+  const ULONG room = bytes / sizeof(wchar_t) * kMaxUtf8PerUnit;
+  char* text = static_cast<char*>(GetScratchBuffer(state, slot, room));
+  ULONG written = 0;
+  if (!text || !nt::Success(RtlUnicodeToUTF8N(text, room, &written, path, bytes))) return {};
+  return {text, written};
+}
+
+}  // namespace
+
+void SendFileAudit(AuditType type, NTSTATUS status, FileACL source_access, std::wstring_view source,
+                   FileACL destination_access, std::wstring_view destination) noexcept {
+  ThreadState* state = GetThreadState();
+  if (!state) return;
+  ScratchLevel level(state);
+  const wchar_t* source_path = Readable(source, kSourceSlot);
+  const wchar_t* destination_path = Readable(destination, kDestinationSlot);
+  const vorn::policy::FileAudit audit{.type = static_cast<std::uint32_t>(type),
+                                      .error = RtlNtStatusToDosErrorNoTeb(status),
+                                      .source_access = static_cast<std::uint32_t>(source_access),
+                                      .destination_access = static_cast<std::uint32_t>(destination_access),
+                                      .source = ToUtf8(state, source_path, kSourceTextSlot),
+                                      .destination = ToUtf8(state, destination_path, kDestinationTextSlot)};
+  const std::size_t size = EncodedSize(audit);
+  if (void* message = GetScratchBuffer(state, kMessageSlot, static_cast<std::uint32_t>(size))) {
+    const vorn::policy::MessageOrigin origin{GetPreciseTimeMicros() / 1000, GetCurrentProcessId()};
+    const std::size_t written = Encode(audit, origin, {static_cast<std::byte*>(message), size});
+    if (written) SendToHost(message, static_cast<std::uint32_t>(written));
+  }
+  if (!IsDebugLogEnabled()) return;
+  VORN_LOG_I("Audit Type:[%d:%s], Status:%X Path:[%d:%s -> %s] DstPath:[%d:%s -> %s]", static_cast<int>(type),
+             AuditTypeName(type), static_cast<unsigned>(status), static_cast<int>(source_access),
+             ACLName(source_access), OrNil(WideToAnsi(source_path)), static_cast<int>(destination_access),
+             ACLName(destination_access), OrNil(WideToAnsi(destination_path)));
+}
+
+}  // namespace VornCore

@@ -1,0 +1,178 @@
+#include "File/file_link_helper.h"
+
+#include <cstring>
+
+#include "File/drive_table.h"
+#include "File/scratch_path.h"
+#include "Platform/native.h"
+#include "Policy/device_path.h"
+#include "Policy/text.h"
+#include "Policy/wide.h"
+#include "VornCore/Base/log.h"
+#include "VornCore/Base/shared_data.h"
+#include "VornCore/Base/strings.h"
+#include "VornCore/Hook/ntdll.h"
+
+namespace VornCore {
+namespace {
+
+using vorn::policy::kMupPrefix;
+using vorn::policy::StartsWithNoCase;
+using vorn::policy::U16;
+
+constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+constexpr ULONG kDavProvider = 0x002E0000;  // WNNC_NET_DAV
+constexpr std::wstring_view kDavRoot = L"\\davwwwroot";
+
+bool IsDavFile(HANDLE file) {
+  FILE_REMOTE_PROTOCOL_INFO info = {};
+  return platform::Native().GetFileInformationByHandleEx(file, FileRemoteProtocolInfo, &info, sizeof info) &&
+         (info.Protocol & 0xFFFF0000) == kDavProvider;
+}
+
+}  // namespace
+
+FileLinkHelper::~FileLinkHelper() {
+  Close();
+  while (ListNode* first = FirstNode(names_)) {
+    auto* link = static_cast<LinkNode*>(first);
+    Remove(names_, link);
+    delete link;
+  }
+}
+
+std::wstring_view FileLinkHelper::GetFileSymbolicLink(std::wstring_view path) noexcept {
+  if (path.empty()) return {};
+  std::wstring_view target = ResolveFinalPath(path, true);
+  if (!target.empty()) {
+    if (IsDebugLogEnabled())
+      VORN_LOG_I("GetFileSymbolicLink First path:%s target:%s", OrNil(WideToAnsi(path.data())),
+                 OrNil(WideToAnsi(target.data())));
+    return target;
+  }
+  const std::size_t last = vorn::policy::FindLastComponent(U16(path));
+  if (last == vorn::policy::kNotFound || last == path.size()) return {};
+  target = ResolveFinalPath(path.substr(0, last), false);
+  if (IsDebugLogEnabled())
+    VORN_LOG_I("GetFileSymbolicLink Second path:%s target:%s", OrNil(WideToAnsi(path.data())),
+               OrNil(WideToAnsi(target.data())));
+  const std::wstring_view component = path.substr(last);
+  if (target.empty() || target.size() + 1 + component.size() > kMaxPathUnits) return {};
+  auto* buffer = const_cast<wchar_t*>(target.data());
+  std::size_t units = target.size();
+  if (buffer[units - 1] != L'\\') buffer[units++] = L'\\';
+  return TerminatedCopy(buffer, {buffer, units}, component);
+}
+
+std::wstring_view FileLinkHelper::ResolveFinalPath(std::wstring_view path, bool keep_open) noexcept {
+  // One question with room for every answer; the buffer is the thread's and is reused.
+  wchar_t* buffer = ScratchPath(0, kMaxPathUnits);
+  if (!buffer) return {};
+  UNICODE_STRING name = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+  IO_STATUS_BLOCK io;
+  HANDLE file;
+  const NTSTATUS status =
+      Ntdll::CallOriginalNtCreateFile(&file, SYNCHRONIZE | FILE_READ_ATTRIBUTES, &attributes, &io, nullptr, 0,
+                                      kShareAll, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+  if (!nt::Success(status)) return {};
+  const DWORD room = kMaxPathUnits;
+  const DWORD units = platform::Native().GetFinalPathNameByHandleW(file, buffer, room, VOLUME_NAME_NT);
+  std::wstring_view target;
+  if (units != 0 && units < room) {
+    target = {buffer, units};
+    if (StartsWithNoCase(U16(target), kMupPrefix) && IsDavFile(file))
+      target = InsertDavRoot(target, buffer, room);
+  }
+  if (keep_open && !target.empty())
+    file_ = file;
+  else
+    Ntdll::CallOriginalNtClose(file);
+  return target;
+}
+
+std::uint32_t FileLinkHelper::LinkCount() noexcept {
+  FILE_STANDARD_INFO info;
+  if (!file_ || !platform::Native().GetFileInformationByHandleEx(file_, FileStandardInfo, &info, sizeof info))
+    return 1;
+  return info.NumberOfLinks;
+}
+
+void FileLinkHelper::Close() noexcept {
+  if (!file_) return;
+  Ntdll::CallOriginalNtClose(file_);
+  file_ = nullptr;
+}
+
+std::wstring_view InsertDavRoot(std::wstring_view path, wchar_t* buffer, std::size_t room) noexcept {
+  if (!StartsWithNoCase(U16(path), kMupPrefix)) return path;
+  const std::size_t share = path.find(L'\\', kMupPrefix.size());
+  if (share == path.npos || path.size() + kDavRoot.size() > room) return path;
+  const std::wstring_view rest = path.substr(share);
+  const bool has_root =
+      StartsWithNoCase(U16(rest), U16(kDavRoot)) && rest.substr(kDavRoot.size()).starts_with(L'\\');
+  if (has_root) return path;
+  const std::size_t units = path.size() + kDavRoot.size();
+  memmove(buffer + share + kDavRoot.size(), buffer + share, (path.size() - share) * sizeof(wchar_t));
+  memcpy(buffer + share, kDavRoot.data(), kDavRoot.size() * sizeof(wchar_t));
+  buffer[units] = 0;
+  return {buffer, units};
+}
+
+int FileLinkHelper::GetFileHardLinks(const wchar_t* path, const ListHead** names) noexcept {
+  *names = &names_;
+  // The file is opened under the library's own name: its handler lets the call pass.
+  ThreadState* state = GetThreadState();
+  const std::uint8_t was_creating = state ? state->bInCreateFile : 0;
+  if (state) state->bInCreateFile = 1;
+  HANDLE file =
+      CreateFileW(path, GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  const DWORD error = GetLastError();
+  int count = 0;
+  if (file != INVALID_HANDLE_VALUE) {
+    BY_HANDLE_FILE_INFORMATION info;
+    if (platform::Native().GetFileInformationByHandle(file, &info) && info.nNumberOfLinks >= 2)
+      if (const DriveRecord* drive = GetDriveForLetter(path[0]))
+        count = FindHardLinks(path, drive->device_path);
+    CloseHandle(file);
+  } else if (IsDebugLogEnabled()) {
+    VORN_LOG_I("FileLinkHelper::GetFileHardLinks error:%d path:%s", static_cast<int>(error),
+               OrNil(WideToAnsi(path)));
+  }
+  if (state) state->bInCreateFile = was_creating;
+  return count;
+}
+
+int FileLinkHelper::FindHardLinks(const wchar_t* path, std::wstring_view volume) noexcept {
+  if (!path[0] || volume.empty()) return 0;
+  const platform::NativeApi& native = platform::Native();
+  wchar_t* name = ScratchPath(1, kMaxPathUnits);
+  if (!name || !native.FindFirstFileNameW) return 0;
+  DWORD units = kMaxPathUnits;
+  HANDLE find = native.FindFirstFileNameW(path, 0, &units, name);
+  if (find == INVALID_HANDLE_VALUE) return names_.count;
+  do {
+    if (!AppendLink(path, volume, name)) break;
+    units = kMaxPathUnits;
+  } while (native.FindNextFileNameW(find, &units, name));
+  native.FindClose(find);
+  return names_.count;
+}
+
+bool FileLinkHelper::AppendLink(const wchar_t* path, std::wstring_view volume,
+                                std::wstring_view name) noexcept {
+  auto* text = static_cast<wchar_t*>(malloc((volume.size() + name.size() + 1) * sizeof(wchar_t)));
+  auto* link = text ? new LinkNode : nullptr;
+  if (!link) {
+    free(text);
+    return false;
+  }
+  TerminatedCopy(text, volume, name);
+  link->path.reset(text);
+  Append(names_, link);
+  if (IsDebugLogEnabled())
+    VORN_LOG_I("FindHardLinks src:%s target:%s", OrNil(WideToAnsi(path)), OrNil(WideToAnsi(text)));
+  return true;
+}
+
+}  // namespace VornCore

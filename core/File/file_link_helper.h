@@ -1,0 +1,61 @@
+// Where a path really leads, and which other names the file there has.
+//
+//   FileLinkHelper links;
+//   std::wstring_view target = links.GetFileSymbolicLink(path);   // follows links, junctions, mount points
+//   if (links.LinkCount() > 1) …                                  // of the file that was just opened
+//   links.Close();
+//
+// A helper lives for one decision, on one thread. It opens a file at most once and keeps it open between the
+// two questions; Close must run, also when a fault passes (the destructor does not run then).
+#pragma once
+
+#include <string_view>
+
+#include "Platform/heap.h"
+#include "Platform/nt.h"
+#include "VornCore/Base/list.h"
+
+namespace VornCore {
+
+// One of the names of a file: a canonical NT path.
+struct LinkNode : ListNode {
+  platform::HeapString path;
+};
+
+class FileLinkHelper {
+ public:
+  FileLinkHelper() = default;
+  ~FileLinkHelper();
+  FileLinkHelper(const FileLinkHelper&) = delete;
+  FileLinkHelper& operator=(const FileLinkHelper&) = delete;
+
+  // The final, link-free NT path of path; for a file that does not exist, that of its directory with the last
+  // component. Empty when neither can be resolved. Terminated, in scratch slot 0 of the current level.
+  std::wstring_view GetFileSymbolicLink(std::wstring_view path) noexcept;
+
+  // Whether GetFileSymbolicLink found the file itself, and not only its directory.
+  bool exists() const noexcept { return file_ != nullptr; }
+  // Hard links of that file; 1 when they cannot be counted or it does not exist.
+  std::uint32_t LinkCount() noexcept;
+  // Closes that file.
+  void Close() noexcept;
+
+  // All names of a file with two or more links, its own included: the number of them, 0 when the file has one
+  // link or they cannot be listed. path: drive-letter form. The list is this object's. Opens the file for
+  // reading.
+  int GetFileHardLinks(const wchar_t* path, const ListHead** names) noexcept;
+
+ private:
+  std::wstring_view ResolveFinalPath(std::wstring_view path, bool keep_open) noexcept;
+  int FindHardLinks(const wchar_t* path, std::wstring_view volume) noexcept;
+  bool AppendLink(const wchar_t* path, std::wstring_view volume, std::wstring_view name) noexcept;
+
+  HANDLE file_ = nullptr;
+  ListHead names_;
+};
+
+// \device\mup\server\share\f on a WebDAV share as \device\mup\server\davwwwroot\share\f, in place (room is
+// the capacity in units without terminator). Unchanged when it is no such path or names the root already.
+std::wstring_view InsertDavRoot(std::wstring_view path, wchar_t* buffer, std::size_t room) noexcept;
+
+}  // namespace VornCore

@@ -1,0 +1,77 @@
+// The file manager: every file call of the process passes here and is confined.
+//
+//   open, create          file_mgr_open.cpp      decided, refused, narrowed or passed on; handles are
+//   recorded rename, delete,       file_mgr_change.cpp    judged by the record of the handle; deletions wait
+//   for the write, close, move                           close and go to the recycle bin
+//
+// Handlers run on whatever thread makes the call; what belongs to one call lives on its stack and in its
+// ThreadState. Lock order: close lock, then the lock of the handle records.
+#pragma once
+
+#include "File/file_acl_model.h"
+#include "Platform/lock.h"
+#include "VornCore/Base/thread_state.h"
+#include "VornCore/Hook/kernel_base.h"
+#include "VornCore/Hook/ntdll.h"
+
+namespace VornCore {
+
+struct OpenCall;
+
+class CFileMgr : public INtdllApiListener, public IKernelBaseApiListener {
+ public:
+  // Builds the drive table, logs the rules, registers as listener. Once; always true.
+  bool Init() noexcept;
+  bool UnInit() noexcept;
+
+  NTSTATUS NtCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                        PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
+                        ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
+                        ULONG EaLength, bool* bPassOn) override;
+  NTSTATUS NtOpenFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                      PIO_STATUS_BLOCK IoStatusBlock, ULONG ShareAccess, ULONG OpenOptions,
+                      bool* bPassOn) override;
+  NTSTATUS NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
+                                ULONG Length, FILE_INFORMATION_CLASS FileInformationClass,
+                                bool* bPassOn) override;
+  NTSTATUS NtDeleteFile(POBJECT_ATTRIBUTES ObjectAttributes, bool* bPassOn) override;
+  NTSTATUS NtWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                       PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
+                       PULONG Key, bool* bPassOn) override;
+  NTSTATUS NtClose(HANDLE Handle, bool* bPassOn) override;
+  BOOL MoveFileWithProgressTransactedW(LPCWSTR lpExistingFileName, LPCWSTR lpNewFileName,
+                                       LPPROGRESS_ROUTINE lpProgressRoutine, LPVOID lpData, DWORD dwFlags,
+                                       HANDLE hTransaction, bool* bPassOn) override;
+
+  FileACLModel& model() noexcept { return model_; }
+
+ private:
+  // Opening: the stages of one call.
+  void Confine(OpenCall& call) noexcept;
+  void ApplyDecision(OpenCall& call) noexcept;
+  void OpenRecorded(OpenCall& call) noexcept;
+
+  // Changing.
+  struct Outcome {
+    bool decided = false;  // the caller gets status, and no real call is made
+    NTSTATUS status = 0;
+  };
+  union DispositionBuffer {
+    BOOLEAN delete_file;  // class 13
+    ULONG flags;          // class 64
+  };
+  void* HandleDisposition(HANDLE handle, void* information, ULONG length, bool extended,
+                          DispositionBuffer* substitute) noexcept;
+  Outcome HandleRename(HANDLE handle, const void* information, ULONG length, bool extended) noexcept;
+  NTSTATUS HandleSetInformationFailure(NTSTATUS status, HANDLE handle, ULONG info_class) noexcept;
+  NTSTATUS CloseFileHandle(HANDLE handle) noexcept;
+  NTSTATUS DeleteFileToRecycleBin(std::wstring_view path, FileACL own_access) noexcept;
+
+  FileACLModel model_;
+  platform::CriticalSection close_lock_;  // held around the real NtClose
+};
+
+// The one file manager: made on first use, never destroyed.
+CFileMgr& GetFileMgr() noexcept;
+
+}  // namespace VornCore

@@ -1,0 +1,269 @@
+// Renaming, deleting, writing, closing, moving: guard, judge by the handle's record, real call, audit.
+#include "File/file_audit.h"
+#include "File/file_helper.h"
+#include "File/file_mgr.h"
+#include "File/guarded_handler.h"
+#include "File/recycle_bin.h"
+#include "File/scratch_path.h"
+#include "Platform/last_error.h"
+#include "VornCore/Base/log.h"
+#include "VornCore/Base/shared_data.h"
+#include "VornCore/Base/strings.h"
+
+namespace VornCore {
+namespace {
+
+bool IsRealHandle(HANDLE handle) { return handle && handle != INVALID_HANDLE_VALUE; }
+
+NTSTATUS Answer(PIO_STATUS_BLOCK io, NTSTATUS status) {
+  if (io) {
+    io->Status = status;
+    io->Information = 0;
+  }
+  return status;
+}
+
+// What a rename asks for, read from the caller's buffer.
+struct RenameRequest {
+  HANDLE root;
+  ULONG name_bytes;
+  const wchar_t* name;
+  bool replace;
+};
+
+RenameRequest ReadRename(const nt::RenameInformation* information, ULONG length, bool extended) {
+  constexpr ULONG kHead = offsetof(nt::RenameInformation, FileName);
+  RenameRequest request{
+      information->RootDirectory, information->FileNameLength, information->FileName,
+      extended ? (information->Flags & nt::kRenameReplaceIfExists) != 0 : information->ReplaceIfExists != 0};
+  // A name that leaves the buffer is no name; the real call refuses it.
+  if (request.name_bytes > length - kHead) request.name_bytes = 0;
+  return request;
+}
+
+// Where a rename leads: canonical, in scratch slot 0. Empty when that cannot be told.
+std::wstring_view GetRenameTargetPath(const RenameRequest& request) {
+  if (request.name_bytes < sizeof(wchar_t) || request.name[0] == 0) return {};
+  UNICODE_STRING name;
+  name.Length = static_cast<USHORT>(request.name_bytes);
+  name.MaximumLength = name.Length;
+  name.Buffer = const_cast<wchar_t*>(request.name);
+  std::wstring_view path;
+  return nt::Success(GetPath(request.root, &name, &path)) ? path : std::wstring_view();
+}
+
+}  // namespace
+
+NTSTATUS CFileMgr::NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
+                                        PVOID FileInformation, ULONG Length,
+                                        FILE_INFORMATION_CLASS FileInformationClass, bool*) {
+  const platform::LastErrorKeeper last_error;
+  const HookDepthGuard depth;
+  ThreadState* state = depth.state();
+  const ULONG info_class = FileInformationClass;
+  NTSTATUS status = STATUS_ACCESS_DENIED;
+
+  (void)GuardedHandler(state, &status, [&] {
+    Outcome outcome;
+    void* information = FileInformation;
+    DispositionBuffer substitute = {};
+    if (FileInformation) {
+      if (info_class == nt::kFileDispositionInformation || info_class == nt::kFileDispositionInformationEx)
+        information = HandleDisposition(FileHandle, FileInformation, Length,
+                                        info_class == nt::kFileDispositionInformationEx, &substitute);
+      else if ((info_class == nt::kFileRenameInformation || info_class == nt::kFileRenameInformationEx) &&
+               !(state && state->bOwnCall))
+        outcome =
+            HandleRename(FileHandle, FileInformation, Length, info_class == nt::kFileRenameInformationEx);
+    }
+    if (outcome.decided) {
+      status = Answer(IoStatusBlock, outcome.status);
+      return;
+    }
+    status = Ntdll::CallOriginalNtSetInformationFile(
+        FileHandle, IoStatusBlock, information,
+        information == &substitute ? static_cast<ULONG>(sizeof substitute) : Length, FileInformationClass);
+    const NTSTATUS answer = HandleSetInformationFailure(status, FileHandle, info_class);
+    if (answer != status) status = Answer(IoStatusBlock, answer);
+  });
+  return status;
+}
+
+// A delete request on a recorded handle is remembered, and the real call that follows asks the system to
+// delete nothing. Returns what that call is given: the caller's buffer, with the request taken out of it, or
+// substitute where that buffer cannot be written.
+void* CFileMgr::HandleDisposition(HANDLE handle, void* information, ULONG length, bool extended,
+                                  DispositionBuffer* substitute) noexcept {
+  constexpr ULONG kRequests = nt::kDispositionDelete | nt::kDispositionOnClose;
+  const ULONG needed = extended ? sizeof substitute->flags : sizeof substitute->delete_file;
+  if (!model_.handles().Has(handle)) return information;
+  bool remove = false, on_close = false;
+  if (length < needed) {
+    // The real call refuses it; it still counts as a request to keep the file.
+  } else if (extended) {
+    const ULONG flags = static_cast<nt::DispositionInformationEx*>(information)->Flags;
+    remove = flags & nt::kDispositionDelete;
+    on_close = (flags & nt::kDispositionOnClose) && !remove;
+    substitute->flags = flags & ~kRequests;
+  } else {
+    remove = *static_cast<BOOLEAN*>(information);
+    substitute->delete_file = FALSE;
+  }
+  if (IsRealHandle(handle)) model_.handles().SetDeleteDisposition(handle, remove, on_close);
+  if (!remove && !on_close) return information;
+  const bool cleared = platform::Guarded([&] { memcpy(information, substitute, needed); });
+  return cleared ? information : substitute;
+}
+
+CFileMgr::Outcome CFileMgr::HandleRename(HANDLE handle, const void* information, ULONG length,
+                                         bool extended) noexcept {
+  constexpr Outcome kRealCall{};
+  constexpr Outcome kRefused{true, STATUS_ACCESS_DENIED};
+  ThreadState* state = GetThreadState();
+  if (length < sizeof(nt::RenameInformation) || !state) return kRealCall;
+  const ScratchLevel level(state);
+  const RenameRequest request =
+      ReadRename(static_cast<const nt::RenameInformation*>(information), length, extended);
+  const std::wstring_view target = GetRenameTargetPath(request);
+  const HandleRecordPtr record = model_.handles().Find(handle);
+  const std::wstring_view source = record ? record->path : std::wstring_view();
+  const FileACL source_access = record ? record->own_access : FileACL::kUnknown;
+
+  if (record && source_access != FileACL::kReadWrite) {
+    SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, source_access, source, FileACL::kUnknown, target);
+    return kRefused;
+  }
+  if (target.empty()) {
+    VORN_LOG_E("GetRenameTargetPath error, path:%s", OrNil(WideToAnsi(source.data())));
+    return kRealCall;
+  }
+  const FileDecision decision = model_.DecideFileACL(target);
+  if (decision.in_recycle_bin) return kRealCall;
+  if (decision.own_access != FileACL::kReadWrite) {
+    SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, source_access, source, decision.own_access,
+                  target);
+    return kRefused;
+  }
+  // What the rename would replace can be restored afterwards.
+  if (request.replace && FileExists(target)) (void)DeleteFileToRecycleBin(target, FileACL::kReadWrite);
+  return kRealCall;
+}
+
+NTSTATUS CFileMgr::HandleSetInformationFailure(NTSTATUS status, HANDLE handle, ULONG info_class) noexcept {
+  if (status != STATUS_ACCESS_DENIED) return status;
+  const HandleRecordPtr record = model_.handles().Find(handle);
+  if (!record || record->own_access == FileACL::kReadWrite) return status;
+  // Programs that set the times of what they read do not expect that to fail.
+  if (info_class == nt::kFileBasicInformation)
+    status = STATUS_SUCCESS;
+  else
+    SendFileAudit(AuditType::kWrite, STATUS_ACCESS_DENIED, record->own_access, record->path);
+  if (IsDebugLogEnabled())
+    VORN_LOG_I("SetInformationFile Error %d, Path:%s", static_cast<int>(info_class),
+               OrNil(WideToAnsi(record->path.data())));
+  return status;
+}
+
+NTSTATUS CFileMgr::NtDeleteFile(POBJECT_ATTRIBUTES ObjectAttributes, bool* bPassOn) {
+  const HookDepthGuard depth;
+  HANDLE file = nullptr;
+  IO_STATUS_BLOCK io;
+  const NTSTATUS status = NtCreateFile(&file, DELETE, ObjectAttributes, &io, nullptr, 0,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
+                                       FILE_OPEN_REPARSE_POINT | FILE_DELETE_ON_CLOSE, nullptr, 0, bPassOn);
+  return nt::Success(status) ? CloseFileHandle(file) : status;
+}
+
+NTSTATUS CFileMgr::NtClose(HANDLE Handle, bool*) {
+  // A thread without a state keeps none: handles are closed after the library has seen the thread's end, too.
+  const HookDepthGuard depth(HasThreadState() ? GetThreadState() : nullptr);
+  return CloseFileHandle(Handle);
+}
+
+// The lock is held from taking the record to the real close, so that a value which another thread gets again
+// meets no old record; the deferred deletion runs after it.
+NTSTATUS CFileMgr::CloseFileHandle(HANDLE handle) noexcept {
+  HandleRecordPtr record;
+  NTSTATUS status;
+  close_lock_.Enter();
+  platform::WithFinally(
+      [&] {
+        if (IsRealHandle(handle)) record = model_.handles().Take(handle);
+        status = Ntdll::CallOriginalNtClose(handle);
+      },
+      [&] { close_lock_.Leave(); });
+  if (!record) return status;
+  if (!nt::Success(status)) {
+    model_.handles().Add(std::move(record));
+    return status;
+  }
+  return record->delete_flags ? DeleteFileToRecycleBin(record->path, record->own_access) : status;
+}
+
+NTSTATUS CFileMgr::DeleteFileToRecycleBin(std::wstring_view path, FileACL own_access) noexcept {
+  if (own_access != FileACL::kReadWrite) {
+    SendFileAudit(AuditType::kDelete, STATUS_ACCESS_DENIED, own_access, path);
+    return STATUS_ACCESS_DENIED;
+  }
+  ThreadState* state = GetThreadState();
+  if (!state || state->bOwnCall) return STATUS_SUCCESS;
+  const platform::LastErrorKeeper last_error;
+  NTSTATUS status = STATUS_SUCCESS;
+  state->bOwnCall = 1;
+  if (state->bInLoader)
+    VORN_LOG_W("DeleteFileToRecycleBin In load dll path:%s", OrNil(WideToAnsi(path.data())));
+  else
+    status = MoveToRecycleBin(path);
+  state->bOwnCall = 0;
+  if (!nt::Success(status)) {
+    VORN_LOG_E("DeleteFileToRecycleBin status:%X, path:%s", static_cast<unsigned>(status),
+               OrNil(WideToAnsi(path.data())));
+    return STATUS_SUCCESS;
+  }
+  SendFileAudit(AuditType::kDeleteToRecycle, STATUS_SUCCESS, own_access, path);
+  return status;
+}
+
+NTSTATUS CFileMgr::NtWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                               PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
+                               PLARGE_INTEGER ByteOffset, PULONG Key, bool*) {
+  const auto write = [&] {
+    return Ntdll::CallOriginalNtWriteFile(FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, Buffer,
+                                          Length, ByteOffset, Key);
+  };
+  const HookDepthGuard depth;
+  ThreadState* state = depth.state();
+  if (state && state->bInWriteFile) return write();
+  if (state) state->bInWriteFile = 1;
+  const NTSTATUS status = write();
+  if (!nt::Success(status)) {
+    const platform::LastErrorKeeper last_error;
+    if (const HandleRecordPtr record = model_.handles().Find(FileHandle))
+      SendFileAudit(AuditType::kWrite, status, record->access, record->path);
+  }
+  if (state) state->bInWriteFile = 0;
+  return status;
+}
+
+BOOL CFileMgr::MoveFileWithProgressTransactedW(LPCWSTR lpExistingFileName, LPCWSTR lpNewFileName,
+                                               LPPROGRESS_ROUTINE lpProgressRoutine, LPVOID lpData,
+                                               DWORD dwFlags, HANDLE hTransaction, bool*) {
+  // Neither a move at the next start nor a second name of the file would pass the handlers above.
+  const DWORD flags =
+      (dwFlags & ~(MOVEFILE_DELAY_UNTIL_REBOOT | MOVEFILE_CREATE_HARDLINK)) | MOVEFILE_COPY_ALLOWED;
+  ThreadState* state = GetThreadState();
+  BOOL moved = FALSE;
+  if (state) ++state->hookDepth;
+  // The program's progress routine may leave with an exception.
+  platform::WithFinally(
+      [&] {
+        moved = KernelBase::CallOriginalMoveFileWithProgressTransactedW(
+            lpExistingFileName, lpNewFileName, lpProgressRoutine, lpData, flags, hTransaction);
+      },
+      [&] {
+        if (state) --state->hookDepth;
+      });
+  return moved;
+}
+
+}  // namespace VornCore

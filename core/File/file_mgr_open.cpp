@@ -1,0 +1,309 @@
+// Opening and creating: guard, pass-through, decide, real call, record, audit.
+#include <atomic>
+
+#include "File/file_audit.h"
+#include "File/file_helper.h"
+#include "File/file_mgr.h"
+#include "File/guarded_handler.h"
+#include "Platform/last_error.h"
+#include "Policy/device_path.h"
+#include "Policy/wide.h"
+#include "VornCore/Base/channel.h"
+#include "VornCore/Base/clock.h"
+#include "VornCore/Base/log.h"
+#include "VornCore/Base/shared_data.h"
+#include "VornCore/Base/strings.h"
+
+namespace VornCore {
+namespace {
+
+using vorn::policy::ClassifyDevicePath;
+using vorn::policy::DeviceKind;
+using vorn::policy::U16;
+
+// Taken from the access that is asked for on a read-only path.
+constexpr ACCESS_MASK kWriteRights = GENERIC_WRITE | GENERIC_ALL | MAXIMUM_ALLOWED | FILE_WRITE_ATTRIBUTES |
+                                     FILE_WRITE_EA | FILE_APPEND_DATA | FILE_WRITE_DATA;
+static_assert(kWriteRights == 0x52000116);
+// Asked for when nothing else is left.
+constexpr ACCESS_MASK kAttributeAccess = SYNCHRONIZE | FILE_READ_ATTRIBUTES;
+
+// How a confined call ended; the log says so.
+enum Step : unsigned {
+  kStepNone = 0,
+  kStepDeviceName = 123,      // the name itself is a pipe, mailslot or network device: as asked
+  kStepNoPath = 131,          // no canonical path: as asked
+  kStepDevicePath = 145,      // the canonical path is such a device: on that path
+  kStepUnconfined = 160,      // undecided: on the canonical path, access unchanged
+  kStepDenied = 165,          // refused
+  kStepDeleteRefused = 175,   // read only, delete on close: refused
+  kStepReplaceRefused = 194,  // read only, would replace or overwrite: refused
+  kStepOpened = 216,          // on the canonical path, with adjusted arguments
+  kStepException = 218,       // a fault while the call was being confined
+};
+
+struct OpenArguments {
+  ACCESS_MASK access;
+  ULONG disposition;
+  ULONG options;
+};
+
+}  // namespace
+
+// One confined call.
+struct OpenCall {
+  PHANDLE handle;
+  POBJECT_ATTRIBUTES attributes;
+  PIO_STATUS_BLOCK io;
+  PLARGE_INTEGER allocation;
+  ULONG file_attributes;
+  ULONG share;
+  PVOID ea;
+  ULONG ea_length;
+  const OpenArguments asked;
+  OpenArguments given;  // what the system is asked for
+
+  std::wstring_view path = {};  // canonical, once it is known
+  FileDecision decision = {};
+  NTSTATUS status = STATUS_SUCCESS;
+  Step step = kStepNone;
+  AuditType audit = {};  // of a refusal; 0 for none
+
+  NTSTATUS CallReal(POBJECT_ATTRIBUTES name, const OpenArguments& arguments) const {
+    return Ntdll::CallOriginalNtCreateFile(handle, arguments.access, name, io, allocation, file_attributes,
+                                           share, arguments.disposition, arguments.options, ea, ea_length);
+  }
+  void PassAsAsked(Step how) {
+    status = CallReal(attributes, asked);
+    step = how;
+  }
+  void CallOnPath(Step how) {
+    UNICODE_STRING name = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
+    OBJECT_ATTRIBUTES by_path = nt::NamedObject(&name, attributes->Attributes | OBJ_CASE_INSENSITIVE);
+    status = CallReal(&by_path, given);
+    step = how;
+  }
+  void Refuse(Step how, AuditType as) {
+    status = STATUS_ACCESS_DENIED;
+    step = how;
+    audit = as;
+  }
+};
+
+namespace {
+
+// ---- Log lines
+
+// The caller's attributes as far as they can be read.
+struct AttributesText {
+  ULONG length = 0;
+  HANDLE root = nullptr;
+  ULONG attributes = 0;
+  wchar_t name[512];
+  std::size_t bytes = 0;
+
+  explicit AttributesText(const OBJECT_ATTRIBUTES* from) {
+    const bool readable = platform::Guarded([&] {
+      length = from->Length;
+      root = from->RootDirectory;
+      attributes = from->Attributes;
+      const UNICODE_STRING* text = from->ObjectName;
+      if (!text || !text->Buffer) return;
+      const std::size_t size = text->Length < sizeof name ? text->Length : sizeof name;
+      memcpy(name, text->Buffer, size);
+      bytes = size;
+    });
+    if (!readable) bytes = 0;
+  }
+  HeapText NameInAnsi() const {
+    const UNICODE_STRING text = nt::CountedString(name, bytes);
+    return UnicodeStringToAnsi(&text);
+  }
+};
+
+void LogUnchecked(NTSTATUS status, const OpenArguments& asked, ULONG share,
+                  const OBJECT_ATTRIBUTES* attributes) {
+  if (!(GetLogLevelMask() & kLogWarning)) return;
+  const AttributesText text(attributes);
+  VORN_LOG_W(
+      "NtCreateFile Test status:%X, CreateOptions %X, DesiredAccess %X, ShareAccess:%X, CreateDisposition "
+      "%X, "
+      "Length:%d, RootDirectory:0x%p Attributes:%u path:%s",
+      static_cast<unsigned>(status), static_cast<unsigned>(asked.options),
+      static_cast<unsigned>(asked.access), static_cast<unsigned>(share),
+      static_cast<unsigned>(asked.disposition), static_cast<int>(text.length), static_cast<void*>(text.root),
+      static_cast<unsigned>(text.attributes), OrNull(text.NameInAnsi()));
+}
+
+#define VORN_OPEN_PAIRS                                                                \
+  "step:%u, status:%X, CreateOptions[%X->%X], DesiredAccess[%X->%X], ShareAccess:%X, " \
+  "CreateDisposition[%X->%X], "
+#define VORN_OPEN_ARGUMENTS(call)                                                               \
+  static_cast<unsigned>((call).step), static_cast<unsigned>((call).status),                     \
+      static_cast<unsigned>((call).asked.options), static_cast<unsigned>((call).given.options), \
+      static_cast<unsigned>((call).asked.access), static_cast<unsigned>((call).given.access),   \
+      static_cast<unsigned>((call).share), static_cast<unsigned>((call).asked.disposition),     \
+      static_cast<unsigned>((call).given.disposition)
+
+void LogOutcome(const OpenCall& call) {
+  if (nt::Success(call.status)) {
+    if (IsDebugLogEnabled())
+      VORN_LOG_I("NtCreateFile " VORN_OPEN_PAIRS "path:%s", VORN_OPEN_ARGUMENTS(call),
+                 OrNull(WideToAnsi(call.path.data())));
+  } else if (call.step == kStepException) {
+    const AttributesText text(call.attributes);
+    VORN_LOG_E("NtCreateFile Execption " VORN_OPEN_PAIRS
+               "Length:%d RootDirectory:0x%p Attributes:%u path:%s obj path:%s",
+               VORN_OPEN_ARGUMENTS(call), static_cast<int>(text.length), static_cast<void*>(text.root),
+               static_cast<unsigned>(text.attributes), OrNull(WideToAnsi(call.path.data())),
+               OrNull(text.NameInAnsi()));
+  } else if ((GetLogLevelMask() & kLogWarning) && !call.path.empty() &&
+             !vorn::policy::IsQuietFailureStatus(call.status) &&
+             !vorn::policy::IsQuietFailurePath(U16(call.path))) {
+    VORN_LOG_W("NtCreateFile Error " VORN_OPEN_PAIRS "path:%s", VORN_OPEN_ARGUMENTS(call),
+               OrNull(WideToAnsi(call.path.data())));
+  }
+}
+
+// ---- Stages
+
+NTSTATUS GetCanonicalPath(ULONG* options, const OBJECT_ATTRIBUTES* attributes, std::wstring_view* path) {
+  if (!(*options & FILE_OPEN_BY_FILE_ID))
+    return GetPath(attributes->RootDirectory, attributes->ObjectName, path);
+  const NTSTATUS status = ResolveFileIdPath(attributes, path);
+  if (nt::Success(status)) *options &= ~FILE_OPEN_BY_FILE_ID;  // from here on the call goes by name
+  return status;
+}
+
+bool NamesDevice(const UNICODE_STRING* name) {
+  if (!name || !name->Buffer || !name->Length) return false;
+  return ClassifyDevicePath(U16(std::wstring_view(name->Buffer, name->Length / sizeof(wchar_t)))) !=
+         DeviceKind::kNone;
+}
+
+void OfferSample(std::uint64_t path_time, std::uint64_t acl_time, std::uint64_t now, const OpenCall& call) {
+  static std::atomic<std::uint64_t> last_sent;
+  if (MaySendSample(last_sent, now))
+    SendSample(path_time, acl_time, static_cast<std::uint32_t>(call.decision.access),
+               vorn::policy::kSubtypeSampleFileCreate, call.path.data());
+}
+
+// Takes rights away; a call that asked for nothing else may still look at the file.
+void RemoveAccess(OpenArguments& arguments, ACCESS_MASK rights) {
+  if (!(arguments.access & rights)) return;
+  arguments.access &= ~rights;
+  if (!arguments.access) arguments.access = kAttributeAccess;
+}
+
+void AnswerFailure(PIO_STATUS_BLOCK io, NTSTATUS status) {
+  if (!io) return;
+  // Where the caller's block cannot be written, the status alone has to do.
+  (void)platform::Guarded([&] {
+    io->Status = status;
+    io->Information = 0;
+  });
+}
+
+}  // namespace
+
+NTSTATUS CFileMgr::NtCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
+                                POBJECT_ATTRIBUTES ObjectAttributes, PIO_STATUS_BLOCK IoStatusBlock,
+                                PLARGE_INTEGER AllocationSize, ULONG FileAttributes, ULONG ShareAccess,
+                                ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer, ULONG EaLength,
+                                bool*) {
+  const OpenArguments asked{DesiredAccess, CreateDisposition, CreateOptions};
+  OpenCall call{FileHandle,  ObjectAttributes, IoStatusBlock, AllocationSize, FileAttributes,
+                ShareAccess, EaBuffer,         EaLength,      asked,          asked};
+
+  if (IsFileCreateCheckOff()) {
+    const NTSTATUS status = call.CallReal(ObjectAttributes, asked);
+    if (!nt::Success(status)) LogUnchecked(status, asked, ShareAccess, ObjectAttributes);
+    return status;
+  }
+  ThreadState* state = GetThreadState();
+  if (!state || state->bInLoader || state->bInCreateFile || state->bOwnCall || !ObjectAttributes)
+    return call.CallReal(ObjectAttributes, asked);
+
+  const platform::LastErrorKeeper last_error;
+  const HookDepthGuard depth(state);
+  const ScratchLevel level(state);
+  state->bInCreateFile = 1;
+  if (!GuardedHandler(state, &call.status, [&] { Confine(call); })) call.step = kStepException;
+
+  // A creation that was turned into an opening finds nothing to open.
+  if (call.status == STATUS_OBJECT_NAME_NOT_FOUND && call.given.disposition == FILE_OPEN &&
+      asked.disposition == FILE_CREATE) {
+    call.status = STATUS_ACCESS_DENIED;
+    call.audit = AuditType::kCreate;
+  }
+  if (call.audit != AuditType{}) SendFileAudit(call.audit, call.status, call.decision.access, call.path);
+  if (!nt::Success(call.status)) AnswerFailure(IoStatusBlock, call.status);
+  LogOutcome(call);
+  state->bInCreateFile = 0;
+  return call.status;
+}
+
+NTSTATUS CFileMgr::NtOpenFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
+                              POBJECT_ATTRIBUTES ObjectAttributes, PIO_STATUS_BLOCK IoStatusBlock,
+                              ULONG ShareAccess, ULONG OpenOptions, bool* bPassOn) {
+  const HookDepthGuard depth;
+  return NtCreateFile(FileHandle, DesiredAccess, ObjectAttributes, IoStatusBlock, nullptr, 0, ShareAccess,
+                      FILE_OPEN, OpenOptions, nullptr, 0, bPassOn);
+}
+
+// Runs guarded: no object here or below may rely on its destructor.
+void CFileMgr::Confine(OpenCall& call) noexcept {
+  const std::uint64_t start = GetPreciseTimeMicros();
+  if (NamesDevice(call.attributes->ObjectName)) return call.PassAsAsked(kStepDeviceName);
+  ULONG options = call.asked.options;
+  std::wstring_view path;
+  if (!nt::Success(GetCanonicalPath(&options, call.attributes, &path)) || path.empty())
+    return call.PassAsAsked(kStepNoPath);
+  call.path = path;
+  const std::uint64_t path_time = GetPreciseTimeMicros() - start;
+
+  call.given.options = options & ~FILE_OPEN_FOR_BACKUP_INTENT;
+  if (ClassifyDevicePath(U16(path)) != DeviceKind::kNone) return call.CallOnPath(kStepDevicePath);
+  call.decision = model_.DecideFileACL(path);
+  const std::uint64_t now = GetPreciseTimeMicros();
+  OfferSample(path_time, now - start - path_time, now, call);
+  ApplyDecision(call);
+}
+
+void CFileMgr::ApplyDecision(OpenCall& call) noexcept {
+  const bool delete_on_close = (call.given.access & DELETE) && (call.given.options & FILE_DELETE_ON_CLOSE);
+  switch (call.decision.access) {
+    case FileACL::kUnknown:
+      return call.CallOnPath(kStepUnconfined);
+    case FileACL::kDeny:
+      return call.Refuse(kStepDenied, AuditType::kCreate);
+    case FileACL::kRead:
+      if (delete_on_close && call.decision.own_access != FileACL::kReadWrite)
+        return call.Refuse(kStepDeleteRefused, AuditType::kDelete);
+      RemoveAccess(call.given, kWriteRights);
+      if (call.given.disposition == FILE_CREATE || call.given.disposition == FILE_OPEN_IF)
+        call.given.disposition = FILE_OPEN;
+      if (call.given.disposition != FILE_OPEN) return call.Refuse(kStepReplaceRefused, AuditType::kCreate);
+      return OpenRecorded(call);
+    case FileACL::kReadWrite:
+      if (call.decision.in_recycle_bin) RemoveAccess(call.given, DELETE);
+      return OpenRecorded(call);
+  }
+}
+
+void CFileMgr::OpenRecorded(OpenCall& call) noexcept {
+  const bool delete_on_close = (call.given.access & DELETE) && (call.asked.options & FILE_DELETE_ON_CLOSE);
+  call.given.options &= ~FILE_DELETE_ON_CLOSE;
+  call.CallOnPath(kStepOpened);
+  if (!nt::Success(call.status) || !call.handle) return;
+  const HANDLE handle = *call.handle;
+  if (!handle || handle == INVALID_HANDLE_VALUE) return;
+  model_.handles().Add(MakeHandleRecord({.handle = handle,
+                                         .delete_flags = delete_on_close ? kDeleteOnClose : 0,
+                                         .access = call.decision.access,
+                                         .own_access = call.decision.own_access,
+                                         .desired_access = call.given.access},
+                                        call.path));
+}
+
+}  // namespace VornCore
