@@ -1,0 +1,180 @@
+// Process attach: the three stages of start-up, in their order, and the two small jobs afterwards (a thread's
+// clean-up, the process's last log line).
+//
+//   InitBaseLib    the host's section, thread-local storage, the log
+//   InitLowLevel   the ntdll and KernelBase hook tables
+//   InitBiz        the managers and the host channel
+//
+// A process in which a stage fails is not left to run unconfined: it ends with an exit code that names the
+// stage. Everything here runs on the thread that loads the library, inside the loader.
+#include <cstring>
+#include <cwchar>
+
+#include "Load/load_dll_mgr.h"
+#include "Platform/nt.h"
+#include "Proc/proc_mgr.h"
+#include "VornCore/Base/channel.h"
+#include "VornCore/Base/log.h"
+#include "VornCore/Base/process_info.h"
+#include "VornCore/Base/shared_data.h"
+#include "VornCore/Base/strings.h"
+#include "VornCore/Base/thread_state.h"
+#include "VornCore/Hook/kernel_base.h"
+#include "VornCore/Hook/mod.h"
+#include "VornCore/Hook/ntdll.h"
+#include "detours/detours.h"
+
+namespace VornCore {
+namespace {
+
+// Exit codes: the bit of the step of InitBaseLib with its Win32 error, or ERROR_DLL_INIT_FAILED for a later
+// stage.
+constexpr DWORD kStepName = 0x10000000, kStepSection = 0x20000000, kStepThreadState = 0x40000000,
+                kStepLog = 0x80000000;
+
+// 0 with a pointer to a process-wide buffer, or a Win32 error.
+DWORD GetSharedDataName(const wchar_t** name) {
+  static wchar_t buffer[256];
+  const DWORD units = GetEnvironmentVariableW(L"VORN_SHARED_DATA_NAME", buffer, ARRAYSIZE(buffer));
+  if (units == 0) return GetLastError();
+  if (units >= ARRAYSIZE(buffer)) return ERROR_BAD_ENVIRONMENT;
+  *name = buffer;
+  return ERROR_SUCCESS;
+}
+
+DWORD InitBaseLib() {
+  const wchar_t* name = nullptr;
+  if (const DWORD error = GetSharedDataName(&name)) return error | kStepName;
+  if (const DWORD error = OpenSharedData(name)) return error | kStepSection;
+  if (const DWORD error = InitThreadState()) return error | kStepThreadState;
+  if (const DWORD error = StartLog(L"vorn_core_")) return error | kStepLog;
+  VORN_LOG_N("InitBaseLib success!");
+  return ERROR_SUCCESS;
+}
+
+bool InitLowLevel() {
+  if (!Ntdll::Init()) {
+    VORN_LOG_E("VornCore::Ntdll::Init failed!");
+    return false;
+  }
+  if (!KernelBase::Init()) {
+    VORN_LOG_E("VornCore::KernelBase::Init failed!");
+    return false;
+  }
+  VORN_LOG_N("InitLowLevel success!");
+  return true;
+}
+
+bool UnInitLowLevel() {
+  const bool kernel_base = KernelBase::UnInit();
+  const bool ntdll = Ntdll::UnInit();
+  VORN_LOG_N("UnInitLowLevel success!");
+  return kernel_base && ntdll;
+}
+
+bool InitChannel() {
+  // The section counts the name; the transport wants it terminated.
+  std::uint32_t bytes = 0;
+  const wchar_t* port = GetServerPortName(&bytes);
+  const auto terminated = CopyBytesZ(port, port ? bytes : 0);
+  return channel::Init(static_cast<const wchar_t*>(terminated.get()), false);
+}
+
+// The managers in the order of their start.
+enum class OnFailure { kStop, kGoOn };
+struct Manager {
+  const char* name;
+  bool (*init)();
+  OnFailure on_failure;
+};
+constexpr Manager kManagers[] = {
+    {"mod", [] { return mod::Init(); }, OnFailure::kStop},
+    {"CProcMgr", [] { return CProcMgr::GetInstance()->Init(); }, OnFailure::kStop},
+    {"CLoadDllMgr", [] { return CLoadDllMgr::GetInstance()->Init(); }, OnFailure::kStop},
+    {"channel", InitChannel, OnFailure::kStop},
+};
+
+bool InitBiz() {
+  for (const Manager& manager : kManagers) {
+    if (manager.init()) continue;
+    VORN_LOG_E("%s::Init failed!", manager.name);
+    if (manager.on_failure == OnFailure::kStop) return false;
+  }
+  VORN_LOG_N("InitBiz success!");
+  return true;
+}
+
+// Tells the parent, which created the event, that this process is confined and may run.
+bool SetInitEvent() {
+  constexpr std::size_t kPrefixUnits = 260;
+  std::uint32_t bytes = 0;
+  const wchar_t* prefix = GetCreateProcessEventPrefix(&bytes);
+  const std::size_t units = bytes / sizeof(wchar_t);
+  if (!prefix || units >= kPrefixUnits) return false;
+  wchar_t digits[33];
+  const std::size_t digit_count = std::wcslen(UIntToWide(GetCurrentProcessId(), 10, digits));
+  wchar_t text[kPrefixUnits + 1] = {};
+  if (units + digit_count > kPrefixUnits) return false;
+  std::memcpy(text, prefix, units * sizeof(wchar_t));
+  std::memcpy(text + units, digits, digit_count * sizeof(wchar_t));
+
+  UNICODE_STRING name = nt::CountedString(text, (units + digit_count) * sizeof(wchar_t));
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+  HANDLE event = nullptr;
+  const NTSTATUS status = NtOpenEvent(&event, EVENT_MODIFY_STATE, &attributes);
+  if (!nt::Success(status)) {
+    VORN_LOG_W("open init event failed, status 0x%X", static_cast<unsigned>(status));
+    return false;
+  }
+  SetEvent(event);
+  NtClose(event);
+  return true;
+}
+
+void LogProcessStart(bool success) {
+  const nt::ProcessParameters* parameters = nt::CurrentParameters();
+  const HeapText path = UnicodeStringToAnsi(&parameters->ImagePathName);
+  const HeapText command_line = UnicodeStringToAnsi(&parameters->CommandLine);
+  VORN_LOG_N("Process Start:%d, path:%s, cmdline:%s, IL:0x%x", success, OrNull(path), OrNull(command_line),
+             GetIntegrityLevel());
+}
+
+bool Init() {
+  SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
+  bool success = false;
+  DWORD code = InitBaseLib();
+  if (code == ERROR_SUCCESS) {
+    code = ERROR_DLL_INIT_FAILED;
+    if (InitLowLevel()) {
+      success = InitBiz();
+      if (!success) UnInitLowLevel();
+    }
+  }
+  LogProcessStart(success);
+  if (success)
+    SetInitEvent();
+  else
+    TerminateProcess(GetCurrentProcess(), code);
+  return success;
+}
+
+}  // namespace
+}  // namespace VornCore
+
+BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
+  // A helper process only updates another process's import table.
+  static const bool helper_process = DetourIsHelperProcess();
+  if (helper_process) return TRUE;
+  switch (reason) {
+    case DLL_PROCESS_ATTACH:
+      DetourRestoreAfterWith();
+      return VornCore::Init();
+    case DLL_THREAD_DETACH:
+      VornCore::FreeThreadState();
+      break;
+    case DLL_PROCESS_DETACH:
+      VORN_LOG_N("Process End, pid:%d", static_cast<int>(GetCurrentProcessId()));
+      break;
+  }
+  return TRUE;
+}
