@@ -35,9 +35,11 @@ void RingQueue::Lock() noexcept {
 }
 
 void RingQueue::Unlock() noexcept {
-  std::uint32_t held = 1;
-  if (!lock_.compare_exchange_strong(held, 0, std::memory_order_release))
+  // Only the holder changes a held lock: a plain store does, and saves a third of a push.
+  if (lock_.load(std::memory_order_relaxed) != 1)
     VORN_LOG_E("Ring Queue %p unlock flag failed", this);
+  else
+    lock_.store(0, std::memory_order_release);
 }
 
 bool RingQueue::Init(std::int32_t capacity) noexcept {
