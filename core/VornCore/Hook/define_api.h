@@ -9,14 +9,19 @@
 // LISTENER: the interface; SPACE: the module's namespace; fail, result, api, …: a row of the list.
 #define VORN_DEFINE_API(LISTENER, SPACE, fail, result, api, ...)                                       \
   namespace SPACE {                                                                                    \
-  constinit static HookEntry<LISTENER, result(VORN_PARAMETERS(__VA_ARGS__))> entry_##api;              \
+  static result WINAPI Uninstalled##api(VORN_PARAMETERS(__VA_ARGS__));                                 \
+  constinit static HookEntry<LISTENER, result(VORN_PARAMETERS(__VA_ARGS__))> entry_##api{              \
+      .bridged = Uninstalled##api};                                                                    \
+  static result WINAPI Uninstalled##api(VORN_PARAMETERS(__VA_ARGS__)) {                                \
+    return entry_##api.original ? entry_##api.original(VORN_ARGUMENTS(__VA_ARGS__)) : fail();          \
+  }                                                                                                    \
   static result WINAPI Hooked##api(VORN_PARAMETERS(__VA_ARGS__)) {                                     \
     return entry_##api.Dispatch<&LISTENER::api>(VORN_ARGUMENTS(__VA_ARGS__));                          \
   }                                                                                                    \
   bool Register##api##Listener(LISTENER* listener) noexcept { return entry_##api.Register(listener); } \
   void Unregister##api##Listener(LISTENER* listener) noexcept { entry_##api.Unregister(listener); }    \
   result CallOriginal##api(VORN_PARAMETERS(__VA_ARGS__)) {                                             \
-    return entry_##api.CallOriginal(fail, VORN_ARGUMENTS(__VA_ARGS__));                                \
+    return entry_##api.bridged(VORN_ARGUMENTS(__VA_ARGS__));                                           \
   }                                                                                                    \
   }                                                                                                    \
   result LISTENER::api(VORN_PARAMETERS(__VA_ARGS__), bool*) {                                          \

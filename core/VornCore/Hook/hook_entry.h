@@ -13,7 +13,7 @@ inline constexpr int kListenerSlots = 4;
 template <class Listener, class Signature>
 struct HookEntry;
 
-// In static storage, zero at load.
+// In static storage; its listeners and original are zero at load.
 template <class Listener, class Result, class... Args>
 struct HookEntry<Listener, Result(Args...)> {
   using Function = Result(WINAPI*)(Args...);
@@ -23,8 +23,9 @@ struct HookEntry<Listener, Result(Args...)> {
   std::atomic<Listener*> listeners[kListenerSlots] = {};
   // Null until the table is installed; then the trampoline, or the target's address while nothing is patched.
   Function original = nullptr;
-  // What CallOriginal goes through once installed: original, or a bridge around it.
-  Function bridged = nullptr;
+  // What CallOriginal goes through, never null: before the installation a function that calls original if it
+  // can and fails otherwise; then original, or a bridge around it.
+  Function bridged;
 
   bool Register(Listener* listener) noexcept {
     for (auto& slot : listeners)
@@ -43,20 +44,24 @@ struct HookEntry<Listener, Result(Args...)> {
     }
   }
 
-  // fail() gives the function's usual error, for a call of a function that was never installed.
-  template <class Fail>
-  Result CallOriginal(Fail fail, Args... args) const {
-    if (bridged) [[likely]]
-      return bridged(args...);
-    return original ? original(args...) : fail();
-  }
-
   // The body of every dispatcher. Operation is the interface's operation of this function, known at compile
-  // time.
+  // time. One listener is the usual case: its path is straight, and the scan of the other slots stands apart.
   template <auto Operation>
   Result Dispatch(Args... args) const {
-    for (const auto& slot : listeners) {
-      Listener* listener = slot.load(std::memory_order_relaxed);
+    if (Listener* first = listeners[0].load(std::memory_order_relaxed)) [[likely]] {
+      bool pass_on = false;
+      Result result = (first->*Operation)(args..., &pass_on);
+      if (!pass_on) [[likely]]
+        return result;
+    }
+    return DispatchRest<Operation>(args...);
+  }
+
+ private:
+  template <auto Operation>
+  [[gnu::noinline]] Result DispatchRest(const Args&... args) const {
+    for (int i = 1; i < kListenerSlots; ++i) {
+      Listener* listener = listeners[i].load(std::memory_order_relaxed);
       if (!listener) continue;
       bool pass_on = false;
       Result result = (listener->*Operation)(args..., &pass_on);

@@ -1,0 +1,272 @@
+// Real hooks in this process: the dispatcher, registration, the way to the real functions, and what a table
+// does about functions that it cannot find or patch.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+
+#include "VornCore/Hook/dnsapi.h"
+#include "VornCore/Hook/hook_entry.h"
+#include "VornCore/Hook/hook_table.h"
+#include "VornCore/Hook/kernel_base.h"
+#include "VornCore/Hook/ntdll.h"
+#include "VornCore/Hook/ws2_32.h"
+
+namespace VornCore {
+namespace {
+
+constexpr NTSTATUS kDecided = 0x00C0FFEE;
+
+// Answers NtDeleteFile (which nothing calls by itself) and counts its calls.
+class Listener : public INtdllApiListener {
+ public:
+  using Answer = std::function<NTSTATUS(POBJECT_ATTRIBUTES, bool*)>;
+  explicit Listener(Answer answer) : answer_(std::move(answer)) {}
+  NTSTATUS NtDeleteFile(POBJECT_ATTRIBUTES ObjectAttributes, bool* bPassOn) override {
+    ++calls;
+    return answer_(ObjectAttributes, bPassOn);
+  }
+  int calls = 0;
+
+ private:
+  Answer answer_;
+};
+
+NTSTATUS Decide(POBJECT_ATTRIBUTES, bool*) { return kDecided; }
+NTSTATUS PassOn(POBJECT_ATTRIBUTES, bool* pass_on) {
+  *pass_on = true;
+  return kDecided;
+}
+
+// Deletes a file that is not there; goes through the patched function as any caller would.
+NTSTATUS DeleteByName(const wchar_t* path = L"\\??\\C:\\hook_table_test\\absent") {
+  UNICODE_STRING name = nt::CountedString(path, wcslen(path) * sizeof(wchar_t));
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+  return ::NtDeleteFile(&attributes);
+}
+
+class NtdllHooks : public testing::Test {
+ protected:
+  void SetUp() override {
+    unhooked_status_ = DeleteByName();
+    ASSERT_TRUE(Ntdll::Init());
+  }
+  void TearDown() override {
+    for (Listener* listener : registered_) Ntdll::UnregisterNtDeleteFileListener(listener);
+    Ntdll::UnInit();
+    EXPECT_EQ(DeleteByName(), unhooked_status_) << "removed";
+  }
+  bool Register(Listener& listener) {
+    registered_.push_back(&listener);
+    return Ntdll::RegisterNtDeleteFileListener(&listener);
+  }
+  NTSTATUS unhooked_status_ = 0;
+  std::vector<Listener*> registered_;
+};
+
+TEST_F(NtdllHooks, WithoutListenersTheRealFunctionAnswers) {
+  EXPECT_LT(unhooked_status_, 0);
+  EXPECT_EQ(DeleteByName(), unhooked_status_);
+  HANDLE event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  EXPECT_EQ(::NtClose(event), STATUS_SUCCESS);
+  EXPECT_EQ(::NtClose(event), STATUS_INVALID_HANDLE);
+}
+
+TEST_F(NtdllHooks, FirstListenerThatDoesNotPassOnDecides) {
+  Listener passing(PassOn), deciding(Decide), unreached(Decide);
+  ASSERT_TRUE(Register(passing) && Register(deciding) && Register(unreached));
+  EXPECT_EQ(DeleteByName(), kDecided);
+  EXPECT_EQ(passing.calls, 1);
+  EXPECT_EQ(deciding.calls, 1);
+  EXPECT_EQ(unreached.calls, 0);
+}
+
+TEST_F(NtdllHooks, RealFunctionRunsWhenAllFourPassOn) {
+  Listener a(PassOn), b(PassOn), c(PassOn), d(PassOn), fifth(Decide);
+  ASSERT_TRUE(Register(a) && Register(b) && Register(c) && Register(d));
+  EXPECT_FALSE(Register(fifth));
+  EXPECT_FALSE(Ntdll::RegisterNtDeleteFileListener(&a)) << "registered twice";
+  EXPECT_EQ(DeleteByName(), unhooked_status_);
+  EXPECT_EQ(a.calls + b.calls + c.calls + d.calls, 4);
+  EXPECT_EQ(fifth.calls, 0);
+}
+
+TEST_F(NtdllHooks, ChangesOfAnEarlierListenerAreSeenByTheNextAndByTheRealFunction) {
+  Listener emptying([](POBJECT_ATTRIBUTES attributes, bool* pass_on) {
+    attributes->ObjectName->Length = 0;
+    *pass_on = true;
+    return kDecided;
+  });
+  USHORT seen = 1;
+  Listener looking([&](POBJECT_ATTRIBUTES attributes, bool* pass_on) {
+    seen = attributes->ObjectName->Length;
+    *pass_on = true;
+    return kDecided;
+  });
+  ASSERT_TRUE(Register(emptying) && Register(looking));
+  const NTSTATUS status = DeleteByName();
+  EXPECT_EQ(seen, 0);
+  EXPECT_NE(status, unhooked_status_) << "an empty name fails otherwise than a missing file";
+}
+
+TEST_F(NtdllHooks, FreedSlotIsTheNextOneTaken) {
+  std::string order;
+  auto naming = [&order](char letter) {
+    return Listener([&order, letter](POBJECT_ATTRIBUTES, bool* pass_on) {
+      order += letter;
+      *pass_on = true;
+      return kDecided;
+    });
+  };
+  Listener a = naming('a'), b = naming('b'), c = naming('c');
+  ASSERT_TRUE(Register(a) && Register(b));
+  Ntdll::UnregisterNtDeleteFileListener(&a);
+  Ntdll::UnregisterNtDeleteFileListener(&c);  // not registered: changes nothing
+  ASSERT_TRUE(Register(c));
+  DeleteByName();
+  EXPECT_EQ(order, "cb");
+}
+
+TEST_F(NtdllHooks, CallOriginalDoesNotDispatchAgain) {
+  NTSTATUS real = 0;
+  Listener calling([&](POBJECT_ATTRIBUTES attributes, bool*) {
+    real = Ntdll::CallOriginalNtDeleteFile(attributes);
+    return kDecided;
+  });
+  ASSERT_TRUE(Register(calling));
+  EXPECT_EQ(DeleteByName(), kDecided);
+  EXPECT_EQ(real, unhooked_status_);
+  EXPECT_EQ(calling.calls, 1);
+}
+
+TEST_F(NtdllHooks, OperationThatIsNotOverriddenPerformsTheRealCallAndDecides) {
+  INtdllApiListener without_opinion;
+  Listener unreached(Decide);
+  ASSERT_TRUE(Ntdll::RegisterNtDeleteFileListener(&without_opinion));
+  ASSERT_TRUE(Register(unreached));
+  EXPECT_EQ(DeleteByName(), unhooked_status_);
+  EXPECT_EQ(unreached.calls, 0);
+  Ntdll::UnregisterNtDeleteFileListener(&without_opinion);
+}
+
+TEST(ListenerInterfaces, ConsistOfTheirOperationsAlone) {
+  EXPECT_EQ(sizeof(INtdllApiListener), sizeof(void*));
+  EXPECT_EQ(sizeof(IWs2_32ApiListener), sizeof(void*));
+  static_assert(!std::has_virtual_destructor_v<INtdllApiListener>);
+}
+
+TEST(KernelBaseHooks, ExceptionFilterIsInterceptedAndGivenBack) {
+  class Filter : public IKernelBaseApiListener {
+   public:
+    LPTOP_LEVEL_EXCEPTION_FILTER SetUnhandledExceptionFilter(LPTOP_LEVEL_EXCEPTION_FILTER, bool*) override {
+      ++calls;
+      return nullptr;
+    }
+    int calls = 0;
+  } filter;
+  ASSERT_TRUE(KernelBase::Init());
+  ASSERT_TRUE(KernelBase::RegisterSetUnhandledExceptionFilterListener(&filter));
+  ::SetUnhandledExceptionFilter(nullptr);
+  EXPECT_EQ(filter.calls, 1);
+  KernelBase::UnInit();
+  ::SetUnhandledExceptionFilter(nullptr);
+  EXPECT_EQ(filter.calls, 1);
+  KernelBase::UnregisterSetUnhandledExceptionFilterListener(&filter);
+}
+
+TEST(NeverInstalled, CallOriginalFailsAsTheFunctionWould) {
+  SetLastError(0);
+  EXPECT_EQ(Ws2_32::CallOriginalclosesocket(1), SOCKET_ERROR);
+  EXPECT_NE(GetLastError(), 0u);
+  EXPECT_EQ(Ws2_32::CallOriginalWSASocketW(AF_INET, SOCK_STREAM, 0, nullptr, 0, 0), INVALID_SOCKET);
+  EXPECT_NE(Ws2_32::CallOriginalGetAddrInfoW(L"a", nullptr, nullptr, nullptr), 0);
+  EXPECT_EQ(Ws2_32::CallOriginalgethostbyname("a"), nullptr);
+  EXPECT_NE(Dnsapi::CallOriginalDnsQueryEx(nullptr, nullptr, nullptr), 0);
+}
+
+TEST(LateTables, LeaveOutWhatTheModuleDoesNotExport) {
+  class Names : public IDnsapiApiListener {
+   public:
+    DNS_STATUS DnsQuery_A(PCSTR, WORD, DWORD, PVOID, PDNS_RECORD*, PVOID*, bool*) override { return 4711; }
+  } names;
+  HMODULE dnsapi = LoadLibraryW(L"dnsapi.dll");
+  ASSERT_TRUE(dnsapi);
+  ASSERT_TRUE(Dnsapi::Init(dnsapi));
+  ASSERT_TRUE(Dnsapi::RegisterDnsQuery_AListener(&names));
+  auto query = reinterpret_cast<DNS_STATUS(WINAPI*)(PCSTR, WORD, DWORD, PVOID, PDNS_RECORD*, PVOID*)>(
+      GetProcAddress(dnsapi, "DnsQuery_A"));
+  EXPECT_EQ(query("a.invalid", DNS_TYPE_A, 0, nullptr, nullptr, nullptr), 4711);
+  if (!GetProcAddress(dnsapi, "DnsQueryEx")) {
+    EXPECT_NE(Dnsapi::CallOriginalDnsQueryEx(nullptr, nullptr, nullptr), 0) << "left out";
+  }
+  // A function that was left out does not stand in the way of the removal.
+  const auto* code = reinterpret_cast<const unsigned char*>(query);
+  const unsigned char patched = *code;
+  Dnsapi::UnInit();
+  EXPECT_NE(*code, patched);
+  Dnsapi::UnregisterDnsQuery_AListener(&names);
+}
+
+// Two functions in memory of our own: one that can be patched, and one that is a single byte long, directly
+// followed by another function.
+class RejectedAttach : public testing::Test {
+ protected:
+  void SetUp() override {
+    code_ = static_cast<unsigned char*>(
+        VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_EXECUTE_READWRITE));
+    ASSERT_TRUE(code_);
+    memset(code_, 0xC3, 64);
+    const unsigned char returns_seven[] = {0xB8, 7, 0, 0, 0, 0x83, 0xC0, 0, 0x83, 0xC0, 0, 0x90, 0x90, 0xC3};
+    memcpy(code_, returns_seven, sizeof returns_seven);
+    targets_[0] = code_;
+    targets_[1] = code_ + 32;
+  }
+  void TearDown() override { VirtualFree(code_, 0, MEM_RELEASE); }
+  static int WINAPI Hooked() { return entry_.Dispatch<&Interface::Answer>(); }
+
+  struct Interface {
+    virtual int Answer(bool*) { return 8; }
+  };
+  static int WINAPI Uninstalled() { return -1; }
+  static inline HookEntry<Interface, int()> entry_{.bridged = Uninstalled},
+      short_entry_{.bridged = Uninstalled};
+  unsigned char* code_ = nullptr;
+  void* targets_[2] = {};
+};
+
+TEST_F(RejectedAttach, PatchesNothingOfTheTable) {
+  const auto row = [this](int index, HookEntry<Interface, int()>& entry) {
+    return HookRow{"f", &targets_[index], reinterpret_cast<void*>(Hooked),
+                   reinterpret_cast<void**>(&entry.original), reinterpret_cast<void**>(&entry.bridged)};
+  };
+  const auto function = reinterpret_cast<int(WINAPI*)()>(code_);
+  Interface listener;
+  ASSERT_TRUE(entry_.Register(&listener));
+
+  const HookRow both[] = {row(0, entry_), row(1, short_entry_)};
+  InstallTable({.rows = both}, nullptr);
+  EXPECT_EQ(function(), 7) << "the good function is as it was";
+  EXPECT_EQ(entry_.bridged(), 7);
+
+  const HookRow good[] = {row(0, entry_)};
+  InstallTable({.rows = good}, nullptr);
+  EXPECT_EQ(function(), 8);
+  EXPECT_EQ(entry_.bridged(), 7);
+  RemoveTable({.rows = good});
+  EXPECT_EQ(function(), 7);
+  entry_.Unregister(&listener);
+}
+
+TEST(AttachHook, NeedsADispatcherAPlaceAndATarget) {
+  void* original = nullptr;
+  void* dispatcher = reinterpret_cast<void*>(&DeleteByName);
+  HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+  EXPECT_FALSE(AttachHook("NtClose", nullptr, nullptr, &original, ntdll));
+  EXPECT_FALSE(AttachHook("NtClose", nullptr, dispatcher, nullptr, ntdll));
+  EXPECT_FALSE(AttachHook("NtClose", nullptr, dispatcher, &original, nullptr));
+  EXPECT_FALSE(AttachHook("NtNoSuchFunction", nullptr, dispatcher, &original, ntdll));
+  EXPECT_EQ(original, nullptr);
+}
+
+}  // namespace
+}  // namespace VornCore
