@@ -1,190 +1,21 @@
 #include "Policy/file_rules.h"
 
-#include <algorithm>
-#include <array>
-#include <bit>
-
-#ifdef __SSE4_1__
-#include <smmintrin.h>
-#endif
-
+#include "Policy/hash_filter.h"
 #include "Policy/path_hash.h"
+#include "Policy/prefix_hashes.h"
 #include "Policy/text.h"
 
 namespace vorn::policy {
 namespace {
 
 constexpr std::uint32_t kFirstInvalidAccess = 4;
-constexpr std::size_t kNoLimit = SIZE_MAX;
-
-// The hashes of prefixes of one path. Ranks count the prefixes from the shortest (0); the set keeps the
-// longest kPrefixesPerPass below its limit. A prefix whose hash is 0 never matches and gets no rank.
-class PrefixSet {
- public:
-  static constexpr std::ptrdiff_t kNone = -1;
-
-  // All prefixes of `path` that end before a backslash other than the first unit, and `path` itself, with
-  // ranks below `limit`.
-  PrefixSet(std::u16string_view path, std::size_t limit) noexcept {
-    if (path.empty()) return;
-    PathHash hash;
-    hash.Add(path[0]);
-    for (std::size_t i = 1; i < path.size() && count_ < limit; ++i) {
-      Keep(hash.Value(), path[i] == u'\\');
-      hash.Add(path[i]);
-    }
-    if (count_ < limit) Keep(hash.Value(), true);
-  }
-
-  explicit PrefixSet(std::uint32_t hash) noexcept { Keep(hash, true); }
-
-  [[nodiscard]] std::ptrdiff_t Longest() const noexcept { return static_cast<std::ptrdiff_t>(count_) - 1; }
-  [[nodiscard]] std::size_t LowestRank() const noexcept {
-    return count_ > kPrefixesPerPass ? count_ - kPrefixesPerPass : 0;
-  }
-
-  // The longest prefix with this hash, or kNone.
-  [[nodiscard]] std::ptrdiff_t Find(std::uint32_t hash) const noexcept {
-    for (std::size_t rank = count_; rank > LowestRank();) {
-      --rank;
-      if (hashes_[rank % kPrefixesPerPass] == hash) return static_cast<std::ptrdiff_t>(rank);
-    }
-    return kNone;
-  }
-
-  template <typename Visit>
-  void ForEachHash(Visit visit) const noexcept {
-    for (std::size_t slot = 0; slot < std::min(count_, kPrefixesPerPass); ++slot) visit(slot, hashes_[slot]);
-  }
-
- private:
-  // Writes always and counts when it is to be kept: where backslashes stand cannot be predicted.
-  void Keep(std::uint32_t hash, bool ends_here) noexcept {
-    hashes_[count_ % kPrefixesPerPass] = hash;
-    count_ += static_cast<std::size_t>(ends_here) & static_cast<std::size_t>(hash != 0);
-  }
-
-  std::array<std::uint32_t, kPrefixesPerPass> hashes_;
-  std::size_t count_ = 0;
-};
-
-// A filter tells which rules cannot match, from 16 bits of their hash. `Scan` visits the others in table
-// order until the visitor returns false.
-#ifdef __SSE4_1__
-
-// Sixteen rules at a time. Each prefix sits in one of eight buckets, one bit each. A table per nibble gives
-// the buckets that hold a prefix with that nibble; a rule may match when one bucket is named for all four
-// nibbles.
-class HashFilter {
- public:
-  explicit HashFilter(const PrefixSet& prefixes) noexcept {
-    alignas(16) std::uint8_t tables[4][16] = {};
-    prefixes.ForEachHash([&](std::size_t slot, std::uint32_t hash) {
-      const auto bucket = static_cast<std::uint8_t>(1u << (slot % 8));
-      for (unsigned nibble = 0; nibble < 4; ++nibble) {
-        tables[nibble][hash >> (8 * kHashByte + 4 * nibble) & 0xF] |= bucket;
-      }
-    });
-    for (unsigned nibble = 0; nibble < 4; ++nibble) {
-      tables_[nibble] = _mm_load_si128(reinterpret_cast<const __m128i*>(tables[nibble]));
-    }
-  }
-
-  template <typename Visit>
-  void Scan(std::span<const FileRuleRecord> rules, Visit visit) const noexcept {
-    std::size_t i = 0;
-    for (; i + kBlock <= rules.size(); i += kBlock) {
-      if (!VisitBlock(Candidates(&rules[i]), i, visit)) return;
-    }
-    if (i == rules.size()) return;
-    std::array<FileRuleRecord, kBlock> rest = {};
-    std::copy(rules.begin() + static_cast<std::ptrdiff_t>(i), rules.end(), rest.begin());
-    VisitBlock(Candidates(rest.data()) & ((1u << (rules.size() - i)) - 1), i, visit);
-  }
-
- private:
-  static constexpr std::size_t kBlock = 16;
-  // The filter looks at bytes 1 and 2 of the hash: its lowest bits are little more than a sum of the units.
-  static constexpr unsigned kHashByte = 1;
-
-  template <typename Visit>
-  static bool VisitBlock(unsigned candidates, std::size_t first, Visit visit) noexcept {
-    for (; candidates != 0; candidates &= candidates - 1) {
-      if (!visit(first + static_cast<std::size_t>(std::countr_zero(candidates)))) return false;
-    }
-    return true;
-  }
-
-  // The load that brings the 16 hash bits of record `Lane` into word `Lane`.
-  template <int Lane>
-  static __m128i Load(const FileRuleRecord* rules) noexcept {
-    constexpr std::ptrdiff_t kAt = Lane * static_cast<std::ptrdiff_t>(sizeof(FileRuleRecord)) +
-                                   static_cast<std::ptrdiff_t>(offsetof(FileRuleRecord, path_hash)) +
-                                   kHashByte - 2 * Lane;
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(reinterpret_cast<const char*>(rules) + kAt));
-  }
-
-  // The hash bits of eight records, in their order.
-  static __m128i HashWords(const FileRuleRecord* rules) noexcept {
-    __m128i words = Load<0>(rules);
-    words = _mm_blend_epi16(words, Load<1>(rules), 1 << 1);
-    words = _mm_blend_epi16(words, Load<2>(rules), 1 << 2);
-    words = _mm_blend_epi16(words, Load<3>(rules), 1 << 3);
-    words = _mm_blend_epi16(words, Load<4>(rules), 1 << 4);
-    words = _mm_blend_epi16(words, Load<5>(rules), 1 << 5);
-    words = _mm_blend_epi16(words, Load<6>(rules), 1 << 6);
-    return _mm_blend_epi16(words, Load<7>(rules), 1 << 7);
-  }
-
-  // Bit i is set when rules[i] may match.
-  [[nodiscard]] unsigned Candidates(const FileRuleRecord* rules) const noexcept {
-    const __m128i nibble = _mm_set1_epi8(0xF);
-    const __m128i low_byte = _mm_set1_epi16(0xFF);
-    const __m128i a = HashWords(rules);
-    const __m128i b = HashWords(rules + 8);
-    const __m128i low = _mm_packus_epi16(_mm_and_si128(a, low_byte), _mm_and_si128(b, low_byte));
-    const __m128i high = _mm_packus_epi16(_mm_srli_epi16(a, 8), _mm_srli_epi16(b, 8));
-    __m128i buckets = _mm_shuffle_epi8(tables_[0], _mm_and_si128(low, nibble));
-    buckets =
-        _mm_and_si128(buckets, _mm_shuffle_epi8(tables_[1], _mm_and_si128(_mm_srli_epi16(low, 4), nibble)));
-    buckets = _mm_and_si128(buckets, _mm_shuffle_epi8(tables_[2], _mm_and_si128(high, nibble)));
-    buckets =
-        _mm_and_si128(buckets, _mm_shuffle_epi8(tables_[3], _mm_and_si128(_mm_srli_epi16(high, 4), nibble)));
-    return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(buckets, _mm_setzero_si128()))) ^ 0xFFFF;
-  }
-
-  __m128i tables_[4];
-};
-
-#else
-
-class HashFilter {
- public:
-  explicit HashFilter(const PrefixSet& prefixes) noexcept {
-    prefixes.ForEachHash([&](std::size_t, std::uint32_t hash) { seen_[Index(hash)] = true; });
-  }
-
-  template <typename Visit>
-  void Scan(std::span<const FileRuleRecord> rules, Visit visit) const noexcept {
-    for (std::size_t i = 0; i < rules.size(); ++i) {
-      if (seen_[Index(rules[i].path_hash)] && !visit(i)) return;
-    }
-  }
-
- private:
-  static std::size_t Index(std::uint32_t hash) noexcept { return hash >> 8 & 0x1FF; }
-
-  std::array<bool, 512> seen_ = {};
-};
-
-#endif
 
 // The first rule in the table that names the longest prefix of the set that any rule names.
 FileRuleMatch FindRule(const SectionView& section, std::span<const FileRuleRecord> rules,
-                       std::u16string_view path, const PrefixSet& prefixes) noexcept {
+                       std::u16string_view path, const PrefixHashes& prefixes) noexcept {
   FileRuleMatch match;
-  std::ptrdiff_t best = PrefixSet::kNone;
-  HashFilter(prefixes).Scan(rules, [&](std::size_t index) noexcept {
+  std::ptrdiff_t best = PrefixHashes::kNone;
+  HashFilter(prefixes.Hashes()).Scan(rules, [&](std::size_t index) noexcept {
     const FileRuleRecord& rule = rules[index];
     const std::ptrdiff_t rank = prefixes.Find(rule.path_hash);
     if (rank <= best) return true;
@@ -196,7 +27,7 @@ FileRuleMatch FindRule(const SectionView& section, std::span<const FileRuleRecor
     match.invalid_access = access >= kFirstInvalidAccess;
     match.access = match.invalid_access ? FileACL::kUnknown : static_cast<FileACL>(access);
     match.rule_index = static_cast<std::uint32_t>(index);
-    return rank != prefixes.Longest();
+    return rank != prefixes.LongestRank();
   });
   return match;
 }
@@ -206,21 +37,20 @@ FileRuleMatch FindRule(const SectionView& section, std::span<const FileRuleRecor
 FileRuleMatch CheckFileACL(const SectionView& section, std::u16string_view path) noexcept {
   const auto rules = section.FileRules();
   if (rules.empty() || path.empty()) return {};
-  const std::u16string_view whole(path.data(), path.size() - (path.back() == u'\\' ? 1 : 0));
-  for (std::size_t limit = kNoLimit; limit != 0;) {
-    const PrefixSet prefixes(whole, limit);
+  std::u16string_view rest(path.data(), path.size() - (path.back() == u'\\' ? 1 : 0));
+  for (;;) {
+    const PrefixHashes prefixes(rest);
     const FileRuleMatch match = FindRule(section, rules, path, prefixes);
-    if (match.found) return match;
-    limit = prefixes.LowestRank();
+    if (match.found || !prefixes.HasShorter()) return match;
+    for (std::size_t i = 0; i < PrefixHashes::kMaxPrefixes; ++i) rest = {rest.data(), rest.rfind(u'\\')};
   }
-  return {};
 }
 
 FileRuleMatch CheckConfigPermission(const SectionView& section, std::u16string_view path,
                                     std::size_t length) noexcept {
   const auto rules = section.FileRules();
   if (rules.empty() || length > path.size()) return {};
-  const PrefixSet prefixes(HashPathNoCase({path.data(), length}));
+  const PrefixHashes prefixes(HashPathNoCase({path.data(), length}));
   return FindRule(section, rules, path, prefixes);
 }
 

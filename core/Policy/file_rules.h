@@ -48,14 +48,12 @@ struct FileRuleMatch {
   std::uint32_t rule_index = 0;  // meaningful when found
 };
 
-// The rule that decides about `path`: one pass over the path and one over the table for paths of up to
-// kPrefixesPerPass components, one more of each for every further kPrefixesPerPass.
+// The rule that decides about `path`. One pass over the path and one over the table; one more of each for
+// every further PrefixHashes::kMaxPrefixes components that no rule names.
 [[nodiscard]] FileRuleMatch CheckFileACL(const SectionView& section, std::u16string_view path) noexcept;
 
 // The first rule that names exactly the first `length` units of `path`; its parents are not tried.
 [[nodiscard]] FileRuleMatch CheckConfigPermission(const SectionView& section, std::u16string_view path,
                                                   std::size_t length) noexcept;
-
-inline constexpr std::size_t kPrefixesPerPass = 32;
 
 }  // namespace vorn::policy

@@ -12,6 +12,10 @@ namespace vorn::policy {
 // pass over a path yields the hashes of all its parents.
 class PathHash {
  public:
+  constexpr PathHash() noexcept = default;
+  // Goes on from the hash of what was added so far.
+  explicit constexpr PathHash(std::uint32_t value) noexcept : value_(value) {}
+
   constexpr void Add(char16_t unit) noexcept { value_ = value_ * 33 + FoldCase(unit); }
   // Meaningful once a unit was added.
   [[nodiscard]] constexpr std::uint32_t Value() const noexcept { return value_; }

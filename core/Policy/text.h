@@ -20,7 +20,7 @@ inline char16_t UnitAt(const char16_t* at) noexcept {
 
 // A to Z become a to z; every other unit stays.
 constexpr char16_t FoldCase(char16_t c) noexcept {
-  return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + (u'a' - u'A')) : c;
+  return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c | (u'a' - u'A')) : c;
 }
 
 [[nodiscard]] inline bool EqualsNoCase(std::u16string_view a, std::u16string_view b) noexcept {
