@@ -43,6 +43,14 @@ if(WIN32)
     -fno-exceptions -fno-rtti -fasynchronous-unwind-tables -fno-ident -ffunction-sections -fdata-sections>)
 endif()
 
+# Native rooms and their tests run under the address and undefined-behaviour sanitizers; Wine cannot.
+add_library(vorn_sanitizers INTERFACE)
+if(NOT WIN32)
+  set(sanitize -fsanitize=address,undefined -fno-sanitize-recover=all)
+  target_compile_options(vorn_sanitizers INTERFACE ${sanitize} -fno-omit-frame-pointer)
+  target_link_options(vorn_sanitizers INTERFACE ${sanitize})
+endif()
+
 # vorn_room(NAME FOLDER [LIBS …]): a static library from all sources of one folder, with the flags of the
 # library. Not for Platform/runtime (that is linked into DLLs only).
 function(vorn_room name folder)
@@ -54,7 +62,25 @@ function(vorn_room name folder)
   endif()
   add_library(${name} STATIC ${sources})
   set_target_properties(${name} PROPERTIES LINKER_LANGUAGE CXX)
-  target_link_libraries(${name} PUBLIC vorn_includes ${ARG_LIBS} PRIVATE vorn_warnings vorn_nocrt)
+  target_link_libraries(${name} PUBLIC vorn_includes ${ARG_LIBS} PRIVATE vorn_warnings vorn_nocrt vorn_sanitizers)
+  if(NOT WIN32)
+    # Benches measure the code as it ships: the same room without the sanitizers.
+    add_library(${name}_plain STATIC EXCLUDE_FROM_ALL ${sources})
+    vorn_plain_libraries(plain ${ARG_LIBS})
+    target_link_libraries(${name}_plain PUBLIC vorn_includes ${plain} PRIVATE vorn_warnings vorn_nocrt)
+  endif()
+endfunction()
+
+# vorn_plain_libraries(OUT LIBS…): each room replaced by its twin without sanitizers, where there is one.
+function(vorn_plain_libraries out)
+  set(plain)
+  foreach(lib ${ARGN})
+    if(TARGET ${lib}_plain)
+      set(lib ${lib}_plain)
+    endif()
+    list(APPEND plain ${lib})
+  endforeach()
+  set(${out} ${plain} PARENT_SCOPE)
 endfunction()
 
 # Flags of a DLL that carries our own runtime: imports ntdll and kernel32 alone, reproducible byte for byte.
