@@ -1,0 +1,144 @@
+#include <gtest/gtest.h>
+
+#include "Policy/device_path.h"
+
+namespace vorn::policy {
+namespace {
+
+std::string Narrow(std::u16string_view text) { return {text.begin(), text.end()}; }
+
+TEST(DevicePath, PipesMailslotsAndNetworkDevicesAreToldApart) {
+  const struct {
+    std::u16string_view path;
+    DeviceKind kind;
+  } cases[] = {
+      {u"\\Device\\NamedPipe\\x", DeviceKind::kPipe},
+      {u"\\Device\\NamedPipe\\", DeviceKind::kPipe},
+      {u"\\Device\\NamedPipe", DeviceKind::kNone},
+      {u"\\Device\\Mailslot\\x", DeviceKind::kMailslot},
+      {u"\\Device\\Mailslot\\", DeviceKind::kNone},  // 17 units: too short to be looked at
+      {u"\\device\\mup\\srv\\PIPE\\x", DeviceKind::kPipe},
+      {u"\\device\\mup\\srv\\pipe", DeviceKind::kPipe},
+      {u"\\device\\mup\\srv\\pipes\\x", DeviceKind::kNone},
+      {u"\\device\\mup\\srv\\share\\pipe", DeviceKind::kNone},
+      {u"\\device\\mup\\;lanmanredirector\\srv\\pipe\\x", DeviceKind::kPipe},
+      {u"\\device\\mup\\;lanmanredirector\\srv\\share", DeviceKind::kNone},
+      {u"\\Device\\Afd\\Endpoint", DeviceKind::kNetworkDevice},
+      {u"\\Device\\AfdABCDEFGHI", DeviceKind::kNetworkDevice},
+      {u"\\Device\\abcdefghijkl", DeviceKind::kNone},
+      {u"\\Device\\Afd\\Endpoints", DeviceKind::kNone},
+      {u"\\Device\\Afd", DeviceKind::kNetworkDevice},
+      {u"\\Device\\Nsi", DeviceKind::kNetworkDevice},
+      {u"\\Device\\Tcp6", DeviceKind::kNetworkDevice},
+      {u"\\Device\\Http", DeviceKind::kNetworkDevice},
+      {u"\\Device\\RawIp6", DeviceKind::kNetworkDevice},
+      {u"\\Device\\RawIp", DeviceKind::kNetworkDevice},
+      {u"\\Device\\Ip", DeviceKind::kNetworkDevice},
+      {u"\\Device\\Ip\\x", DeviceKind::kNone},
+      {u"\\??\\pipe\\x", DeviceKind::kPipe},
+      {u"\\??\\pipe", DeviceKind::kPipe},
+      {u"\\??\\pipework", DeviceKind::kPipe},
+      {u"\\??\\pip", DeviceKind::kNone},
+      {u"\\DosDevices\\pipe\\x", DeviceKind::kPipe},
+      {u"\\??\\C:\\x", DeviceKind::kNone},
+      {u"\\Device\\HarddiskVolume3\\pipe\\x", DeviceKind::kNone},
+      {u"", DeviceKind::kNone},
+  };
+  for (const auto& c : cases) EXPECT_EQ(ClassifyDevicePath(c.path), c.kind) << Narrow(c.path);
+}
+
+TEST(DevicePath, RunsOfBackslashesCollapse) {
+  const struct {
+    std::u16string path, collapsed;
+  } cases[] = {
+      {u"\\Device\\HarddiskVolume3\\\\a\\\\\\b", u"\\Device\\HarddiskVolume3\\a\\b"},
+      {u"\\\\\\\\", u"\\"},
+      {u"a\\\\", u"a\\"},
+      {u"aa", u"aa"},
+      {u"", u""},
+  };
+  for (auto c : cases) {
+    c.path.resize(CollapseBackslashes(c.path));
+    EXPECT_EQ(c.path, c.collapsed);
+  }
+}
+
+TEST(DevicePath, NothingButTheDirectoryAndWhatIsBelowItIsUnderIt) {
+  constexpr std::u16string_view kTemp = u"\\Device\\HarddiskVolume3\\Temp\\";
+  EXPECT_TRUE(IsUnder(u"\\device\\harddiskvolume3\\TEMP", kTemp));
+  EXPECT_TRUE(IsUnder(u"\\device\\harddiskvolume3\\temp\\", kTemp));
+  EXPECT_TRUE(IsUnder(u"\\device\\harddiskvolume3\\temp\\a\\b", kTemp));
+  EXPECT_FALSE(IsUnder(u"\\device\\harddiskvolume3\\temp2", kTemp));
+  EXPECT_FALSE(IsUnder(u"\\device\\harddiskvolume3\\tem", kTemp));
+  EXPECT_FALSE(IsUnder(u"\\anything", u""));
+}
+
+TEST(DevicePath, RecycleBinVolumesAndShares) {
+  EXPECT_TRUE(IsRecycleBinPath(u"\\Device\\HarddiskVolume3\\$RECYCLE.BIN\\S-1-5"));
+  EXPECT_TRUE(IsRecycleBinPath(u"\\Device\\HarddiskVolume12\\$Recycle.Bin\\"));
+  EXPECT_FALSE(IsRecycleBinPath(u"\\Device\\HarddiskVolume3\\$Recycle.Bin"));
+  EXPECT_FALSE(IsRecycleBinPath(u"\\Device\\HarddiskVolume3\\a\\$Recycle.Bin\\x"));
+  EXPECT_FALSE(IsRecycleBinPath(u"\\Device\\Mup\\srv\\$Recycle.Bin\\x"));
+
+  EXPECT_TRUE(IsHardDiskVolumeOrMup(u"\\device\\HARDDISKVOLUME3\\x"));
+  EXPECT_TRUE(IsHardDiskVolumeOrMup(u"\\Device\\Mup\\srv\\share"));
+  EXPECT_FALSE(IsHardDiskVolumeOrMup(u"\\Device\\Mup\\srv\\pipe\\x"));
+  EXPECT_FALSE(IsHardDiskVolumeOrMup(u"\\Device\\CdRom0\\x"));
+}
+
+TEST(DevicePath, TheLastComponentFollowsTheLastSeparator) {
+  const struct {
+    std::u16string_view path;
+    std::size_t at;
+  } cases[] = {
+      {u"\\a\\bc", 3},  {u"\\a\\bc\\", 3},   {u"\\a", kNotFound}, {u"a\\b", 2},       {u"\\", kNotFound},
+      {u"", kNotFound}, {u"a\\", kNotFound}, {u"\\\\b", 2},       {u"ab", kNotFound},
+  };
+  for (const auto& c : cases) EXPECT_EQ(FindLastComponent(c.path), c.at) << Narrow(c.path);
+}
+
+TEST(DevicePath, NetworkDrivesMatchUpToTheirShare) {
+  constexpr std::u16string_view kDrive = u"\\Device\\LanmanRedirector\\;Z:0000000000012345\\server\\share";
+  EXPECT_EQ(MatchNetworkDrive(u"\\device\\lanmanredirector\\SERVER\\share\\f", kDrive), 37u);
+  EXPECT_EQ(MatchNetworkDrive(u"\\device\\lanmanredirector\\server\\share", kDrive), 37u);
+  EXPECT_EQ(MatchNetworkDrive(u"\\device\\lanmanredirector\\server\\shared", kDrive), kNotFound);
+  EXPECT_EQ(MatchNetworkDrive(u"\\device\\lanmanredirectorx\\server\\share", kDrive), kNotFound);
+  EXPECT_EQ(MatchNetworkDrive(u"\\device\\mup\\server\\share", kDrive), kNotFound);
+  EXPECT_EQ(MatchNetworkDrive(u"\\device\\x\\server", u"\\device\\x\\server"), kNotFound);
+  EXPECT_EQ(MatchNetworkDrive(u"\\device\\x\\", u"\\device\\x\\;"), kNotFound);
+  EXPECT_EQ(MatchNetworkDrive(u"\\device\\x", u"\\device\\x"), kNotFound);
+}
+
+TEST(DevicePath, ShortNamesAreComponentsThatALongNameMayReplace) {
+  const auto first = [](std::u16string_view path, std::size_t from = 0) {
+    const ShortNameComponent component = FindShortName(path, from);
+    return component.Found() ? std::u16string(path.substr(component.begin, component.end - component.begin))
+                             : std::u16string();
+  };
+  EXPECT_EQ(first(u"\\v\\PROGRA~1\\x"), u"PROGRA~1");
+  EXPECT_EQ(first(u"\\v\\PROGRA~1.TXT"), u"PROGRA~1.TXT");
+  EXPECT_EQ(first(u"\\v\\~tmp\\x"), u"");
+  EXPECT_EQ(first(u"\\v\\A~B.C.D"), u"");
+  EXPECT_EQ(first(u"\\v\\ABCDEFGHIJK~1"), u"");
+  EXPECT_EQ(first(u"\\v\\~tmp\\LONGNA~1"), u"LONGNA~1");
+  EXPECT_EQ(first(u"\\v\\PROGRA~1\\LONGNA~1", 11), u"LONGNA~1");
+}
+
+TEST(DevicePath, QuietFailures) {
+  EXPECT_TRUE(IsQuietFailurePath(u""));
+  EXPECT_TRUE(IsQuietFailurePath(u"\\abc"));
+  EXPECT_TRUE(IsQuietFailurePath(u"\\device\\v\\app.exe.Local\\x"));
+  EXPECT_FALSE(IsQuietFailurePath(u"\\device\\v\\app.exe.local\\x"));
+  EXPECT_TRUE(IsQuietFailurePath(u"\\Device\\00000035"));
+  EXPECT_FALSE(IsQuietFailurePath(u"\\device\\v\\app.exe"));
+
+  for (const std::uint32_t quiet : {0u, 0x103u, 0xC0000034u, 0xC0000035u, 0xC000003Au, 0xC00000BAu}) {
+    EXPECT_TRUE(IsQuietFailureStatus(static_cast<std::int32_t>(quiet))) << std::hex << quiet;
+  }
+  for (const std::uint32_t loud : {0xC0000022u, 0x80000005u, 0xC000000Du}) {
+    EXPECT_FALSE(IsQuietFailureStatus(static_cast<std::int32_t>(loud))) << std::hex << loud;
+  }
+}
+
+}  // namespace
+}  // namespace vorn::policy

@@ -1,0 +1,245 @@
+#include <gtest/gtest.h>
+
+#include <random>
+
+#include "Policy/net_rules.h"
+#include "literal_rules.h"
+#include "section_builder.h"
+
+namespace vorn::policy {
+namespace {
+
+using test::NetRuleSpec;
+using test::SectionBuilder;
+
+IpAddress V4(std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d, std::uint16_t port) {
+  return {.family = kFamilyIPv4, .bytes = {a, b, c, d}, .port = port};
+}
+
+IpAddress V6(std::initializer_list<std::uint16_t> groups, std::uint16_t last, std::uint16_t port) {
+  IpAddress address{.family = kFamilyIPv6, .port = port};
+  std::size_t i = 0;
+  for (const std::uint16_t group : groups) {
+    address.bytes[i++] = static_cast<std::uint8_t>(group >> 8);
+    address.bytes[i++] = static_cast<std::uint8_t>(group);
+  }
+  address.bytes[15] = static_cast<std::uint8_t>(last);
+  return address;
+}
+
+NetRuleSpec AddressRule(std::uint32_t verdict, const IpAddress& address, std::uint32_t prefix,
+                        std::vector<std::uint16_t> ports = {}) {
+  return {
+      .verdict = verdict,
+      .kind = NetRuleKind::kAddress,
+      .family = address.family,
+      .prefix = prefix,
+      .address = {address.bytes.begin(), address.bytes.begin() + (address.family == kFamilyIPv4 ? 4 : 16)},
+      .ports = std::move(ports)};
+}
+
+NetRuleSpec DomainRule(std::uint32_t verdict, std::u16string domain, std::vector<std::uint16_t> ports = {}) {
+  return {.verdict = verdict,
+          .kind = NetRuleKind::kDomain,
+          .ports = std::move(ports),
+          .domain = std::move(domain)};
+}
+
+NetDecision Decide(const SectionBuilder& builder, std::u16string_view domain, const IpAddress* address) {
+  const auto memory = builder.Build();
+  return DecideDestination(SectionView{memory}, domain, address);
+}
+
+TEST(NetRules, AddressThenDomainThenDefaultDecides) {
+  SectionBuilder builder;
+  EXPECT_EQ(Decide(builder, u"x", nullptr).decider, NetDecider::kNoRules);
+  builder.NetRule({.verdict = kVerdictAllow})
+      .NetRule(DomainRule(kVerdictDeny, u"bad.example"))
+      .NetRule(AddressRule(kVerdictDeny, V4(10, 0, 0, 0, 0), 8));
+  const IpAddress inside = V4(10, 1, 2, 3, 443);
+  const IpAddress outside = V4(11, 0, 0, 1, 443);
+  const IpAddress unknown_family{.family = 1};
+
+  NetDecision decision = Decide(builder, u"good.example", &inside);
+  EXPECT_EQ(decision.verdict, kVerdictDeny);
+  EXPECT_EQ(decision.decider, NetDecider::kAddressRule);
+  EXPECT_EQ(decision.rule_index, 2u);
+  decision = Decide(builder, u"bad.example", &outside);
+  EXPECT_EQ(decision.verdict, kVerdictDeny);
+  EXPECT_EQ(decision.decider, NetDecider::kDomainRule);
+  EXPECT_EQ(Decide(builder, u"bad.example", &unknown_family).decider, NetDecider::kDomainRule);
+  decision = Decide(builder, u"", &outside);
+  EXPECT_EQ(decision.verdict, kVerdictAllow);
+  EXPECT_EQ(decision.decider, NetDecider::kDefaultRule);
+
+  builder.header().flags = kFlagNetCheckOff;
+  EXPECT_EQ(Decide(builder, u"bad.example", &inside).decider, NetDecider::kCheckOff);
+
+  SectionBuilder no_default;
+  no_default.NetRule(DomainRule(kVerdictAllow, u"x"));
+  decision = Decide(no_default, u"y", &inside);
+  EXPECT_EQ(decision.verdict, kVerdictDeny);
+  EXPECT_EQ(decision.decider, NetDecider::kNoMatch);
+}
+
+TEST(NetRules, APrefixComparesExactlyItsBits) {
+  const IpAddress v6_rule = V6({0x2001, 0xdb8}, 0, 0);
+  const struct {
+    IpAddress rule;
+    std::uint32_t prefix;
+    IpAddress address;
+    bool matches;
+  } cases[] = {
+      {V4(192, 0, 2, 0, 0), 24, V4(192, 0, 2, 255, 1), true},
+      {V4(192, 0, 2, 0, 0), 24, V4(192, 0, 3, 0, 1), false},
+      {V4(128, 0, 0, 0, 0), 1, V4(255, 0, 0, 0, 1), true},
+      {V4(128, 0, 0, 0, 0), 1, V4(127, 0, 0, 0, 1), false},
+      {V4(1, 2, 3, 4, 0), 31, V4(1, 2, 3, 5, 1), true},
+      {V4(1, 2, 3, 4, 0), 32, V4(1, 2, 3, 5, 1), false},
+      {V4(1, 2, 3, 4, 0), 0xFFFFFFFF, V4(1, 2, 3, 4, 1), true},
+      {V4(1, 2, 3, 4, 0), 0, V4(9, 9, 9, 9, 1), true},
+      {V4(1, 2, 3, 4, 0), 0, v6_rule, false},
+      {v6_rule, 0, V4(1, 2, 3, 4, 1), false},
+      {v6_rule, 0, V6({0xfe80}, 1, 1), true},
+      {v6_rule, 33, V6({0x2001, 0xdb8, 0x7fff}, 1, 1), true},
+      {v6_rule, 33, V6({0x2001, 0xdb8, 0x8000}, 1, 1), false},
+      {v6_rule, 64, V6({0x2001, 0xdb8, 0, 0, 0x8000}, 1, 1), true},
+      {v6_rule, 65, V6({0x2001, 0xdb8, 0, 0, 0x8000}, 1, 1), false},
+      {v6_rule, 127, V6({0x2001, 0xdb8}, 1, 1), true},
+      {v6_rule, 128, V6({0x2001, 0xdb8}, 1, 1), false},
+      {v6_rule, 200, V6({0x2001, 0xdb8}, 0, 1), true},
+  };
+  for (const auto& c : cases) {
+    SectionBuilder builder;
+    builder.NetRule(AddressRule(kVerdictAllow, c.rule, c.prefix));
+    const auto memory = builder.Build();
+    const AddressRuleMatch match = MatchAddressRules(SectionView{memory}, c.address);
+    EXPECT_EQ(match.decided, c.matches) << "case " << &c - cases;
+    EXPECT_EQ(match.prefix_length, c.matches ? c.prefix : 0);
+  }
+}
+
+TEST(NetRules, ARuleWhosePortsDoNotMatchIsPassedOver) {
+  SectionBuilder builder;
+  builder.NetRule(AddressRule(kVerdictDeny, V4(192, 0, 2, 0, 0), 24, {80, 443}))
+      .NetRule(AddressRule(kVerdictAllow, V4(192, 0, 2, 7, 0), 32))
+      .NetRule(DomainRule(kVerdictDeny, u"a.example", {443}))
+      .NetRule(DomainRule(kVerdictAllow, u"a.example"));
+  const IpAddress https = V4(192, 0, 2, 7, 443);
+  const IpAddress ssh = V4(192, 0, 2, 7, 22);
+  const IpAddress elsewhere = V4(198, 51, 100, 1, 443);
+  EXPECT_EQ(Decide(builder, u"", &https).rule_index, 0u);
+  EXPECT_EQ(Decide(builder, u"", &ssh).rule_index, 1u);
+  EXPECT_EQ(Decide(builder, u"a.example", &elsewhere).rule_index, 2u);
+  EXPECT_EQ(Decide(builder, u"a.example", nullptr).rule_index, 3u) << "without an address the port is 0";
+
+  const auto memory = builder.Build();
+  const DomainRuleMatch none = MatchDomainRules(SectionView{memory}, u"b.example", 443);
+  EXPECT_FALSE(none.decided);
+  EXPECT_EQ(none.pattern.data(), nullptr);
+}
+
+TEST(NetRules, AddressRulesThatCannotBeEvaluatedAreSkipped) {
+  const auto matches = [](std::vector<std::uint8_t> address, void (*spoil)(NetRuleRecord&)) {
+    SectionBuilder builder;
+    builder.NetRule(
+        {.kind = NetRuleKind::kAddress, .family = kFamilyIPv4, .address = std::move(address), .ports = {1}});
+    spoil(builder.net_rules()[0]);
+    const auto memory = builder.Build();
+    return MatchAddressRules(SectionView{memory}, V4(1, 2, 3, 4, 1)).decided;
+  };
+  const auto nothing = [](NetRuleRecord&) {};
+  EXPECT_TRUE(matches({1, 2, 3, 4}, nothing));
+  EXPECT_TRUE(matches(std::vector<std::uint8_t>(128), nothing));
+  EXPECT_FALSE(matches(std::vector<std::uint8_t>(129), nothing));
+  EXPECT_FALSE(matches({1, 2, 3}, nothing));
+  EXPECT_FALSE(matches({}, nothing));
+  EXPECT_FALSE(matches({1, 2, 3, 4}, [](NetRuleRecord& rule) { rule.address.offset = 0; }));
+  EXPECT_FALSE(matches({1, 2, 3, 4}, [](NetRuleRecord& rule) { rule.address.offset = 0xFFFFFFFE; }));
+  EXPECT_FALSE(matches({1, 2, 3, 4}, [](NetRuleRecord& rule) { rule.kind = 4; }));
+  EXPECT_FALSE(matches({1, 2, 3, 4}, [](NetRuleRecord& rule) { rule.ports.length = 0xFFFF; }));
+  EXPECT_TRUE(matches({1, 2, 3, 4}, [](NetRuleRecord& rule) { rule.ports.offset = 0; }));
+}
+
+TEST(NetRules, DomainPatterns) {
+  using namespace std::string_view_literals;
+  const struct {
+    std::u16string_view pattern, domain;
+    bool matches;
+  } cases[] = {
+      {u"example.com\0"sv, u"Example.COM", true},
+      {u"example.com\0"sv, u"example.com.evil", false},
+      {u"example.com\0"sv, u"example.co", false},
+      {u"example.com"sv, u"example.com.evil", true},  // its terminator is not counted: a prefix
+      {u"example.com"sv, u"example.co", false},
+      {u"*.example.com\0"sv, u"example.com", true},
+      {u"*.example.com\0"sv, u"a.b.Example.com", true},
+      {u"*.example.com"sv, u"A.Example.COM", true},
+      {u"*.example.com\0"sv, u"badexample.com", false},
+      {u"*example.com\0"sv, u"badexample.com", true},
+      {u"*example.com\0"sv, u"xample.com", false},
+      {u"www.*.com\0"sv, u"anything.com", true},  // only what follows the star counts
+      {u"*\0"sv, u"example.com", false},
+      {u"*"sv, u"example.com", false},
+      {u"*.\0"sv, u"example.com", false},
+      {u"**.com\0"sv, u"example.com", false},
+      {u"\0example.com"sv, u"example.com", false},
+      {u""sv, u"example.com", false},
+      {u"*.example.com\0"sv, u"", false},
+      {u"*.\0"sv, u"", true},
+      {u"b\u00DCcher.example\0"sv, u"b\u00FCcher.example", false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(DomainMatches(c.pattern, c.domain), c.matches) << "case " << &c - cases;
+  }
+}
+
+TEST(NetRules, MappedAddressesAreUnwrapped) {
+  IpAddress mapped = V6({0, 0, 0, 0, 0, 0xFFFF, 0xC000, 0x0201}, 1, 443);
+  const IpAddress plain = UnwrapMappedIPv4(mapped);
+  EXPECT_EQ(plain.family, kFamilyIPv4);
+  EXPECT_EQ(plain.port, 443);
+  EXPECT_EQ(plain.bytes, V4(192, 0, 2, 1, 0).bytes);
+  mapped.bytes[11] = 0;
+  EXPECT_EQ(UnwrapMappedIPv4(mapped).family, kFamilyIPv6);
+}
+
+TEST(NetRules, AddressRulesGiveTheAnswerOfThePlainScan) {
+  std::mt19937 random(7);
+  const auto below = [&](std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); };
+  const auto address = [&](std::uint32_t family) {
+    IpAddress result{.family = family, .port = static_cast<std::uint16_t>(below(3))};
+    for (std::uint8_t& byte : result.bytes) byte = below(8) ? 0 : static_cast<std::uint8_t>(below(256));
+    return result;
+  };
+  const auto family = [&] { return below(2) ? kFamilyIPv4 : kFamilyIPv6; };
+  int decided = 0;
+  for (int i = 0; i < 3'000; ++i) {
+    SectionBuilder builder;
+    if (below(2)) builder.Misalign();
+    for (std::uint32_t rules = below(12); rules > 0; --rules) {
+      NetRuleSpec spec = AddressRule(below(3), address(family()), below(140));
+      for (std::uint32_t ports = below(3); ports > 0; --ports)
+        spec.ports.push_back(static_cast<std::uint16_t>(below(3)));
+      if (below(10) == 0) spec.address.resize(below(40));
+      if (below(10) == 0) spec.kind = static_cast<NetRuleKind>(below(5));
+      builder.NetRule(spec);
+      if (below(20) == 0) builder.net_rules().back().address.offset = below(2) ? below(2000) : random();
+      if (below(20) == 0) builder.net_rules().back().ports.offset = below(2) ? below(2000) : random();
+    }
+    const auto memory = builder.Build();
+    for (int k = 0; k < 20; ++k) {
+      const IpAddress destination = address(family());
+      const AddressRuleMatch match = MatchAddressRules(SectionView{memory}, destination);
+      const NetRuleMatch literal = test::LiteralMatchAddressRules(SectionView{memory}, destination);
+      ASSERT_EQ(match.decided, literal.decided) << i;
+      ASSERT_EQ(match.verdict, literal.verdict) << i;
+      ASSERT_EQ(match.rule_index, literal.rule_index) << i;
+      decided += match.decided ? 1 : 0;
+    }
+  }
+  EXPECT_GT(decided, 10'000);
+}
+
+}  // namespace
+}  // namespace vorn::policy
