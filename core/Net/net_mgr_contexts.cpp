@@ -1,0 +1,160 @@
+#include "Net/net_mgr_contexts.h"
+
+#include <cstring>
+#include <new>
+
+#include "Platform/untrusted.h"
+#include "VornCore/Base/log.h"
+#include "VornCore/Base/shared_data.h"
+
+namespace VornCore {
+
+// ---- Buffers ----
+
+bool ReceiveBuffers::Capture(const WSABUF* buffers, std::uint32_t count) noexcept {
+  count_ = 0;
+  WSABUF* room = few_;
+  if (count > kFew) {
+    if (count > more_capacity_) {
+      auto* wider = static_cast<WSABUF*>(calloc(count, sizeof(WSABUF)));
+      if (!wider) return false;
+      free(more_);
+      more_ = wider;
+      more_capacity_ = count;
+    }
+    room = more_;
+  }
+  if (!platform::CopyGuarded(room, buffers, count * sizeof(WSABUF))) return false;
+  count_ = count;
+  return true;
+}
+
+void ReceiveBuffers::Wipe() const noexcept {
+  for (std::uint32_t i = 0; i < count_; ++i) platform::WipeGuarded(array()[i].buf, array()[i].len);
+}
+
+void OverlappedContext::Reset(SOCKET owner) noexcept {
+  completed_at_once = refused_at_once = false;
+  socket = owner;
+  source = {};
+  source_length = 0;
+  caller_source = nullptr;
+  caller_source_length = nullptr;
+  caller_name_length = 0;
+  caller_message = nullptr;
+  buffers.Clear();
+  caller_routine = nullptr;
+}
+
+void HandBackMessage(OverlappedContext* context) noexcept {
+  WSAMSG* message = context->caller_message;
+  if (!message) return;
+  (void)platform::Guarded([&] {
+    if (message->name != context->source.get()) return;
+    context->source_length = message->namelen;
+    message->name = context->caller_source;
+    message->namelen = context->caller_name_length;
+  });
+}
+
+// ---- The list ----
+
+struct OverlappedContexts::Element : ListNode, HashNode<ByOverlapped>, HashNode<BySocket> {
+  const OVERLAPPED* overlapped = nullptr;  // null when released
+  Element* next_free = nullptr;
+  OverlappedContext context{};
+};
+
+OverlappedContexts::~OverlappedContexts() {
+  while (auto* element = static_cast<Element*>(FirstNode(elements_))) {
+    Remove(elements_, element);
+    delete element;
+  }
+}
+
+OverlappedContexts::Element* OverlappedContexts::Find(const OVERLAPPED* overlapped) const noexcept {
+  return by_overlapped_.Find(HashWord(reinterpret_cast<std::uintptr_t>(overlapped)),
+                             [&](const Element& e) { return e.overlapped == overlapped; });
+}
+
+OverlappedContexts::Element* OverlappedContexts::NewElement() noexcept {
+  if (Element* reused = free_) {
+    free_ = reused->next_free;
+    return reused;
+  }
+  if (elements_.count >= kMaxElements) {
+    VORN_LOG_E("Overlapped context list is full");
+    return nullptr;
+  }
+  auto* element = new (std::nothrow) Element;
+  if (element) Append(elements_, element);
+  return element;
+}
+
+OverlappedContext* OverlappedContexts::AcquireContext(const OVERLAPPED* overlapped, SOCKET socket) noexcept {
+  if (!overlapped) return nullptr;
+  platform::LockGuard lock(lock_);
+  Element* element = Find(overlapped);
+  if (element) {
+    if (IsDebugLogEnabled())
+      VORN_LOG_I("Overlapped %p is not released", static_cast<const void*>(overlapped));
+    HandBackMessage(&element->context);
+    by_socket_.Remove(element);
+  } else {
+    element = NewElement();
+    if (!element) return nullptr;
+    element->overlapped = overlapped;
+    by_overlapped_.Insert(element, HashWord(reinterpret_cast<std::uintptr_t>(overlapped)));
+  }
+  element->context.Reset(socket);
+  by_socket_.Insert(element, HashWord(socket));
+  return &element->context;
+}
+
+OverlappedContext* OverlappedContexts::FindContext(const OVERLAPPED* overlapped) noexcept {
+  platform::LockGuard lock(lock_);
+  Element* element = Find(overlapped);
+  return element ? &element->context : nullptr;
+}
+
+void OverlappedContexts::Release(Element* element) noexcept {
+  by_overlapped_.Remove(element);
+  by_socket_.Remove(element);
+  element->overlapped = nullptr;
+  HandBackMessage(&element->context);
+  element->context.Reset(INVALID_SOCKET);
+  element->next_free = free_;
+  free_ = element;
+}
+
+void OverlappedContexts::ReleaseContext(const OVERLAPPED* overlapped) noexcept {
+  platform::LockGuard lock(lock_);
+  if (Element* element = Find(overlapped)) Release(element);
+}
+
+void OverlappedContexts::ReleaseSocketContexts(SOCKET socket) noexcept {
+  if (socket == INVALID_SOCKET) return;
+  platform::LockGuard lock(lock_);
+  const auto of_socket = [&](const Element& e) { return e.context.socket == socket; };
+  while (Element* element = by_socket_.Find(HashWord(socket), of_socket)) Release(element);
+}
+
+void OverlappedContexts::HandBackMessages() noexcept {
+  platform::LockGuard lock(lock_);
+  for (ListNode* node = FirstNode(elements_); node; node = NextNode(node)) {
+    auto* element = static_cast<Element*>(node);
+    if (element->overlapped) HandBackMessage(&element->context);
+  }
+}
+
+std::int32_t OverlappedContexts::live_count() noexcept {
+  platform::LockGuard lock(lock_);
+  return static_cast<std::int32_t>(by_overlapped_.size());
+}
+
+std::int32_t OverlappedContexts::element_count() noexcept {
+  platform::LockGuard lock(lock_);
+  return elements_.count;
+}
+
+}  // namespace VornCore
