@@ -1,0 +1,187 @@
+// The decoder against an independent one, on the code of real DLLs and on random bytes: it agrees or it
+// refuses.
+#include <Zydis/Zydis.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <random>
+#include <string>
+
+#include "detours/code/instruction.h"
+#include "tests/unit/system_dlls.h"
+
+namespace detours {
+namespace {
+
+struct Oracle {
+  explicit Oracle(Mode mode) {
+    mode == Mode::kX64 ? ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64)
+                       : ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LEGACY_32, ZYDIS_STACK_WIDTH_32);
+  }
+
+  // False when these bytes are no instruction.
+  bool Decode(std::span<const std::uint8_t> code) {
+    return ZYAN_SUCCESS(
+        ZydisDecoderDecodeFull(&decoder, code.data(), code.size(), &instruction, operands.data()));
+  }
+
+  [[nodiscard]] bool IsRipRelative() const {
+    for (std::size_t i = 0; i < instruction.operand_count_visible; ++i) {
+      const auto& operand = operands[i];
+      if (operand.type != ZYDIS_OPERAND_TYPE_MEMORY) continue;
+      if (operand.mem.base == ZYDIS_REGISTER_RIP || operand.mem.base == ZYDIS_REGISTER_EIP) return true;
+    }
+    return false;
+  }
+
+  [[nodiscard]] Flow RelativeFlow() const {
+    switch (instruction.mnemonic) {
+      case ZYDIS_MNEMONIC_JMP:
+        return Flow::kJump;
+      case ZYDIS_MNEMONIC_CALL:
+        return Flow::kCall;
+      case ZYDIS_MNEMONIC_LOOP:
+      case ZYDIS_MNEMONIC_LOOPE:
+      case ZYDIS_MNEMONIC_LOOPNE:
+      case ZYDIS_MNEMONIC_JCXZ:
+      case ZYDIS_MNEMONIC_JECXZ:
+      case ZYDIS_MNEMONIC_JRCXZ:
+        return Flow::kCounted;
+      default:
+        return Flow::kConditional;
+    }
+  }
+
+  ZydisDecoder decoder;
+  ZydisDecodedInstruction instruction;
+  std::array<ZydisDecodedOperand, ZYDIS_MAX_OPERAND_COUNT> operands;
+};
+
+std::string Dump(std::span<const std::uint8_t> code) {
+  std::string text;
+  for (std::size_t i = 0; i < std::min<std::size_t>(code.size(), 15); ++i) {
+    char byte[4];
+    snprintf(byte, sizeof(byte), "%02X ", code[i]);
+    text += byte;
+  }
+  return text;
+}
+
+// What moving code depends on. True when both say the same.
+bool Agree(const Instruction& ours, const Oracle& oracle, std::span<const std::uint8_t> code) {
+  const auto& theirs = oracle.instruction;
+  const bool relative = theirs.raw.imm[0].is_relative != 0;
+  bool same = ours.length == theirs.length && ours.IsRelativeFlow() == relative;
+  if (relative)
+    same = same && ours.flow == oracle.RelativeFlow() && ours.distance == theirs.raw.imm[0].value.s;
+  same = same && ours.rip_relative == oracle.IsRipRelative();
+  if (ours.rip_relative) {
+    same = same && ours.displacement_offset == theirs.raw.disp.offset &&
+           ours.displacement == theirs.raw.disp.value;
+  }
+  switch (theirs.meta.category) {
+    case ZYDIS_CATEGORY_RET:
+      same = same && ours.flow == Flow::kReturn;
+      break;
+    case ZYDIS_CATEGORY_UNCOND_BR:
+      same = same && ours.EndsFlow();
+      break;
+    case ZYDIS_CATEGORY_CALL:
+      same = same && (ours.flow == Flow::kCall || ours.flow == Flow::kIndirectCall);
+      break;
+    default:
+      break;
+  }
+  EXPECT_TRUE(same) << ZydisMnemonicGetString(theirs.mnemonic) << ": " << Dump(code);
+  return same;
+}
+
+class Decoder : public testing::TestWithParam<Mode> {};
+INSTANTIATE_TEST_SUITE_P(Modes, Decoder, testing::Values(Mode::kX64, Mode::kX86),
+                         [](const auto& info) { return info.param == Mode::kX64 ? "X64" : "X86"; });
+
+TEST_P(Decoder, AgreesOnTheCodeOfEveryExportOfTheSystemDlls) {
+  const auto files = system_dlls::Files(GetParam());
+  if (files.empty()) GTEST_SKIP() << "no DLLs of this kind are installed (packages wine64, g++-mingw-w64)";
+  Oracle oracle(GetParam());
+  std::size_t exports = 0;
+  std::size_t instructions = 0;
+  std::size_t refused = 0;
+  std::map<std::string, int> refusals;
+  for (const auto& file : files) {
+    const system_dlls::Dll dll(file);
+    if (dll.mode() != GetParam()) continue;
+    for (const auto& function : dll.exports()) {
+      ++exports;
+      const auto code = function.code.first(std::min<std::size_t>(function.code.size(), 256));
+      for (std::size_t at = 0; at < code.size();) {
+        const auto rest = code.subspan(at);
+        if (!oracle.Decode(rest)) break;
+        ++instructions;
+        const auto ours = Decode(rest, GetParam());
+        if (ours) {
+          ASSERT_TRUE(Agree(*ours, oracle, rest)) << file << " +" << at;
+        } else {
+          ++refused;
+          ++refusals[ZydisMnemonicGetString(oracle.instruction.mnemonic)];
+        }
+        at += oracle.instruction.length;
+      }
+    }
+  }
+  printf("%zu DLLs, %zu exports, %zu instructions, %zu refused\n", files.size(), exports, instructions,
+         refused);
+  for (const auto& [mnemonic, count] : refusals) printf("  refused %s: %d\n", mnemonic.c_str(), count);
+  EXPECT_LT(refused * 10000, instructions) << "one in ten thousand";
+}
+
+TEST_P(Decoder, AgreesOrRefusesOnRandomBytes) {
+  constexpr int kRounds = 1'000'000;
+  constexpr std::array<std::uint8_t, 12> kLeads = {0x0F, 0x48, 0x66, 0x67, 0xC4, 0xC5,
+                                                   0x62, 0xF2, 0xF3, 0xFF, 0xE8, 0x41};
+  std::mt19937_64 random(20240601);
+  Oracle oracle(GetParam());
+  std::size_t both = 0;
+  std::size_t refused = 0;
+  for (int i = 0; i < kRounds; ++i) {
+    std::array<std::uint8_t, 16> code{};
+    for (auto& byte : code) byte = static_cast<std::uint8_t>(random());
+    // Half of them begin with a byte that opens a map or changes what follows.
+    const auto choice = random() % (2 * kLeads.size());
+    if (choice < kLeads.size()) code[0] = kLeads[choice];
+    const auto ours = Decode(code, GetParam());
+    if (!oracle.Decode(code)) continue;
+    if (!ours) {
+      ++refused;
+      continue;
+    }
+    ++both;
+    ASSERT_TRUE(Agree(*ours, oracle, code));
+  }
+  printf("%zu agreed, %zu refused\n", both, refused);
+  EXPECT_LT(refused * 20, both);
+}
+
+TEST_P(Decoder, ReadsNothingBeyondTheInstruction) {
+  std::mt19937_64 random(7);
+  for (int i = 0; i < 20000; ++i) {
+    std::array<std::uint8_t, 15> code{};
+    for (auto& byte : code) byte = static_cast<std::uint8_t>(random());
+    const auto whole = Decode(code, GetParam());
+    if (!whole) continue;
+    // On the heap, so that a byte too far is found.
+    const std::vector<std::uint8_t> exact(code.begin(), code.begin() + whole->length);
+    const auto again = Decode(exact, GetParam());
+    ASSERT_TRUE(again.has_value());
+    EXPECT_EQ(again->length, whole->length);
+    const std::vector<std::uint8_t> less(code.begin(), code.begin() + whole->length - 1);
+    const auto cut = Decode(less, GetParam());
+    ASSERT_FALSE(cut.has_value());
+    EXPECT_EQ(cut.error(), CodeError::kTruncated);
+  }
+}
+
+}  // namespace
+}  // namespace detours
