@@ -6,6 +6,7 @@
 
 #include "Platform/guard.h"
 #include "Platform/wine_link_names.h"
+#include "Platform/wine_nested_calls.h"
 #include "Platform/wine_paths.h"
 
 namespace VornCore::platform::wine {
@@ -248,11 +249,11 @@ void* BridgeOriginal(const char* name, void* original) noexcept {
     real_Move = reinterpret_cast<Move>(original);
     return reinterpret_cast<void*>(&MoveBridge);
   }
-  return original;
+  return MarkNestedCall(name, original);
 }
 
 void* BridgeDispatcher(const char* name, void* dispatcher) noexcept {
-  if (name != kMoveTransacted || HasTransactedMove()) return dispatcher;
+  if (name != kMoveTransacted || HasTransactedMove()) return PassNestedCall(name, dispatcher);
   move_dispatcher = reinterpret_cast<MoveTransacted>(dispatcher);
   return reinterpret_cast<void*>(&MoveDispatcher);
 }
