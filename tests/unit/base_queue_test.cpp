@@ -1,0 +1,222 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "VornCore/Base/flood_rule.h"
+#include "VornCore/Base/message_queue.h"
+#include "base_environment.h"
+
+namespace {
+bool fail_allocations = false;  // a thread_local one would itself allocate
+}
+
+// The linker leads every malloc of this program here.
+extern "C" void* __real_malloc(std::size_t bytes);
+extern "C" void* __wrap_malloc(std::size_t bytes) {
+  return fail_allocations ? nullptr : __real_malloc(bytes);
+}
+
+namespace VornCore {
+namespace {
+
+using test::ProcessLog;
+
+class Ring : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(log.start_error(), 0u);
+    log.SetFlags(0xF);
+    log.NewText();
+  }
+  void TearDown() override { queue.Destroy(); }
+
+  bool PushNumber(int value) { return queue.Push(&value, sizeof value); }
+  int PopNumber() {
+    const RingNode* node = nullptr;
+    return queue.Pop(&node) == PopResult::kNode ? *static_cast<const int*>(node->data) : -1;
+  }
+  std::string Named(const char* format, auto... arguments) {
+    char text[200];
+    _snprintf(text, sizeof text, format, static_cast<void*>(&queue), arguments...);
+    return text;
+  }
+
+  ProcessLog& log = ProcessLog::Get();
+  RingQueue queue;
+};
+
+TEST_F(Ring, HoldsOneMessageLessThanItHasNodesAndWarnsFromFourFifths) {
+  ASSERT_TRUE(queue.Init(1000));
+  for (int i = 0; i < 799; ++i) ASSERT_TRUE(PushNumber(i));
+  EXPECT_EQ(log.NewText(), "");
+  EXPECT_TRUE(PushNumber(799));
+  EXPECT_EQ(log.NewMessages(),
+            std::vector{Named("Ring Queue %p usage exceeds 80%%, nSize %d, nMaxSize %d", 800, 1000)});
+  for (int i = 800; i < 999; ++i) ASSERT_TRUE(PushNumber(i));
+  EXPECT_EQ(log.NewLines().size(), 199u);
+  EXPECT_TRUE(queue.IsFull());
+  EXPECT_FALSE(PushNumber(999));
+  EXPECT_EQ(log.NewMessages(), std::vector{Named("Ring Queue %p is full")});
+  for (int i = 0; i < 999; ++i) ASSERT_EQ(PopNumber(), i);
+  EXPECT_TRUE(queue.IsEmpty());
+  EXPECT_EQ(PopNumber(), -1);
+}
+
+TEST_F(Ring, RefusesWhatIsNoQueueOrNoMessage) {
+  const RingNode* node = nullptr;
+  EXPECT_EQ(queue.Pop(&node), PopResult::kError);
+  EXPECT_FALSE(PushNumber(1));
+  EXPECT_FALSE(queue.IsFull());
+  EXPECT_TRUE(queue.IsEmpty());
+  EXPECT_FALSE(queue.Init(0));
+  EXPECT_FALSE(queue.Init(-1));
+  ASSERT_TRUE(queue.Init(4));
+  EXPECT_FALSE(queue.Push("x", 0));
+  EXPECT_FALSE(queue.Push(nullptr, 1));
+  EXPECT_EQ(queue.Pop(nullptr), PopResult::kError);
+  EXPECT_TRUE(queue.IsEmpty());
+  EXPECT_EQ(log.NewText(), "");
+}
+
+TEST_F(Ring, QueueOfOneNodeIsAlwaysFull) {
+  ASSERT_TRUE(queue.Init(1));
+  EXPECT_FALSE(PushNumber(1));
+  EXPECT_TRUE(queue.IsEmpty());
+  EXPECT_EQ(log.NewMessages(), std::vector{Named("Ring Queue %p is full")});
+}
+
+TEST_F(Ring, NodesKeepTheirLargestBuffer) {
+  ASSERT_TRUE(queue.Init(2));
+  const std::string large(5000, 'l');
+  const RingNode* node = nullptr;
+  const auto pass = [&](const void* data, std::uint32_t bytes) {
+    ASSERT_TRUE(queue.Push(data, bytes));
+    ASSERT_EQ(queue.Pop(&node), PopResult::kNode);
+  };
+  pass(large.data(), 5000);
+  const RingNode* const first = node;
+  void* const buffer = node->data;
+  pass("other node", 10);
+  pass("0123456789", 10);
+  EXPECT_EQ(node, first);
+  EXPECT_EQ(node->data, buffer);
+  EXPECT_EQ(node->capacity, 5000u);
+  EXPECT_EQ(std::string(static_cast<char*>(node->data), node->length), "0123456789");
+}
+
+TEST_F(Ring, MessageThatMemoryCannotHoldIsPoppedAsAnError) {
+  ASSERT_TRUE(queue.Init(4));
+  fail_allocations = true;
+  const bool pushed = PushNumber(1);
+  fail_allocations = false;
+  EXPECT_FALSE(pushed);
+  EXPECT_EQ(log.NewMessages(), std::vector{Named("Ring Queue %p push pNode failed")});
+  const RingNode* node = nullptr;
+  EXPECT_EQ(queue.Pop(&node), PopResult::kError);
+  EXPECT_EQ(log.NewLines().size(), 1u);
+  EXPECT_TRUE(PushNumber(2));
+  EXPECT_EQ(PopNumber(), 2);
+}
+
+// Messages are not lost, doubled or torn, and each producer's come in its order, however threads meet.
+TEST_F(Ring, ManyProducersOneConsumer) {
+  ASSERT_TRUE(queue.Init(16));
+  log.SetFlags(0);
+  constexpr int kProducers = 4, kMessages = 20'000;
+  struct Message {
+    int producer, number, copy[30];
+  };
+  std::vector<std::thread> producers;
+  for (int p = 0; p < kProducers; ++p)
+    producers.emplace_back([&, p] {
+      for (int n = 0; n < kMessages; ++n) {
+        Message message{p, n, {}};
+        std::fill(std::begin(message.copy), std::end(message.copy), p ^ n);
+        while (!queue.Push(&message, sizeof message)) std::this_thread::yield();
+      }
+    });
+  int next[kProducers] = {}, torn = 0, disordered = 0;
+  for (int taken = 0; taken < kProducers * kMessages;) {
+    const RingNode* node = nullptr;
+    if (queue.Pop(&node) != PopResult::kNode) {
+      std::this_thread::yield();
+      continue;
+    }
+    ++taken;
+    const auto& message = *static_cast<const Message*>(node->data);
+    for (const int copy : message.copy) torn += copy != (message.producer ^ message.number);
+    disordered += message.number != next[message.producer]++;
+  }
+  for (auto& producer : producers) producer.join();
+  EXPECT_EQ(torn, 0);
+  EXPECT_EQ(disordered, 0);
+}
+
+// ---- The queue with its sleeping consumer ----
+
+// The consumer falls asleep between almost any two messages here: one missed wake-up and the next message,
+// sent only after the last was answered, never comes.
+TEST(SleepingConsumer, MissesNoMessage) {
+  static MessageQueue queue;
+  static std::atomic<int> taken;
+  ASSERT_TRUE(queue.InitRing(64));
+  ASSERT_TRUE(queue.InitEvent());
+  HANDLE consumer = CreateThread(
+      nullptr, 0,
+      [](void*) -> DWORD {
+        queue.Consume([](const void*, std::uint32_t) { ++taken; });
+        return 0;
+      },
+      nullptr, 0, nullptr);
+  const ULONGLONG deadline = GetTickCount64() + 60'000;
+  constexpr int kRounds = 3'000;
+  int sent = 0;
+  for (int round = 0; round < kRounds && GetTickCount64() < deadline; ++round) {
+    for (int spin = round % 400; spin > 0; --spin) YieldProcessor();
+    for (int burst = round % 3; burst >= 0; --burst) sent += queue.Push("m", 1);
+    while (taken != sent && GetTickCount64() < deadline) SwitchToThread();
+    ASSERT_EQ(taken, sent) << "after round " << round;
+  }
+  TerminateThread(consumer, 0);
+  CloseHandle(consumer);
+}
+
+TEST(SleepingConsumer, LeavesAfterTenErrorsInARow) {
+  ProcessLog& log = ProcessLog::Get();
+  log.SetFlags(0xF);
+  log.NewText();
+  MessageQueue without_ring;
+  without_ring.Consume([](const void*, std::uint32_t) { ADD_FAILURE(); });
+  const auto messages = log.NewMessages();
+  ASSERT_EQ(messages.size(), 10u);
+  for (int n = 1; n <= 9; ++n)
+    EXPECT_EQ(messages[static_cast<std::size_t>(n - 1)], "get data failed, cnt " + std::to_string(n));
+  EXPECT_EQ(messages[9], "get data failed more than 10, and break");
+}
+
+// ---- Floods ----
+
+TEST(Flood, DropsFromTheSixthAlikeMessageWithinAMillisecond) {
+  FloodRule rule;
+  std::string dropped;
+  for (int n = 0; n < 8; ++n) dropped += rule.Drops(3, 0, 5'000 + static_cast<unsigned>(n)) ? 'x' : '.';
+  EXPECT_EQ(dropped, ".....xxx");
+  EXPECT_FALSE(rule.Drops(3, 0, 6'000)) << "a millisecond after the run began";
+  EXPECT_TRUE(rule.Drops(3, 0, 5'999)) << "still the same run";
+  EXPECT_FALSE(rule.Drops(3, 2, 6'000)) << "another subtype starts a run";
+  EXPECT_FALSE(rule.Drops(3, 0, 6'000)) << "and so does the way back";
+}
+
+TEST(Flood, SlowRunIsNeverDroppedFrom) {
+  FloodRule rule;
+  for (unsigned n = 0; n < 6; ++n) EXPECT_FALSE(rule.Drops(3, 0, 1'000'000 + n * 200));
+  for (unsigned n = 0; n < 50; ++n) EXPECT_FALSE(rule.Drops(3, 0, 1'001'001 + n));
+}
+
+TEST(Flood, FirstMessageOfAProcessStartsARun) {
+  FloodRule rule;
+  EXPECT_FALSE(rule.Drops(0xFFFF, 0xFFFF, 2'000'000));
+}
+
+}  // namespace
+}  // namespace VornCore

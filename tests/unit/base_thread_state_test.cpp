@@ -1,0 +1,125 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <thread>
+
+#include "VornCore/Base/thread_state.h"
+
+namespace VornCore {
+namespace {
+
+class ThreadStateTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(InitThreadState(), 0u); }
+  void TearDown() override { FreeThreadState(); }
+};
+
+TEST_F(ThreadStateTest, GettingTheBlockKeepsTheLastError) {
+  std::thread([] {
+    SetLastError(5);
+    EXPECT_FALSE(HasThreadState());
+    EXPECT_EQ(GetLastError(), 5u);
+    DWORD seen = 0;
+    ThreadState* state = GetThreadState(&seen);  // allocates
+    EXPECT_EQ(GetLastError(), 5u);
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(seen, 5u);
+    SetLastError(6);
+    EXPECT_EQ(GetThreadState(&seen), state);
+    EXPECT_EQ(seen, 6u);
+    EXPECT_TRUE(HasThreadState());
+    EXPECT_EQ(GetLastError(), 6u);
+    FreeThreadState();
+    EXPECT_FALSE(HasThreadState());
+  }).join();
+}
+
+TEST_F(ThreadStateTest, BlocksAreZeroedAndTheThreadsOwn) {
+  ThreadState* mine = GetThreadState();
+  mine->bInLoader = 1;
+  std::thread([mine] {
+    ThreadState* state = GetThreadState();
+    EXPECT_NE(state, mine);
+    static constexpr ThreadState kZero{};
+    EXPECT_EQ(std::memcmp(state, &kZero, sizeof kZero), 0);
+    FreeThreadState();
+  }).join();
+}
+
+TEST_F(ThreadStateTest, ScratchBuffersHaveRoomToSpareInWholePages) {
+  ThreadState* state = GetThreadState();
+  ScratchLevel level(state);
+  const ScratchBuffer& buffer = state->scratch[2][1];
+  for (const auto& [size, capacity] : {std::pair{1u, 4096u}, {4032u, 4096u}, {4033u, 8192u}, {100u, 8192u}}) {
+    void* data = GetScratchBuffer(state, 2, size);
+    ASSERT_NE(data, nullptr);
+    std::memset(data, 0xAB, size);
+    EXPECT_EQ(data, buffer.data);
+    EXPECT_EQ(buffer.capacity, capacity) << size;
+  }
+  void* const before = buffer.data;
+  EXPECT_EQ(GetScratchBuffer(state, 2, UINT32_MAX), nullptr) << "a size that 32 bits cannot round up";
+  EXPECT_EQ(buffer.data, before);
+}
+
+TEST_F(ThreadStateTest, NestedLevelsAndDynamicSlotsHaveBuffersOfTheirOwn) {
+  ThreadState* state = GetThreadState();
+  std::set<void*> buffers;
+  void* first_dynamic = nullptr;
+  for (int depth = 1; depth < kScratchLevels; ++depth) {
+    EnterScratchLevel(state);
+    for (int slot = 0; slot < kFirstDynamicSlot; ++slot) buffers.insert(GetScratchBuffer(state, slot, 10));
+    for (int n = 0; n < 3; ++n) {
+      void* dynamic = GetScratchBuffer(state, kFirstDynamicSlot, 10);
+      if (!first_dynamic) first_dynamic = dynamic;
+      buffers.insert(dynamic);
+    }
+  }
+  EXPECT_EQ(buffers.size(), static_cast<std::size_t>(kScratchSlots * (kScratchLevels - 1)));
+  for (int depth = 1; depth < kScratchLevels; ++depth) LeaveScratchLevel(state);
+  ScratchLevel again(state);
+  EXPECT_EQ(GetScratchBuffer(state, 7, 10), first_dynamic) << "a level that is entered again starts over";
+}
+
+TEST_F(ThreadStateTest, MisuseOfScratchLevelsEndsTheProcess) {
+  const auto exits = [](UINT code) { return testing::ExitedWithCode(static_cast<int>(code)); };
+  EXPECT_EXIT(
+      {
+        ScratchLevel level(GetThreadState());
+        for (int i = 0; i < 4; ++i) GetScratchBuffer(GetThreadState(), 5, 1);
+      },
+      exits(0xEED00A4C), "");
+  EXPECT_EXIT(GetScratchBuffer(GetThreadState(), -1, 1), exits(0xEED00A4C), "");
+  EXPECT_EXIT(
+      {
+        for (int i = 0; i < 16; ++i) EnterScratchLevel(GetThreadState());
+      },
+      exits(0xEED00A4D), "");
+  EXPECT_EXIT(LeaveScratchLevel(GetThreadState()), exits(0xEED00A4E), "");
+}
+
+TEST_F(ThreadStateTest, ScopesNestAndTolerateAMissingBlock) {
+  ThreadState* state = GetThreadState();
+  {
+    HookDepthGuard outer, inner(state);
+    EXPECT_EQ(state->hookDepth, 2u);
+    inner.set_in_net_call(true);
+    EXPECT_TRUE(outer.in_net_call());
+    OwnCallScope own;
+    { OwnCallScope nested; }
+    EXPECT_TRUE(outer.own_call());
+  }
+  EXPECT_EQ(state->hookDepth, 0u);
+  EXPECT_EQ(state->bOwnCall, 0);
+  HookDepthGuard none(nullptr);
+  none.set_own_call(true);
+  EXPECT_FALSE(none.own_call());
+  std::thread([] {
+    OwnCallScope own;
+    EXPECT_FALSE(HasThreadState()) << "marking own work allocates nothing";
+  }).join();
+}
+
+}  // namespace
+}  // namespace VornCore
