@@ -7,11 +7,9 @@
 //
 // A process in which a stage fails is not left to run unconfined: it ends with an exit code that names the
 // stage. Everything here runs on the thread that loads the library, inside the loader.
-#include <cstring>
-#include <cwchar>
-
 #include "Load/load_dll_mgr.h"
 #include "Platform/nt.h"
+#include "Proc/init_event.h"
 #include "Proc/proc_mgr.h"
 #include "VornCore/Base/channel.h"
 #include "VornCore/Base/log.h"
@@ -101,33 +99,6 @@ bool InitBiz() {
     if (manager.on_failure == OnFailure::kStop) return false;
   }
   VORN_LOG_N("InitBiz success!");
-  return true;
-}
-
-// Tells the parent, which created the event, that this process is confined and may run.
-bool SetInitEvent() {
-  constexpr std::size_t kPrefixUnits = 260;
-  std::uint32_t bytes = 0;
-  const wchar_t* prefix = GetCreateProcessEventPrefix(&bytes);
-  const std::size_t units = bytes / sizeof(wchar_t);
-  if (!prefix || units >= kPrefixUnits) return false;
-  wchar_t digits[33];
-  const std::size_t digit_count = std::wcslen(UIntToWide(GetCurrentProcessId(), 10, digits));
-  wchar_t text[kPrefixUnits + 1] = {};
-  if (units + digit_count > kPrefixUnits) return false;
-  std::memcpy(text, prefix, units * sizeof(wchar_t));
-  std::memcpy(text + units, digits, digit_count * sizeof(wchar_t));
-
-  UNICODE_STRING name = nt::CountedString(text, (units + digit_count) * sizeof(wchar_t));
-  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
-  HANDLE event = nullptr;
-  const NTSTATUS status = NtOpenEvent(&event, EVENT_MODIFY_STATE, &attributes);
-  if (!nt::Success(status)) {
-    VORN_LOG_W("open init event failed, status 0x%X", static_cast<unsigned>(status));
-    return false;
-  }
-  SetEvent(event);
-  NtClose(event);
   return true;
 }
 
