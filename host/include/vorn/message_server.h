@@ -25,14 +25,15 @@ namespace vorn::host {
 struct Peer {
   std::uint32_t pid = 0;
   std::uint32_t tid = 0;
-  std::wstring port;
+  std::wstring port = {};
 };
 
 struct MessageHandlers {
-  std::function<void(const Peer&, std::span<const std::byte>)> on_message;
-  std::function<bool(const Peer&)> on_connect;  // false refuses the process; absent: everybody is accepted
-  std::function<void(const Peer&)> on_disconnect;
-  std::function<void(const std::string&)> on_error;  // a readable text (UTF-8)
+  std::function<void(const Peer&, std::span<const std::byte>)> on_message = {};
+  std::function<bool(const Peer&)> on_connect =
+      {};  // false refuses the process; absent: everybody is accepted
+  std::function<void(const Peer&)> on_disconnect = {};
+  std::function<void(const std::string&)> on_error = {};  // a readable text (UTF-8)
 };
 
 class MessageServer {

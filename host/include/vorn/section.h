@@ -22,16 +22,16 @@ namespace vorn::host {
 
 struct FileRule {
   policy::FileACL access = policy::FileACL::kRead;
-  std::wstring path;  // canonical NT path (ToNtPath); a backslash at the end is dropped
+  std::wstring path = {};  // canonical NT path (ToNtPath); a backslash at the end is dropped
 };
 
 struct NetRule {
   std::uint32_t verdict = policy::kVerdictDeny;
   policy::NetRuleKind kind = policy::NetRuleKind::kDefault;
-  std::vector<std::uint8_t> address;  // address rules: 4 or 16 bytes, network order
-  std::uint32_t prefix = 0;           // address rules: leading bits that must match
-  std::vector<std::uint16_t> ports;   // empty: every port
-  std::wstring domain;                // domain rules: a name, or a pattern with "*"
+  std::vector<std::uint8_t> address = {};  // address rules: 4 or 16 bytes, network order
+  std::uint32_t prefix = 0;                // address rules: leading bits that must match
+  std::vector<std::uint16_t> ports = {};   // empty: every port
+  std::wstring domain = {};                // domain rules: a name, or a pattern with "*"
 };
 
 struct SectionContents {

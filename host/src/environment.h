@@ -1,0 +1,17 @@
+// Environment blocks for new processes.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vorn::host {
+
+using EnvironmentChanges = std::vector<std::pair<std::wstring, std::optional<std::wstring>>>;
+
+// This process's environment with the changes (a value, or nothing to remove the variable; the last change of
+// a name counts), as a block for CreateProcessW. Names are compared without regard to case.
+std::wstring ChangedEnvironment(const EnvironmentChanges& changes);
+
+}  // namespace vorn::host

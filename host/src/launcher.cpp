@@ -1,0 +1,319 @@
+#include "vorn/launcher.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <system_error>
+
+#include "detours/detours.h"
+#include "environment.h"
+#include "ipc/port/unique_handle.h"
+#include "ipc/port/user_only_security.h"
+#include "vorn/text.h"
+
+namespace vorn::host {
+
+namespace {
+
+using ipc::UniqueHandle;
+
+constexpr wchar_t kSectionVariable[] = L"VORN_SHARED_DATA_NAME";
+constexpr UINT kNotConfinedExit = 0xE0000001;  // of a process that is ended because it could not be confined
+
+LaunchFailure Failure(LaunchStage stage, DWORD error, std::string_view what) {
+  return {stage, error, 0, fmt::format("{}: {}", what, Win32ErrorText(error))};
+}
+
+DWORD Milliseconds(std::optional<std::chrono::milliseconds> timeout) {
+  if (!timeout) return INFINITE;
+  return static_cast<DWORD>(std::clamp<std::int64_t>(timeout->count(), 0, INFINITE - 1));
+}
+
+// The program's standard streams: inheritable copies, and the list that keeps every other handle out.
+class InheritedStreams {
+ public:
+  explicit InheritedStreams(const LaunchOptions& options) {
+    const std::array<std::pair<void*, DWORD>, 3> streams{{{options.standard_input, STD_INPUT_HANDLE},
+                                                          {options.standard_output, STD_OUTPUT_HANDLE},
+                                                          {options.standard_error, STD_ERROR_HANDLE}}};
+    for (std::size_t i = 0; i < streams.size(); ++i) {
+      HANDLE source = streams[i].first ? streams[i].first : GetStdHandle(streams[i].second);
+      HANDLE copy = nullptr;
+      if (source && source != INVALID_HANDLE_VALUE) {
+        DuplicateHandle(GetCurrentProcess(), source, GetCurrentProcess(), &copy, 0, TRUE,
+                        DUPLICATE_SAME_ACCESS);
+      }
+      copies_[i].reset(copy);
+      if (copy) list_[count_++] = copy;
+    }
+  }
+
+  HANDLE operator[](std::size_t i) const { return copies_[i].get(); }
+  HANDLE* list() { return list_.data(); }
+  std::size_t count() const { return count_; }
+
+ private:
+  std::array<UniqueHandle, 3> copies_;
+  std::array<HANDLE, 3> list_{};
+  std::size_t count_ = 0;
+};
+
+struct AttributeListDeleter {
+  void operator()(LPPROC_THREAD_ATTRIBUTE_LIST list) const {
+    DeleteProcThreadAttributeList(list);
+    ::operator delete(list);
+  }
+};
+using AttributeList =
+    std::unique_ptr<std::remove_pointer_t<LPPROC_THREAD_ATTRIBUTE_LIST>, AttributeListDeleter>;
+
+// Null when there is nothing to inherit.
+AttributeList HandleList(InheritedStreams& streams) {
+  if (streams.count() == 0) return {};
+  SIZE_T bytes = 0;
+  InitializeProcThreadAttributeList(nullptr, 1, 0, &bytes);
+  auto* memory = static_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(::operator new(bytes));
+  if (!InitializeProcThreadAttributeList(memory, 1, 0, &bytes)) {
+    ::operator delete(memory);
+    return {};
+  }
+  AttributeList list(memory);
+  if (!UpdateProcThreadAttribute(list.get(), 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, streams.list(),
+                                 streams.count() * sizeof(HANDLE), nullptr, nullptr)) {
+    return {};
+  }
+  return list;
+}
+
+// Whether a process runs 32-bit code: under a 64-bit system, or because the system knows nothing else.
+bool IsX86(HANDLE process) {
+  const auto under_wow64 = [](HANDLE p) {
+    BOOL wow64 = FALSE;
+    return IsWow64Process(p, &wow64) && wow64;
+  };
+  return under_wow64(process) || (sizeof(void*) == 4 && !under_wow64(GetCurrentProcess()));
+}
+
+// The path in the ANSI code page, which import tables are written in; where that cannot express it, the short
+// form of the path. Empty when neither can.
+std::string ToAnsiPath(const std::wstring& path) {
+  const auto convert = [](const std::wstring& text) -> std::string {
+    const bool utf8 = GetACP() == CP_UTF8;  // expresses everything, and does not take the two arguments
+    BOOL lossy = FALSE;
+    char buffer[MAX_PATH * 3];
+    const int bytes = WideCharToMultiByte(CP_ACP, utf8 ? 0 : WC_NO_BEST_FIT_CHARS, text.c_str(), -1, buffer,
+                                          sizeof buffer, nullptr, utf8 ? nullptr : &lossy);
+    return bytes && !lossy ? buffer : "";
+  };
+  std::string ansi = convert(path);
+  if (!ansi.empty()) return ansi;
+  wchar_t shorter[MAX_PATH];
+  const DWORD units = GetShortPathNameW(path.c_str(), shorter, MAX_PATH);
+  return units && units < MAX_PATH ? convert(shorter) : "";
+}
+
+// 0 or a Win32 error.
+DWORD Inject(HANDLE process, DWORD pid, const std::wstring& library) {
+  if (library.empty() || GetFileAttributesW(library.c_str()) == INVALID_FILE_ATTRIBUTES)
+    return ERROR_MOD_NOT_FOUND;
+  const std::string path = ToAnsiPath(library);
+  if (path.empty()) return ERROR_NO_UNICODE_TRANSLATION;
+  LPCSTR dlls[] = {path.c_str()};
+  if (DetourUpdateProcessWithDll(process, dlls, 1)) return 0;
+  // A process of the other bitness: a helper process of its own kind does it.
+  if (DetourProcessViaHelperW(pid, path.c_str(), CreateProcessW)) return 0;
+  const DWORD error = GetLastError();
+  return error ? error : ERROR_GEN_FAILURE;
+}
+
+DWORD CreateInitEvent(const std::wstring& prefix, DWORD pid, UniqueHandle& event) {
+  const std::wstring name = prefix + std::to_wstring(pid);
+  UNICODE_STRING counted = nt::CountedString(name.c_str(), name.size() * sizeof(wchar_t));
+  ipc::UserOnlySecurity security;
+  if (security.error()) return security.error();
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&counted);
+  attributes.SecurityDescriptor = security.descriptor();
+  constexpr ULONG kSynchronizationEvent = 1;  // auto-reset
+  const NTSTATUS status =
+      NtCreateEvent(event.put(), EVENT_ALL_ACCESS, &attributes, kSynchronizationEvent, FALSE);
+  return nt::Success(status) ? 0 : RtlNtStatusToDosErrorNoTeb(status);
+}
+
+}  // namespace
+
+struct ConfinedProcess::Impl {
+  UniqueHandle process;
+  DWORD pid = 0;
+};
+
+ConfinedProcess::ConfinedProcess(std::unique_ptr<Impl> impl) noexcept : impl_(std::move(impl)) {}
+ConfinedProcess::ConfinedProcess(ConfinedProcess&&) noexcept = default;
+ConfinedProcess& ConfinedProcess::operator=(ConfinedProcess&&) noexcept = default;
+ConfinedProcess::~ConfinedProcess() = default;
+std::uint32_t ConfinedProcess::pid() const noexcept { return impl_->pid; }
+void* ConfinedProcess::handle() const noexcept { return impl_->process.get(); }
+
+std::optional<std::uint32_t> ConfinedProcess::Wait(std::optional<std::chrono::milliseconds> timeout) const {
+  if (WaitForSingleObject(impl_->process.get(), Milliseconds(timeout)) != WAIT_OBJECT_0) return std::nullopt;
+  DWORD code = 0;
+  GetExitCodeProcess(impl_->process.get(), &code);
+  return code;
+}
+
+bool ConfinedProcess::Terminate(std::uint32_t exit_code) const {
+  return TerminateProcess(impl_->process.get(), exit_code) != 0;
+}
+
+class Launcher::Impl {
+ public:
+  explicit Impl(const SharedSection& section) : section_(section) {
+    const auto check = [](bool good) {
+      if (!good)
+        throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), "job object");
+    };
+    job_.reset(CreateJobObjectW(nullptr, nullptr));
+    check(bool(job_));
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits{};
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    check(SetInformationJobObject(job_.get(), JobObjectExtendedLimitInformation, &limits, sizeof limits));
+    notices_.reset(CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1));
+    check(bool(notices_));
+    JOBOBJECT_ASSOCIATE_COMPLETION_PORT port{nullptr, notices_.get()};
+    check(
+        SetInformationJobObject(job_.get(), JobObjectAssociateCompletionPortInformation, &port, sizeof port));
+  }
+
+  std::variant<ConfinedProcess, LaunchFailure> Start(const LaunchOptions& options) {
+    PROCESS_INFORMATION created{};
+    if (const DWORD error = CreateSuspended(options, created)) {
+      const std::wstring& program = options.application.empty() ? options.command_line : options.application;
+      return Failure(LaunchStage::kCreate, error, fmt::format("cannot start {}", ToUtf8(program)));
+    }
+    UniqueHandle thread(created.hThread);
+    auto process = std::make_unique<ConfinedProcess::Impl>();
+    process->process.reset(created.hProcess);
+    process->pid = created.dwProcessId;
+    if (auto failure = Confine(*process, thread.get(), options)) {
+      // Whatever it was, the process does not run on unconfined.
+      TerminateProcess(process->process.get(), kNotConfinedExit);
+      WaitForSingleObject(process->process.get(), 5000);
+      return std::move(*failure);
+    }
+    return ConfinedProcess(std::move(process));
+  }
+
+  bool Owns(std::uint32_t pid) const {
+    const UniqueHandle process(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, pid));
+    BOOL inside = FALSE;
+    return process && IsProcessInJob(process.get(), job_.get(), &inside) && inside;
+  }
+
+  bool WaitForAll(std::optional<std::chrono::milliseconds> timeout) {
+    const ULONGLONG start = GetTickCount64();
+    const DWORD limit = Milliseconds(timeout);
+    // The job tells when it becomes empty, but does not promise to: hence the longest single wait.
+    constexpr DWORD kLongestWaitMs = 1000;
+    while (ActiveProcesses() != 0) {
+      const ULONGLONG passed = GetTickCount64() - start;
+      if (limit != INFINITE && passed >= limit) return false;
+      const DWORD left = limit == INFINITE ? kLongestWaitMs : static_cast<DWORD>(limit - passed);
+      DWORD message = 0;
+      ULONG_PTR key = 0;
+      OVERLAPPED* process = nullptr;
+      GetQueuedCompletionStatus(notices_.get(), &message, &key, &process, std::min(left, kLongestWaitMs));
+    }
+    return true;
+  }
+
+  void TerminateAll(std::uint32_t exit_code) { TerminateJobObject(job_.get(), exit_code); }
+
+ private:
+  DWORD ActiveProcesses() const {
+    JOBOBJECT_BASIC_ACCOUNTING_INFORMATION accounting{};
+    QueryInformationJobObject(job_.get(), JobObjectBasicAccountingInformation, &accounting, sizeof accounting,
+                              nullptr);
+    return accounting.ActiveProcesses;
+  }
+
+  // 0 or a Win32 error.
+  DWORD CreateSuspended(const LaunchOptions& options, PROCESS_INFORMATION& created) {
+    InheritedStreams streams(options);
+    const AttributeList attributes = HandleList(streams);
+    STARTUPINFOEXW startup{};
+    startup.StartupInfo.cb = attributes ? sizeof startup : sizeof startup.StartupInfo;
+    startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+    startup.StartupInfo.hStdInput = streams[0];
+    startup.StartupInfo.hStdOutput = streams[1];
+    startup.StartupInfo.hStdError = streams[2];
+    startup.lpAttributeList = attributes.get();
+
+    EnvironmentChanges changes = options.environment;
+    changes.emplace_back(kSectionVariable, section_.name());
+    std::wstring environment = ChangedEnvironment(changes);
+    std::wstring command_line = options.command_line;  // CreateProcessW writes into it
+    const DWORD flags = CREATE_SUSPENDED | CREATE_UNICODE_ENVIRONMENT |
+                        (attributes ? static_cast<DWORD>(EXTENDED_STARTUPINFO_PRESENT) : 0);
+    const bool done = CreateProcessW(
+        options.application.empty() ? nullptr : options.application.c_str(), command_line.data(), nullptr,
+        nullptr, attributes != nullptr, flags, environment.data(),
+        options.working_directory.empty() ? nullptr : options.working_directory.c_str(), &startup.StartupInfo,
+        &created);
+    if (!done) return GetLastError();
+    // Wine starts Unix programs too, without a Windows process: there is nothing that could be confined.
+    if (!created.hProcess || !created.hThread) return ERROR_BAD_EXE_FORMAT;
+    return 0;
+  }
+
+  // Nothing: the library has reported that it is ready.
+  std::optional<LaunchFailure> Confine(const ConfinedProcess::Impl& created, HANDLE thread,
+                                       const LaunchOptions& options) {
+    HANDLE process = created.process.get();
+    if (!AssignProcessToJobObject(job_.get(), process)) {
+      return Failure(LaunchStage::kJob, GetLastError(), "the program could not be put under control");
+    }
+    const SectionContents& contents = section_.contents();
+    const std::wstring& library = IsX86(process) ? contents.core_x86 : contents.core_x64;
+    if (const DWORD error = Inject(process, created.pid, library)) {
+      return Failure(LaunchStage::kInject, error, fmt::format("{} could not be injected", ToUtf8(library)));
+    }
+    UniqueHandle ready;
+    if (const DWORD error = CreateInitEvent(contents.init_event_prefix, created.pid, ready)) {
+      return Failure(LaunchStage::kInitEvent, error, "the init event could not be created");
+    }
+    if (ResumeThread(thread) == static_cast<DWORD>(-1)) {
+      return Failure(LaunchStage::kResume, GetLastError(), "the program's thread could not be started");
+    }
+    const HANDLE waits[] = {ready.get(), process};
+    switch (WaitForMultipleObjects(2, waits, FALSE, Milliseconds(options.start_timeout))) {
+      case WAIT_OBJECT_0:
+        return std::nullopt;
+      case WAIT_OBJECT_0 + 1: {
+        DWORD code = 0;
+        GetExitCodeProcess(process, &code);
+        return DescribeStartUpExit(code);
+      }
+      default:
+        return LaunchFailure{
+            LaunchStage::kTimeout, 0, 0,
+            fmt::format("the library did not report within {} ms", options.start_timeout.count())};
+    }
+  }
+
+  const SharedSection& section_;
+  UniqueHandle job_;
+  UniqueHandle notices_;
+};
+
+Launcher::Launcher(const SharedSection& section) : impl_(std::make_unique<Impl>(section)) {}
+Launcher::~Launcher() = default;
+std::variant<ConfinedProcess, LaunchFailure> Launcher::Start(const LaunchOptions& options) {
+  return impl_->Start(options);
+}
+bool Launcher::Owns(std::uint32_t pid) const { return impl_->Owns(pid); }
+bool Launcher::WaitForAll(std::optional<std::chrono::milliseconds> timeout) {
+  return impl_->WaitForAll(timeout);
+}
+void Launcher::TerminateAll(std::uint32_t exit_code) { impl_->TerminateAll(exit_code); }
+
+}  // namespace vorn::host

@@ -1,0 +1,219 @@
+// The launcher with real processes and real injection. The injected DLL stands in the library's place, so
+// that a start can go wrong in every way; the started program is this one, as "probe".
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include "Platform/nt.h"
+#include "build_paths.h"
+#include "ipc/port/unique_handle.h"
+#include "vorn/launcher.h"
+#include "vorn/text.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace vorn::host;
+using vorn::ipc::UniqueHandle;
+
+std::wstring ProbeCommand(const std::wstring& arguments) {
+  return L"\"" + vorn::test::ThisProgram().wstring() + L"\" probe " + arguments;
+}
+
+int ProbeMain(const std::string& job, const std::string& argument) {
+  if (job == "exit") return static_cast<int>(std::stoul(argument));
+  if (job == "sleep") Sleep(INFINITE);
+  if (job == "copy") {  // standard input to standard output and error
+    char buffer[256];
+    DWORD bytes = 0;
+    while (ReadFile(GetStdHandle(STD_INPUT_HANDLE), buffer, sizeof buffer, &bytes, nullptr) && bytes) {
+      WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), buffer, bytes, &bytes, nullptr);
+      WriteFile(GetStdHandle(STD_ERROR_HANDLE), buffer, bytes, &bytes, nullptr);
+    }
+    return 0;
+  }
+  if (job == "environment") {
+    wchar_t name[8], folder[MAX_PATH];
+    const bool removed = GetEnvironmentVariableW(L"VORN_TEST_REMOVED", name, 8) == 0;
+    const bool set = GetEnvironmentVariableW(L"VORN_TEST_SET", name, 8) == 3 && std::wstring(name) == L"two";
+    GetCurrentDirectoryW(MAX_PATH, folder);
+    return (removed ? 1 : 0) + (set ? 2 : 0) + (std::wstring(folder) == L"C:\\windows" ? 4 : 0);
+  }
+  if (job == "handle") {  // whether a handle value of the parent is open here
+    DWORD flags = 0;
+    return GetHandleInformation(reinterpret_cast<HANDLE>(std::stoull(argument)), &flags) ? 1 : 0;
+  }
+  if (job == "spawn") {  // leaves a child behind
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION child{};
+    std::wstring command = ProbeCommand(L"sleep x");
+    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                        &child)) {
+      return 1;
+    }
+    return static_cast<int>(child.dwProcessId);
+  }
+  return 99;
+}
+
+class HostLauncher : public testing::Test {
+ protected:
+  static SectionContents Contents() {
+    SectionContents contents;
+    contents.core_x64 = vorn::test::BuildPath("start_dll.dll").wstring();
+    return contents;
+  }
+
+  LaunchFailure FailureOf(const LaunchOptions& options) {
+    auto result = launcher.Start(options);
+    if (auto* failure = std::get_if<LaunchFailure>(&result)) return *failure;
+    ADD_FAILURE() << "the program was started";
+    return {};
+  }
+  // The failure of a start whose library does what VORN_TEST_START says.
+  LaunchFailure FailureOfStart(const std::wstring& mode) {
+    return FailureOf({.command_line = ProbeCommand(L"exit 0"),
+                      .environment = {{L"VORN_TEST_START", mode}},
+                      .start_timeout = mode == L"hang" ? 500ms : 30'000ms});
+  }
+  std::uint32_t ExitCodeOf(const LaunchOptions& options) {
+    auto result = launcher.Start(options);
+    if (auto* failure = std::get_if<LaunchFailure>(&result)) {
+      ADD_FAILURE() << failure->text;
+      return ~0u;
+    }
+    return std::get<ConfinedProcess>(result).Wait(30s).value_or(~0u);
+  }
+
+  SharedSection section{Contents()};
+  Launcher launcher{section};
+};
+
+TEST_F(HostLauncher, AllThirtyTwoBitsOfTheExitCodeComeBack) {
+  EXPECT_EQ(ExitCodeOf({.command_line = ProbeCommand(L"exit 7")}), 7u);
+  EXPECT_EQ(ExitCodeOf({.command_line = ProbeCommand(L"exit 2863311530")}), 0xAAAAAAAA);
+  EXPECT_EQ(
+      ExitCodeOf({.application = vorn::test::ThisProgram().wstring(), .command_line = L"x probe exit 8"}),
+      8u);
+}
+
+TEST_F(HostLauncher, StandardStreamsAreTheGivenOnesAndNoOtherHandleIsInherited) {
+  UniqueHandle in_read, in_write, out_read, out_write;
+  ASSERT_TRUE(CreatePipe(in_read.put(), in_write.put(), nullptr, 0));
+  ASSERT_TRUE(CreatePipe(out_read.put(), out_write.put(), nullptr, 0));
+  auto result = launcher.Start({.command_line = ProbeCommand(L"copy x"),
+                                .standard_input = in_read.get(),
+                                .standard_output = out_write.get(),
+                                .standard_error = out_write.get()});
+  ASSERT_TRUE(std::holds_alternative<ConfinedProcess>(result)) << std::get<LaunchFailure>(result).text;
+  DWORD bytes = 0;
+  WriteFile(in_write.get(), "hello", 5, &bytes, nullptr);
+  in_write.reset();
+  out_write.reset();
+  std::string output;
+  char buffer[64];
+  while (ReadFile(out_read.get(), buffer, sizeof buffer, &bytes, nullptr) && bytes)
+    output.append(buffer, bytes);
+  EXPECT_EQ(output, "hellohello") << "and the end of the pipe shows that nobody else holds it";
+
+  SECURITY_ATTRIBUTES inheritable{sizeof inheritable, nullptr, TRUE};
+  const UniqueHandle mine(CreateEventW(&inheritable, TRUE, FALSE, nullptr));
+  // A value that high is not a handle of a fresh process by chance.
+  UniqueHandle high;
+  std::vector<UniqueHandle> fill;
+  while (reinterpret_cast<ULONG_PTR>(high.get()) < 0x2000) {
+    ASSERT_TRUE(DuplicateHandle(GetCurrentProcess(), mine.get(), GetCurrentProcess(), high.put(), 0, TRUE,
+                                DUPLICATE_SAME_ACCESS));
+    if (reinterpret_cast<ULONG_PTR>(high.get()) < 0x2000) fill.push_back(std::move(high));
+  }
+  const auto value = std::to_wstring(reinterpret_cast<ULONG_PTR>(high.get()));
+  EXPECT_EQ(ExitCodeOf({.command_line = ProbeCommand(L"handle " + value)}), 0u);
+}
+
+TEST_F(HostLauncher, EnvironmentAndFolderAreTheProgramsOwn) {
+  SetEnvironmentVariableW(L"VORN_TEST_REMOVED", L"here");
+  SetEnvironmentVariableW(L"VORN_TEST_SET", L"one");
+  EXPECT_EQ(ExitCodeOf({.command_line = ProbeCommand(L"environment x"),
+                        .working_directory = L"C:\\windows",
+                        .environment = {{L"vorn_test_removed", std::nullopt}, {L"VORN_TEST_SET", L"two"}}}),
+            7u);
+}
+
+TEST_F(HostLauncher, AFailedStartNamesItsStageAndLeavesNothingRunning) {
+  const auto expect = [&](const std::wstring& mode, LaunchStage stage, std::uint32_t code,
+                          std::string_view part) {
+    const LaunchFailure failure = FailureOfStart(mode);
+    EXPECT_EQ(failure.stage, stage) << failure.text;
+    EXPECT_EQ(failure.code, code) << failure.text;
+    EXPECT_NE(failure.text.find(part), std::string::npos) << failure.text;
+  };
+  expect(L"100000cb", LaunchStage::kSectionName, ERROR_ENVVAR_NOT_FOUND,
+         "variable is missing (exit code 0x100000cb)");
+  expect(L"1000000a", LaunchStage::kSectionName, ERROR_BAD_ENVIRONMENT, "too long");
+  expect(L"20000666", LaunchStage::kSection, ERROR_PRODUCT_VERSION, "magic number or version");
+  expect(L"20000002", LaunchStage::kSection, ERROR_FILE_NOT_FOUND, Win32ErrorText(ERROR_FILE_NOT_FOUND));
+  expect(L"40000008", LaunchStage::kThreadStorage, ERROR_NOT_ENOUGH_MEMORY, "thread storage");
+  expect(L"80000003", LaunchStage::kLog, ERROR_PATH_NOT_FOUND, "log files");
+  expect(L"45a", LaunchStage::kManagers, ERROR_DLL_INIT_FAILED, "hooks");
+  expect(L"eed00a4d", LaunchStage::kScratch, 0xEED00A4D, "scratch");
+  expect(L"5", LaunchStage::kExited, 5, "exit code 5");
+  expect(L"false", LaunchStage::kLoad, static_cast<std::uint32_t>(STATUS_DLL_INIT_FAILED),
+         "failed to initialise");
+  expect(L"hang", LaunchStage::kTimeout, 0, "500 ms");
+  EXPECT_TRUE(launcher.WaitForAll(0ms));
+}
+
+TEST_F(HostLauncher, WhatCannotBeStartedOrInjectedSaysWhy) {
+  LaunchFailure failure = FailureOf({.command_line = L"C:\\no\\such\\program.exe --flag"});
+  EXPECT_EQ(failure.stage, LaunchStage::kCreate);
+  EXPECT_NE(failure.text.find("program.exe"), std::string::npos) << failure.text;
+
+  SectionContents contents = Contents();
+  contents.core_x64 = L"C:\\no\\such\\vorn_core.dll";
+  const SharedSection without_library(contents);
+  Launcher other(without_library);
+  auto result = other.Start({.command_line = ProbeCommand(L"exit 0")});
+  ASSERT_TRUE(std::holds_alternative<LaunchFailure>(result));
+  failure = std::get<LaunchFailure>(result);
+  EXPECT_EQ(failure.stage, LaunchStage::kInject);
+  EXPECT_NE(failure.text.find("vorn_core.dll"), std::string::npos) << failure.text;
+  EXPECT_TRUE(other.WaitForAll(0ms)) << "it was ended";
+}
+
+TEST_F(HostLauncher, TheTreeBelongsToTheLauncherAndEndsWithIt) {
+  UniqueHandle child;
+  {
+    Launcher scoped(section);
+    auto result = scoped.Start({.command_line = ProbeCommand(L"spawn x")});
+    ASSERT_TRUE(std::holds_alternative<ConfinedProcess>(result)) << std::get<LaunchFailure>(result).text;
+    const auto child_pid = std::get<ConfinedProcess>(result).Wait(30s);
+    ASSERT_TRUE(child_pid);
+    child.reset(OpenProcess(SYNCHRONIZE, FALSE, *child_pid));
+    ASSERT_TRUE(child);
+    EXPECT_TRUE(scoped.Owns(*child_pid));
+    EXPECT_FALSE(launcher.Owns(*child_pid));
+    EXPECT_FALSE(scoped.Owns(GetCurrentProcessId()));
+    EXPECT_FALSE(scoped.WaitForAll(50ms)) << "the child runs";
+  }
+  EXPECT_EQ(WaitForSingleObject(child.get(), 20'000), WAIT_OBJECT_0);
+}
+
+TEST_F(HostLauncher, WaitForAllReturnsWhenTheLastProcessEnds) {
+  auto result = launcher.Start({.command_line = ProbeCommand(L"spawn x")});
+  ASSERT_TRUE(std::holds_alternative<ConfinedProcess>(result)) << std::get<LaunchFailure>(result).text;
+  ASSERT_TRUE(std::get<ConfinedProcess>(result).Wait(30s));
+  std::thread ender([&] { launcher.TerminateAll(3); });
+  EXPECT_TRUE(launcher.WaitForAll(20s));
+  ender.join();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 4 && std::string(argv[1]) == "probe") return ProbeMain(argv[2], argv[3]);
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
