@@ -48,21 +48,6 @@ void ReportRepairedSize() {
   SetLastError(error);
 }
 
-// Applies all patches, or none.
-DWORD ApplyPatches(const RemoteMemory& memory, uint64_t base, const pe::PatchList& list) {
-  for (uint32_t i = 0; i < list.count; ++i) {
-    const pe::Patch& p = list.patch[i];
-    if (memory.WriteProtected(base + p.rva, p.after, p.size)) continue;
-    const DWORD error = Failure();
-    // The write itself may have succeeded and only the protection not come back, so this one is undone too.
-    for (uint32_t k = i + 1; k-- > 0;) {
-      (void)memory.WriteProtected(base + list.patch[k].rva, list.patch[k].before, list.patch[k].size);
-    }
-    return error;
-  }
-  return NO_ERROR;
-}
-
 // The block in the target, given back unless the update is complete.
 class [[nodiscard]] RemoteBlock {
  public:
@@ -116,13 +101,17 @@ DWORD UpdateImports(HANDLE process, std::span<const char* const> dlls) {
   if (!block.address()) return Failure();
   const auto block_rva = static_cast<uint32_t>(block.address() - base);
 
-  pe::PatchList patches;
-  if (pe::Status s = pe::BuildImports(reader, image, plan, dlls, block_rva, local.span(), &patches);
+  pe::HeaderFields after;
+  if (pe::Status s = pe::BuildImports(reader, image, plan, dlls, block_rva, local.span(), &after);
       s != pe::Status::kOk) {
     return ErrorOf(s);
   }
   if (!memory.Write(block.address(), local.span().data(), plan.block_size)) return Failure();
-  if (DWORD error = ApplyPatches(memory, base, patches)) return error;
+  if (!reader.WriteFields(image, after)) {
+    const DWORD error = Failure();
+    (void)reader.WriteFields(image, plan.before);
+    return error;
+  }
   block.Keep();
   if (plan.repaired_size) ReportRepairedSize();
   return NO_ERROR;

@@ -104,4 +104,13 @@ bool RemoteImage::Read(uint32_t rva, void* out, size_t size) const noexcept {
   return true;
 }
 
+bool RemoteImage::WriteFields(const pe::Image& image, const pe::HeaderFields& fields) const noexcept {
+  if (fields.clr_flags_rva &&
+      !memory_.WriteProtected(base_ + fields.clr_flags_rva, &fields.clr_flags, sizeof(fields.clr_flags))) {
+    return false;
+  }
+  return memory_.WriteProtected(base_ + image.directories, fields.directory,
+                                image.directory_count * sizeof(pe::DataDirectory));
+}
+
 }  // namespace detours

@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "detours/code/pe_image.h"
+#include "detours/code/pe_import_plan.h"
 
 namespace detours {
 
@@ -42,6 +42,9 @@ class RemoteImage final : public pe::ImageReader {
 
   using ImageReader::Read;
   [[nodiscard]] bool Read(uint32_t rva, void* out, size_t size) const noexcept override;
+
+  // The directories come last: as long as they stand, the block that says what to restore can be found.
+  [[nodiscard]] bool WriteFields(const pe::Image& image, const pe::HeaderFields& fields) const noexcept;
 
  private:
   static constexpr uint32_t kPage = 4096;

@@ -15,10 +15,5 @@ BOOL WINAPI DetourRestoreAfterWith() {
   pe::Image image;
   pe::BlockHeader block;
   if (pe::ReadImage(reader, &image) != pe::Status::kOk || !pe::FindBlock(reader, image, &block)) return FALSE;
-  BOOL restored = TRUE;
-  for (uint32_t i = 0; i < block.saved_count; ++i) {
-    const pe::SavedBytes& saved = block.saved[i];
-    if (!memory.WriteProtected(base + saved.rva, saved.bytes, saved.size)) restored = FALSE;
-  }
-  return restored;
+  return reader.WriteFields(image, block.original);
 }

@@ -37,20 +37,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const char* const dlls[] = {"C:\\one.dll", "two.dll"};
   pe::Image image;
   pe::ImportPlan plan;
-  pe::PatchList patches;
+  pe::HeaderFields after;
   if (pe::ReadImage(memory, &image) != pe::Status::kOk) return 0;
   if (pe::PlanImports(memory, image, dlls, &plan) != pe::Status::kOk) return 0;
   std::vector<uint8_t> block(plan.block_size);
-  if (pe::BuildImports(memory, image, plan, dlls, 0x100000, block, &patches) != pe::Status::kOk) return 0;
+  if (pe::BuildImports(memory, image, plan, dlls, 0x100000, block, &after) != pe::Status::kOk) return 0;
   memory.Add(0x100000, std::move(block));
-  for (uint32_t i = 0; i < patches.count; ++i) {
-    Require(memory.Write(patches.patch[i].rva, patches.patch[i].after, patches.patch[i].size));
-  }
+  Require(memory.Write(image, after));
   pe::BlockHeader header;
   Require(pe::ReadImage(memory, &image) == pe::Status::kOk && pe::FindBlock(memory, image, &header));
-  for (uint32_t i = 0; i < header.saved_count; ++i) {
-    Require(memory.Write(header.saved[i].rva, header.saved[i].bytes, header.saved[i].size));
-  }
+  Require(memory.Write(image, header.original));
   Require(memory.image() == original);
   return 0;
 }

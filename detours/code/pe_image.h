@@ -20,7 +20,7 @@ enum class Status : uint8_t {
   kBadHeaders,          // sizes in the headers contradict each other
   kNoDirectorySlot,     // the header has no entry for the directories that must change
   kBadImportTable,      // the import table leaves the image or has no end
-  kBadClrHeader,        // the CLR header leaves the image
+  kBadClrHeader,        // the CLR header leaves the image or lies in its headers
   kBadDllName,          // a DLL name is missing, empty or too long
   kOutOfReach,          // the new table would lie 4 GB or more above the image's base
 };

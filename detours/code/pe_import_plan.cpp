@@ -48,48 +48,9 @@ Status WalkDescriptors(const ImageReader& reader, uint32_t rva, uint32_t limit, 
 }
 
 // How many descriptors fit from the start of the import table to the end of what holds it.
-uint32_t DescriptorLimit(const Image& image, const BlockHeader& earlier) {
-  const uint32_t rva = image.directory[kImportDirectory].rva;
-  uint32_t bytes = 0;
-  if (earlier.saved_count) {
-    bytes = earlier.block_size - kTableOffset;
-  } else if (image.Contains(rva, 0)) {
-    bytes = image.size_of_image - rva;
-  }
-  const uint32_t fit = bytes / sizeof(ImportDescriptor);
+uint32_t DescriptorLimit(uint32_t bytes) {
+  const auto fit = static_cast<uint32_t>(bytes / sizeof(ImportDescriptor));
   return fit < kMaxDescriptors ? fit : kMaxDescriptors;
-}
-
-void AddPatch(PatchList* list, uint32_t rva, const void* before, const void* after, uint32_t size) {
-  Patch& p = list->patch[list->count++];
-  p.rva = rva;
-  p.size = size;
-  memcpy(p.before, before, size);
-  memcpy(p.after, after, size);
-}
-
-void PatchDirectory(PatchList* list, const Image& image, DirectoryIndex index, DataDirectory after) {
-  const DataDirectory& before = image.directory[index];
-  if (before == after) return;
-  AddPatch(list, image.directories + index * sizeof(DataDirectory), &before, &after, sizeof(after));
-}
-
-// What the block keeps: the bytes before an earlier update, and what this one changes in addition.
-bool SaveOriginals(const ImportPlan& plan, const PatchList& patches, BlockHeader* header) {
-  header->saved_count = plan.earlier.saved_count;
-  memcpy(header->saved, plan.earlier.saved, sizeof(header->saved));
-  for (uint32_t i = 0; i < patches.count; ++i) {
-    const Patch& p = patches.patch[i];
-    bool known = false;
-    for (uint32_t k = 0; k < header->saved_count; ++k) known |= header->saved[k].rva == p.rva;
-    if (known) continue;
-    if (header->saved_count == PatchList::kCapacity) return false;
-    SavedBytes& saved = header->saved[header->saved_count++];
-    saved.rva = p.rva;
-    saved.size = p.size;
-    memcpy(saved.bytes, p.before, sizeof(saved.bytes));
-  }
-  return true;
 }
 
 // The address table directory. Where an image has none, the loader makes the section of the first
@@ -102,6 +63,21 @@ DataDirectory AddressTables(const ImageReader& reader, const Image& image, uint3
   DataDirectory section;
   if (old_count && FindSection(reader, image, old_first_thunk, &section)) return section;
   return own;
+}
+
+// The flag that makes the loader skip the imports of an image of managed code only.
+Status PlanClrFlags(const ImageReader& reader, const Image& image, HeaderFields* fields) noexcept {
+  const DataDirectory& clr = image.directory[kClrDirectory];
+  if (!clr.rva) return Status::kOk;
+  ClrHeader header;
+  const bool in_headers = clr.rva < image.sections + image.section_count * sizeof(SectionHeader);
+  if (in_headers || !image.Contains(clr.rva, sizeof(header))) return Status::kBadClrHeader;
+  if (!reader.Read(clr.rva, &header)) return Status::kUnreadable;
+  if (header.flags & kClrIlOnly) {
+    fields->clr_flags_rva = clr.rva + static_cast<uint32_t>(offsetof(ClrHeader, flags));
+    fields->clr_flags = header.flags;
+  }
+  return Status::kOk;
 }
 
 }  // namespace
@@ -118,26 +94,21 @@ Status PlanImports(const ImageReader& reader, const Image& image, std::span<cons
   }
   if (image.directory_count <= kIatDirectory) return Status::kNoDirectorySlot;
 
+  memcpy(plan->before.directory, image.directory, sizeof(image.directory));
+  if (Status status = PlanClrFlags(reader, image, &plan->before); status != Status::kOk) return status;
+  plan->original = plan->before;
+
   const DataDirectory& import = image.directory[kImportDirectory];
   if (import.rva) {
-    if (!FindBlock(reader, image, &plan->earlier)) plan->earlier = {};
-    const uint32_t limit = DescriptorLimit(image, plan->earlier);
-    if (limit == 0) return Status::kBadImportTable;
-    const Status status = WalkDescriptors(reader, import.rva, limit,
+    uint32_t bytes = image.Contains(import.rva, 0) ? image.size_of_image - import.rva : 0;
+    if (BlockHeader earlier; FindBlock(reader, image, &earlier)) {
+      plan->original = earlier.original;
+      bytes = earlier.block_size - kTableOffset;
+    }
+    const Status status = WalkDescriptors(reader, import.rva, DescriptorLimit(bytes),
                                           [&](uint32_t, const ImportDescriptor&) { ++plan->old_count; });
     if (status != Status::kOk) return status;
     plan->repaired_size = import.size == 0;
-  }
-
-  const DataDirectory& clr = image.directory[kClrDirectory];
-  if (clr.rva) {
-    ClrHeader header;
-    if (!image.Contains(clr.rva, sizeof(header))) return Status::kBadClrHeader;
-    if (!reader.Read(clr.rva, &header)) return Status::kUnreadable;
-    if (header.flags & kClrIlOnly) {
-      plan->clr_flags_rva = clr.rva + static_cast<uint32_t>(offsetof(ClrHeader, flags));
-      plan->clr_flags = header.flags;
-    }
   }
 
   const Layout layout(image.is_64, static_cast<uint32_t>(dlls.size()), plan->old_count);
@@ -149,8 +120,7 @@ Status PlanImports(const ImageReader& reader, const Image& image, std::span<cons
 
 Status BuildImports(const ImageReader& reader, const Image& image, const ImportPlan& plan,
                     std::span<const char* const> dlls, uint32_t block_rva, std::span<uint8_t> block,
-                    PatchList* patches) noexcept {
-  patches->count = 0;
+                    HeaderFields* after) noexcept {
   if (block.size() < plan.block_size || block_rva > UINT32_MAX - plan.block_size) return Status::kOutOfReach;
   memset(block.data(), 0, plan.block_size);
   const auto dll_count = static_cast<uint32_t>(dlls.size());
@@ -192,21 +162,18 @@ Status BuildImports(const ImageReader& reader, const Image& image, const ImportP
   }
 
   const uint32_t descriptors = dll_count + plan.old_count + 1;
-  PatchDirectory(patches, image, kImportDirectory,
-                 {block_rva + kTableOffset, descriptors * static_cast<uint32_t>(sizeof(ImportDescriptor))});
-  PatchDirectory(patches, image, kBoundImportDirectory, {});
-  PatchDirectory(patches, image, kIatDirectory,
-                 AddressTables(reader, image, plan.old_count, first_thunk,
-                               {block_rva + layout.thunks, layout.names - layout.thunks}));
-  if (plan.clr_flags_rva) {
-    const uint32_t after = plan.clr_flags & ~kClrIlOnly;
-    AddPatch(patches, plan.clr_flags_rva, &plan.clr_flags, &after, sizeof(after));
-  }
+  *after = plan.before;
+  after->directory[kImportDirectory] = {block_rva + kTableOffset,
+                                        descriptors * static_cast<uint32_t>(sizeof(ImportDescriptor))};
+  after->directory[kBoundImportDirectory] = {};
+  after->directory[kIatDirectory] = AddressTables(reader, image, plan.old_count, first_thunk,
+                                                  {block_rva + layout.thunks, layout.names - layout.thunks});
+  after->clr_flags &= ~kClrIlOnly;
 
   BlockHeader header = {};
   memcpy(header.signature, kSignature, sizeof(kSignature));
   header.block_size = plan.block_size;
-  if (!SaveOriginals(plan, *patches, &header)) return Status::kBadHeaders;
+  header.original = plan.original;
   memcpy(block.data(), &header, sizeof(header));
   return Status::kOk;
 }
@@ -215,14 +182,9 @@ bool FindBlock(const ImageReader& reader, const Image& image, BlockHeader* heade
   const uint32_t table = image.directory[kImportDirectory].rva;
   if (table < kTableOffset || !reader.Read(table - kTableOffset, header)) return false;
   if (memcmp(header->signature, kSignature, sizeof(kSignature)) != 0) return false;
-  if (header->block_size < kTableOffset || header->block_size > UINT32_MAX - (table - kTableOffset))
-    return false;
-  if (header->saved_count == 0 || header->saved_count > PatchList::kCapacity) return false;
-  for (uint32_t i = 0; i < header->saved_count; ++i) {
-    const SavedBytes& saved = header->saved[i];
-    if (saved.size == 0 || saved.size > sizeof(saved.bytes)) return false;
-  }
-  return true;
+  const uint32_t flags_rva = header->original.clr_flags_rva;
+  return header->block_size >= kTableOffset && header->block_size <= UINT32_MAX - (table - kTableOffset) &&
+         (!flags_rva || image.Contains(flags_rva, sizeof(uint32_t)));
 }
 
 }  // namespace detours::pe

@@ -15,25 +15,19 @@ namespace {
 constexpr uint32_t kBlock = 0x10000;
 using Dlls = std::vector<const char*>;
 
-// What an injection does, in memory: plan, build, write the block, apply the patches.
+// What an injection does, in memory: plan, build, write the block and the header fields.
 pe::Status Inject(Memory& memory, const Dlls& dlls, uint32_t block_rva = kBlock,
                   pe::ImportPlan* out = nullptr) {
   pe::Image image;
   pe::ImportPlan plan;
-  pe::PatchList patches;
+  pe::HeaderFields after;
   if (pe::Status s = pe::ReadImage(memory, &image); s != pe::Status::kOk) return s;
   if (pe::Status s = pe::PlanImports(memory, image, dlls, &plan); s != pe::Status::kOk) return s;
   std::vector<uint8_t> block(plan.block_size);
-  pe::Status s = pe::BuildImports(memory, image, plan, dlls, block_rva, block, &patches);
+  pe::Status s = pe::BuildImports(memory, image, plan, dlls, block_rva, block, &after);
   if (s != pe::Status::kOk) return s;
   memory.Add(block_rva, std::move(block));
-  for (uint32_t i = 0; i < patches.count; ++i) {
-    const pe::Patch& p = patches.patch[i];
-    uint8_t now[8];
-    EXPECT_TRUE(memory.Read(p.rva, now, p.size));
-    EXPECT_EQ(memcmp(now, p.before, p.size), 0);
-    EXPECT_TRUE(memory.Write(p.rva, p.after, p.size));
-  }
+  EXPECT_TRUE(memory.Write(image, after));
   if (out) *out = plan;
   return s;
 }
@@ -42,11 +36,7 @@ bool Restore(Memory& memory) {
   pe::Image image;
   pe::BlockHeader block;
   if (pe::ReadImage(memory, &image) != pe::Status::kOk || !pe::FindBlock(memory, image, &block)) return false;
-  bool ok = true;
-  for (uint32_t i = 0; i < block.saved_count; ++i) {
-    ok &= memory.Write(block.saved[i].rva, block.saved[i].bytes, block.saved[i].size);
-  }
-  return ok;
+  return memory.Write(image, block.original);
 }
 
 pe::DataDirectory DirectoryOf(const Memory& memory, uint32_t index) {
@@ -232,6 +222,7 @@ TEST_P(PeImages, HeadersThatLieEndWithTheirReason) {
       {"more directories than exist", directories - 4, 4, 0xffff'ffff, pe::Status::kOk},
       {"import directory size too large", import + 4, 4, 0xffff'ffff, pe::Status::kOk},
       {"import directory size too small", import + 4, 4, 1, pe::Status::kOk},
+      {"CLR header over the headers", clr, 4, pe::kNtOffsetField - 16, pe::Status::kBadClrHeader},
       {"CLR header beyond the image", clr, 4, kImageSize - 8, pe::Status::kBadClrHeader},
   };
   for (const Lie& lie : lies) {

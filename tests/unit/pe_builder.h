@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "detours/code/pe_image.h"
+#include "detours/code/pe_import_plan.h"
 
 namespace detours::pe_test {
 
@@ -112,6 +112,10 @@ class Memory final : public pe::ImageReader {
     auto* to = const_cast<uint8_t*>(Find(rva, size));
     if (to) memcpy(to, data, size);
     return to;
+  }
+  [[nodiscard]] bool Write(const pe::Image& image, const pe::HeaderFields& fields) {
+    if (fields.clr_flags_rva && !Write(fields.clr_flags_rva, &fields.clr_flags, 4)) return false;
+    return Write(image.directories, fields.directory, image.directory_count * sizeof(pe::DataDirectory));
   }
   void Add(uint32_t rva, std::vector<uint8_t> piece) { pieces_[rva] = std::move(piece); }
   const std::vector<uint8_t>& image() const { return pieces_.at(0); }
