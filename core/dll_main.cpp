@@ -7,7 +7,9 @@
 //
 // A process in which a stage fails is not left to run unconfined: it ends with an exit code that names the
 // stage. Everything here runs on the thread that loads the library, inside the loader.
+#include "File/file_mgr.h"
 #include "Load/load_dll_mgr.h"
+#include "Net/net_mgr.h"
 #include "Platform/nt.h"
 #include "Proc/init_event.h"
 #include "Proc/proc_mgr.h"
@@ -86,9 +88,11 @@ struct Manager {
   OnFailure on_failure;
 };
 constexpr Manager kManagers[] = {
+    {"CNetMgr", [] { return GetNetMgr().Init(); }, OnFailure::kStop},
     {"mod", [] { return mod::Init(); }, OnFailure::kStop},
     {"CProcMgr", [] { return CProcMgr::GetInstance()->Init(); }, OnFailure::kStop},
     {"CLoadDllMgr", [] { return CLoadDllMgr::GetInstance()->Init(); }, OnFailure::kStop},
+    {"CFileMgr", [] { return GetFileMgr().Init(); }, OnFailure::kStop},
     {"channel", InitChannel, OnFailure::kStop},
 };
 
