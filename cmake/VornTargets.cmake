@@ -20,13 +20,6 @@ else()
   add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-march=x86-64-v2>)
 endif()
 
-# Native builds exist for the tests' sake: pure code under the sanitizers. Benches switch them off.
-option(VORN_SANITIZE "Native builds check addresses and undefined behaviour" ON)
-if(NOT WIN32 AND VORN_SANITIZE)
-  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
-  add_link_options(-fsanitize=address,undefined)
-endif()
-
 if(WIN32)
   set(CMAKE_CXX_STANDARD_LIBRARIES "")  # no -luser32 -lgdi32 ... on every link line
   set(CMAKE_C_STANDARD_LIBRARIES "")
@@ -39,7 +32,6 @@ if(WIN32)
   target_compile_definitions(vorn_nocrt INTERFACE __USE_MINGW_ANSI_STDIO=0)
   # Log lines carry the file name below core/.
   target_compile_options(vorn_nocrt INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/core/=
-   
     -fno-exceptions -fno-rtti -fasynchronous-unwind-tables -fno-ident -ffunction-sections -fdata-sections>)
 endif()
 

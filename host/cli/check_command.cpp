@@ -1,0 +1,77 @@
+#include <fmt/format.h>
+
+#include "commands.h"
+#include "vorn/text.h"
+
+namespace vorn::cli {
+namespace {
+
+const char* AccessText(policy::FileACL access) {
+  switch (access) {
+    case policy::FileACL::kDeny:
+      return "deny";
+    case policy::FileACL::kRead:
+      return "read";
+    case policy::FileACL::kReadWrite:
+      return "write";
+    case policy::FileACL::kUnknown:
+      break;
+  }
+  return "unconfined";
+}
+
+std::string ExplainPath(const host::CompiledPolicy& policy, const std::string& question) {
+  const host::PathDecision decision = policy.DecidePath(host::ToWide(question));
+  return fmt::format("{:<10}  {}  ({}; looked up as {})", AccessText(decision.access), question,
+                     host::CompiledPolicy::Describe(decision), host::ToUtf8(decision.nt_path));
+}
+
+std::string ExplainDestination(const host::CompiledPolicy& policy, const host::PolicyNetRule& destination) {
+  const host::DestinationDecision decision = policy.DecideDestination(destination);
+  return fmt::format("{:<10}  {}  ({})", decision.allow ? "allow" : "deny", destination.text,
+                     policy.Describe(decision));
+}
+
+bool LooksLikePath(const std::string& question) {
+  return question.starts_with("\\\\") || (question.size() >= 2 && question[1] == ':' && question[0] > '9');
+}
+
+}  // namespace
+
+int Check(const std::string& policy_file) {
+  const auto policy = LoadPolicy(policy_file);
+  if (!policy) return kExitMistake;
+  const host::PolicyDocument& document = policy->document();
+  std::string network = "not confined";
+  if (document.has_network)
+    network = fmt::format("{} destination rules, default {}", document.network.size(),
+                          document.network_default_allow ? "allow" : "deny");
+  PrintLine(fmt::format("{}: ok: {} file rules; network {}", policy_file, document.files.size(), network));
+  for (const host::PolicyNetRule& rule : document.network)
+    PrintLine(
+        fmt::format("  {:<5}  {}  (line {})", rule.allow ? "allow" : "deny", rule.text, rule.place.line));
+  return kExitOk;
+}
+
+int Explain(const std::string& policy_file, const std::vector<std::string>& questions) {
+  const auto policy = LoadPolicy(policy_file);
+  if (!policy) return kExitMistake;
+  int result = kExitOk;
+  for (const std::string& question : questions) {
+    try {
+      if (LooksLikePath(question)) {
+        PrintLine(ExplainPath(*policy, question));
+        continue;
+      }
+      auto destination = host::ParseDestination(question);
+      if (auto* error = std::get_if<std::string>(&destination)) throw std::invalid_argument(*error);
+      PrintLine(ExplainDestination(*policy, std::get<host::PolicyNetRule>(destination)));
+    } catch (const std::exception& error) {
+      PrintErrorLine(fmt::format("vorn: cannot explain \"{}\": {}", question, error.what()));
+      result = kExitMistake;
+    }
+  }
+  return result;
+}
+
+}  // namespace vorn::cli

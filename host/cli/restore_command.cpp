@@ -1,0 +1,104 @@
+#include <windows.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "commands.h"
+#include "vorn/recycle_bin.h"
+#include "vorn/run_journal.h"
+#include "vorn/text.h"
+
+namespace vorn::cli {
+namespace {
+
+// Deletion times of the journal and of the bin come from two clocks and two roundings.
+constexpr std::uint64_t kSameDeletionMs = 120'000;
+
+bool SamePath(const std::wstring& a, const std::wstring& b) {
+  return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_EQUAL;
+}
+
+std::string TimeText(std::uint64_t time_ms) {
+  const std::uint64_t ticks = time_ms * 10'000 + 116'444'736'000'000'000;
+  const FILETIME utc{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
+  FILETIME local;
+  SYSTEMTIME t;
+  if (!FileTimeToLocalFileTime(&utc, &local) || !FileTimeToSystemTime(&local, &t)) return "?";
+  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute,
+                     t.wSecond);
+}
+
+// Takes the file of this deletion out of the bin's list: same path, nearest time.
+std::optional<host::RecycledFile> TakeFromBin(std::vector<host::RecycledFile>& bin,
+                                              const host::RecycleEntry& entry) {
+  const auto distance = [&](const host::RecycledFile& file) {
+    return file.deleted_at_ms > entry.time_ms ? file.deleted_at_ms - entry.time_ms
+                                              : entry.time_ms - file.deleted_at_ms;
+  };
+  auto best = bin.end();
+  for (auto it = bin.begin(); it != bin.end(); ++it)
+    if (SamePath(it->original_path, entry.path) && distance(*it) <= kSameDeletionMs &&
+        (best == bin.end() || distance(*it) < distance(*best)))
+      best = it;
+  if (best == bin.end()) return {};
+  host::RecycledFile file = *best;
+  bin.erase(best);
+  return file;
+}
+
+int ListRuns() {
+  const std::vector<std::string> runs = host::RunJournal::List();
+  if (runs.empty()) PrintLine("no run has moved anything to the recycle bin");
+  for (const std::string& run : runs)
+    PrintLine(fmt::format("{}  {} deleted", run, host::RunJournal::Read(run).value_or({}).size()));
+  return kExitOk;
+}
+
+}  // namespace
+
+int Restore(const std::string& run, bool list, const std::vector<std::string>& paths) {
+  if (run.empty()) return ListRuns();
+  const auto entries = host::RunJournal::Read(run);
+  if (!entries) {
+    PrintErrorLine(
+        fmt::format("vorn: there is no run \"{}\" that deleted anything (vorn restore lists the runs)", run));
+    return kExitMistake;
+  }
+  std::vector<host::RecycledFile> bin = host::ListRecycleBin();
+  int result = kExitOk;
+  // The last deletion of a path is the one that its user remembers: it is put back first.
+  for (auto entry = entries->rbegin(); entry != entries->rend(); ++entry) {
+    const bool wanted =
+        paths.empty() || std::any_of(paths.begin(), paths.end(), [&](const std::string& path) {
+          return SamePath(host::ToWide(path), entry->path);
+        });
+    if (!wanted) continue;
+    const std::string name = host::ToUtf8(entry->path);
+    const auto file = TakeFromBin(bin, *entry);
+    if (list) {
+      PrintLine(
+          fmt::format("{}  {:<14}  {}", TimeText(entry->time_ms), file ? "in recycle bin" : "gone", name));
+      continue;
+    }
+    std::uint32_t error = 0;
+    switch (file ? host::RestoreFile(*file, &error) : host::RestoreOutcome::kGone) {
+      case host::RestoreOutcome::kRestored:
+        PrintLine("restored        " + name);
+        continue;
+      case host::RestoreOutcome::kTargetExists:
+        PrintLine("left in the bin " + name + " (a file of that name exists)");
+        break;
+      case host::RestoreOutcome::kGone:
+        PrintLine("gone            " + name + " (no longer in the recycle bin)");
+        break;
+      case host::RestoreOutcome::kFailed:
+        PrintLine("failed          " + name + " (" + host::Win32ErrorText(error) + ")");
+        break;
+    }
+    result = kExitMistake;
+  }
+  return result;
+}
+
+}  // namespace vorn::cli

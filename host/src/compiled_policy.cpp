@@ -1,0 +1,168 @@
+#include "vorn/compiled_policy.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <system_error>
+
+#include "Policy/device_path.h"
+#include "Policy/wide.h"
+#include "vorn/nt_path.h"
+#include "vorn/text.h"
+
+namespace vorn::host {
+namespace {
+
+const char* AccessName(FileAccess access) {
+  switch (access) {
+    case FileAccess::kDeny:
+      return "deny";
+    case FileAccess::kRead:
+      return "read";
+    case FileAccess::kWrite:
+      return "write";
+  }
+  return "";
+}
+
+std::wstring TempDirectory() {
+  wchar_t path[MAX_PATH + 1];
+  const DWORD length = GetTempPathW(MAX_PATH + 1, path);
+  if (length == 0 || length > MAX_PATH) return {};
+  try {
+    return ToNtPath(path);
+  } catch (const std::system_error&) {
+    return {};
+  }
+}
+
+}  // namespace
+
+std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(PolicyDocument document) {
+  CompiledPolicy compiled(std::move(document));
+  std::vector<PolicyError> errors;
+  for (const PolicyFileRule& rule : compiled.document_.files) {
+    try {
+      compiled.file_rules_.push_back(
+          {static_cast<policy::FileACL>(rule.access), ToNtPath(ToWide(rule.path))});
+    } catch (const std::system_error& error) {
+      errors.push_back({rule.place, "\"" + rule.path + "\" cannot be used: " +
+                                        Win32ErrorText(static_cast<std::uint32_t>(error.code().value()))});
+    }
+  }
+  if (!errors.empty()) return errors;
+  compiled.temp_directory_ = TempDirectory();
+  SectionContents contents;
+  compiled.FillIn(contents);
+  compiled.section_ = LayOutSection(contents);
+  return compiled;
+}
+
+void CompiledPolicy::FillIn(SectionContents& contents) const {
+  contents.flags = document_.log_level;
+  if (!document_.enforce_files) contents.flags |= policy::kFlagFileCreateCheckOff;
+  if (!document_.enforce_network) contents.flags |= policy::kFlagNetCheckOff;
+  contents.file_rules = file_rules_;
+  contents.net_rules.clear();
+  if (!document_.has_network) return;
+  for (const PolicyNetRule& rule : document_.network) {
+    NetRule& out = contents.net_rules.emplace_back();
+    out.verdict = rule.allow ? policy::kVerdictAllow : policy::kVerdictDeny;
+    out.kind = rule.domain.empty() ? policy::NetRuleKind::kAddress : policy::NetRuleKind::kDomain;
+    out.address = rule.address;
+    out.prefix = rule.prefix;
+    out.ports = rule.ports;
+    out.domain = ToWide(rule.domain);
+  }
+  NetRule& last = contents.net_rules.emplace_back();
+  last.kind = policy::NetRuleKind::kDefault;
+  last.verdict = document_.network_default_allow ? policy::kVerdictAllow : policy::kVerdictDeny;
+}
+
+PathDecision CompiledPolicy::DecidePath(const std::wstring& path) const {
+  PathDecision decision;
+  decision.nt_path = ToNtPath(path);
+  const std::u16string_view nt_path = policy::U16(std::wstring_view(decision.nt_path));
+  if (!document_.enforce_files) {
+    decision.access = policy::FileACL::kUnknown;
+    decision.reason = PathReason::kCheckOff;
+  } else if (policy::IsRecycleBinPath(nt_path)) {
+    decision.access = policy::FileACL::kReadWrite;
+    decision.reason = PathReason::kRecycleBin;
+  } else if (policy::IsUnder(nt_path, policy::U16(std::wstring_view(temp_directory_)))) {
+    decision.access = policy::FileACL::kReadWrite;
+    decision.reason = PathReason::kTemp;
+  } else {
+    const policy::FileRuleMatch match = policy::CheckFileACL(policy::SectionView(section_), nt_path);
+    decision.access = match.access;
+    if (match.found) {
+      decision.reason = PathReason::kRule;
+      decision.rule = &document_.files[match.rule_index];
+    }
+  }
+  return decision;
+}
+
+DestinationDecision CompiledPolicy::DecideDestination(const PolicyNetRule& destination) const {
+  policy::IpAddress address;
+  address.family = destination.address.size() == 4    ? policy::kFamilyIPv4
+                   : destination.address.size() == 16 ? policy::kFamilyIPv6
+                                                      : 0;
+  std::copy(destination.address.begin(), destination.address.end(), address.bytes.begin());
+  address.port = destination.ports.empty() ? 0 : destination.ports.front();
+  address = policy::UnwrapMappedIPv4(address);
+  const std::wstring domain = ToWide(destination.domain);
+  const policy::SectionView section(section_);
+  DestinationDecision decision;
+  if (destination.address.empty()) {
+    // No address rule matches; the port still counts for the name.
+    const policy::DomainRuleMatch match =
+        policy::MatchDomainRules(section, policy::U16(std::wstring_view(domain)), address.port);
+    if (match.decided) {
+      decision.decider = policy::NetDecider::kDomainRule;
+      decision.rule = &document_.network[match.rule_index];
+      decision.allow = match.verdict == policy::kVerdictAllow;
+      return decision;
+    }
+  }
+  const policy::NetDecision whole =
+      policy::DecideDestination(section, {}, destination.address.empty() ? nullptr : &address);
+  decision.decider = whole.decider;
+  decision.allow = whole.verdict == policy::kVerdictAllow;
+  if (whole.decider == policy::NetDecider::kAddressRule) decision.rule = &document_.network[whole.rule_index];
+  return decision;
+}
+
+std::string CompiledPolicy::Describe(const PathDecision& decision) {
+  switch (decision.reason) {
+    case PathReason::kRule:
+      return std::string(AccessName(decision.rule->access)) + " " + decision.rule->path + " (line " +
+             std::to_string(decision.rule->place.line) + ")";
+    case PathReason::kNoRule:
+      return "no rule: read only";
+    case PathReason::kTemp:
+      return "temp folder: read and write";
+    case PathReason::kRecycleBin:
+      return "recycle bin: read and write";
+    case PathReason::kCheckOff:
+      return "files are not enforced";
+  }
+  return {};
+}
+
+std::string CompiledPolicy::Describe(const DestinationDecision& decision) const {
+  switch (decision.decider) {
+    case policy::NetDecider::kNoRules:
+      return "no [network] table: the network is not confined";
+    case policy::NetDecider::kCheckOff:
+      return "the network is not enforced";
+    case policy::NetDecider::kDefaultRule:
+    case policy::NetDecider::kNoMatch:
+      return std::string("default: ") + (decision.allow ? "allow" : "deny");
+    default:
+      return std::string(decision.rule->allow ? "allow " : "deny ") + decision.rule->text + " (line " +
+             std::to_string(decision.rule->place.line) + ")";
+  }
+}
+
+}  // namespace vorn::host
