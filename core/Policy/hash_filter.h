@@ -29,11 +29,11 @@ class HashFilter {
     alignas(16) std::uint8_t tables[4][16] = {};
     for (std::size_t i = 0; i < hashes.size(); ++i) {
       const auto bucket = static_cast<std::uint8_t>(1u << (i % 8));
-      for (unsigned nibble = 0; nibble < 4; ++nibble) {
+      for (std::size_t nibble = 0; nibble < 4; ++nibble) {
         tables[nibble][hashes[i] >> (8 * kHashByte + 4 * nibble) & 0xF] |= bucket;
       }
     }
-    for (unsigned nibble = 0; nibble < 4; ++nibble) {
+    for (std::size_t nibble = 0; nibble < 4; ++nibble) {
       tables_[nibble] = _mm_load_si128(reinterpret_cast<const __m128i*>(tables[nibble]));
     }
   }
@@ -53,7 +53,7 @@ class HashFilter {
  private:
   static constexpr std::size_t kBlock = 16;
   // The filter looks at bytes 1 and 2 of the hash: its lowest bits are little more than a sum of the units.
-  static constexpr unsigned kHashByte = 1;
+  static constexpr std::size_t kHashByte = 1;
 
   template <typename Visit>
   static bool VisitBlock(unsigned candidates, std::size_t first, Visit visit) noexcept {
@@ -64,11 +64,10 @@ class HashFilter {
   }
 
   // The load that brings the 16 hash bits of record `Lane` into word `Lane`.
-  template <int Lane>
+  template <std::size_t Lane>
   static __m128i Load(const FileRuleRecord* rules) noexcept {
-    constexpr std::ptrdiff_t kAt = Lane * static_cast<std::ptrdiff_t>(sizeof(FileRuleRecord)) +
-                                   static_cast<std::ptrdiff_t>(offsetof(FileRuleRecord, path_hash)) +
-                                   kHashByte - 2 * Lane;
+    constexpr std::size_t kAt = Lane * sizeof(FileRuleRecord) + offsetof(FileRuleRecord, path_hash) +
+                                kHashByte - Lane * sizeof(std::uint16_t);
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(reinterpret_cast<const char*>(rules) + kAt));
   }
 

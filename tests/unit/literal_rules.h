@@ -69,16 +69,17 @@ inline bool LiteralAddressMatches(const NetRuleAddress& rule, const IpAddress& a
 
 inline NetRuleMatch LiteralMatchAddressRules(const SectionView& section, const IpAddress& address) {
   const std::uint32_t needed = address.family == kFamilyIPv4 ? 4 : 16;
-  for (std::uint32_t i = 0; i < section.NetRuleCount(); ++i) {
-    const NetRuleRecord* rule = section.NetRuleAt(i);
-    if (!rule || rule->kind != static_cast<std::uint32_t>(NetRuleKind::kAddress)) continue;
-    const NetRuleAddress rule_address = section.AddressOf(*rule);
+  const auto rules = section.NetRules();
+  for (std::uint32_t i = 0; i < rules.size(); ++i) {
+    const NetRuleRecord& rule = rules[i];
+    if (rule.kind != static_cast<std::uint32_t>(NetRuleKind::kAddress)) continue;
+    const NetRuleAddress rule_address = section.AddressOf(rule);
     if (!rule_address.bytes.data() || rule_address.length < needed || rule_address.length > 128) continue;
     if (rule_address.family != address.family || !LiteralAddressMatches(rule_address, address)) continue;
-    const NetRulePorts ports = section.PortsOf(*rule);
+    const NetRulePorts ports = section.PortsOf(rule);
     bool admitted = ports.Readable() && ports.size() == 0;
     for (std::uint32_t p = 0; p < ports.size(); ++p) admitted = admitted || ports[p] == address.port;
-    if (admitted) return {true, rule->verdict, i};
+    if (admitted) return {true, rule.verdict, i};
   }
   return {};
 }

@@ -1,0 +1,68 @@
+// Any bytes as a message: what decodes lies inside the message and survives being encoded again.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "Policy/message.h"
+
+namespace {
+
+using namespace vorn::policy;
+
+void Require(bool condition) {
+  if (!condition) std::abort();
+}
+
+template <typename... Views>
+std::string Joined(Views... views) {
+  std::string text;
+  ((text.append(views), text += '\n'), ...);
+  return text;
+}
+
+// All texts of a message, read to their last byte.
+std::string Texts(const ProcessStart& m) { return Joined(m.image_name, m.command_line); }
+std::string Texts(const ProcessEvent& m) { return Joined(m.image_name); }
+std::string Texts(const CrashNotice&) { return {}; }
+std::string Texts(const FileAudit& m) { return Joined(m.source, m.destination); }
+std::string Texts(const NetAudit& m) { return Joined(m.destination, m.source, m.domain); }
+std::string Texts(const Sample& m) { return Joined(m.text); }
+
+template <typename Message>
+void CheckAgain(const Message& message, const TIPHeader& header) {
+  std::vector<std::byte> bytes(EncodedSize(message));
+  Require(Encode(message, {.time_ms = header.time_ms, .pid = header.pid}, bytes) == bytes.size());
+  const Decoded again = DecodeMessage(bytes);
+  Require(again.Ok() && again.header.type == header.type && again.header.subtype == header.subtype);
+  Require(std::holds_alternative<Message>(again.body) &&
+          Texts(std::get<Message>(again.body)) == Texts(message));
+}
+void CheckAgain(const std::monostate&, const TIPHeader&) { Require(false); }
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const auto* bytes = reinterpret_cast<const std::byte*>(data);
+  std::vector<std::byte> message(bytes, bytes + size);
+  if (size >= kMinMessageSize && size % 4 != 0) {
+    // Most inputs get past the frame.
+    TIPHeader header;
+    std::memcpy(&header, data, sizeof header);
+    header.magic = kTipMagic;
+    header.payload_length = static_cast<std::uint32_t>(size - kMessageOverhead);
+    header.type = static_cast<std::uint16_t>(header.type % 6);
+    header.subtype = static_cast<std::uint16_t>(header.subtype % 5);
+    std::memcpy(message.data(), &header, sizeof header);
+  }
+  const Decoded decoded = DecodeMessage(message);
+  if (decoded.Ok()) {
+    std::visit([&](const auto& body) { CheckAgain(body, decoded.header); }, decoded.body);
+  } else {
+    Require(std::holds_alternative<std::monostate>(decoded.body) && decoded.error.offset <= size &&
+            DecodeReasonText(decoded.error.reason)[0] != 0);
+  }
+  return 0;
+}

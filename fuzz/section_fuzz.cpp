@@ -1,0 +1,111 @@
+// Any bytes as a configuration section: every accessor stays inside it, and the rules read from it give the
+// answers of the plain scan.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "Policy/file_rules.h"
+#include "Policy/net_rules.h"
+#include "tests/unit/literal_rules.h"
+
+namespace {
+
+using namespace vorn::policy;
+
+void Require(bool condition) {
+  if (!condition) std::abort();
+}
+
+// A copy, which reads the text to its last unit.
+std::u16string Copy(SectionText text) {
+  std::u16string copy;
+  for (std::size_t i = 0; i < text.text.size(); ++i) copy += UnitAt(text.text.data() + i);
+  return copy;
+}
+
+// Counts and offsets as drawn leave the section nearly always; reduced, they leave it about every second
+// time.
+void Tame(std::vector<std::byte>& memory) {
+  const auto limit = static_cast<std::uint32_t>(memory.size()) * 2;
+  const auto reduce = [limit](SharedU32& field, std::uint32_t below) {
+    field = field % (below < limit ? below : limit);
+  };
+  auto* header = reinterpret_cast<SharedDataHeader*>(memory.data());
+  reduce(header->log_directory.length, 64);
+  reduce(header->log_directory.offset, limit);
+  reduce(header->file_rule_count, 64);
+  reduce(header->file_rule_offset, limit);
+  reduce(header->net_rule_count, 64);
+  reduce(header->net_rule_offset, limit);
+  const SectionView section{memory};
+  for (const FileRuleRecord& shared : section.FileRules()) {
+    auto& rule = const_cast<FileRuleRecord&>(shared);
+    reduce(rule.path.length, 64);
+    reduce(rule.path.offset, limit);
+  }
+  for (const FileRuleRecord& shared : section.FileRules()) {
+    auto& rule = const_cast<FileRuleRecord&>(shared);
+    if (rule.access % 8 < 6) rule.path_hash = HashPathNoCase(Copy(section.PathOf(rule)));
+  }
+  for (const NetRuleRecord& shared : section.NetRules()) {
+    auto& rule = const_cast<NetRuleRecord&>(shared);
+    reduce(rule.kind, 4);
+    reduce(rule.prefix_length, 160);
+    rule.family = rule.family % 2 ? kFamilyIPv4 : kFamilyIPv6;
+    for (SharedString* part : {&rule.address, &rule.ports, &rule.domain}) {
+      reduce(part->length, 40);
+      reduce(part->offset, limit);
+    }
+  }
+}
+
+void CheckFileRules(const SectionView& section) {
+  for (std::uint32_t i = 0; i < section.FileRules().size() && i < 64; ++i) {
+    const std::u16string rule = Copy(section.FileRuleAt(i).path);
+    for (const std::u16string& path : {rule, rule + u"\\x", rule + u"x", rule + u'\\' + rule}) {
+      const FileRuleMatch match = CheckFileACL(section, path);
+      const FileRuleMatch literal = test::LiteralCheckFileACL(section, path);
+      Require(match.found == literal.found && match.access == literal.access &&
+              match.rule_index == literal.rule_index);
+    }
+  }
+}
+
+void CheckNetRules(const SectionView& section) {
+  for (std::uint32_t i = 0; i < section.NetRules().size() && i < 64; ++i) {
+    const NetRuleRecord* rule = section.NetRuleAt(i);
+    IpAddress address{.family = rule->family, .bytes = {}, .port = static_cast<std::uint16_t>(i)};
+    const NetRuleAddress own = section.AddressOf(*rule);
+    for (std::size_t k = 0; k < own.bytes.size() && k < 16; ++k)
+      address.bytes[k] = static_cast<std::uint8_t>(own.bytes[k]);
+    const NetRulePorts ports = section.PortsOf(*rule);
+    for (std::uint32_t k = 0; k < ports.size(); ++k) address.port = ports[k];
+    const AddressRuleMatch match = MatchAddressRules(section, address);
+    const NetRuleMatch literal = test::LiteralMatchAddressRules(section, address);
+    Require(match.decided == literal.decided && match.verdict == literal.verdict &&
+            match.rule_index == literal.rule_index);
+
+    const std::u16string domain = u"a." + Copy(section.DomainOf(*rule));
+    const NetDecision decision = DecideDestination(section, domain, &address);
+    Require(decision.rule_index < section.NetRules().size());
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const auto* bytes = reinterpret_cast<const std::byte*>(data);
+  std::vector<std::byte> memory(bytes, bytes + size);
+  if (size >= sizeof(SharedDataHeader) && size % 4 != 0) Tame(memory);
+  const SectionView section{memory};
+  (void)section.Check();
+  for (const SectionText text : {section.LogDirectory(), section.DumpDirectory(), section.ServerPortName(),
+                                 section.CreateProcessEventPrefix(), section.BizDllPathX64(),
+                                 section.BizDllPathX86(), section.IPC64FullPath(), section.IPC32FullPath()}) {
+    (void)Copy(text);
+  }
+  CheckFileRules(section);
+  CheckNetRules(section);
+  return 0;
+}
