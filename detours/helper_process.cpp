@@ -11,10 +11,12 @@
 // zero count of inherited file descriptors, which is all that the C runtime reads there.
 #include <winternl.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "detours/detours.h"
+#include "detours/win32_error.h"
 
 namespace detours {
 namespace {
@@ -121,12 +123,13 @@ bool HelperImage(HANDLE target, wchar_t (&path)[MAX_PATH]) {
 
 DWORD WaitForHelper(HANDLE helper) {
   if (WaitForSingleObject(helper, kWaitMilliseconds) != WAIT_OBJECT_0) {
-    // A rundll32 that cannot load the DLL shows a message and waits for its user.
+    // A rundll32 that cannot load the DLL shows a message and waits for its user. The target is in a known
+    // state only when the helper is gone.
     TerminateProcess(helper, ERROR_TIMEOUT);
-    return ERROR_TIMEOUT;
+    if (WaitForSingleObject(helper, kWaitMilliseconds) != WAIT_OBJECT_0) return ERROR_TIMEOUT;
   }
   DWORD code;
-  if (!GetExitCodeProcess(helper, &code)) return GetLastError();
+  if (!GetExitCodeProcess(helper, &code)) return Failure();
   if (code == kHelperDone) return NO_ERROR;
   return code ? code : ERROR_DLL_INIT_FAILED;
 }
@@ -142,7 +145,7 @@ DWORD RunHelper(DWORD pid, const char* dll, PDETOUR_CREATE_PROCESS_ROUTINEW crea
   if (!command.length) return ERROR_INVALID_PARAMETER;
 
   const Handle target(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
-  if (!target.get()) return GetLastError();
+  if (!target.get()) return Failure();
   wchar_t image[MAX_PATH];
   if (!HelperImage(target.get(), image)) return ERROR_PATH_NOT_FOUND;
 
@@ -153,7 +156,7 @@ DWORD RunHelper(DWORD pid, const char* dll, PDETOUR_CREATE_PROCESS_ROUTINEW crea
   PROCESS_INFORMATION started = {};
   if (!create_process(image, command.text, nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr, nullptr,
                       &startup, &started)) {
-    return GetLastError();
+    return Failure();
   }
   const Handle process(started.hProcess), thread(started.hThread);
   return WaitForHelper(process.get());
@@ -163,9 +166,9 @@ DWORD CarryOut(const HelperOrder& order) {
   const Handle target(
       OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_OPERATION | PROCESS_VM_READ | PROCESS_VM_WRITE,
                   FALSE, order.target_pid));
-  if (!target.get()) return GetLastError();
+  if (!target.get()) return Failure();
   LPCSTR dll = order.dll;
-  return DetourUpdateProcessWithDll(target.get(), &dll, 1) ? kHelperDone : GetLastError();
+  return DetourUpdateProcessWithDll(target.get(), &dll, 1) ? kHelperDone : Failure();
 }
 
 }  // namespace

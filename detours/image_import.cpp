@@ -4,6 +4,7 @@
 #include "detours/code/pe_import_plan.h"
 #include "detours/detours.h"
 #include "detours/remote_memory.h"
+#include "detours/win32_error.h"
 
 namespace detours {
 namespace {
@@ -34,12 +35,6 @@ DWORD ErrorOf(pe::Status status) {
       return ERROR_NOT_ENOUGH_MEMORY;
   }
   return ERROR_BAD_EXE_FORMAT;
-}
-
-// The error of a call that just failed; never NO_ERROR.
-DWORD Failure() {
-  const DWORD error = GetLastError();
-  return error ? error : ERROR_GEN_FAILURE;
 }
 
 void ReportRepairedSize() {

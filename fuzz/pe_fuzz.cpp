@@ -40,9 +40,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   pe::HeaderFields after;
   if (pe::ReadImage(memory, &image) != pe::Status::kOk) return 0;
   if (pe::PlanImports(memory, image, dlls, &plan) != pe::Status::kOk) return 0;
+  const uint32_t block_rva = image.size_of_image > 0x100000 ? image.size_of_image : 0x100000;
   std::vector<uint8_t> block(plan.block_size);
-  if (pe::BuildImports(memory, image, plan, dlls, 0x100000, block, &after) != pe::Status::kOk) return 0;
-  memory.Add(0x100000, std::move(block));
+  if (pe::BuildImports(memory, image, plan, dlls, block_rva, block, &after) != pe::Status::kOk) return 0;
+  memory.Add(block_rva, std::move(block));
   Require(memory.Write(image, after));
   pe::BlockHeader header;
   Require(pe::ReadImage(memory, &image) == pe::Status::kOk && pe::FindBlock(memory, image, &header));

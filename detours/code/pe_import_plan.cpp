@@ -1,5 +1,6 @@
 #include "detours/code/pe_import_plan.h"
 
+#include <cstddef>
 #include <cstring>
 
 namespace detours::pe {
@@ -121,7 +122,8 @@ Status PlanImports(const ImageReader& reader, const Image& image, std::span<cons
 Status BuildImports(const ImageReader& reader, const Image& image, const ImportPlan& plan,
                     std::span<const char* const> dlls, uint32_t block_rva, std::span<uint8_t> block,
                     HeaderFields* after) noexcept {
-  if (block.size() < plan.block_size || block_rva > UINT32_MAX - plan.block_size) return Status::kOutOfReach;
+  if (block_rva < image.size_of_image || block_rva > UINT32_MAX - plan.block_size) return Status::kOutOfReach;
+  if (block.size() < plan.block_size) return Status::kOutOfReach;
   memset(block.data(), 0, plan.block_size);
   const auto dll_count = static_cast<uint32_t>(dlls.size());
   const Layout layout(image.is_64, dll_count, plan.old_count);
@@ -180,7 +182,9 @@ Status BuildImports(const ImageReader& reader, const Image& image, const ImportP
 
 bool FindBlock(const ImageReader& reader, const Image& image, BlockHeader* header) noexcept {
   const uint32_t table = image.directory[kImportDirectory].rva;
-  if (table < kTableOffset || !reader.Read(table - kTableOffset, header)) return false;
+  // Only what lies above the image is ours; a file could carry the same bytes.
+  if (table < kTableOffset || table - kTableOffset < image.size_of_image) return false;
+  if (!reader.Read(table - kTableOffset, header)) return false;
   if (memcmp(header->signature, kSignature, sizeof(kSignature)) != 0) return false;
   const uint32_t flags_rva = header->original.clr_flags_rva;
   return header->block_size >= kTableOffset && header->block_size <= UINT32_MAX - (table - kTableOffset) &&

@@ -60,7 +60,7 @@ struct ImportPlan {
 [[nodiscard]] Status PlanImports(const ImageReader& reader, const Image& image,
                                  std::span<const char* const> dlls, ImportPlan* plan) noexcept;
 
-// block: plan.block_size bytes, to be written at block_rva.
+// block: plan.block_size bytes, to be written at block_rva, above the image.
 [[nodiscard]] Status BuildImports(const ImageReader& reader, const Image& image, const ImportPlan& plan,
                                   std::span<const char* const> dlls, uint32_t block_rva,
                                   std::span<uint8_t> block, HeaderFields* after) noexcept;

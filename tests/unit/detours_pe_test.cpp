@@ -2,6 +2,7 @@
 // images that lie.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -24,6 +25,7 @@ pe::Status Inject(Memory& memory, const Dlls& dlls, uint32_t block_rva = kBlock,
   if (pe::Status s = pe::ReadImage(memory, &image); s != pe::Status::kOk) return s;
   if (pe::Status s = pe::PlanImports(memory, image, dlls, &plan); s != pe::Status::kOk) return s;
   std::vector<uint8_t> block(plan.block_size);
+  block_rva = std::max(block_rva, image.size_of_image);
   pe::Status s = pe::BuildImports(memory, image, plan, dlls, block_rva, block, &after);
   if (s != pe::Status::kOk) return s;
   memory.Add(block_rva, std::move(block));
@@ -219,6 +221,8 @@ TEST_P(PeImages, HeadersThatLieEndWithTheirReason) {
       {"import table at the last byte", import, 4, kImageSize - 1, pe::Status::kBadImportTable},
       {"import table at the end of the reach", import, 4, 0xffff'fffe, pe::Status::kBadImportTable},
       {"image larger than its memory", optional + pe::kSizeOfImageField, 4, 0x7000'0000, pe::Status::kOk},
+      {"image that fills its whole reach", optional + pe::kSizeOfImageField, 4, 0xffff'fff0,
+       pe::Status::kOutOfReach},
       {"more directories than exist", directories - 4, 4, 0xffff'ffff, pe::Status::kOk},
       {"import directory size too large", import + 4, 4, 0xffff'ffff, pe::Status::kOk},
       {"import directory size too small", import + 4, 4, 1, pe::Status::kOk},
@@ -234,6 +238,22 @@ TEST_P(PeImages, HeadersThatLieEndWithTheirReason) {
     EXPECT_EQ(Restore(memory), lie.status == pe::Status::kOk);
     EXPECT_EQ(memory.image(), bytes);
   }
+}
+
+TEST_P(PeImages, FileThatCarriesABlockOfItsOwnIsNotBelieved) {
+  Memory injected(BuildImage(Options()));
+  ASSERT_EQ(Inject(injected, {"a.dll"}), pe::Status::kOk);
+  pe::BlockHeader header;
+  ASSERT_TRUE(injected.Read(kBlock, &header));
+  memset(&header.original, 0xEE, sizeof(header.original));
+
+  std::vector<uint8_t> bytes = BuildImage(Options());
+  memcpy(bytes.data() + kSection - pe::kTableOffset, &header, sizeof(header));
+  Memory memory(bytes);
+  EXPECT_FALSE(Restore(memory));
+  ASSERT_EQ(Inject(memory, {"a.dll"}), pe::Status::kOk);
+  ASSERT_TRUE(Restore(memory));
+  EXPECT_EQ(memory.image(), bytes);
 }
 
 TEST_P(PeImages, ImportTableWithoutEndIsRefused) {
