@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "Policy/section_format.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
@@ -10,9 +11,8 @@
 namespace VornCore {
 namespace {
 
-constexpr std::size_t kNameUnits = 261;         // terminator included
-constexpr std::size_t kPrefixUnitsLimit = 260;  // a prefix is shorter
-constexpr ULONG kSynchronizationEvent = 1;      // EVENT_TYPE: resets itself
+constexpr std::size_t kNameUnits = 261;     // terminator included
+constexpr ULONG kSynchronizationEvent = 1;  // EVENT_TYPE: resets itself
 
 // Full NT object name of a process's init event.
 class InitEventName {
@@ -21,7 +21,7 @@ class InitEventName {
     std::uint32_t bytes = 0;
     const wchar_t* prefix = GetCreateProcessEventPrefix(&bytes);
     const std::size_t prefix_units = bytes / sizeof(wchar_t);
-    if (!prefix || prefix_units >= kPrefixUnitsLimit) return;
+    if (!prefix || prefix_units >= vorn::policy::kMaxInitEventPrefix) return;
     wchar_t digits[33];
     const std::size_t digit_units = wcslen(UIntToWide(pid, 10, digits));
     if (prefix_units + digit_units >= kNameUnits) return;

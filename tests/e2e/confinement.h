@@ -1,0 +1,142 @@
+// A host for end-to-end tests: the real library confines real programs, and everything that they send is
+// kept.
+//
+//   Confinement host([](SectionContents& section) { section.file_rules.push_back(…); });
+//   EXPECT_EQ(host.Run(Probe(L"process_probe.exe", L"open C:\\secret.txt")), ERROR_ACCESS_DENIED);
+//   for (const Received& message : host.Settle()) …
+//
+// Every wait is bounded; what still runs ends with the object.
+#pragma once
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <span>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "Policy/message.h"
+#include "Policy/section_format.h"
+#include "tests/unit/build_paths.h"
+#include "vorn/launcher.h"
+#include "vorn/message_server.h"
+#include "vorn/nt_path.h"
+#include "vorn/section.h"
+#include "vorn/text.h"
+
+namespace vorn::test {
+
+// A message as it arrived. The texts of its body point into bytes.
+struct Received {
+  std::vector<std::byte> bytes;
+  policy::Decoded decoded;
+
+  std::uint32_t sender() const { return decoded.header.pid; }
+  template <class Body>
+  const Body* As() const {
+    return std::get_if<Body>(&decoded.body);
+  }
+};
+
+// A folder of its own, removed with the object. Not below the temporary folder, which is open to every
+// process.
+class TestFolder {
+ public:
+  TestFolder() {
+    wchar_t base[MAX_PATH] = {};
+    EXPECT_NE(GetEnvironmentVariableW(L"LOCALAPPDATA", base, MAX_PATH), 0u);
+    path_ = std::filesystem::path(base) / host::RandomName(L"vorn_e2e");
+    std::filesystem::create_directories(path_);
+  }
+  ~TestFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  TestFolder(const TestFolder&) = delete;
+  TestFolder& operator=(const TestFolder&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// The command line of a program of the build.
+inline std::wstring Probe(const char* program, const std::wstring& arguments) {
+  return L"\"" + BuildPath(program).wstring() + L"\" " + arguments;
+}
+
+class Confinement {
+ public:
+  // adjust changes the section before it is published; by default there are no rules.
+  explicit Confinement(const std::function<void(host::SectionContents&)>& adjust = {})
+      : server_(host::RandomName(L"vorn_e2e"),
+                {.on_message = [this](const host::Peer&, std::span<const std::byte> bytes) { Keep(bytes); },
+                 .on_connect = {},
+                 .on_disconnect = {},
+                 .on_error = [](const std::string& text) { ADD_FAILURE() << text; }}),
+        section_(Contents(adjust)),
+        launcher_(section_) {}
+
+  const std::filesystem::path& folder() const { return folder_.path(); }
+  // The published section, which confined processes read at any time.
+  policy::SharedDataHeader& header() {
+    return *reinterpret_cast<policy::SharedDataHeader*>(section_.bytes().data());
+  }
+
+  // The exit code of a confined program, or -1 with a test failure when it does not start or end.
+  std::int64_t Run(const std::wstring& command_line, host::LaunchOptions options = {}) {
+    options.command_line = command_line;
+    auto started = launcher_.Start(options);
+    if (const auto* failure = std::get_if<host::LaunchFailure>(&started)) {
+      ADD_FAILURE() << failure->text;
+      return -1;
+    }
+    const auto code = std::get<host::ConfinedProcess>(started).Wait(kPatience);
+    if (code) return *code;
+    ADD_FAILURE() << "does not end";
+    return -1;
+  }
+
+  // Waits for everything that was started, then gives the messages so far.
+  std::vector<Received> Settle() {
+    EXPECT_TRUE(launcher_.WaitForAll(kPatience));
+    EXPECT_TRUE(server_.WaitUntilIdle(kPatience));
+    std::lock_guard lock(mutex_);
+    return std::move(received_);
+  }
+
+ private:
+  static constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(120);
+
+  host::SectionContents Contents(const std::function<void(host::SectionContents&)>& adjust) {
+    host::SectionContents contents;
+    contents.UseLibrariesIn(ThisProgram().parent_path().wstring());
+    contents.log_directory = folder_.path().wstring();
+    contents.server_port = server_.port_name();
+    if (adjust) adjust(contents);
+    return contents;
+  }
+
+  void Keep(std::span<const std::byte> bytes) {
+    Received message{.bytes = {bytes.begin(), bytes.end()}, .decoded = {}};
+    message.decoded = policy::DecodeMessage(message.bytes);
+    EXPECT_TRUE(message.decoded.Ok()) << policy::DecodeReasonText(message.decoded.error.reason);
+    std::lock_guard lock(mutex_);
+    received_.push_back(std::move(message));
+  }
+
+  TestFolder folder_;
+  std::mutex mutex_;
+  std::vector<Received> received_;
+  host::MessageServer server_;
+  host::SharedSection section_;
+  host::Launcher launcher_;
+};
+
+}  // namespace vorn::test

@@ -1,0 +1,152 @@
+// Children of confined processes, with the real library, injection and channel.
+#include <fstream>
+
+#include "tests/e2e/confinement.h"
+
+namespace vorn::test {
+namespace {
+
+using policy::ProcessEvent;
+using policy::ProcessEventKind;
+using policy::ProcessStart;
+
+constexpr std::uint32_t kDllNotFound = 0xC0000135;  // the loader's exit code
+constexpr char kProbe[] = "process_probe.exe";
+
+std::wstring Self(const std::wstring& arguments) { return Probe(kProbe, arguments); }
+
+struct Counts {
+  int injected = 0, failed = 0, exited = 0, starts = 0;
+  std::vector<std::uint32_t> failed_codes, exited_codes;
+  std::vector<std::string> failed_names;
+};
+
+Counts Count(const std::vector<Received>& messages) {
+  Counts counts;
+  for (const Received& message : messages) {
+    if (message.As<ProcessStart>()) ++counts.starts;
+    const auto* event = message.As<ProcessEvent>();
+    if (!event) continue;
+    EXPECT_EQ(event->reporter_pid, message.sender());
+    switch (static_cast<ProcessEventKind>(event->kind)) {
+      case ProcessEventKind::kInjected:
+        ++counts.injected;
+        EXPECT_EQ(event->image_name, kProbe);
+        break;
+      case ProcessEventKind::kInjectionFailed:
+        ++counts.failed;
+        counts.failed_codes.push_back(event->code);
+        counts.failed_names.emplace_back(event->image_name);
+        break;
+      case ProcessEventKind::kExitedImmediately:
+        ++counts.exited;
+        counts.exited_codes.push_back(event->code);
+        EXPECT_EQ(event->image_name, "");
+        break;
+    }
+  }
+  return counts;
+}
+
+TEST(Children, AreConfinedThreeLevelsDeep) {
+  Confinement host;
+  EXPECT_EQ(host.Run(Self(L"spawn " + Self(L"spawn " + Self(L"spawn " + Self(L"confined"))))), 0);
+  const Counts counts = Count(host.Settle());
+  EXPECT_GE(counts.starts, 3) << "the innermost may end before its channel is up";
+  EXPECT_EQ(counts.injected, 3);
+  EXPECT_EQ(counts.failed, 0);
+}
+
+TEST(Children, RulesHoldInTheDeepest) {
+  TestFolder folder;
+  const std::filesystem::path secret = folder.path() / "secret.txt";
+  std::ofstream(secret) << "secret";
+  const std::wstring deep = Self(L"spawn " + Self(L"spawn " + Self(L"open " + secret.wstring())));
+  Confinement control;
+  EXPECT_EQ(control.Run(deep), 0);
+  Confinement host([&](host::SectionContents& section) {
+    section.file_rules.push_back({policy::FileACL::kDeny, host::ToNtPath(folder.path().wstring())});
+  });
+  EXPECT_EQ(host.Run(deep), ERROR_ACCESS_DENIED);
+}
+
+// A caller-built environment: the section's name is added to it, unless there is one in any letter case; that
+// one is the child's business, and a child that finds no section ends.
+TEST(Children, EnvironmentBuiltByTheCallerNamesTheSection) {
+  Confinement host;
+  EXPECT_EQ(host.Run(Self(L"spawn_env - " + Self(L"confined"))), 0);
+  EXPECT_EQ(host.Run(Self(L"spawn_env OTHER=1 " + Self(L"confined"))), 0);
+  const std::int64_t code = host.Run(Self(L"spawn_env vorn_shared_data_NAME=\\nowhere " + Self(L"confined")));
+  EXPECT_EQ(code & 0xF0000000, 0x20000000) << "the section of that name cannot be opened";
+}
+
+TEST(Children, SuspendedChildIsInjectedAtEachResume) {
+  Confinement host;
+  EXPECT_EQ(host.Run(Self(L"spawn_twice " + Self(L"confined"))), 0);
+  EXPECT_EQ(Count(host.Settle()).injected, 2);
+}
+
+TEST(Children, AreFollowedWhenTheirHandleIsClosedBeforeTheResume) {
+  Confinement host;
+  EXPECT_EQ(host.Run(Self(L"spawn_closed " + Self(L"confined"))), 0);
+  EXPECT_EQ(Count(host.Settle()).injected, 1);
+}
+
+TEST(Children, ThatEndDuringTheirStartAreReportedWithTheirCode) {
+  Confinement host;
+  // The child finds no section: its library ends it before it signals.
+  const std::int64_t code = host.Run(Self(L"spawn_env VORN_SHARED_DATA_NAME=\\nowhere " + Self(L"exit 0")));
+  const Counts counts = Count(host.Settle());
+  EXPECT_EQ(counts.exited_codes, std::vector<std::uint32_t>{static_cast<std::uint32_t>(code)});
+}
+
+TEST(Children, InjectionThatFailsIsReportedWithItsError) {
+  Confinement host;
+  host.header().biz_dll_path_x64.length =
+      0;  // the first process has it from the launcher, its children do not
+  EXPECT_EQ(host.Run(Self(L"spawn " + Self(L"confined"))), 1) << "the child runs without the library";
+  const Counts counts = Count(host.Settle());
+  EXPECT_EQ(counts.failed_codes, std::vector<std::uint32_t>{ERROR_DLL_NOT_FOUND});
+  EXPECT_EQ(counts.failed_names, std::vector<std::string>{kProbe});
+}
+
+// A library that cannot be loaded ends the child, which so never runs unconfined.
+TEST(Children, EndWhenTheLibraryCannotBeLoaded) {
+  Confinement host([](host::SectionContents& section) {
+    section.core_x86 = L"C:\\no\\such\\library.dll";  // takes the other path's place below
+  });
+  host.header().biz_dll_path_x64 = host.header().biz_dll_path_x86;
+  EXPECT_EQ(host.Run(Self(L"spawn " + Self(L"exit 0"))), kDllNotFound);
+  EXPECT_EQ(Count(host.Settle()).exited_codes, std::vector<std::uint32_t>{kDllNotFound});
+}
+
+TEST(Children, OfAForeignKindAreReportedAsNotFollowed) {
+  if (!GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version")) GTEST_SKIP() << "no such programs";
+  Confinement host;
+  EXPECT_EQ(host.Run(Self(L"spawn Z:\\bin\\true")), 0);
+  const Counts counts = Count(host.Settle());
+  EXPECT_EQ(counts.failed_codes, std::vector<std::uint32_t>{ERROR_NOT_SUPPORTED});
+  EXPECT_EQ(counts.failed_names, std::vector<std::string>{"true"});
+}
+
+TEST(Modules, LoadFromAFolderThatTheRulesDeny) {
+  TestFolder folder;
+  const std::filesystem::path module = folder.path() / "module.dll";
+  std::filesystem::copy_file(BuildPath("vorn_ipc.dll"), module);
+  Confinement host([&](host::SectionContents& section) {
+    section.file_rules.push_back({policy::FileACL::kDeny, host::ToNtPath(folder.path().wstring())});
+  });
+  EXPECT_EQ(host.Run(Self(L"load " + module.wstring())), 0);
+  EXPECT_EQ(host.Run(Self(L"open " + module.wstring())), ERROR_ACCESS_DENIED) << "as data";
+}
+
+TEST(Children, TwoHundredFromEightThreadsAreAllConfined) {
+  Confinement host;
+  EXPECT_EQ(host.Run(Self(L"storm 8 200 " + Self(L"confined"))), 0);
+  const Counts counts = Count(host.Settle());
+  EXPECT_EQ(counts.injected, 200);
+  EXPECT_EQ(counts.failed, 0);
+}
+
+}  // namespace
+}  // namespace vorn::test
