@@ -1,0 +1,268 @@
+// From names to canonical paths and back.
+#include "File/drive_table.h"
+#include "File/file_helper.h"
+#include "File/file_link_helper.h"
+#include "File/object_link.h"
+#include "Platform/native.h"
+#include "VornCore/Base/strings.h"
+#include "file_room.h"
+
+namespace VornCore {
+namespace {
+
+class FilePath : public FileRoom {
+ protected:
+  static void SetUpTestSuite() {
+    FileRoom::SetUpTestSuite();
+    real_ = platform::Native();
+  }
+  void TearDown() override {
+    platform::Native() = real_;
+    FileRoom::TearDown();
+  }
+
+  struct Result {
+    NTSTATUS status;
+    std::wstring path;
+  };
+  static Result PathOf(const std::wstring& name, HANDLE root = nullptr) {
+    UNICODE_STRING text = nt::CountedString(name.data(), name.size() * sizeof(wchar_t));
+    ScratchLevel level(GetThreadState());
+    std::wstring_view path;
+    const NTSTATUS status = GetPath(root, &text, &path);
+    EXPECT_TRUE(nt::Success(status) || path.empty());
+    EXPECT_TRUE(path.empty() || path.data()[path.size()] == 0) << "terminated";
+    return {status, std::wstring(path)};
+  }
+  static std::wstring DosOf(std::wstring path) {
+    path.push_back(0);
+    return NtPathToDosPath(path.data()) ? path.c_str() : L"";
+  }
+  static std::wstring C(const wchar_t* rest) {
+    return std::wstring(GetDriveForLetter(L'C')->device_path) + rest;
+  }
+
+  static inline platform::NativeApi real_;
+};
+
+std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+
+TEST_F(FilePath, NamesBecomeCanonicalPaths) {
+  const struct {
+    std::wstring name;
+    NTSTATUS status;
+    std::wstring path;
+  } kCases[] = {
+      {L"\\??\\C:\\Windows\\x", 0, C(L"\\Windows\\x")},
+      {L"\\??\\c:\\Windows\\x", 0, C(L"\\Windows\\x")},
+      {L"\\??\\C:", 0, C(L"")},
+      {L"\\??\\C:\\", 0, C(L"\\")},
+      {L"\\DosDevices\\C:\\a", 0, C(L"\\a")},
+      {C(L"\\\\a\\\\\\b"), 0, C(L"\\a\\b")},
+      {L"\\??\\UNC\\srv\\share\\f", 0, L"\\Device\\Mup\\srv\\share\\f"},
+      {L"\\??\\unc\\srv\\share\\f", 0, L"\\Device\\Mup\\srv\\share\\f"},
+      {L"\\Device\\Mup\\srv\\share\\f", 0, L"\\Device\\Mup\\srv\\share\\f"},
+      {L"\\??\\Q:\\x", STATUS_OBJECT_PATH_NOT_FOUND, L""},
+      {L"\\??\\1:\\x", STATUS_OBJECT_PATH_NOT_FOUND, L""},
+      {L"", STATUS_INVALID_PARAMETER, L""},
+      {L"\\??\\pipe\\x", STATUS_OBJECT_PATH_SYNTAX_BAD, L""},
+      {L"\\Device\\NamedPipe\\x", STATUS_OBJECT_PATH_SYNTAX_BAD, L""},
+      {L"\\DosDevices\\Global\\nothing", STATUS_OBJECT_PATH_SYNTAX_BAD, L""},
+      {L"relative\\name", STATUS_OBJECT_PATH_SYNTAX_BAD, L""},
+      {L"\\", STATUS_OBJECT_PATH_SYNTAX_BAD, L""},
+  };
+  for (const auto& c : kCases) {
+    const Result result = PathOf(c.name);
+    EXPECT_EQ(result.status, c.status) << Narrow(c.name);
+    EXPECT_EQ(result.path, c.path) << Narrow(c.name);
+  }
+}
+
+TEST_F(FilePath, DriveAndDeviceNamesNeedNoSystemCall) {
+  platform::NativeApi& native = platform::Native();
+  native.NtQueryObject = nullptr;
+  native.NtOpenSymbolicLinkObject = nullptr;
+  native.NtQueryFullAttributesFile = nullptr;
+  native.AliasTarget = nullptr;
+  EXPECT_EQ(PathOf(L"\\??\\C:\\a\\b").path, C(L"\\a\\b"));
+  EXPECT_EQ(PathOf(C(L"\\a")).path, C(L"\\a"));
+}
+
+TEST_F(FilePath, HandlesNameTheirFileAndWhatLiesBelow) {
+  const Opened folder = Create(L"\\write", FILE_LIST_DIRECTORY, FILE_OPEN, FILE_DIRECTORY_FILE);
+  const Opened file = Create(L"\\write\\f.txt", GENERIC_READ);
+  EXPECT_EQ(PathOf(L"", folder.handle).path, Nt(L"\\write"));
+  EXPECT_EQ(PathOf(L"new\\\\f.txt", folder.handle).path, Nt(L"\\write\\new\\f.txt"));
+  EXPECT_EQ(PathOf(L":stream", file.handle).path, Nt(L"\\write\\f.txt") + L":stream");
+  NtClose(folder.handle);
+  NtClose(file.handle);
+
+  HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  EXPECT_EQ(PathOf(L"x", event).status, STATUS_OBJECT_PATH_SYNTAX_BAD) << "an object without a name";
+  CloseHandle(event);
+  EXPECT_EQ(PathOf(L"x", reinterpret_cast<HANDLE>(0x7FFC)).status, STATUS_INVALID_HANDLE);
+}
+
+TEST_F(FilePath, PipeReachedByHandleIsNotConfined) {
+  platform::Native().NtQueryObject = [](HANDLE, OBJECT_INFORMATION_CLASS, PVOID info, ULONG,
+                                        PULONG) -> NTSTATUS {
+    static wchar_t name[] = L"\\Device\\NamedPipe\\x";
+    *static_cast<UNICODE_STRING*>(info) = nt::CountedString(name, wcslen(name) * sizeof(wchar_t));
+    return STATUS_SUCCESS;
+  };
+  EXPECT_EQ(PathOf(L"", reinterpret_cast<HANDLE>(4)).status, nt::kStatusNotConfined);
+}
+
+TEST_F(FilePath, LongNamesOfHandlesAreAskedForAgainWithRoom) {
+  platform::Native().NtQueryObject = [](HANDLE, OBJECT_INFORMATION_CLASS, PVOID info, ULONG bytes,
+                                        PULONG returned) -> NTSTATUS {
+    constexpr std::size_t kUnits = 9000;
+    *returned = sizeof(UNICODE_STRING) + (kUnits + 1) * sizeof(wchar_t);
+    if (bytes < *returned) return STATUS_BUFFER_OVERFLOW;
+    auto* text = reinterpret_cast<wchar_t*>(static_cast<UNICODE_STRING*>(info) + 1);
+    std::fill_n(text, kUnits, L'a');
+    memcpy(text, L"\\Device\\", 16);
+    *static_cast<UNICODE_STRING*>(info) = nt::CountedString(text, kUnits * sizeof(wchar_t));
+    return STATUS_SUCCESS;
+  };
+  const Result result = PathOf(L"tail", reinterpret_cast<HANDLE>(4));
+  EXPECT_EQ(result.status, STATUS_SUCCESS);
+  EXPECT_EQ(result.path.size(), 9005u);
+  EXPECT_TRUE(result.path.ends_with(L"a\\tail"));
+}
+
+TEST_F(FilePath, LoopOfLinksEnds) {
+  platform::NativeApi& native = platform::Native();
+  native.NtOpenSymbolicLinkObject = [](PHANDLE link, ACCESS_MASK, POBJECT_ATTRIBUTES) -> NTSTATUS {
+    *link = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    return STATUS_SUCCESS;
+  };
+  native.NtQuerySymbolicLinkObject = [](HANDLE, PUNICODE_STRING target, PULONG bytes) -> NTSTATUS {
+    constexpr std::wstring_view kSelf = L"\\loop";
+    if (bytes) *bytes = static_cast<ULONG>((kSelf.size() + 1) * sizeof(wchar_t));
+    if (target->MaximumLength < kSelf.size() * sizeof(wchar_t)) return STATUS_BUFFER_TOO_SMALL;
+    memcpy(target->Buffer, kSelf.data(), kSelf.size() * sizeof(wchar_t));
+    target->Length = static_cast<USHORT>(kSelf.size() * sizeof(wchar_t));
+    return STATUS_SUCCESS;
+  };
+  EXPECT_EQ(PathOf(L"\\loop\\x").status, STATUS_OBJECT_PATH_SYNTAX_BAD);
+}
+
+TEST_F(FilePath, ShortNamesAreExpandedWhereTheyNameSomething) {
+  Unconfined([&] {
+    WriteText(L"\\read\\a long file name.txt", "x");
+    ASSERT_TRUE(CreateDirectoryW(Dos(L"\\read\\a long folder").c_str(), nullptr));
+  });
+  wchar_t file[MAX_PATH], folder[MAX_PATH];
+  ASSERT_TRUE(GetShortPathNameW(Dos(L"\\read\\a long file name.txt").c_str(), file, MAX_PATH));
+  ASSERT_TRUE(GetShortPathNameW(Dos(L"\\read\\a long folder").c_str(), folder, MAX_PATH));
+  ASSERT_TRUE(wcschr(file, L'~') && wcschr(folder, L'~'));
+  EXPECT_EQ(PathOf(std::wstring(L"\\??\\") + file).path, Nt(L"\\read\\a long file name.txt"));
+  EXPECT_EQ(PathOf(std::wstring(L"\\??\\") + folder + L"\\~tmp").path,
+            Nt(L"\\read\\a long folder") + L"\\~tmp");
+  for (const wchar_t* rest : {L"\\no~such", L"\\A~B.C.D", L"\\thirteen~unit"})
+    EXPECT_EQ(PathOf(L"\\??\\C:" + std::wstring(rest)).path, C(rest));
+}
+
+TEST_F(FilePath, FilesOpenedByIdAreNamed) {
+  const Opened file = Create(L"\\write\\f.txt", GENERIC_READ);
+  const Opened root = Create(L"\\write", FILE_LIST_DIRECTORY, FILE_OPEN, FILE_DIRECTORY_FILE);
+  BY_HANDLE_FILE_INFORMATION info;
+  ASSERT_TRUE(GetFileInformationByHandle(file.handle, &info));
+  DWORD id[2] = {info.nFileIndexLow, info.nFileIndexHigh};
+  UNICODE_STRING name = nt::CountedString(reinterpret_cast<wchar_t*>(id), sizeof id);
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+  std::wstring_view path;
+  ScratchLevel level(GetThreadState());
+  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_OBJECT_PATH_SYNTAX_BAD) << "no root";
+  attributes.RootDirectory = root.handle;
+  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_SUCCESS);
+  EXPECT_EQ(std::wstring(path), Nt(L"\\write\\f.txt"));
+  for (DWORD& word : id) word = ~word;
+  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_SUCCESS) << "an inverted id";
+  id[0] ^= 0x55555555;
+  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_INVALID_PARAMETER);
+  name.Length = 7;
+  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_OBJECT_NAME_INVALID);
+  attributes.ObjectName = nullptr;
+  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_OBJECT_NAME_INVALID);
+  NtClose(root.handle);
+  NtClose(file.handle);
+}
+
+TEST_F(FilePath, PathsGoToDosFormAndBack) {
+  EXPECT_EQ(DosOf(C(L"\\a\\b.txt")), L"C:\\a\\b.txt");
+  EXPECT_EQ(DosOf(C(L"")), L"C:");
+  EXPECT_EQ(DosOf(L"\\Device\\Mup\\srv\\share\\f"), L"\\\\srv\\share\\f");
+  EXPECT_EQ(DosOf(C(L"0\\a")), L"") << "another volume whose number begins alike";
+  EXPECT_STREQ(DosPathToNtPath(L"\\\\srv\\share\\f").get(), L"\\device\\mup\\srv\\share\\f");
+  EXPECT_EQ(DosPathToNtPath(L"c:\\a").get(), C(L"\\a"));
+  for (const wchar_t* none : {L"", L"C:", L"Q:\\x", L"a\\b", L"C:a"}) EXPECT_FALSE(DosPathToNtPath(none));
+}
+
+TEST_F(FilePath, TempDirectoryEndsAtItsName) {
+  wchar_t temp[MAX_PATH];
+  GetTempPathW(MAX_PATH, temp);
+  std::wstring path = DosPathToNtPath(temp).get();
+  EXPECT_TRUE(IsTempPath(path));
+  EXPECT_TRUE(IsTempPath(path + L"x"));
+  path.pop_back();
+  EXPECT_TRUE(IsTempPath(path));
+  EXPECT_FALSE(IsTempPath(path + L"2"));
+}
+
+TEST_F(FilePath, FileSystemPathsAreThoseWithAFileOrAFolderToPutItIn) {
+  EXPECT_TRUE(IsFileSystemPath(Nt(L"\\read\\f.txt")));
+  EXPECT_TRUE(IsFileSystemPath(Nt(L"\\read\\new.txt")));
+  EXPECT_FALSE(IsFileSystemPath(Nt(L"\\read") + L"\\nowhere\\new.txt"));
+  EXPECT_FALSE(IsFileSystemPath(L"\\Device\\Null"));
+}
+
+TEST_F(FilePath, LinksLeadToTheirTarget) {
+  ScratchLevel level(GetThreadState());
+  FileLinkHelper links;
+  EXPECT_EQ(std::wstring(links.GetFileSymbolicLink(C(L"\\WINDOWS"))), C(L"\\windows"));
+  EXPECT_TRUE(links.exists());
+  links.Close();
+  EXPECT_EQ(std::wstring(links.GetFileSymbolicLink(Nt(L"\\read\\new.txt"))), Nt(L"\\read\\new.txt"));
+  EXPECT_FALSE(links.exists());
+  EXPECT_EQ(std::wstring(links.GetFileSymbolicLink(C(L"\\no_such_file"))), C(L"\\no_such_file"))
+      << "the root ends with the only backslash";
+  EXPECT_TRUE(links.GetFileSymbolicLink(Nt(L"\\read") + L"\\nowhere\\new.txt").empty());
+}
+
+TEST_F(FilePath, AllNamesOfAFileAreListed) {
+  Unconfined([&] {
+    ASSERT_TRUE(CreateHardLinkW(Dos(L"\\read\\second.txt").c_str(), Dos(L"\\write\\f.txt").c_str(), nullptr));
+    ASSERT_TRUE(CreateHardLinkW(Dos(L"\\write\\third.txt").c_str(), Dos(L"\\write\\f.txt").c_str(), nullptr));
+  });
+  ScratchLevel level(GetThreadState());
+  FileLinkHelper links;
+  const ListHead* names;
+  EXPECT_EQ(links.GetFileHardLinks(Dos(L"\\write\\f.txt").c_str(), &names), 3);
+  std::vector<std::wstring> found;
+  for (const ListNode* node = FirstNode(*names); node; node = NextNode(node))
+    found.push_back(static_cast<const LinkNode*>(node)->path.get());
+  std::sort(found.begin(), found.end());
+  EXPECT_EQ(found,
+            (std::vector{Nt(L"\\read\\second.txt"), Nt(L"\\write\\f.txt"), Nt(L"\\write\\third.txt")}));
+
+  FileLinkHelper single;
+  EXPECT_EQ(single.GetFileHardLinks(Dos(L"\\read\\f.txt").c_str(), &names), 0) << "one link";
+  EXPECT_EQ(single.GetFileHardLinks(L"\\\\srv\\share\\f", &names), 0);
+}
+
+TEST_F(FilePath, WebDavPathsNameTheirRootOnce) {
+  const auto insert = [](const wchar_t* path) {
+    wchar_t buffer[100];
+    wcscpy(buffer, path);
+    return std::wstring(InsertDavRoot(buffer, buffer, 99));
+  };
+  EXPECT_EQ(insert(L"\\device\\mup\\server\\share\\f"), L"\\device\\mup\\server\\davwwwroot\\share\\f");
+  EXPECT_EQ(insert(L"\\Device\\Mup\\server\\DavWWWRoot\\share"), L"\\Device\\Mup\\server\\DavWWWRoot\\share");
+  EXPECT_EQ(insert(L"\\device\\mup\\server"), L"\\device\\mup\\server");
+  EXPECT_EQ(insert(L"\\device\\harddiskvolume1\\a\\b"), L"\\device\\harddiskvolume1\\a\\b");
+}
+
+}  // namespace
+}  // namespace VornCore
