@@ -1,0 +1,323 @@
+// Renaming, deleting, writing, closing and moving under rules, in this process.
+#include <string>
+
+#include "File/file_helper.h"
+#include "File/recycle_bin.h"
+#include "Platform/native.h"
+#include "file_room.h"
+
+namespace VornCore {
+namespace {
+
+constexpr NTSTATUS kRefused = STATUS_ACCESS_DENIED;
+
+class FileChange : public FileRoom {
+ protected:
+  static NTSTATUS Set(HANDLE handle, nt::FileClass number, void* info, ULONG bytes) {
+    IO_STATUS_BLOCK io = {};
+    const NTSTATUS status =
+        NtSetInformationFile(handle, &io, info, bytes, static_cast<FILE_INFORMATION_CLASS>(number));
+    if (!nt::Success(status)) {
+      EXPECT_EQ(io.Information, 0u);
+    }
+    return status;
+  }
+  static NTSTATUS SetDisposition(HANDLE handle, bool remove) {
+    BOOLEAN info = remove;
+    const NTSTATUS status = Set(handle, nt::kFileDispositionInformation, &info, sizeof info);
+    EXPECT_FALSE(info) << "the request is taken out of the buffer";
+    return status;
+  }
+  static NTSTATUS SetDispositionEx(HANDLE handle, ULONG flags) {
+    nt::DispositionInformationEx info{flags};
+    const NTSTATUS status = Set(handle, nt::kFileDispositionInformationEx, &info, sizeof info);
+    EXPECT_EQ(info.Flags, flags & ~(nt::kDispositionDelete | nt::kDispositionOnClose));
+    return status;
+  }
+  static std::vector<std::byte> RenameBuffer(const std::wstring& target, ULONG flags, HANDLE root = nullptr) {
+    std::vector<std::byte> bytes(sizeof(nt::RenameInformation) + target.size() * sizeof(wchar_t));
+    auto* info = reinterpret_cast<nt::RenameInformation*>(bytes.data());
+    info->Flags = flags;
+    info->RootDirectory = root;
+    info->FileNameLength = static_cast<ULONG>(target.size() * sizeof(wchar_t));
+    memcpy(info->FileName, target.data(), info->FileNameLength);
+    return bytes;
+  }
+  static NTSTATUS Rename(HANDLE handle, const std::wstring& target, ULONG flags = 0,
+                         nt::FileClass number = nt::kFileRenameInformation, HANDLE root = nullptr) {
+    auto bytes = RenameBuffer(target, flags, root);
+    return Set(handle, number, bytes.data(), static_cast<ULONG>(bytes.size()));
+  }
+  HANDLE OpenFor(const wchar_t* name, ACCESS_MASK access,
+                 ULONG options = FILE_SYNCHRONOUS_IO_NONALERT) const {
+    const Opened opened = Create(name, access, FILE_OPEN, options);
+    EXPECT_EQ(opened.status, STATUS_SUCCESS);
+    return opened.handle;
+  }
+  NTSTATUS DeleteByName(const wchar_t* name) const {
+    const std::wstring path = L"\\??\\" + Dos(name);
+    UNICODE_STRING text = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
+    OBJECT_ATTRIBUTES attributes = nt::NamedObject(&text);
+    return NtDeleteFile(&attributes);
+  }
+};
+
+TEST_F(FileChange, DeletionsWaitForTheClose) {
+  HANDLE file =
+      OpenFor(L"\\write\\f.txt", DELETE | GENERIC_READ, FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT);
+  EXPECT_TRUE(Exists(L"\\write\\f.txt"));
+  EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
+  EXPECT_FALSE(Exists(L"\\write\\f.txt"));
+}
+
+TEST_F(FileChange, DispositionsAreRememberedAndCanBeTakenBack) {
+  const struct {
+    bool at_open;
+    std::vector<ULONG> dispositions;  // class 64 flags
+    bool deleted;
+  } kCases[] = {
+      {false, {nt::kDispositionDelete}, true},
+      {false, {nt::kDispositionDelete, 0}, false},
+      {true, {}, true},
+      {true, {0}, true},
+      {true, {nt::kDispositionOnClose}, false},
+      {true, {nt::kDispositionDelete | nt::kDispositionOnClose}, true},
+  };
+  for (const auto& c : kCases) {
+    Unconfined([&] { WriteText(L"\\write\\f.txt", "old"); });
+    HANDLE file = OpenFor(L"\\write\\f.txt", DELETE, c.at_open ? FILE_DELETE_ON_CLOSE : 0);
+    for (const ULONG flags : c.dispositions) EXPECT_EQ(SetDispositionEx(file, flags), STATUS_SUCCESS);
+    EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
+    EXPECT_EQ(Exists(L"\\write\\f.txt"), !c.deleted) << &c - kCases;
+  }
+  HANDLE file = OpenFor(L"\\write", DELETE, FILE_DIRECTORY_FILE);
+  EXPECT_EQ(SetDisposition(file, true), STATUS_SUCCESS);
+  EXPECT_EQ(SetDisposition(file, false), STATUS_SUCCESS);
+  EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
+  EXPECT_TRUE(Exists(L"\\write"));
+}
+
+TEST_F(FileChange, DispositionInUnwritableMemoryIsHonoured) {
+  static const BOOLEAN kDelete = TRUE;
+  HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
+  EXPECT_EQ(Set(file, nt::kFileDispositionInformation, const_cast<BOOLEAN*>(&kDelete), sizeof kDelete),
+            STATUS_SUCCESS);
+  EXPECT_TRUE(Exists(L"\\write\\f.txt"));
+  EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
+  EXPECT_FALSE(Exists(L"\\write\\f.txt"));
+}
+
+TEST_F(FileChange, DeletionOnAReadOnlyHandleFailsAtTheClose) {
+  HANDLE file = OpenFor(L"\\read\\f.txt", DELETE);
+  EXPECT_EQ(SetDisposition(file, true), STATUS_SUCCESS);
+  EXPECT_EQ(NtClose(file), kRefused);
+  DWORD flags;
+  EXPECT_FALSE(GetHandleInformation(file, &flags)) << "closed all the same";
+  EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
+}
+
+TEST_F(FileChange, FileWithAReadOnlyNameElsewhereCanBeDeleted) {
+  Unconfined([&] {
+    ASSERT_TRUE(CreateHardLinkW(Dos(L"\\write\\both.txt").c_str(), Dos(L"\\read\\f.txt").c_str(), nullptr));
+  });
+  HANDLE file = OpenFor(L"\\write\\both.txt", DELETE, FILE_DELETE_ON_CLOSE);
+  EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
+  EXPECT_FALSE(Exists(L"\\write\\both.txt"));
+  EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
+}
+
+TEST_F(FileChange, DeletingByNameFollowsTheRules) {
+  EXPECT_EQ(DeleteByName(L"\\write\\f.txt"), STATUS_SUCCESS);
+  EXPECT_FALSE(Exists(L"\\write\\f.txt"));
+  EXPECT_EQ(DeleteByName(L"\\read\\f.txt"), kRefused);
+  EXPECT_EQ(DeleteByName(L"\\deny\\f.txt"), kRefused);
+  EXPECT_TRUE(Exists(L"\\read\\f.txt") && Exists(L"\\deny\\f.txt"));
+  EXPECT_EQ(DeleteByName(L"\\write\\none.txt"), STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+TEST_F(FileChange, FoldersAreDeletedWhenEmptyAndLeftWhenNot) {
+  HANDLE full = OpenFor(L"\\write", DELETE, FILE_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE);
+  EXPECT_EQ(NtClose(full), STATUS_SUCCESS);
+  EXPECT_EQ(Text(L"\\write\\f.txt"), "old");
+  Unconfined([&] { ASSERT_TRUE(DeleteFileW(Dos(L"\\write\\f.txt").c_str())); });
+  HANDLE empty = OpenFor(L"\\write", DELETE, FILE_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE);
+  EXPECT_EQ(NtClose(empty), STATUS_SUCCESS);
+  EXPECT_FALSE(Exists(L"\\write"));
+}
+
+TEST_F(FileChange, DeletionIsSkippedWhileTheLoaderRuns) {
+  HANDLE file = OpenFor(L"\\write\\f.txt", DELETE, FILE_DELETE_ON_CLOSE);
+  GetThreadState()->bInLoader = 1;
+  EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
+  GetThreadState()->bInLoader = 0;
+  EXPECT_TRUE(Exists(L"\\write\\f.txt"));
+}
+
+TEST_F(FileChange, RenamesAreJudgedByBothEnds) {
+  const struct {
+    const wchar_t *from, *to;
+    NTSTATUS status;
+  } kCases[] = {
+      {L"\\write\\f.txt", L"\\write\\g.txt", STATUS_SUCCESS},
+      {L"\\write\\g.txt", L"\\read\\g.txt", kRefused},
+      {L"\\write\\g.txt", L"\\deny\\g.txt", kRefused},
+      {L"\\write\\g.txt", L"\\unlisted.txt", kRefused},
+      {L"\\read\\f.txt", L"\\write\\h.txt", kRefused},
+      {L"\\read\\f.txt", L"\\read\\h.txt", kRefused},
+  };
+  for (const auto& c : kCases)
+    for (const nt::FileClass number : {nt::kFileRenameInformation, nt::kFileRenameInformationEx}) {
+      if (number == nt::kFileRenameInformationEx && nt::Success(c.status)) continue;
+      HANDLE file = OpenFor(c.from, DELETE);
+      EXPECT_EQ(Rename(file, L"\\??\\" + Dos(c.to), 0, number), c.status) << &c - kCases;
+      NtClose(file);
+    }
+  EXPECT_EQ(Text(L"\\write\\g.txt"), "old");
+  EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
+}
+
+TEST_F(FileChange, RenameTargetsAreUnderstoodInEveryForm) {
+  HANDLE folder = OpenFor(L"\\write", FILE_LIST_DIRECTORY, FILE_DIRECTORY_FILE);
+  HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
+  EXPECT_EQ(Rename(file, L"a.txt", 0, nt::kFileRenameInformation, folder), STATUS_SUCCESS);
+  EXPECT_EQ(Text(L"\\write\\a.txt"), "old");
+  EXPECT_EQ(Rename(file, Nt(L"\\write\\b.txt")), STATUS_SUCCESS) << "by device";
+  EXPECT_EQ(Text(L"\\write\\b.txt"), "old");
+  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\c.txt"), 0, nt::kFileRenameInformationEx),
+            STATUS_SUCCESS);
+  EXPECT_EQ(Text(L"\\write\\c.txt"), "old");
+  EXPECT_EQ(Rename(file, Nt(L"\\read\\d.txt")), kRefused);
+  NtClose(file);
+  NtClose(folder);
+}
+
+TEST_F(FileChange, ReplacedFileCanBeRestored) {
+  Unconfined([&] { WriteText(L"\\write\\target.txt", "precious"); });
+  HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
+  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\target.txt")), STATUS_OBJECT_NAME_COLLISION);
+  EXPECT_EQ(Text(L"\\write\\target.txt"), "precious") << "nothing is moved without the replace flag";
+  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\target.txt"), nt::kRenameReplaceIfExists),
+            STATUS_SUCCESS);
+  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\new.txt"), nt::kRenameReplaceIfExists), STATUS_SUCCESS);
+  NtClose(file);
+  EXPECT_EQ(Text(L"\\write\\target.txt"), "(none)");
+  EXPECT_EQ(Text(L"\\write\\new.txt"), "old");
+}
+
+TEST_F(FileChange, RenameBuffersThatLieAreRefusedByTheSystem) {
+  const std::wstring target = L"\\??\\" + Dos(L"\\read\\x.txt");
+  HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
+  const auto with = [&](auto change, ULONG bytes) {
+    auto buffer = RenameBuffer(target, 0);
+    change(*reinterpret_cast<nt::RenameInformation*>(buffer.data()));
+    return Set(file, nt::kFileRenameInformation, buffer.data(),
+               bytes ? bytes : static_cast<ULONG>(buffer.size()));
+  };
+  const auto as_is = [](nt::RenameInformation&) {};
+  EXPECT_FALSE(nt::Success(with(as_is, 8)));
+  EXPECT_FALSE(nt::Success(with(as_is, 24))) << "a name that leaves the buffer";
+  EXPECT_FALSE(nt::Success(with([](auto& info) { info.FileNameLength = 0; }, 0)));
+  EXPECT_FALSE(nt::Success(with([](auto& info) { info.FileNameLength = 0xFFFFFFF0; }, 0)));
+  EXPECT_FALSE(nt::Success(with([](auto& info) { info.FileNameLength -= 1; }, 0))) << "an odd length";
+  EXPECT_FALSE(nt::Success(with([](auto& info) { info.FileName[0] = 0; }, 0)));
+  EXPECT_FALSE(nt::Success(Set(file, nt::kFileRenameInformation, nullptr, 24)));
+  EXPECT_EQ(Set(file, nt::kFileRenameInformation, reinterpret_cast<void*>(16), 64), STATUS_ACCESS_VIOLATION);
+  EXPECT_EQ(Set(file, nt::kFileDispositionInformation, reinterpret_cast<void*>(16), 1),
+            STATUS_ACCESS_VIOLATION);
+  EXPECT_EQ(Set(file, nt::kFileDispositionInformationEx, reinterpret_cast<void*>(16), 4),
+            STATUS_ACCESS_VIOLATION);
+  NtClose(file);
+  EXPECT_EQ(Text(L"\\write\\f.txt"), "old");
+  EXPECT_FALSE(Exists(L"\\read\\x.txt"));
+}
+
+TEST_F(FileChange, TagBitsOfAHandleDoNotHideItsRecord) {
+  HANDLE file = OpenFor(L"\\read\\f.txt", DELETE);
+  HANDLE tagged = reinterpret_cast<HANDLE>(reinterpret_cast<std::uintptr_t>(file) | 1);
+  EXPECT_EQ(Rename(tagged, L"\\??\\" + Dos(L"\\write\\stolen.txt")), kRefused);
+  NtClose(file);
+}
+
+TEST_F(FileChange, TimesOfAReadOnlyFileSeemToBeSet) {
+  HANDLE file = OpenFor(L"\\read\\f.txt", GENERIC_READ | GENERIC_WRITE);
+  FILE_BASIC_INFO before, info;
+  ASSERT_TRUE(GetFileInformationByHandleEx(file, FileBasicInfo, &before, sizeof before));
+  info = before;
+  info.LastWriteTime.QuadPart = 125911584000000000;
+  // Wine sets them without asking for the right; Windows refuses, and the handler answers success.
+  EXPECT_EQ(Set(file, nt::kFileBasicInformation, &info, sizeof info), STATUS_SUCCESS);
+  NtClose(file);
+}
+
+TEST_F(FileChange, WritesOnAReadOnlyHandleFailAsTheSystemSays) {
+  HANDLE file = OpenFor(L"\\read\\f.txt", GENERIC_READ | GENERIC_WRITE);
+  IO_STATUS_BLOCK io = {};
+  char text[] = "new";
+  LARGE_INTEGER start = {};
+  EXPECT_EQ(NtWriteFile(file, nullptr, nullptr, nullptr, &io, text, 3, &start, nullptr), kRefused);
+  EXPECT_EQ(SetDisposition(file, false), kRefused) << "the handle has no DELETE access";
+  NtClose(file);
+  EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
+  EXPECT_EQ(GetThreadState()->bInWriteFile, 0);
+}
+
+TEST_F(FileChange, MovesAreConfinedAndHappenAtOnce) {
+  const auto from = Dos(L"\\write\\f.txt"), to = Dos(L"\\write\\moved.txt"), read = Dos(L"\\read\\moved.txt");
+  EXPECT_FALSE(MoveFileExW(from.c_str(), read.c_str(), 0));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+  EXPECT_TRUE(MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_DELAY_UNTIL_REBOOT)) << GetLastError();
+  EXPECT_EQ(Text(L"\\write\\moved.txt"), "old");
+  EXPECT_EQ(Text(L"\\write\\f.txt"), "(none)");
+  EXPECT_FALSE(Exists(L"\\read\\moved.txt"));
+}
+
+TEST_F(FileChange, DeletingApiCallsOfProgramsGoTheSameWay) {
+  EXPECT_TRUE(DeleteFileW(Dos(L"\\write\\f.txt").c_str()));
+  EXPECT_FALSE(Exists(L"\\write\\f.txt"));
+  EXPECT_FALSE(DeleteFileW(Dos(L"\\read\\f.txt").c_str()));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+  EXPECT_TRUE(RemoveDirectoryW(Dos(L"\\write").c_str()));
+  EXPECT_FALSE(Exists(L"\\write"));
+}
+
+TEST_F(FileChange, FailedCloseKeepsTheRecord) {
+  HANDLE file = OpenFor(L"\\write\\f.txt", GENERIC_READ);
+  auto record = GetFileMgr().model().handles().Take(file);
+  ASSERT_TRUE(record);
+  ASSERT_EQ(NtClose(file), STATUS_SUCCESS);
+  GetFileMgr().model().handles().Add(std::move(record));
+  EXPECT_EQ(NtClose(file), STATUS_INVALID_HANDLE);
+  EXPECT_TRUE(GetFileMgr().model().handles().Take(file)) << "still there";
+}
+
+TEST_F(FileChange, RecycleBinReportsWhatTheShellSays) {
+  Unconfined([&] {
+    EXPECT_EQ(MoveToRecycleBin(L""), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(ShellDeleteToRecycleBin(L"\\Device\\Nowhere\\x"), static_cast<NTSTATUS>(0xC00000EF));
+    EXPECT_LT(MoveToRecycleBin(Nt(L"\\write\\none.txt")), 0);
+    EXPECT_EQ(CheckDirectoryEmpty(Nt(L"\\write")), STATUS_DIRECTORY_NOT_EMPTY);
+    EXPECT_EQ(CheckDirectoryEmpty(Nt(L"\\write\\f.txt")), STATUS_SUCCESS);
+  });
+}
+
+TEST(HandleRecords, OldestRecordOfAHandleIsFoundFirst) {
+  HandleRecords records;
+  HANDLE handle = reinterpret_cast<HANDLE>(0x40);
+  records.Add(MakeHandleRecord({.handle = handle, .access = FileACL::kRead}, L"first"));
+  records.Add(MakeHandleRecord({.handle = handle, .access = FileACL::kReadWrite}, L"second"));
+  EXPECT_EQ(records.Find(handle)->path, L"first");
+  EXPECT_EQ(records.Take(handle)->path, L"first");
+  EXPECT_EQ(records.Take(handle)->path, L"second");
+  EXPECT_FALSE(records.Take(handle));
+}
+
+TEST(HandleRecords, DispositionNeedsDeleteAccess) {
+  HandleRecords records;
+  HANDLE handle = reinterpret_cast<HANDLE>(0x44);
+  records.Add(MakeHandleRecord({.handle = handle, .desired_access = GENERIC_READ}, L"x"));
+  records.SetDeleteDisposition(handle, true, false);
+  EXPECT_EQ(records.Find(handle)->delete_flags, 0u);
+}
+
+}  // namespace
+}  // namespace VornCore
