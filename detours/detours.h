@@ -1,7 +1,7 @@
 // Interception and injection.
 //
-// Interception: change the first instructions of a function so that calls reach a detour, and keep a trampoline
-// through which the detour reaches the real function.
+// Interception: change the first instructions of a function so that calls reach a detour, and keep a
+// trampoline through which the detour reaches the real function.
 //
 //   void* target = address_of_function;         // afterwards: the trampoline
 //   DetourTransactionBegin();
@@ -9,13 +9,13 @@
 //   DetourAttach(&target, detour);
 //   LONG error = DetourTransactionCommit();     // all attaches and detaches, or none
 //
-// Injection: make a process that was created suspended load a DLL before its own first instruction, by adding the
-// DLL in front of the program's import table. The DLL's own attach calls DetourRestoreAfterWith, which gives the
-// program its own import table back. A process of the other bitness is updated by a helper process of that
-// bitness, which loads the DLL and calls its export with ordinal 1, DetourFinishHelperProcess.
+// Injection: make a process that was created suspended load a DLL before its own first instruction, by adding
+// the DLL in front of the program's import table. The DLL's own attach calls DetourRestoreAfterWith, which
+// gives the program its own import table back. A process of the other bitness is updated by a helper process
+// of that bitness, which loads the DLL and calls its export with ordinal 1, DetourFinishHelperProcess.
 //
-// Results are Win32 error codes (0 = NO_ERROR) or BOOL with GetLastError(), as each function says. One thread at a
-// time holds a transaction; the other functions may be called from any thread.
+// Results are Win32 error codes (0 = NO_ERROR) or BOOL with GetLastError(), as each function says. One thread
+// at a time holds a transaction; the other functions may be called from any thread.
 #pragma once
 
 #include <windows.h>
@@ -30,8 +30,8 @@ LONG WINAPI DetourTransactionBegin();
 LONG WINAPI DetourUpdateThread(HANDLE thread);
 
 // Adds an attach. *pointer: in, the target's address; from the commit on, the trampoline. Import stubs and
-// hot-patch entries are followed to the code behind them. An error (ERROR_INVALID_BLOCK: too short to patch, or
-// code that cannot be moved; ERROR_INVALID_HANDLE: no code there; ERROR_NOT_ENOUGH_MEMORY: no room nearby;
+// hot-patch entries are followed to the code behind them. An error (ERROR_INVALID_BLOCK: too short to patch,
+// or code that cannot be moved; ERROR_INVALID_HANDLE: no code there; ERROR_NOT_ENOUGH_MEMORY: no room nearby;
 // ERROR_INVALID_PARAMETER; ERROR_INVALID_OPERATION: no transaction of this thread) also fails the commit.
 LONG WINAPI DetourAttach(PVOID* pointer, PVOID detour);
 
@@ -52,8 +52,13 @@ BOOL WINAPI DetourIsHelperProcess();
 BOOL WINAPI DetourRestoreAfterWith();
 
 // Updates the import table of a suspended process of the caller's own bitness, so that it loads the DLLs
-// (ANSI paths, count of them) first, in this order. FALSE with GetLastError() on failure; the process is then
-// unchanged. ERROR_INVALID_HANDLE: a process of the other bitness or without a readable image.
+// (ANSI paths, count of them, each with an export of ordinal 1) first, in this order. The handle needs
+// PROCESS_QUERY_INFORMATION and PROCESS_VM_OPERATION, _READ and _WRITE. FALSE with GetLastError() on failure;
+// the process is then unchanged. ERROR_INVALID_HANDLE: a process of the other bitness or without a readable
+// image; ERROR_BAD_EXE_FORMAT: headers or an import table that contradict themselves; ERROR_NOT_SUPPORTED: a
+// 32-bit image in a 64-bit process (managed code for any processor); ERROR_NOT_ENOUGH_MEMORY: no room within
+// 4 GB above the image; ERROR_INVALID_PARAMETER: no DLLs, or a name that is null, empty or longer than 32,767
+// bytes.
 BOOL WINAPI DetourUpdateProcessWithDll(HANDLE process, LPCSTR* dlls, DWORD count);
 
 typedef BOOL(WINAPI* PDETOUR_CREATE_PROCESS_ROUTINEW)(LPCWSTR, LPWSTR, LPSECURITY_ATTRIBUTES,
@@ -61,7 +66,9 @@ typedef BOOL(WINAPI* PDETOUR_CREATE_PROCESS_ROUTINEW)(LPCWSTR, LPWSTR, LPSECURIT
                                                       LPSTARTUPINFOW, LPPROCESS_INFORMATION);
 
 // Updates the suspended process pid through a helper process of its bitness, started with create_process.
-// Waits for the helper. FALSE with GetLastError() on failure.
+// dll: ANSI path, up to 1,023 bytes, of that bitness. Waits for the helper, at most 30 seconds; one that
+// takes longer is ended (ERROR_TIMEOUT). FALSE with GetLastError() on failure, which is the helper's own
+// error if it got that far, ERROR_DLL_INIT_FAILED if it ended without having called the DLL.
 BOOL WINAPI DetourProcessViaHelperW(DWORD pid, LPCSTR dll, PDETOUR_CREATE_PROCESS_ROUTINEW create_process);
 
 // The helper's work; ends the helper process. Export with ordinal 1 of every DLL that is injected this way.

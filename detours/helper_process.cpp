@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "detours/bitness.h"
 #include "detours/detours.h"
 #include "detours/win32_error.h"
 
@@ -98,11 +99,6 @@ const HelperOrder* FindOrder() {
   if (!order || data.Length != sizeof(HelperOrder)) return nullptr;
   if (memcmp(order->signature, kSignature, sizeof(kSignature)) != 0) return nullptr;
   return order->dll[kMaxPath - 1] == 0 ? order : nullptr;
-}
-
-bool IsWow64(HANDLE process) {
-  BOOL wow64 = FALSE;
-  return IsWow64Process(process, &wow64) && wow64;
 }
 
 // Full path of the rundll32.exe of the target's bitness.

@@ -1,6 +1,7 @@
 // Injection: the import table of a suspended process gets our DLLs in front of its own.
 #include <span>
 
+#include "detours/bitness.h"
 #include "detours/code/pe_import_plan.h"
 #include "detours/detours.h"
 #include "detours/remote_memory.h"
@@ -78,6 +79,8 @@ class [[nodiscard]] LocalBlock {
 };
 
 DWORD UpdateImports(HANDLE process, std::span<const char* const> dlls) {
+  // A 32-bit caller would read a 64-bit process through addresses cut in half.
+  if (!HasOwnBitness(process)) return ERROR_INVALID_HANDLE;
   const RemoteMemory memory(process);
   const uint64_t base = memory.ImageBase();
   if (!base) return Failure();
@@ -85,7 +88,9 @@ DWORD UpdateImports(HANDLE process, std::span<const char* const> dlls) {
 
   pe::Image image;
   if (pe::Status s = pe::ReadImage(reader, &image); s != pe::Status::kOk) return ErrorOf(s);
-  if (image.is_64 != (sizeof(void*) == 8)) return ERROR_INVALID_HANDLE;
+  // A 32-bit image in a 64-bit process: managed code for any processor, whose headers the runtime widens
+  // later.
+  if (image.is_64 != (sizeof(void*) == 8)) return ERROR_NOT_SUPPORTED;
   pe::ImportPlan plan;
   if (pe::Status s = pe::PlanImports(reader, image, dlls, &plan); s != pe::Status::kOk) return ErrorOf(s);
 

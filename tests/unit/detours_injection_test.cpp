@@ -297,7 +297,7 @@ TEST(Injection, RefusedUpdateLeavesTheProcessAsItWas) {
        [](const Child& c, ULONG) { c.Overwrite(0x3c, DWORD{0x0fff0000}); }},
       {"headers behind the base", ERROR_BAD_EXE_FORMAT,
        [](const Child& c, ULONG) { c.Overwrite(0x3c, ~DWORD{0}); }},
-      {"image of the other width", ERROR_INVALID_HANDLE,
+      {"image of the other width in a process of ours", ERROR_NOT_SUPPORTED,
        [](const Child& c, ULONG n) {
          c.Overwrite(n + 4, WORD{IMAGE_FILE_MACHINE_I386});
          c.Overwrite(n + 24, WORD{IMAGE_NT_OPTIONAL_HDR32_MAGIC});
