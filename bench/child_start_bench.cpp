@@ -1,0 +1,110 @@
+// Start to exit of a child process, confined against plain: a probe starts children one after another, once
+// unconfined and once under the library, in alternating rounds. Budget: 1.6.
+//
+// child_start_bench [ROUNDS [CHILDREN]]
+#include <windows.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "tests/unit/build_paths.h"
+#include "vorn/launcher.h"
+#include "vorn/message_server.h"
+#include "vorn/section.h"
+#include "vorn/text.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr double kBudget = 1.6;
+
+double Median(std::vector<double> values) {
+  std::nth_element(values.begin(), values.begin() + values.size() / 2, values.end());
+  return values[values.size() / 2];
+}
+
+// The command line with which a probe starts count children that end at once.
+std::wstring Storm(int count) {
+  const std::wstring probe = L"\"" + vorn::test::BuildPath("process_probe.exe").wstring() + L"\" ";
+  return probe + L"storm 1 " + std::to_wstring(count) + L" " + probe + L"exit 0";
+}
+
+[[noreturn]] void Fail(const std::string& text) {
+  std::fprintf(stderr, "%s\n", text.c_str());
+  std::exit(1);
+}
+
+void RunPlain(std::wstring command) {
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process{};
+  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                      &process))
+    Fail(vorn::host::Win32ErrorText(GetLastError()));
+  WaitForSingleObject(process.hProcess, 120'000);
+  DWORD code = 1;
+  GetExitCodeProcess(process.hProcess, &code);
+  CloseHandle(process.hThread);
+  CloseHandle(process.hProcess);
+  if (code != 0) Fail("plain run: exit code " + std::to_string(code));
+}
+
+void RunConfined(vorn::host::Launcher& launcher, const std::wstring& command) {
+  auto started = launcher.Start({.command_line = command});
+  if (const auto* failure = std::get_if<vorn::host::LaunchFailure>(&started)) Fail(failure->text);
+  const auto code = std::get<vorn::host::ConfinedProcess>(started).Wait(std::chrono::seconds(120));
+  if (code != 0u) Fail("confined run: exit code " + std::to_string(code.value_or(~0u)));
+}
+
+// Milliseconds per child: a run of many, less a run of none.
+template <class Run>
+double PerChild(int children, Run run) {
+  const auto time = [&](int count) {
+    const auto start = Clock::now();
+    run(Storm(count));
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+  };
+  const double none = time(0);
+  return (time(children) - none) / children;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int rounds = argc > 1 ? std::atoi(argv[1]) : 9;
+  const int children = argc > 2 ? std::atoi(argv[2]) : 20;
+  if (rounds < 1 || children < 1) Fail("usage: child_start_bench [ROUNDS [CHILDREN]]");
+
+  const auto logs = std::filesystem::temp_directory_path() / vorn::host::RandomName(L"vorn_bench");
+  std::filesystem::create_directories(logs);
+  {
+    vorn::host::MessageServer server(vorn::host::RandomName(L"vorn_bench"), {});
+    vorn::host::SectionContents contents;
+    contents.UseLibrariesIn(vorn::test::ThisProgram().parent_path().wstring());
+    contents.log_directory = logs.wstring();
+    contents.server_port = server.port_name();
+    vorn::host::SharedSection section(contents);
+    vorn::host::Launcher launcher(section);
+
+    std::vector<double> plain, confined, ratio;
+    for (int round = 0; round < rounds; ++round) {
+      plain.push_back(PerChild(children, RunPlain));
+      confined.push_back(
+          PerChild(children, [&](const std::wstring& command) { RunConfined(launcher, command); }));
+      ratio.push_back(confined.back() / plain.back());
+    }
+    std::printf("child, start to exit: plain %.1f ms, confined %.1f ms, ratio %.2f (budget %.1f)\n",
+                Median(plain), Median(confined), Median(ratio), kBudget);
+    launcher.WaitForAll(std::chrono::seconds(30));
+    server.WaitUntilIdle(std::chrono::seconds(30));
+  }
+  std::error_code ignored;
+  std::filesystem::remove_all(logs, ignored);
+  return 0;
+}
