@@ -41,10 +41,14 @@ constexpr std::uint32_t kStatusObjectNameCollision = 0xC0000035;
 constexpr std::uint32_t kStatusObjectPathNotFound = 0xC000003A;
 constexpr std::uint32_t kStatusFileIsADirectory = 0xC00000BA;
 
+// The text from unit `at` on; `at` is at most its length.
+std::u16string_view From(std::u16string_view text, std::size_t at) noexcept {
+  return {text.data() + at, text.size() - at};
+}
+
 // The text from the next backslash at or after `from`, empty when there is none.
 std::u16string_view FromBackslash(std::u16string_view path, std::size_t from) noexcept {
-  const std::size_t at = path.find(u'\\', from);
-  return at == kNotFound ? std::u16string_view() : std::u16string_view(path.data() + at, path.size() - at);
+  return From(path, std::min(path.find(u'\\', from), path.size()));
 }
 
 // `text` begins with `prefix`, and a component ends there.
@@ -65,7 +69,7 @@ DeviceKind ClassifyDevicePath(std::u16string_view path) noexcept {
     }
   }
   if (path.size() >= kMinNetDevicePath && StartsWithNoCase(path, kDevicePrefix) &&
-      IsNetDeviceName(path.substr(kDevicePrefix.size()))) {
+      IsNetDeviceName(From(path, kDevicePrefix.size()))) {
     return DeviceKind::kNetworkDevice;
   }
   if (StartsWithNoCase(path, kPipeAlias) || StartsWithNoCase(path, kDosDevicesPipeAlias)) {
@@ -131,11 +135,11 @@ std::size_t MatchNetworkDrive(std::u16string_view path, std::u16string_view driv
   if (!StartsWithNoCase(path, kDevicePrefix) || !StartsWithNoCase(drive, kDevicePrefix)) return kNotFound;
   const std::size_t device_end = path.find(u'\\', kDevicePrefix.size());
   if (device_end == kNotFound || drive.find(u'\\', kDevicePrefix.size()) != device_end) return kNotFound;
-  if (!EqualsNoCase(path.substr(0, device_end), drive.substr(0, device_end))) return kNotFound;
-  const std::u16string_view connection = drive.substr(device_end + 1);
+  if (!EqualsNoCase({path.data(), device_end}, {drive.data(), device_end})) return kNotFound;
+  const std::u16string_view connection = From(drive, device_end + 1);
   if (connection.empty() || connection.front() != u';') return kNotFound;
   const std::u16string_view share = FromBackslash(connection, 1);
-  if (share.empty() || !StartsWithComponents(path.substr(device_end), share)) return kNotFound;
+  if (share.empty() || !StartsWithComponents(From(path, device_end), share)) return kNotFound;
   return device_end + share.size();
 }
 
