@@ -1,0 +1,181 @@
+// What confinement adds to opening and closing a file: time against the plain calls, side by side in one run,
+// and the allocations of one open; what open handles add to a close.
+//
+//   file_open_bench                 the ratios
+//   file_open_bench --mark          200 opens and closes in each mode between named events, for
+//                                   tools/count-requests, which counts the server requests between them
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "File/file_mgr.h"
+#include "VornCore/Base/shared_data.h"
+#include "VornCore/Base/thread_state.h"
+#include "VornCore/Hook/kernel_base.h"
+#include "VornCore/Hook/ntdll.h"
+#include "bench_clock.h"
+#include "vorn/nt_path.h"
+#include "vorn/section.h"
+
+namespace {
+std::size_t allocations = 0;
+}
+// The linker leads every malloc of this program here.
+extern "C" void* __real_malloc(std::size_t bytes);
+extern "C" void* __wrap_malloc(std::size_t bytes) {
+  ++allocations;
+  return __real_malloc(bytes);
+}
+
+namespace {
+
+using namespace VornCore;
+
+constexpr int kRules = 100;
+constexpr int kMarked = 200;
+constexpr int kManyHandles = 10'000;
+
+std::wstring Folder() { return L"C:\\vorn_open_bench"; }
+
+const wchar_t* const kModes[] = {L"off", L"deny", L"read", L"write"};
+constexpr double kTimeBudgets[] = {1.05, 2.2, 3.3, 3.8};
+
+void MakeFiles() {
+  CreateDirectoryW(Folder().c_str(), nullptr);
+  for (const wchar_t* mode : kModes) {
+    CreateDirectoryW((Folder() + L"\\" + mode).c_str(), nullptr);
+    const std::wstring file = Folder() + L"\\" + mode + L"\\file.txt";
+    CloseHandle(CreateFileW(file.c_str(), GENERIC_WRITE, 7, nullptr, CREATE_ALWAYS, 0, nullptr));
+  }
+}
+
+void RemoveFiles() {
+  for (const wchar_t* mode : kModes) {
+    DeleteFileW((Folder() + L"\\" + mode + L"\\file.txt").c_str());
+    RemoveDirectoryW((Folder() + L"\\" + mode).c_str());
+  }
+  RemoveDirectoryW(Folder().c_str());
+}
+
+void UseRules(std::uint32_t flags) {
+  static std::optional<vorn::host::SharedSection> section;
+  vorn::host::SectionContents contents;
+  contents.flags = flags;
+  const std::wstring folder = vorn::host::ToNtPath(Folder());
+  for (int i = 0; i < kRules - 3; ++i)
+    contents.file_rules.push_back({FileACL::kRead, folder + L"\\other" + std::to_wstring(i)});
+  contents.file_rules.push_back({FileACL::kDeny, folder + L"\\deny"});
+  contents.file_rules.push_back({FileACL::kRead, folder + L"\\read"});
+  contents.file_rules.push_back({FileACL::kReadWrite, folder + L"\\write"});
+  section.emplace(contents);
+  if (OpenSharedData(section->name().c_str()) != 0) abort();
+}
+
+// Opens a file of the mode's folder for reading, by drive letter, and closes it.
+class OpenClose {
+ public:
+  explicit OpenClose(const wchar_t* mode) : path_(L"\\??\\" + Folder() + L"\\" + mode + L"\\file.txt") {}
+  void operator()() const {
+    UNICODE_STRING name = nt::CountedString(path_.data(), path_.size() * sizeof(wchar_t));
+    OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+    IO_STATUS_BLOCK io;
+    HANDLE file;
+    if (nt::Success(NtCreateFile(&file, GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr, 0, 7,
+                                 FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0)))
+      NtClose(file);
+  }
+
+ private:
+  std::wstring path_;
+};
+
+std::uint32_t FlagsOf(int mode) { return mode == 0 ? vorn::policy::kFlagFileCreateCheckOff : 0; }
+
+// Plain and confined calls take turns; the hooks are removed for the plain ones.
+void CompareTimes() {
+  std::printf("open and close of an existing file, confined against plain (%d rules)\n", kRules);
+  for (int mode = 0; mode < 4; ++mode) {
+    UseRules(FlagsOf(mode));
+    const OpenClose open_close(kModes[mode]);
+    double plain = 1e18, confined = 1e18;
+    std::size_t mallocs = 0;
+    for (int round = 0; round < 30; ++round) {
+      Ntdll::UnInit();
+      plain = std::min(plain, vorn::bench::BatchNanos(open_close, 300));
+      Ntdll::Init();
+      open_close();
+      const std::size_t before = allocations;
+      confined = std::min(confined, vorn::bench::BatchNanos(open_close, 300));
+      mallocs = allocations - before;
+    }
+    std::printf("  %-6ls %7.2f us  plain %7.2f us  ratio %4.2f (budget %.2f)  allocations per open %.2f\n",
+                kModes[mode], confined / 1e3, plain / 1e3, confined / plain, kTimeBudgets[mode],
+                static_cast<double>(mallocs) / 300);
+  }
+}
+
+void CompareCloses() {
+  UseRules(0);
+  HandleRecords& records = GetFileMgr().model().handles();
+  const auto close_event = [] {
+    HANDLE event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    NtClose(event);
+  };
+  const OpenClose open_close(L"write");
+  int added = 0;
+  const auto fill = [&](int count) {
+    for (; added < count; ++added)
+      records.Add(
+          MakeHandleRecord({.handle = reinterpret_cast<HANDLE>(0x100000ull + 4ull * added)}, L"\\Device\\x"));
+  };
+  const auto measure = [&] { return vorn::bench::SideBySide(40, 300, close_event, open_close); };
+  fill(10);
+  const auto few = measure();
+  fill(kManyHandles);
+  const auto many = measure();
+  std::printf("close with %d open records against 10 (budget 1.10)\n", kManyHandles);
+  std::printf("  event  ratio %4.2f   (create and close, %.2f us)\n", many[0] / few[0], many[0] / 1e3);
+  std::printf("  file   ratio %4.2f   (open and close, %.2f us)\n", many[1] / few[1], many[1] / 1e3);
+}
+
+// The server's trace shows the event's name, so a reader of the trace knows what lies between two marks.
+void Mark(const std::string& name) {
+  CloseHandle(CreateEventA(nullptr, FALSE, FALSE, ("vorn_mark_" + name).c_str()));
+}
+
+void MarkModes() {
+  const auto run = [](const std::string& name, const OpenClose& open_close) {
+    for (int i = 0; i < 3; ++i) open_close();  // what happens once, happens here
+    Mark(name);
+    for (int i = 0; i < kMarked; ++i) open_close();
+    Mark("end");
+  };
+  for (int mode = 0; mode < 4; ++mode) {
+    const OpenClose open_close(kModes[mode]);
+    const std::wstring wide = kModes[mode];
+    Ntdll::UnInit();
+    run("plain_" + std::string(wide.begin(), wide.end()), open_close);
+    UseRules(FlagsOf(mode));
+    Ntdll::Init();
+    run(std::string(wide.begin(), wide.end()), open_close);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  MakeFiles();
+  UseRules(0);
+  if (InitThreadState() != 0 || !Ntdll::Init() || !KernelBase::Init() || !GetFileMgr().Init()) return 1;
+  if (argc > 1 && strcmp(argv[1], "--mark") == 0) {
+    MarkModes();
+  } else {
+    CompareTimes();
+    CompareCloses();
+  }
+  Ntdll::UnInit();
+  KernelBase::UnInit();
+  RemoveFiles();
+}
