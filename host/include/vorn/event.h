@@ -1,0 +1,115 @@
+// What confined processes report: every message of the library as one typed event, one readable line and one
+// JSON object.
+//
+//   const vorn::host::Event event = vorn::host::DecodeEvent(message, peer.pid);
+//   if (auto* file = std::get_if<FileEvent>(&event.body)) ...
+//   std::puts(EventLine(event, Win32ErrorText).c_str());
+//   jsonl << EventJson(event) << '\n';
+//
+// Pure functions. Texts are UTF-8 as the process sent them: a process chooses its own file names and command
+// lines, so lines show control characters as \xNN, and JSON replaces what is not UTF-8.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+
+namespace vorn::host {
+
+// A process has started confined.
+struct ProcessStartEvent {
+  std::uint32_t parent_pid = 0;
+  std::string image;         // base name
+  std::string command_line;  // cut to 511 UTF-16 units
+};
+
+// What became of a process's child.
+enum class ChildOutcome { kConfined, kNotConfined, kExitedImmediately };
+struct ChildEvent {
+  ChildOutcome outcome = ChildOutcome::kConfined;
+  std::uint32_t child_pid = 0;
+  std::uint32_t code = 0;  // kNotConfined: Win32 error; kExitedImmediately: exit code
+  std::string image;       // base name; empty when unknown
+};
+
+struct CrashEvent {
+  std::uint32_t exception_code = 0;
+  std::uint32_t hook_depth = 0;  // not 0: inside one of the library's handlers
+  std::uint32_t thread_id = 0;
+};
+
+// Values of policy::FileACL and policy::AuditType.
+struct FileEvent {
+  std::uint32_t operation = 0;
+  std::uint32_t error = 0;  // Win32; 0: it was done
+  std::uint32_t access = 0;
+  std::uint32_t destination_access = 0;
+  std::string path;         // drive-letter, UNC or NT form
+  std::string destination;  // of a rename; else empty
+};
+
+struct NetEvent {
+  std::uint32_t operation = 0;  // policy::AuditType
+  std::uint32_t error = 0;      // Win32 or Winsock; 0: it was done
+  std::uint32_t verdict = 0;    // policy::kVerdictDeny, kVerdictAllow
+  std::uint32_t protocol = 0;   // 6 TCP, 17 UDP
+  std::string address;          // numeric
+  std::uint32_t port = 0;
+  std::string source_address;
+  std::uint32_t source_port = 0;
+  std::string domain;  // as the process resolved it; empty when unknown
+};
+
+// Throttled timing samples; subtype (policy::kSubtypeSample…) says what the values mean.
+struct SampleEvent {
+  std::uint16_t subtype = 0;
+  std::uint64_t first = 0;
+  std::uint64_t second = 0;
+  std::uint32_t third = 0;
+  std::string text;
+};
+
+// Bytes that are no message of the library.
+struct MalformedEvent {
+  std::string reason;
+  std::size_t offset = 0;  // of the field that is wrong
+  std::size_t size = 0;    // bytes of the message
+};
+
+using EventBody =
+    std::variant<MalformedEvent, ProcessStartEvent, ChildEvent, CrashEvent, FileEvent, NetEvent, SampleEvent>;
+
+struct Event {
+  std::uint64_t time_ms = 0;     // since 1970-01-01 UTC, by the sender's clock; 0 in a malformed message
+  std::uint32_t pid = 0;         // of the sender, as the system knows it
+  std::uint32_t stated_pid = 0;  // of the sender, as the message says; the same unless the process lies
+  EventBody body;
+};
+
+// message: as MessageServer delivers it. pid: of the peer that sent it.
+Event DecodeEvent(std::span<const std::byte> message, std::uint32_t pid);
+
+// Whether the event tells of something that was refused, or of a process that is not confined.
+bool IsRefusal(const Event& event);
+
+using ErrorTextFunction = std::string (*)(std::uint32_t error);
+
+// One line without line end, for people:
+//   "[4711] refused create C:\a.txt (deny): The system cannot ..."
+// error_text gives the sentence of a Win32 error; null: "error N".
+std::string EventLine(const Event& event, ErrorTextFunction error_text = nullptr);
+
+// One JSON object without line end. "event" is "process-start", "child", "crash", "file", "net", "sample" or
+// "malformed"; "time" is ISO 8601 in UTC with milliseconds.
+std::string EventJson(const Event& event);
+
+// "2026-01-31T23:59:59.123Z"
+std::string IsoTime(std::uint64_t time_ms);
+
+// Control characters as \xNN, so that a text can be printed to a terminal.
+std::string Printable(std::string_view text);
+
+}  // namespace vorn::host
