@@ -138,7 +138,7 @@ class PendingChild {
 
 // Injects the pending child and resumes it.
 NTSTATUS ResumeChild(ThreadState& state, HANDLE process, HANDLE thread, ULONG* previous_count) noexcept {
-  const HANDLE event = InjectBizDll(process) ? CreateSubProcessEvent(process) : nullptr;
+  HANDLE event = InjectBizDll(process) ? CreateSubProcessEvent(process) : nullptr;
   ULONG count = 0;
   NTSTATUS status = Ntdll::CallOriginalNtResumeThread(thread, &count);
   if (previous_count && !platform::Guarded([&] { *previous_count = count; }))
