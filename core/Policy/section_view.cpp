@@ -95,14 +95,9 @@ std::uint32_t SectionView::Flags() const noexcept {
   return header ? std::uint32_t{header->flags} : 0;
 }
 
-std::uint32_t SectionView::FileRuleCount() const noexcept {
+bool SectionView::HasNetRules() const noexcept {
   const SharedDataHeader* header = Header();
-  return header ? std::uint32_t{header->file_rule_count} : 0;
-}
-
-std::uint32_t SectionView::NetRuleCount() const noexcept {
-  const SharedDataHeader* header = Header();
-  return header ? std::uint32_t{header->net_rule_count} : 0;
+  return header && header->net_rule_count != 0;
 }
 
 std::span<const FileRuleRecord> SectionView::FileRules() const noexcept {

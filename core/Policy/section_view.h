@@ -35,7 +35,7 @@ struct SectionText {
 };
 
 struct FileRule {
-  bool in_table = false;     // the index is below the count and the record lies inside the section
+  bool in_table = false;     // the index is below the count
   std::uint32_t access = 0;  // raw FileACL value
   std::uint32_t hash = 0;    // as stored
   SectionText path = {};
@@ -97,17 +97,22 @@ class SectionView {
   }
   [[nodiscard]] bool IsNetCheckOff() const noexcept { return (Flags() & kFlagNetCheckOff) != 0; }
 
-  // Counts as the host stored them.
-  [[nodiscard]] std::uint32_t FileRuleCount() const noexcept;
-  [[nodiscard]] std::uint32_t NetRuleCount() const noexcept;
-  [[nodiscard]] bool HasNetRules() const noexcept { return NetRuleCount() != 0; }
+  // Records that exist: at most as many as the host's count says, and none beyond the section, so that a loop
+  // over them ends.
+  [[nodiscard]] std::uint32_t FileRuleCount() const noexcept {
+    return static_cast<std::uint32_t>(FileRules().size());
+  }
+  [[nodiscard]] std::uint32_t NetRuleCount() const noexcept {
+    return static_cast<std::uint32_t>(NetRules().size());
+  }
+  // By the host's count: rules that cannot be read must not switch network confinement off.
+  [[nodiscard]] bool HasNetRules() const noexcept;
 
-  // The records that lie wholly inside the section, at most as many as the count says.
   [[nodiscard]] std::span<const FileRuleRecord> FileRules() const noexcept;
   [[nodiscard]] std::span<const NetRuleRecord> NetRules() const noexcept;
 
   [[nodiscard]] FileRule FileRuleAt(std::uint32_t index) const noexcept;
-  // Null when the index is not below the count or the record leaves the section.
+  // Null when the index is not below the count.
   [[nodiscard]] const NetRuleRecord* NetRuleAt(std::uint32_t index) const noexcept;
 
   // The parts of a record; the record may be a copy.

@@ -117,12 +117,15 @@ TEST(SectionView, RulesOutsideTheTableOrTheMappingDoNotExist) {
 
   auto* header = reinterpret_cast<SharedDataHeader*>(memory.data());
   header->net_rule_count = 0xFFFFFFFF;
-  EXPECT_EQ(view.NetRules().size(), 1u);
+  EXPECT_EQ(view.NetRuleCount(), 1u) << "a loop over the rules must end";
   EXPECT_EQ(view.NetRuleAt(1), nullptr);
   header->net_rule_offset = static_cast<std::uint32_t>(memory.size() - sizeof(NetRuleRecord) + 1);
   EXPECT_EQ(view.NetRuleAt(0), nullptr);
   header->net_rule_offset = 0xFFFFFFFF;
-  EXPECT_TRUE(view.NetRules().empty());
+  EXPECT_EQ(view.NetRuleCount(), 0u);
+  EXPECT_TRUE(view.HasNetRules()) << "rules that cannot be read must not lift the confinement";
+  header->net_rule_count = 0;
+  EXPECT_FALSE(view.HasNetRules());
 }
 
 TEST(SectionView, PartsOfANetworkRuleNeedLengthAndOffset) {
