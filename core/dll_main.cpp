@@ -89,7 +89,12 @@ struct Manager {
 };
 constexpr Manager kManagers[] = {
     {"CNetMgr", [] { return GetNetMgr().Init(); }, OnFailure::kStop},
-    {"mod", [] { return mod::Init(); }, OnFailure::kStop},
+    {"mod",
+     [] {
+       mod::Watch(CNetMgr::WatchedModules());
+       return mod::Init();
+     },
+     OnFailure::kStop},
     {"CProcMgr", [] { return CProcMgr::GetInstance()->Init(); }, OnFailure::kStop},
     {"CLoadDllMgr", [] { return CLoadDllMgr::GetInstance()->Init(); }, OnFailure::kStop},
     {"CFileMgr", [] { return GetFileMgr().Init(); }, OnFailure::kStop},
