@@ -59,18 +59,15 @@ void CodeUnlock::Close() noexcept {
 void ReplaceCode(std::uint8_t* target, const JumpBytes& bytes) noexcept {
   constexpr std::size_t kHead = 2;
   constexpr std::uint8_t kJumpToItself[kHead] = {0xEB, 0xFE};
-  const HANDLE process = GetCurrentProcess();
   if (!ReplaceAtOnce(target, bytes.data(), kJumpSize)) {
     if (ReplaceAtOnce(target, kJumpToItself, kHead)) {
-      FlushInstructionCache(process, target, kJumpSize);
       memcpy(target + kHead, bytes.data() + kHead, kJumpSize - kHead);
-      FlushInstructionCache(process, target, kJumpSize);
       (void)ReplaceAtOnce(target, bytes.data(), kHead);
     } else {  // one byte before the end of a cache line: no single write covers even two bytes
       memcpy(target, bytes.data(), kJumpSize);
     }
   }
-  FlushInstructionCache(process, target, kJumpSize);
+  FlushInstructionCache(GetCurrentProcess(), target, kJumpSize);
 }
 
 }  // namespace detours
