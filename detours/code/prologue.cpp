@@ -7,6 +7,8 @@ namespace {
 
 constexpr std::uint8_t kInt3 = 0xCC;
 constexpr std::uint8_t kNop = 0x90;
+constexpr std::uint8_t kLongNop = 0x1F;  // behind 0F
+constexpr std::uint8_t kLea = 0x8D;
 constexpr std::uint64_t kFunctionAlignment = 16;
 
 // Where a relative operand or branch points to, as an offset from the function's start. On x86 the distance
@@ -14,6 +16,19 @@ constexpr std::uint64_t kFunctionAlignment = 16;
 std::int64_t OffsetOf(std::uint64_t target, std::uint64_t start, Mode mode) noexcept {
   return mode == Mode::kX86 ? static_cast<std::int32_t>(static_cast<std::uint32_t>(target - start))
                             : static_cast<std::int64_t>(target - start);
+}
+
+// The length of the padding instruction at the start of code, 0 when it is something else.
+std::size_t PaddingSize(std::span<const std::uint8_t> code, Mode mode) noexcept {
+  if (code[0] == kInt3) return 1;
+  const auto decoded = Decode(code, mode);
+  if (!decoded) return 0;
+  const bool nop = decoded->two_byte_map ? decoded->opcode == kLongNop : decoded->opcode == kNop;
+  // lea esi, [esi+0] in its lengths, which is how 32-bit assemblers fill
+  const auto modrm = decoded->length > decoded->prefix_length + 1u ? code[decoded->prefix_length + 1u] : 0;
+  const bool lea = mode == Mode::kX86 && decoded->opcode == kLea && (modrm & 0x38) == 0x30 &&
+                   ((modrm & 7) == 6 || (modrm & 7) == 4);
+  return nop || lea ? decoded->length : 0;
 }
 
 class Analysis {
@@ -56,14 +71,16 @@ class Analysis {
     return instruction.EndsFlow() && furthest_ < end;
   }
 
-  // Compilers fill up to the next function with int3 or nop. A nop at a function's alignment may be a
-  // function.
+  // Compilers fill up to the next function with int3 or nops of any length. What begins at a function's
+  // alignment may be a function, whatever it looks like.
   bool PaddingFollows() noexcept {
-    if (code_.size() < kJumpSize) return Fail(CodeError::kTruncated);
-    for (std::size_t i = out_.size; i < kJumpSize; ++i) {
-      const bool padding =
-          code_[i] == kInt3 || (code_[i] == kNop && (address_ + i) % kFunctionAlignment != 0);
-      if (!padding) return Fail(CodeError::kTooShort);
+    std::size_t at = out_.size;
+    while (at < kJumpSize) {
+      if (at == code_.size()) return Fail(CodeError::kTruncated);
+      const std::size_t size = PaddingSize(code_.subspan(at), mode_);
+      const bool aligned = (address_ + at) % kFunctionAlignment == 0;
+      if (size == 0 || (aligned && code_[at] != kInt3)) return Fail(CodeError::kTooShort);
+      at += size;
     }
     return true;
   }
@@ -81,7 +98,7 @@ class Analysis {
   }
 
   bool CheckOperand(const Instruction& instruction, std::int64_t end) noexcept {
-    constexpr std::uint8_t kLea = 0x8D;  // takes the address and reads nothing
+    // Takes the address and reads nothing.
     const bool lea = instruction.opcode == kLea && !instruction.two_byte_map;
     std::int64_t offset = end + instruction.displacement;
     if (instruction.absolute) {
@@ -117,7 +134,9 @@ class Analysis {
       const auto end = static_cast<std::int64_t>(at);
       if (decoded->IsRelativeFlow()) {
         const std::int64_t offset = BranchOffset(*decoded, end);
-        const bool recursion = decoded->flow == Flow::kCall && offset == 0;
+        // Calls and tail calls of itself go through the detour like any other; compilers end loops with a
+        // condition.
+        const bool recursion = offset == 0 && (decoded->flow == Flow::kCall || decoded->flow == Flow::kJump);
         if (IsPatched(offset) && !recursion) return Fail(CodeError::kBranchIntoPatch);
         const bool stays = decoded->flow != Flow::kCall && offset < static_cast<std::int64_t>(kScanSize);
         if (stays) furthest_ = std::max(furthest_, offset);

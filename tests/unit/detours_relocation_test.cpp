@@ -46,7 +46,6 @@ INSTANTIATE_TEST_SUITE_P(
     Prologue, Refused,
     testing::Values(
         RefusedCase{"ReturnWithoutPadding", Mode::kX64, CodeError::kTooShort, {0xC3, 0x55, 0x55, 0x55, 0x55}},
-        // The nop at a multiple of sixteen begins a function of its own.
         RefusedCase{
             "ReturnBeforeAnotherFunction", Mode::kX64, CodeError::kTooShort, {0x89, 0xC8, 0xC3, 0xCC, 0x55}},
         RefusedCase{"Breakpoint", Mode::kX64, CodeError::kBreakpoint, {0x55, 0xCC, 0x90, 0x90, 0x90}},
@@ -91,15 +90,24 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& info) { return info.param.name; });
 
 TEST(Prologue, PaddingMayFollowAShortFunction) {
-  for (const std::uint8_t padding : {0xCC, 0x90}) {
-    const Bytes code = {0x31, 0xC0, 0xC3, padding, padding, padding, padding};  // xor eax, eax; ret
-    const auto prologue = AnalyzePrologue(code, kFrom, Mode::kX64);
-    ASSERT_TRUE(prologue.has_value()) << Text(prologue.error());
-    EXPECT_EQ(prologue->size, 3);
-    EXPECT_FALSE(prologue->falls_through);
+  const auto analyze = [](Bytes padding, Mode mode, std::uint64_t address = kFrom) {
+    Bytes code = {0x31, 0xC0, 0xC3};  // xor eax, eax; ret
+    code.insert(code.end(), padding.begin(), padding.end());
+    return AnalyzePrologue(code, address, mode);
+  };
+  for (const Mode mode : {Mode::kX64, Mode::kX86}) {
+    for (const Bytes& padding : {Bytes{0xCC, 0xCC}, Bytes{0x90, 0x90}, Bytes{0x0F, 0x1F, 0x40, 0x00},
+                                 Bytes{0x66, 0x66, 0x2E, 0x0F, 0x1F, 0x84, 0, 0, 0, 0, 0}}) {
+      const auto prologue = analyze(padding, mode);
+      ASSERT_TRUE(prologue.has_value()) << Text(prologue.error());
+      EXPECT_EQ(prologue->size, 3);
+      EXPECT_FALSE(prologue->falls_through);
+    }
   }
-  const Bytes at_boundary = {0x31, 0xC0, 0xC3, 0x90, 0x90, 0x90, 0x90};
-  EXPECT_FALSE(AnalyzePrologue(at_boundary, kFrom + 12, Mode::kX64).has_value());
+  const Bytes lea = {0x8D, 0xB4, 0x26, 0, 0, 0, 0};  // lea esi, [esi+0]
+  EXPECT_TRUE(analyze(lea, Mode::kX86).has_value());
+  EXPECT_FALSE(analyze(lea, Mode::kX64).has_value());
+  EXPECT_FALSE(analyze({0x90, 0x90}, Mode::kX64, kFrom + 13).has_value()) << "a function may begin there";
 }
 
 TEST(Prologue, AReturnThatABranchSkipsIsNotTheEnd) {
@@ -111,8 +119,10 @@ TEST(Prologue, AReturnThatABranchSkipsIsNotTheEnd) {
 }
 
 TEST(Prologue, RecursionIsNoLoop) {
-  const Bytes code = {0x55, 0x48, 0x89, 0xE5, 0x90, 0xE8, 0xF6, 0xFF, 0xFF, 0xFF, 0x5D, 0xC3};
-  EXPECT_TRUE(AnalyzePrologue(code, kFrom, Mode::kX64).has_value());
+  const Bytes call = {0x55, 0x48, 0x89, 0xE5, 0x90, 0xE8, 0xF6, 0xFF, 0xFF, 0xFF, 0x5D, 0xC3};
+  EXPECT_TRUE(AnalyzePrologue(call, kFrom, Mode::kX64).has_value());
+  const Bytes tail_call = {0x55, 0x48, 0x89, 0xE5, 0x90, 0x5D, 0xEB, 0xF8};
+  EXPECT_TRUE(AnalyzePrologue(tail_call, kFrom, Mode::kX64).has_value());
 }
 
 struct MovedCase {
