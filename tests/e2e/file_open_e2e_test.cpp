@@ -1,0 +1,229 @@
+// Every decision about opening a file, in a really confined process: what the caller gets, which step the log
+// names, and which audit arrives; each beside a run in which nothing is refused.
+#include "tests/e2e/file_script.h"
+
+namespace vorn::test {
+namespace {
+
+constexpr char kOk[] = "0", kRefused[] = "C0000022", kNotFound[] = "C0000034";
+
+struct OpenCase {
+  const char* what;
+  std::string command;
+  std::string answer;  // under the rules
+  int step;            // 0: no canonical path (131), of which the log tells the reason only
+  std::optional<Audit> audit;
+  std::string control;  // where everything may be written
+};
+
+Audit Refusal(AuditType type, FileACL access, const std::string& path) {
+  return {type, ERROR_ACCESS_DENIED, access, FileACL::kUnknown, path, ""};
+}
+
+TEST(FileOpenE2E, EveryDecisionAndStep) {
+  FileScript script;
+  const std::string deny = script.Nt("deny\\f.txt"), read = script.Nt("read\\f.txt"),
+                    write = script.Nt("write\\f.txt");
+  const auto created = [&](FileACL access, const char* name) {
+    return Refusal(AuditType::kCreate, access, script.Dos(name));
+  };
+  std::filesystem::create_directory(script.folder() / "bad");
+  script.Write("bad\\f.txt", "old");
+  const auto link = [&] {
+    return CreateHardLinkW((script.folder() / "write/both.txt").c_str(),
+                           (script.folder() / "read/f.txt").c_str(), nullptr);
+  };
+  ASSERT_TRUE(link());
+
+  const std::vector<OpenCase> cases = {
+      {"a pipe by name",
+       "create 0 C0000000 1 20 \\??\\pipe\\vorn_no_such_pipe",
+       kNotFound,
+       123,
+       {},
+       kNotFound},
+      {"an unknown drive", "create 0 80000000 1 20 \\??\\Q:\\x", "", 0, {}, ""},
+      {"a device", "create 0 80100000 1 20 \\??\\NUL", kOk, 160, {}, kOk},
+      {"denied", "create 0 80000000 1 20 " + deny, kRefused, 165, created(FileACL::kDeny, "deny\\f.txt"),
+       kOk},
+      {"denied, through NtOpenFile", "openfile 0 80100000 20 " + deny, kRefused, 165,
+       created(FileACL::kDeny, "deny\\f.txt"), kOk},
+      {"a new file in a denied folder", "create 0 40000000 2 0 " + script.Nt("deny\\new.txt"), kRefused, 165,
+       created(FileACL::kDeny, "deny\\new.txt"), kOk},
+      {"read only: delete on close", "create 0 10000 1 1000 " + read, kRefused, 175,
+       Refusal(AuditType::kDelete, FileACL::kRead, script.Dos("read\\f.txt")), kOk},
+      {"read only: superseding", "create 0 C0000000 0 0 " + read, kRefused, 194,
+       created(FileACL::kRead, "read\\f.txt"), kOk},
+      {"read only: overwriting", "create 0 C0000000 4 0 " + read, kRefused, 194,
+       created(FileACL::kRead, "read\\f.txt"), kOk},
+      {"read only: overwriting or creating", "create 0 C0000000 5 0 " + read, kRefused, 194,
+       created(FileACL::kRead, "read\\f.txt"), kOk},
+      {"read only: creating", "create 0 C0000000 2 0 " + script.Nt("read\\new.txt"), kRefused, 216,
+       created(FileACL::kRead, "read\\new.txt"), kOk},
+      {"read only: opening or creating what is not there",
+       "create 0 C0000000 3 0 " + script.Nt("read\\new2.txt"),
+       kNotFound,
+       216,
+       {},
+       kOk},
+      {"read only: opening or creating what is there", "create 0 C0000000 3 0 " + read, kOk, 216, {}, kOk},
+      {"read only: reading", "create 0 80000000 1 0 " + read, kOk, 216, {}, kOk},
+      {"read-write", "create 0 C0000000 5 0 " + write, kOk, 216, {}, kOk},
+      {"read-write with delete on close",
+       "create 0 10000 1 1000 " + script.Nt("write\\both.txt"),
+       kOk,
+       216,
+       {},
+       kOk},
+      {"an invalid rule", "create 0 C0000000 1 0 " + script.Nt("bad\\f.txt"), kOk, 160, {}, kOk},
+      {"no file system",
+       "create 0 80000000 1 0 " + script.Nt("none\\none\\f.txt"),
+       "C000003A",
+       160,
+       {},
+       "C000003A"},
+      {"a fault", "unreadable 1", "10", 218, {}, "10"},
+  };
+  for (const OpenCase& c : cases) script.Add(c.command).Add("close 0");
+  auto rules = script.Rules();
+  rules.push_back(script.Rule(static_cast<FileACL>(7), "bad"));
+  const ScriptRun run = script.Run(rules);
+  ASSERT_EQ(run.answers.size(), 2 * cases.size());
+  std::vector<Audit> expected;
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const OpenCase& c = cases[i];
+    EXPECT_EQ(run.answers[2 * i], c.answer.empty() ? run.answers[2 * i] : c.answer) << c.what;
+    const std::string line = c.step ? "step:" + std::to_string(c.step) + "," : "GetDriveForLetter Error:Q";
+    EXPECT_FALSE(run.LogLines(line).empty()) << c.what << ": " << line;
+    if (c.audit) expected.push_back(*c.audit);
+  }
+  std::vector<Audit> arrived;
+  for (const Audit& audit : run.audits)
+    if (audit.type != AuditType::kDeleteToRecycle) arrived.push_back(audit);
+  EXPECT_EQ(arrived, expected);
+  EXPECT_EQ(script.Read("deny\\f.txt"), "old");
+  EXPECT_EQ(script.Read("read\\f.txt"), "old");
+  EXPECT_EQ(script.Read("read\\new.txt"), "(none)");
+  EXPECT_EQ(script.Read("deny\\new.txt"), "(none)");
+  EXPECT_EQ(script.Read("write\\f.txt"), "");
+
+  ASSERT_TRUE(link()) << "the first one is in the recycle bin";
+  const ScriptRun control = script.Run(script.NoRefusals());
+  ASSERT_EQ(control.answers.size(), 2 * cases.size());
+  for (std::size_t i = 0; i < cases.size(); ++i)
+    EXPECT_EQ(control.answers[2 * i], cases[i].control.empty() ? control.answers[2 * i] : cases[i].control)
+        << cases[i].what;
+}
+
+// The bytes of an audit, field by field, as they crossed the pipe.
+TEST(FileOpenE2E, AuditIsLaidOutAsTheHostExpects) {
+  FileScript script;
+  std::filesystem::create_directory(script.folder() / L"deny\u00FC\u4E2D");
+  script.Write("f", "");
+  const std::filesystem::path file = script.folder() / L"deny\u00FC\u4E2D" / L"f.txt";
+  const auto utf8 = host::ToUtf8(file.wstring());
+  script.Add("create 0 80000000 1 20 \\??\\" + utf8);
+  const ScriptRun run = script.Run({{FileACL::kDeny, host::ToNtPath(file.wstring())}}, 0);
+  ASSERT_EQ(run.audits.size(), 1u);
+  const auto message = std::find_if(run.messages.begin(), run.messages.end(),
+                                    [](const Received& m) { return m.As<policy::FileAudit>() != nullptr; });
+  const std::vector<std::byte>& bytes = message->bytes;
+  const auto u32 = [&](std::size_t offset) {
+    std::uint32_t value;
+    memcpy(&value, &bytes[offset], sizeof value);
+    return value;
+  };
+  const auto text_bytes = static_cast<std::uint32_t>(utf8.size() + 1);
+  ASSERT_EQ(bytes.size(), text_bytes + 67);
+  EXPECT_EQ(u32(0), 0xC0DEDEADu);
+  EXPECT_EQ(u32(4), 0x20251212u);
+  EXPECT_EQ(u32(16), 3u) << "type 3, subtype 0";
+  EXPECT_EQ(bytes[20], std::byte{1});
+  EXPECT_EQ(u32(25), text_bytes + 37);
+  const std::uint32_t fields[] = {1, ERROR_ACCESS_DENIED, 1, 0, text_bytes, 0, 0, text_bytes, text_bytes};
+  for (std::size_t i = 0; i < std::size(fields); ++i) EXPECT_EQ(u32(29 + 4 * i), fields[i]) << i;
+  EXPECT_STREQ(reinterpret_cast<const char*>(&bytes[65]), utf8.c_str());
+  EXPECT_EQ(bytes[bytes.size() - 1], std::byte{0});
+  EXPECT_EQ(bytes[bytes.size() - 2], std::byte{0});
+}
+
+TEST(FileOpenE2E, NoSpellingGetsAroundARule) {
+  FileScript script;
+  const std::string file = script.Dos("deny\\f.txt");
+  std::string upper = file, doubled = file, unix_name;
+  std::transform(upper.begin(), upper.end(), upper.begin(),
+                 [](char c) { return static_cast<char>(toupper(c)); });
+  doubled.replace(2, 1, "\\\\");
+  const std::vector<std::string> spellings = {
+      "\\??\\" + file,       "\\??\\" + upper,
+      "\\??\\" + doubled,    "\\DosDevices\\" + file,
+      "\\GLOBAL??\\" + file, host::ToUtf8(host::ToNtPath(script.folder().wstring())) + "\\deny\\f.txt"};
+  for (const std::string& name : spellings) script.Add("create 0 80000000 1 20 " + name);
+  script.Add("create 0 100001 1 21 " + script.Nt("")).Add("below 1 80000000 0 deny\\f.txt");
+  script.Add("create 2 100001 1 21 " + script.Nt("write")).Add("below 3 80000000 2 f.txt");
+  const ScriptRun run = script.Run(script.Rules());
+  ASSERT_EQ(run.answers.size(), spellings.size() + 4);
+  for (std::size_t i = 0; i < spellings.size(); ++i)
+    EXPECT_NE(run.answers[i], kOk) << spellings[i];  // one that the system itself refuses gets another status
+  EXPECT_EQ(run.answers[spellings.size() + 1], kRefused);
+  EXPECT_EQ(run.answers[spellings.size() + 3], kOk)
+      << "the control: a folder below which files may be opened";
+}
+
+TEST(FileOpenE2E, FileOpenedByIdIsJudgedByItsPath) {
+  FileScript script;
+  script.Add("create 0 100001 1 21 " + script.Nt("deny"))
+      .Add("create 1 80100000 1 20 " + script.Nt("deny\\f.txt"));
+  script.Add("openid 2 80100000 0 1");
+  script.Add("create 3 100001 1 21 " + script.Nt("write"))
+      .Add("create 4 80100000 1 20 " + script.Nt("write\\f.txt"));
+  script.Add("openid 5 80100000 3 4");
+  // The folder may be opened, and the file whose id is asked for; opening it by id is what the rule refuses.
+  const ScriptRun control = script.Run(script.NoRefusals());
+  EXPECT_EQ(control.answers[2], kOk);
+  EXPECT_EQ(control.answers[5], kOk);
+  const ScriptRun run = script.Run(script.Rules());
+  EXPECT_EQ(run.answers[5], kOk);
+  EXPECT_FALSE(run.LogLines("CreateOptions[2020->20]").empty()) << "by name from there on";
+}
+
+TEST(FileOpenE2E, CheckOffLetsEverythingPassAndLogsFailures) {
+  FileScript script;
+  script.Add("create 0 C0000000 1 20 " + script.Nt("deny\\f.txt")).Add("close 0");
+  script.Add("create 0 C0000000 1 20 " + script.Nt("deny\\none.txt"));
+  const ScriptRun run =
+      script.Run(script.Rules(), FileScript::kEverythingLogged | policy::kFlagFileCreateCheckOff);
+  EXPECT_EQ(run.answers, (std::vector<std::string>{kOk, kOk, kNotFound}));
+  EXPECT_TRUE(run.audits.empty());
+  EXPECT_FALSE(
+      run.LogLines("NtCreateFile Test status:C0000034, CreateOptions 20, DesiredAccess C0000000").empty());
+}
+
+// Audits of refusals arrive but for those that the library says it dropped.
+TEST(FileOpenE2E, NoRefusalIsLostUnreported) {
+  FileScript script;
+  std::filesystem::create_directory(script.folder() / "denied");
+  std::filesystem::create_directory(script.folder() / "open");
+  script.Write("denied\\f.txt", "old");
+  script.Add("storm 8 300 " + script.Nt(""));
+  const ScriptRun run =
+      script.Run({script.Rule(FileACL::kDeny, "denied"), script.Rule(FileACL::kReadWrite, "open")});
+  ASSERT_EQ(run.answers, (std::vector<std::string>{"2400 refused, 0 failed"}));
+  const std::size_t dropped =
+      run.LogLines("drop spam msg, pid").size() + run.LogLines("drop unlucky msg, pid").size();
+  EXPECT_EQ(run.audits.size() + dropped, 2400u);
+  EXPECT_EQ(run.exit_code, 0);
+}
+
+TEST(FileOpenE2E, UnreadablePointersLeaveTheProcessAlive) {
+  FileScript script;
+  script.Add("create 0 C0110000 1 20 " + script.Nt("write\\f.txt")).Add("unreadable 50").Add("write 0 alive");
+  const ScriptRun run = script.Run(script.Rules(), 0x07);
+  EXPECT_EQ(run.answers, (std::vector<std::string>{kOk, "500", kOk}));
+  EXPECT_EQ(run.exit_code, 0);
+  EXPECT_EQ(script.Read("write\\f.txt"), "alive");
+  EXPECT_FALSE(run.LogLines("NtCreateFile Execption step:218, status:C0000005").empty());
+}
+
+}  // namespace
+}  // namespace vorn::test

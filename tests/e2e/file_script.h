@@ -1,0 +1,135 @@
+// Runs a script of file calls in a really confined process, and says what each call answered, what arrived at
+// the host and what the library logged.
+//
+//   FileScript script;                       // folder\deny, read, write, each with f.txt that holds "old"
+//   script.Add("create 0 80000000 1 20 " + script.Nt("deny\\f.txt"));
+//   const ScriptRun run = script.Run(script.Rules());
+#pragma once
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include "Policy/device_path.h"
+#include "Policy/file_rules.h"
+#include "tests/e2e/confinement.h"
+
+namespace vorn::test {
+
+using policy::AuditType;
+using policy::FileACL;
+
+// One file audit, with its texts owned.
+struct Audit {
+  AuditType type;
+  std::uint32_t error;  // Win32
+  FileACL source_access, destination_access;
+  std::string source, destination;
+
+  bool operator==(const Audit&) const = default;
+};
+
+inline void PrintTo(const Audit& audit, std::ostream* out) {
+  *out << policy::AuditTypeName(audit.type) << " error " << audit.error << " "
+       << policy::ACLName(audit.source_access) << " " << audit.source << " -> "
+       << policy::ACLName(audit.destination_access) << " " << audit.destination;
+}
+
+struct ScriptRun {
+  std::int64_t exit_code = -1;
+  std::vector<std::string> answers;
+  std::vector<Audit> audits;  // in the order in which they were sent
+  std::vector<Received> messages;
+  std::string log;
+
+  std::vector<std::string> LogLines(const std::string& with) const {
+    std::vector<std::string> lines;
+    std::istringstream text(log);
+    for (std::string line; std::getline(text, line);)
+      if (line.find(with) != line.npos) lines.push_back(line);
+    return lines;
+  }
+};
+
+class FileScript {
+ public:
+  static constexpr std::uint32_t kEverythingLogged = 0x0F;
+
+  FileScript() {
+    for (const char* name : {"deny", "read", "write"}) {
+      std::filesystem::create_directory(folder() / name);
+      Write(std::string(name) + "\\f.txt", "old");
+    }
+  }
+
+  const std::filesystem::path& folder() const { return folder_.path(); }
+  std::string Dos(const std::string& name) const { return (folder() / name).string(); }
+  std::string Nt(const std::string& name) const { return "\\??\\" + Dos(name); }
+
+  void Write(const std::string& name, const std::string& text) const {
+    std::ofstream(folder() / name, std::ios::binary) << text;
+  }
+  // Content, or "(none)".
+  std::string Read(const std::string& name) const {
+    std::ifstream file(folder() / name, std::ios::binary);
+    if (!file) return "(none)";
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  // The rules that the names of the folders say.
+  std::vector<host::FileRule> Rules() const {
+    return {Rule(FileACL::kDeny, "deny"), Rule(FileACL::kRead, "read"), Rule(FileACL::kReadWrite, "write")};
+  }
+  // Everything may be written.
+  std::vector<host::FileRule> NoRefusals() const { return {Rule(FileACL::kReadWrite, "")}; }
+  host::FileRule Rule(FileACL access, const std::string& name) const {
+    return {access, host::ToNtPath((folder() / name).wstring())};
+  }
+
+  FileScript& Add(const std::string& command) {
+    commands_.push_back(command);
+    return *this;
+  }
+
+  ScriptRun Run(const std::vector<host::FileRule>& rules, std::uint32_t flags = kEverythingLogged) const {
+    const std::filesystem::path script = folder() / "script.txt", answers = folder() / "answers.txt";
+    {
+      std::ofstream text(script, std::ios::binary);
+      for (const std::string& command : commands_) text << command << "\n";
+    }
+    Confinement host([&](host::SectionContents& section) {
+      section.file_rules = rules;
+      section.flags = flags;
+    });
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    HANDLE output =
+        CreateFileW(answers.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr);
+    ScriptRun run;
+    run.exit_code =
+        host.Run(Probe("file_probe.exe", L"\"" + script.wstring() + L"\""), {.standard_output = output});
+    CloseHandle(output);
+    run.messages = host.Settle();
+    for (const Received& message : run.messages)
+      if (const auto* audit = message.As<policy::FileAudit>())
+        run.audits.push_back({static_cast<AuditType>(audit->type), audit->error,
+                              static_cast<FileACL>(audit->source_access),
+                              static_cast<FileACL>(audit->destination_access), std::string(audit->source),
+                              std::string(audit->destination)});
+    std::ifstream text(answers);
+    for (std::string line; std::getline(text, line);) {
+      if (!line.empty() && line.back() == '\r') line.pop_back();
+      run.answers.push_back(line);
+    }
+    for (const auto& entry : std::filesystem::directory_iterator(host.folder())) {
+      std::ifstream log(entry.path(), std::ios::binary);
+      run.log.append(std::istreambuf_iterator<char>(log), {});
+    }
+    return run;
+  }
+
+ private:
+  TestFolder folder_;
+  std::vector<std::string> commands_;
+};
+
+}  // namespace vorn::test

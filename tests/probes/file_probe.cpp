@@ -1,0 +1,262 @@
+// Makes file calls and prints what each answered. The commands come from a script, one per line, so that one
+// process start serves many of them; the answers go to standard output, one line each.
+//
+//   file_probe SCRIPT
+//
+//   create SLOT ACCESS DISPOSITION OPTIONS NAME   NtCreateFile; the handle goes into SLOT (0 to 9)
+//   openfile SLOT ACCESS OPTIONS NAME             NtOpenFile
+//   below SLOT ACCESS FOLDER_SLOT NAME            NtCreateFile relative to a folder
+//   openid SLOT ACCESS FOLDER_SLOT FILE_SLOT      NtCreateFile by the id of an open file
+//   write SLOT TEXT                               NtWriteFile
+//   close SLOT                                    NtClose
+//   disposition SLOT CLASS FLAGS                  NtSetInformationFile; prints what the buffer holds then,
+//   too rename SLOT CLASS FLAGS NAME times SLOT                                    sets the last write time
+//   delete NAME                                   NtDeleteFile
+//   move FLAGS FROM|TO                            MoveFileExW, drive-letter paths; prints the Win32 error
+//   unreadable COUNT                              calls with unreadable pointers; prints how many failed
+//   denials COUNT NAME                            COUNT opens for reading; prints how many were refused
+//   storm THREADS COUNT FOLDER                    each thread opens and closes a file of FOLDER\open and is
+//   refused
+//                                                 one of FOLDER\denied; prints how often, and failures
+//
+// ACCESS, DISPOSITION, OPTIONS and FLAGS are hexadecimal, other numbers decimal; names are NT names and reach
+// to the end of the line. An answer is an NTSTATUS in hexadecimal unless stated otherwise.
+#include <windows.h>
+#include <winternl.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern "C" {
+NTSTATUS NTAPI NtDeleteFile(POBJECT_ATTRIBUTES);
+NTSTATUS NTAPI NtSetInformationFile(HANDLE, PIO_STATUS_BLOCK, PVOID, ULONG, FILE_INFORMATION_CLASS);
+NTSTATUS NTAPI NtWriteFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PVOID, ULONG,
+                           PLARGE_INTEGER, PULONG);
+}
+
+namespace {
+
+constexpr NTSTATUS kRefused = static_cast<NTSTATUS>(0xC0000022);
+constexpr ULONG kShareAll = 7;
+constexpr ULONG kOpenById = 0x2000;
+
+HANDLE slots[10];
+
+std::wstring Wide(const std::string& text) {
+  std::wstring wide(text.size(), 0);
+  wide.resize(static_cast<std::size_t>(MultiByteToWideChar(
+      CP_UTF8, 0, text.data(), static_cast<int>(text.size()), wide.data(), static_cast<int>(wide.size()))));
+  return wide;
+}
+
+// The words of a command; Rest gives what follows as it stands.
+class Words {
+ public:
+  explicit Words(const std::string& line) : at_(line.c_str()) {}
+  std::string Next() {
+    Skip();
+    const char* start = at_;
+    while (*at_ && *at_ != ' ') ++at_;
+    return {start, at_};
+  }
+  ULONG Hex() { return static_cast<ULONG>(strtoul(Next().c_str(), nullptr, 16)); }
+  ULONG Decimal() { return static_cast<ULONG>(strtoul(Next().c_str(), nullptr, 10)); }
+  HANDLE& Slot() { return slots[Hex() % 10]; }
+  std::string Text() {
+    Skip();
+    return at_;
+  }
+  std::wstring Rest() { return Wide(Text()); }
+
+ private:
+  void Skip() {
+    while (*at_ == ' ') ++at_;
+  }
+  const char* at_;
+};
+
+struct Name {
+  explicit Name(std::wstring path, HANDLE root = nullptr) : text(std::move(path)) {
+    counted = {static_cast<USHORT>(text.size() * sizeof(wchar_t)),
+               static_cast<USHORT>(text.size() * sizeof(wchar_t)), text.data()};
+    InitializeObjectAttributes(&attributes, &counted, OBJ_CASE_INSENSITIVE, root, nullptr);
+  }
+  std::wstring text;
+  UNICODE_STRING counted;
+  OBJECT_ATTRIBUTES attributes;
+};
+
+NTSTATUS Create(HANDLE* file, ACCESS_MASK access, ULONG disposition, ULONG options, Name name) {
+  IO_STATUS_BLOCK io;
+  return NtCreateFile(file, access, &name.attributes, &io, nullptr, 0, kShareAll, disposition, options,
+                      nullptr, 0);
+}
+
+NTSTATUS Set(HANDLE file, void* info, ULONG bytes, ULONG number) {
+  IO_STATUS_BLOCK io;
+  return NtSetInformationFile(file, &io, info, bytes, static_cast<FILE_INFORMATION_CLASS>(number));
+}
+
+NTSTATUS Rename(HANDLE file, ULONG number, ULONG flags, const std::wstring& target) {
+  constexpr std::size_t kHead = 20;
+  std::vector<char> info(kHead + target.size() * sizeof(wchar_t) + 8);
+  const auto name_bytes = static_cast<ULONG>(target.size() * sizeof(wchar_t));
+  memcpy(&info[0], &flags, 4);
+  memcpy(&info[16], &name_bytes, 4);
+  memcpy(&info[kHead], target.data(), name_bytes);
+  return Set(file, info.data(), static_cast<ULONG>(info.size()), number);
+}
+
+NTSTATUS OpenById(HANDLE* file, ACCESS_MASK access, HANDLE folder, HANDLE named) {
+  BY_HANDLE_FILE_INFORMATION info = {};
+  GetFileInformationByHandle(named, &info);
+  const DWORD id[2] = {info.nFileIndexLow, info.nFileIndexHigh};
+  return Create(file, access, FILE_OPEN, kOpenById | FILE_SYNCHRONOUS_IO_NONALERT,
+                Name({reinterpret_cast<const wchar_t*>(id), 4}, folder));
+}
+
+// Every pointer in turn is one that cannot be read or written. The process must live on.
+int Unreadable(int count) {
+  auto* nowhere = reinterpret_cast<void*>(16);
+  int refused = 0;
+  const auto expect_failure = [&](NTSTATUS status) { refused += status < 0; };
+  for (int i = 0; i < count; ++i) {
+    HANDLE file = nullptr;
+    IO_STATUS_BLOCK io;
+    UNICODE_STRING name{20, 20, static_cast<wchar_t*>(nowhere)};
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, 0, nullptr, nullptr);
+    OBJECT_ATTRIBUTES no_name;
+    InitializeObjectAttributes(&no_name, static_cast<UNICODE_STRING*>(nowhere), 0, nullptr, nullptr);
+    auto* bad_io = static_cast<IO_STATUS_BLOCK*>(nowhere);
+    const auto create = [&](OBJECT_ATTRIBUTES* object, IO_STATUS_BLOCK* block) {
+      return NtCreateFile(&file, GENERIC_READ, object, block, nullptr, 0, kShareAll, FILE_OPEN, 0, nullptr,
+                          0);
+    };
+    expect_failure(create(static_cast<OBJECT_ATTRIBUTES*>(nowhere), &io));
+    expect_failure(create(&no_name, &io));
+    expect_failure(create(&attributes, &io));
+    expect_failure(create(&attributes, bad_io));
+    expect_failure(NtOpenFile(&file, GENERIC_READ, &attributes, &io, kShareAll, 0));
+    expect_failure(NtDeleteFile(&attributes));
+    expect_failure(Set(slots[0], nowhere, 64, 10));
+    expect_failure(Set(slots[0], nowhere, 1, 13));
+    expect_failure(Set(slots[0], nowhere, 4, 64));
+    expect_failure(Set(slots[0], nowhere, 64, 65));
+  }
+  return refused;
+}
+
+int Denials(int count, const std::wstring& name) {
+  int refused = 0;
+  for (int i = 0; i < count; ++i) {
+    HANDLE file = nullptr;
+    refused += Create(&file, GENERIC_READ, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, Name(name)) == kRefused;
+  }
+  return refused;
+}
+
+void Storm(int threads, int count, const std::wstring& folder) {
+  std::atomic<int> refused = 0, failures = 0;
+  std::vector<std::thread> workers;
+  for (int t = 0; t < threads; ++t)
+    workers.emplace_back([&, t] {
+      const std::wstring own = folder + L"\\open\\" + std::to_wstring(t);
+      for (int i = 0; i < count; ++i) {
+        HANDLE file = nullptr;
+        if (Create(&file, GENERIC_WRITE | DELETE | SYNCHRONIZE, FILE_OPEN_IF, FILE_SYNCHRONOUS_IO_NONALERT,
+                   Name(own)) < 0)
+          ++failures;
+        else if (NtClose(file) < 0)
+          ++failures;
+        refused += Create(&file, GENERIC_READ, FILE_OPEN, 0, Name(folder + L"\\denied\\f.txt")) == kRefused;
+      }
+    });
+  for (std::thread& worker : workers) worker.join();
+  printf("%d refused, %d failed\n", refused.load(), failures.load());
+}
+
+void Print(NTSTATUS status) { printf("%lX\n", static_cast<unsigned long>(status)); }
+
+void Execute(const std::string& line) {
+  Words words(line);
+  const std::string command = words.Next();
+  if (command == "create") {
+    HANDLE& slot = words.Slot();
+    const ULONG access = words.Hex(), disposition = words.Hex(), options = words.Hex();
+    Print(Create(&slot, access, disposition, options, Name(words.Rest())));
+  } else if (command == "openid") {
+    HANDLE& slot = words.Slot();
+    const ULONG access = words.Hex();
+    HANDLE folder = words.Slot();
+    Print(OpenById(&slot, access, folder, words.Slot()));
+  } else if (command == "openfile") {
+    HANDLE& slot = words.Slot();
+    const ULONG access = words.Hex(), options = words.Hex();
+    Name name(words.Rest());
+    IO_STATUS_BLOCK io;
+    Print(NtOpenFile(&slot, access, &name.attributes, &io, kShareAll, options));
+  } else if (command == "below") {
+    HANDLE& slot = words.Slot();
+    const ULONG access = words.Hex();
+    HANDLE folder = words.Slot();
+    Print(Create(&slot, access, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, Name(words.Rest(), folder)));
+  } else if (command == "write") {
+    HANDLE slot = words.Slot();
+    std::string text = words.Text();
+    IO_STATUS_BLOCK io;
+    LARGE_INTEGER start = {};
+    Print(NtWriteFile(slot, nullptr, nullptr, nullptr, &io, text.data(), static_cast<ULONG>(text.size()),
+                      &start, nullptr));
+  } else if (command == "close") {
+    Print(NtClose(words.Slot()));
+  } else if (command == "disposition") {
+    HANDLE slot = words.Slot();
+    const ULONG number = words.Decimal();
+    ULONG flags = words.Hex();
+    const NTSTATUS status = Set(slot, &flags, number == 13 ? 1 : 4, number);
+    printf("%lX %lX\n", static_cast<unsigned long>(status), flags);
+  } else if (command == "rename") {
+    HANDLE slot = words.Slot();
+    const ULONG number = words.Decimal(), flags = words.Hex();
+    Print(Rename(slot, number, flags, words.Rest()));
+  } else if (command == "times") {
+    FILE_BASIC_INFO info = {};
+    info.LastWriteTime.QuadPart = 125911584000000000;
+    Print(Set(words.Slot(), &info, sizeof info, 4));
+  } else if (command == "delete") {
+    Name name(words.Rest());
+    Print(NtDeleteFile(&name.attributes));
+  } else if (command == "move") {
+    const ULONG flags = words.Hex();
+    const std::wstring both = words.Rest();
+    const std::size_t bar = both.find(L'|');
+    const bool moved = MoveFileExW(both.substr(0, bar).c_str(), both.substr(bar + 1).c_str(), flags);
+    printf("%lu\n", moved ? 0 : GetLastError());
+  } else if (command == "unreadable") {
+    printf("%d\n", Unreadable(static_cast<int>(words.Decimal())));
+  } else if (command == "denials") {
+    const int count = static_cast<int>(words.Decimal());
+    printf("%d\n", Denials(count, words.Rest()));
+  } else if (command == "storm") {
+    const int threads = static_cast<int>(words.Decimal()), count = static_cast<int>(words.Decimal());
+    Storm(threads, count, words.Rest());
+  } else {
+    printf("no such command: %s\n", line.c_str());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return 2;
+  std::ifstream script(argv[1]);
+  for (std::string line; std::getline(script, line);) Execute(line);
+  fflush(stdout);
+}
