@@ -77,6 +77,9 @@ TEST(Section, AccessorsReadTheSectionAsItIsNow) {
   EXPECT_TRUE(IsFileCreateCheckOff() && IsNetCheckOff());
   HeaderOf(section).net_rule_count = 3;
   EXPECT_TRUE(HasNetRules());
+  HeaderOf(section).file_rule_count = UINT32_MAX;
+  EXPECT_LT(GetFileRuleCount(), 4096u / sizeof(vorn::policy::FileRuleRecord))
+      << "what the mapping has room for";
 }
 
 TEST(Section, LibraryPathNeedsItsTerminatorInTheSection) {

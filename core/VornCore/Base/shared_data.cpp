@@ -96,7 +96,9 @@ bool IsDebugLogEnabled() noexcept { return gs_section.IsDebugLogEnabled(); }
 bool IsFileCreateCheckOff() noexcept { return gs_section.IsFileCreateCheckOff(); }
 bool IsNetCheckOff() noexcept { return gs_section.IsNetCheckOff(); }
 
-std::uint32_t GetFileRuleCount() noexcept { return gs_section.FileRuleCount(); }
+std::uint32_t GetFileRuleCount() noexcept {
+  return static_cast<std::uint32_t>(gs_section.FileRules().size());
+}
 
 const wchar_t* GetFileRule(std::uint32_t index, std::uint32_t* path_bytes, std::uint32_t* access,
                            std::uint32_t* hash) noexcept {
@@ -108,7 +110,7 @@ const wchar_t* GetFileRule(std::uint32_t index, std::uint32_t* path_bytes, std::
   return Units(rule.path);
 }
 
-std::uint32_t GetNetRuleCount() noexcept { return gs_section.NetRuleCount(); }
+std::uint32_t GetNetRuleCount() noexcept { return static_cast<std::uint32_t>(gs_section.NetRules().size()); }
 bool HasNetRules() noexcept { return gs_section.HasNetRules(); }
 
 }  // namespace VornCore

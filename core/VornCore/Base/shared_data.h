@@ -35,11 +35,12 @@ bool IsDebugLogEnabled() noexcept;
 bool IsFileCreateCheckOff() noexcept;
 bool IsNetCheckOff() noexcept;
 
+// How many rules there are; of a count that leaves the mapping, the rules that lie inside.
 std::uint32_t GetFileRuleCount() noexcept;
 // Path of rule index (counted, not terminated), or null; the out values are written for every valid index.
 const wchar_t* GetFileRule(std::uint32_t index, std::uint32_t* path_bytes, std::uint32_t* access,
                            std::uint32_t* hash) noexcept;
 std::uint32_t GetNetRuleCount() noexcept;
-bool HasNetRules() noexcept;
+bool HasNetRules() noexcept;  // whether the host counts any, inside the mapping or not
 
 }  // namespace VornCore
