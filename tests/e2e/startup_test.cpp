@@ -1,0 +1,338 @@
+// How a confined process starts, and how it ends when it cannot be confined: the library is injected into
+// real processes whose section, environment or host is as good or as bad as each case says. The started
+// program is this one, as "probe N": it exits with N.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Platform/nt.h"
+#include "Policy/message.h"
+#include "detours/detours.h"
+#include "ipc/port/unique_handle.h"
+#include "tests/unit/build_paths.h"
+#include "vorn/message_server.h"
+#include "vorn/section.h"
+#include "vorn/text.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace vorn::host;
+using vorn::ipc::UniqueHandle;
+
+constexpr DWORD kProbeCode = 123;
+constexpr DWORD kFailedManager = 1114;
+constexpr wchar_t kVariable[] = L"VORN_SHARED_DATA_NAME";
+
+// An injected process that has not run yet.
+class InjectedProcess {
+ public:
+  // value: of the variable that names the section; nothing leaves it out.
+  explicit InjectedProcess(const std::optional<std::wstring>& value) {
+    std::wstring command =
+        L"\"" + vorn::test::ThisProgram().wstring() + L"\" probe " + std::to_wstring(kProbeCode);
+    const std::string library = vorn::test::BuildPath("vorn_core.dll").string();
+    const char* libraries[] = {library.c_str()};
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    SetEnvironmentVariableW(kVariable, value ? value->c_str() : nullptr);
+    const BOOL created = CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED,
+                                        nullptr, nullptr, &startup, &process);
+    SetEnvironmentVariableW(kVariable, nullptr);
+    if (!created) throw std::runtime_error("no process");
+    process_ = UniqueHandle(process.hProcess);
+    thread_ = UniqueHandle(process.hThread);
+    pid_ = process.dwProcessId;
+    if (!DetourUpdateProcessWithDll(process.hProcess, libraries, 1)) throw std::runtime_error("not injected");
+  }
+  ~InjectedProcess() { TerminateProcess(process_.get(), 0); }
+
+  DWORD pid() const { return pid_; }
+  DWORD Run() {
+    ResumeThread(thread_.get());
+    if (WaitForSingleObject(process_.get(), 60'000) != WAIT_OBJECT_0) {
+      ADD_FAILURE() << "does not end";
+      TerminateProcess(process_.get(), 0);
+    }
+    DWORD code = 0;
+    GetExitCodeProcess(process_.get(), &code);
+    return code;
+  }
+
+ private:
+  UniqueHandle process_, thread_;
+  DWORD pid_ = 0;
+};
+
+class StartUp : public testing::Test {
+ protected:
+  StartUp() : folder(std::filesystem::temp_directory_path() / RandomName(L"vorn_startup")) {
+    std::filesystem::create_directories(folder);
+    contents.UseLibrariesIn(vorn::test::ThisProgram().parent_path().wstring());
+    contents.log_directory = folder.wstring();
+    contents.server_port = server.port_name();
+    contents.flags = 0xF;
+  }
+  ~StartUp() override {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+  }
+
+  DWORD CodeWith(const SharedSection& section) { return InjectedProcess(section.name()).Run(); }
+  DWORD CodeWith(const SectionContents& given) { return CodeWith(SharedSection(given)); }
+  DWORD CodeWithValue(const std::optional<std::wstring>& value) { return InjectedProcess(value).Run(); }
+
+  static vorn::policy::SharedDataHeader& HeaderOf(const SharedSection& section) {
+    return *reinterpret_cast<vorn::policy::SharedDataHeader*>(section.bytes().data());
+  }
+
+  // The messages of the newest log, without their prefixes; removes the log.
+  std::vector<std::string> TakeLog() {
+    std::vector<std::string> messages;
+    std::vector<std::filesystem::path> files(std::filesystem::directory_iterator{folder}, {});
+    if (files.size() > 1) ADD_FAILURE() << files.size() << " log files";
+    for (const auto& path : files) {
+      std::ifstream file(path, std::ios::binary);
+      for (std::string line; std::getline(file, line);) messages.push_back(line.substr(line.find("] ") + 2));
+      file.close();
+      std::filesystem::remove(path);
+    }
+    return messages;
+  }
+  // Removes the log of a process, also from the folders above: a log directory may have been cut short.
+  void RemoveLogs(DWORD pid) {
+    const auto name = L"vorn_core_" + vorn::test::ThisProgram().filename().wstring() + L"_" +
+                      std::to_wstring(pid) + L"_0.log";
+    std::error_code ignored;
+    for (auto at = folder; at.has_relative_path(); at = at.parent_path())
+      std::filesystem::remove(at / name, ignored);
+    std::filesystem::remove(folder.root_path() / name, ignored);
+  }
+  bool NothingLogged() { return std::filesystem::is_empty(folder); }
+
+  std::mutex mutex;
+  std::vector<std::vector<std::byte>> received;
+  MessageServer server{RandomName(L"vorn_startup"), {.on_message = [this](const Peer&, auto bytes) {
+                         std::lock_guard lock(mutex);
+                         received.emplace_back(bytes.begin(), bytes.end());
+                       }}};
+  std::filesystem::path folder;
+  SectionContents contents;
+};
+
+std::string Joined(const std::vector<std::string>& lines) {
+  std::ostringstream text;
+  for (const auto& line : lines) text << line << '\n';
+  return text.str();
+}
+
+// Whether these texts come one after another, with anything between them.
+testing::AssertionResult InOrder(const std::vector<std::string>& lines,
+                                 const std::vector<std::string>& texts) {
+  auto line = lines.begin();
+  for (const auto& text : texts) {
+    line = std::find_if(line, lines.end(), [&](const auto& l) { return l.find(text) != std::string::npos; });
+    if (line == lines.end())
+      return testing::AssertionFailure() << '"' << text << "\" is missing in\n" << Joined(lines);
+    ++line;
+  }
+  return testing::AssertionSuccess();
+}
+
+bool Contains(const std::vector<std::string>& lines, const std::string& text) {
+  return Joined(lines).find(text) != std::string::npos;
+}
+
+TEST_F(StartUp, ConfinedProcessRunsAndTellsItsStory) {
+  SharedSection section(contents);
+  InjectedProcess process(section.name());
+  const std::wstring event_name = section.contents().init_event_prefix + std::to_wstring(process.pid());
+  UNICODE_STRING name = nt::CountedString(event_name.data(), event_name.size() * 2);
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+  HANDLE raw = nullptr;
+  ASSERT_TRUE(nt::Success(NtCreateEvent(&raw, EVENT_ALL_ACCESS, &attributes, 0, FALSE)));
+  UniqueHandle event(raw);
+
+  EXPECT_EQ(process.Run(), kProbeCode);
+  EXPECT_EQ(WaitForSingleObject(event.get(), 0), WAIT_OBJECT_0) << "the init event is set";
+  const auto log = TakeLog();
+  const std::string pid = std::to_string(process.pid());
+  EXPECT_TRUE(InOrder(log, {"InitBaseLib success!", "InitLowLevel success!",
+                            "Init gs_rqGameToHost: ", "Init gs_rqHostToGame: ", "InitBiz success!",
+                            "Process Start:1, path:", "Process End, pid:" + pid}));
+  EXPECT_TRUE(InOrder(log, {"Process Start:1, path:" + vorn::test::ThisProgram().string() + ", cmdline:\"" +
+                            vorn::test::ThisProgram().string() + "\" probe 123, IL:0x"}));
+  EXPECT_FALSE(Contains(log, "init event"));
+
+  ASSERT_TRUE(server.WaitUntilIdle(30s));
+  ASSERT_FALSE(received.empty());
+  const auto first = vorn::policy::DecodeMessage(received.front());
+  const auto* start = std::get_if<vorn::policy::ProcessStart>(&first.body);
+  ASSERT_NE(start, nullptr) << "the start is the first message";
+  EXPECT_EQ(first.header.pid, process.pid());
+  EXPECT_EQ(first.header.flag, 1);
+  EXPECT_EQ(start->parent_pid, GetCurrentProcessId());
+  EXPECT_EQ(start->image_name, vorn::test::ThisProgram().filename().string());
+  EXPECT_TRUE(start->command_line.ends_with("\" probe 123")) << start->command_line;
+}
+
+TEST_F(StartUp, EnvironmentWithoutAUsableNameEndsTheProcess) {
+  EXPECT_EQ(CodeWithValue(std::nullopt), 0x100000CBu);
+  EXPECT_EQ(CodeWithValue(std::wstring(256, L'x')), 0x1000000Au);
+  EXPECT_EQ(CodeWithValue(L"\\BaseNamedObjects\\" + std::wstring(255 - 18, L'x')), 0x20000002u)
+      << "255 characters are a name, of a section that does not exist";
+  EXPECT_TRUE(NothingLogged());
+}
+
+TEST_F(StartUp, SectionOfAnotherMagicOrVersionEndsTheProcess) {
+  SharedSection section(contents);
+  HeaderOf(section).version = 1;
+  EXPECT_EQ(CodeWith(section), 0x20000666u);
+  HeaderOf(section).version = 2;
+  HeaderOf(section).magic = 0x566F726F;
+  EXPECT_EQ(CodeWith(section), 0x20000666u);
+  EXPECT_TRUE(NothingLogged());
+  HeaderOf(section).magic = vorn::policy::kSharedDataMagic;
+  EXPECT_EQ(CodeWith(section), kProbeCode) << "the control run";
+}
+
+TEST_F(StartUp, LogThatCannotBeOpenedEndsTheProcess) {
+  contents.log_directory = (folder / L"missing").wstring();
+  EXPECT_EQ(CodeWith(contents), 0x80000003u);
+  contents.log_directory.clear();
+  EXPECT_EQ(CodeWith(contents), 0x80000057u);
+  contents.log_directory = folder.wstring() + L"\\" + std::wstring(520, L'd');
+  EXPECT_EQ(CodeWith(contents), 0x800000CEu);
+}
+
+// A manager that fails: here the last one, the channel, in each of the ways that a host can be wrong.
+TEST_F(StartUp, FailingManagerRemovesTheHooksAndEndsTheProcess) {
+  struct Case {
+    const char* what;
+    void (*spoil)(SectionContents&);
+    std::vector<std::string> log;
+  };
+  for (const Case& c : {
+           Case{"no server",
+                [](SectionContents& s) { s.server_port = L"vorn_no_such_port"; },
+                {"IPC::Init() Failed"}},
+           Case{"no port",
+                [](SectionContents& s) { s.server_port.clear(); },
+                {"InitIPC: invalid parameter(s)"}},
+           Case{"no transport",
+                [](SectionContents& s) { s.ipc_x64.clear(); },
+                {"GetIPCxxFullPath returned NULL"}},
+           Case{"missing transport",
+                [](SectionContents& s) { s.ipc_x64 = L"C:\\no such folder\\vorn_ipc.dll"; },
+                {"Load vorn_ipc.dll Failed, ErrorCode is "}},
+           Case{"library of another kind",
+                [](SectionContents& s) { s.ipc_x64 = L"C:\\windows\\system32\\version.dll"; },
+                {"GetProcAddress CreateIPCInterface2 or DestroyIPCInterface Failed, ErrorCode is 127"}},
+       }) {
+    SCOPED_TRACE(c.what);
+    SectionContents spoiled = contents;
+    c.spoil(spoiled);
+    EXPECT_EQ(CodeWith(spoiled), kFailedManager);
+    auto expected = c.log;
+    expected.insert(expected.end(), {"Init IPC Failed", "channel::Init failed!", "UnInitLowLevel success!",
+                                     "Process Start:0, path:"});
+    const auto log = TakeLog();
+    EXPECT_TRUE(InOrder(log, expected));
+    EXPECT_FALSE(Contains(log, "InitBiz success!") || Contains(log, "Process End"));
+  }
+}
+
+TEST_F(StartUp, InitEventThatCannotBeOpenedOrNamedIsLeftAlone) {
+  SharedSection section(contents);
+  EXPECT_EQ(CodeWith(section), kProbeCode);
+  EXPECT_TRUE(Contains(TakeLog(), "open init event failed, status 0xC0000034"));
+  // Longer than a prefix may be, and so long that the process id has no room behind it: no line either.
+  auto& prefix = HeaderOf(section).create_process_event_prefix;
+  const std::uint32_t offset = sizeof(vorn::policy::SharedDataHeader);
+  for (const std::uint32_t bytes : {0u, 2 * 259u, 2 * 260u, 2 * 400u}) {
+    prefix = {bytes, offset};
+    EXPECT_EQ(CodeWith(section), kProbeCode);
+    EXPECT_FALSE(Contains(TakeLog(), "init event")) << bytes;
+  }
+}
+
+// Whatever the section says, a start ends with a code of the library or the program runs; it never faults,
+// and never hangs. VORN_RANDOM_SECTIONS sets the number of sections; the seed is fixed.
+TEST_F(StartUp, RandomSectionsNeverFault) {
+  char text[16];
+  const int sections =
+      GetEnvironmentVariableA("VORN_RANDOM_SECTIONS", text, sizeof text) ? std::stoi(text) : 200;
+  contents.file_rules = {{vorn::policy::FileACL::kDeny, L"\\Device\\HarddiskVolume1\\a"},
+                         {vorn::policy::FileACL::kRead, L"\\Device\\HarddiskVolume1\\b\\c"}};
+  contents.net_rules = {{.verdict = 1,
+                         .kind = vorn::policy::NetRuleKind::kAddress,
+                         .address = {127, 0, 0, 1},
+                         .prefix = 32,
+                         .ports = {80, 443},
+                         .domain = {}},
+                        {.verdict = 0,
+                         .kind = vorn::policy::NetRuleKind::kDomain,
+                         .address = {},
+                         .prefix = 0,
+                         .ports = {},
+                         .domain = L"*.example.com"}};
+  std::mt19937 random(20'251'212);
+  const auto below = [&](std::uint32_t n) { return static_cast<std::uint32_t>(random() % n); };
+  constexpr std::uint32_t kSpan = 1'024;  // bytes of the section that are in use, and some more
+  int ran = 0;
+  for (int n = 0; n < sections && !HasFailure(); ++n) {
+    SharedSection section(contents);
+    const auto bytes = section.bytes();
+    const auto any_value = [&]() -> std::uint32_t {
+      switch (below(5)) {
+        case 0:
+          return below(kSpan);
+        case 1:
+          return 4096 - below(64);  // around the end of the mapping
+        case 2:
+          return below(64);
+        case 3:
+          return UINT32_MAX - below(64);
+        default:
+          return static_cast<std::uint32_t>(random());
+      }
+    };
+    if (below(4) == 0)  // noise behind the first two words
+      for (std::size_t i = 8; i < bytes.size(); ++i) bytes[i] = static_cast<std::byte>(random());
+    // Fields of the header, and of the records behind it, become any number.
+    for (std::uint32_t count = 1 + below(6); count > 0; --count) {
+      const std::uint32_t value = any_value();
+      const std::uint32_t word = below(3) ? 2 + below(23) : 2 + below(kSpan / 4 - 2);
+      std::memcpy(bytes.data() + word * 4, &value, sizeof value);
+    }
+    InjectedProcess process(section.name());
+    const DWORD code = process.Run();
+    RemoveLogs(process.pid());
+    // What the library composes, what it answers for a failing manager, or what the program says. A fault
+    // would show as its status, 0xC….
+    const bool composed = (code >> 28) == 0x8 && (code & 0x0FFF0000) == 0;
+    EXPECT_TRUE(composed || code == kFailedManager || code == kProbeCode)
+        << std::hex << code << " for section " << std::dec << n;
+    ran += code == kProbeCode;
+  }
+  RecordProperty("programs_that_ran", ran);
+  EXPECT_GT(ran, 0) << "some sections are good enough";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 3 && std::string(argv[1]) == "probe") return std::stoi(argv[2]);
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
