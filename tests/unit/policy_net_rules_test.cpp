@@ -9,7 +9,7 @@
 namespace vorn::policy {
 namespace {
 
-using test::NetRuleSpec;
+using test::NetRuleFields;
 using test::SectionBuilder;
 
 IpAddress V4(std::uint8_t a, std::uint8_t b, std::uint8_t c, std::uint8_t d, std::uint16_t port) {
@@ -27,8 +27,8 @@ IpAddress V6(std::initializer_list<std::uint16_t> groups, std::uint16_t last, st
   return address;
 }
 
-NetRuleSpec AddressRule(std::uint32_t verdict, const IpAddress& address, std::uint32_t prefix,
-                        std::vector<std::uint16_t> ports = {}) {
+NetRuleFields AddressRule(std::uint32_t verdict, const IpAddress& address, std::uint32_t prefix,
+                          std::vector<std::uint16_t> ports = {}) {
   return {
       .verdict = verdict,
       .kind = NetRuleKind::kAddress,
@@ -38,7 +38,8 @@ NetRuleSpec AddressRule(std::uint32_t verdict, const IpAddress& address, std::ui
       .ports = std::move(ports)};
 }
 
-NetRuleSpec DomainRule(std::uint32_t verdict, std::u16string domain, std::vector<std::uint16_t> ports = {}) {
+NetRuleFields DomainRule(std::uint32_t verdict, std::u16string domain,
+                         std::vector<std::uint16_t> ports = {}) {
   return {.verdict = verdict,
           .kind = NetRuleKind::kDomain,
           .ports = std::move(ports),
@@ -218,12 +219,12 @@ TEST(NetRules, AddressRulesGiveTheAnswerOfThePlainScan) {
     SectionBuilder builder;
     if (below(2)) builder.Misalign();
     for (std::uint32_t rules = below(12); rules > 0; --rules) {
-      NetRuleSpec spec = AddressRule(below(3), address(family()), below(140));
+      NetRuleFields fields = AddressRule(below(3), address(family()), below(140));
       for (std::uint32_t ports = below(3); ports > 0; --ports)
-        spec.ports.push_back(static_cast<std::uint16_t>(below(3)));
-      if (below(10) == 0) spec.address.resize(below(40));
-      if (below(10) == 0) spec.kind = static_cast<NetRuleKind>(below(5));
-      builder.NetRule(spec);
+        fields.ports.push_back(static_cast<std::uint16_t>(below(3)));
+      if (below(10) == 0) fields.address.resize(below(40));
+      if (below(10) == 0) fields.kind = static_cast<NetRuleKind>(below(5));
+      builder.NetRule(fields);
       if (below(20) == 0) builder.net_rules().back().address.offset = below(2) ? below(2000) : random();
       if (below(20) == 0) builder.net_rules().back().ports.offset = below(2) ? below(2000) : random();
     }

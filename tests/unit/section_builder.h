@@ -14,7 +14,7 @@
 
 namespace vorn::policy::test {
 
-struct NetRuleSpec {
+struct NetRuleFields {
   std::uint32_t verdict = kVerdictDeny;
   NetRuleKind kind = NetRuleKind::kDefault;
   std::uint32_t family = 0;
@@ -53,13 +53,13 @@ class SectionBuilder {
     return *this;
   }
 
-  SectionBuilder& NetRule(const NetRuleSpec& spec) {
+  SectionBuilder& NetRule(const NetRuleFields& fields) {
     NetRuleRecord record{
-        spec.verdict, static_cast<std::uint32_t>(spec.kind), spec.family, spec.prefix, {}, {}, {}};
-    record.address = Blob(spec.address.data(), spec.address.size());
-    record.ports = Blob(spec.ports.data(), spec.ports.size() * 2);
-    record.domain = Text(spec.domain);
-    if (spec.count_terminator && !spec.domain.empty()) record.domain.length = record.domain.length + 2;
+        fields.verdict, static_cast<std::uint32_t>(fields.kind), fields.family, fields.prefix, {}, {}, {}};
+    record.address = Blob(fields.address.data(), fields.address.size());
+    record.ports = Blob(fields.ports.data(), fields.ports.size() * 2);
+    record.domain = Text(fields.domain);
+    if (fields.count_terminator && !fields.domain.empty()) record.domain.length = record.domain.length + 2;
     net_rules_.push_back(record);
     return *this;
   }
