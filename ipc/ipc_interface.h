@@ -47,7 +47,8 @@ class IPC {
   // sent.
   virtual bool __stdcall Init(const wchar_t* local_port, const wchar_t* server_port,
                               const IpcCallbacks* callbacks) = 0;
-  // Closes both ports. Not while RecvLoop or Send runs (call Stop and let RecvLoop return first).
+  // Closes both ports. Not while RecvLoop or Send runs: call Stop first and let them return (or end their
+  // threads).
   virtual void __stdcall UnInit() = 0;
   // Delivers messages and peer events through the callbacks until Stop. One thread. False when not
   // initialised.

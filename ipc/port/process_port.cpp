@@ -113,11 +113,19 @@ bool ProcessPort::ShakeHands(const wchar_t* local_port) {
   return true;
 }
 
+// Nothing reads into this object's buffers afterwards.
+void ProcessPort::StopReading() {
+  if (server_reading_) CancelAndWait(server_.get(), *server_reader_.overlapped());
+  if (local_state_ == LocalState::kListening) CancelAndWait(local_.get(), connect_);
+  if (local_state_ == LocalState::kReading) CancelAndWait(local_.get(), *local_reader_.overlapped());
+  server_reading_ = false;
+  local_state_ = LocalState::kClosed;
+}
+
 void ProcessPort::UnInit() {
+  StopReading();  // the thread in RecvLoop may have been terminated
   server_.reset();
   local_.reset();
-  local_state_ = LocalState::kClosed;
-  server_reading_ = false;
 }
 
 bool ProcessPort::Stop() { return stop_ && SetEvent(stop_.get()); }
@@ -158,11 +166,7 @@ bool ProcessPort::RecvLoop() {
       break;
     }
   }
-  if (server_reading_) CancelAndWait(server_.get(), *server_reader_.overlapped());
-  if (local_state_ == LocalState::kListening) CancelAndWait(local_.get(), connect_);
-  if (local_state_ == LocalState::kReading) CancelAndWait(local_.get(), *local_reader_.overlapped());
-  server_reading_ = false;
-  local_state_ = LocalState::kClosed;
+  StopReading();
   return true;
 }
 

@@ -35,6 +35,7 @@ class ProcessPort final : public IPC {
   void Listen();
   void OnLocalEvent();
   bool HostConnected();
+  void StopReading();
   void SetServerReading(bool alive);
 
   // Hands over what is complete and starts the next read. False: the pipe is at its end.

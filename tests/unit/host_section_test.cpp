@@ -12,6 +12,7 @@
 #include "Policy/net_rules.h"
 #include "Policy/section_view.h"
 #include "Policy/wide.h"
+#include "ipc/port/pipe.h"
 #include "ipc/port/unique_handle.h"
 #include "vorn/named_object.h"
 #include "vorn/nt_path.h"
@@ -107,6 +108,37 @@ TEST(HostSection, SharedSectionIsFoundByItsFullName) {
   const std::wstring& prefix = section.contents().init_event_prefix;
   EXPECT_TRUE(prefix.starts_with(host::NamedObjectPath(L"vorn_init_"))) << host::ToUtf8(prefix);
   EXPECT_NE(host::SharedSection(contents).name(), section.name());
+}
+
+// What a user other than the current one would be asked by.
+TEST(HostSection, SharedObjectsAdmitTheCurrentUserAlone) {
+  const host::SharedSection section(Example());
+  UNICODE_STRING name = nt::CountedString(section.name().c_str(), section.name().size() * sizeof(wchar_t));
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+  ipc::UniqueHandle mapping, pipe;
+  ASSERT_EQ(NtOpenSection(mapping.put(), READ_CONTROL, &attributes), STATUS_SUCCESS);
+  const ipc::PipePath path(host::RandomName(L"vorn_acl").c_str());
+  ASSERT_EQ(ipc::CreatePipeInstance(path, ipc::Direction::kBoth, true, 1, pipe), 0u);
+
+  alignas(TOKEN_USER) unsigned char user[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+  ipc::UniqueHandle token;
+  DWORD bytes = 0;
+  ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put()));
+  ASSERT_TRUE(GetTokenInformation(token.get(), TokenUser, user, sizeof user, &bytes));
+  for (HANDLE object : {mapping.get(), pipe.get()}) {
+    alignas(SECURITY_DESCRIPTOR) unsigned char descriptor[1024];
+    ASSERT_TRUE(
+        GetKernelObjectSecurity(object, DACL_SECURITY_INFORMATION, descriptor, sizeof descriptor, &bytes));
+    BOOL present = FALSE, defaulted = FALSE;
+    ACL* acl = nullptr;
+    ASSERT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &acl, &defaulted));
+    ASSERT_TRUE(present && acl);
+    ASSERT_EQ(acl->AceCount, 1);
+    void* ace = nullptr;
+    ASSERT_TRUE(GetAce(acl, 0, &ace));
+    EXPECT_TRUE(EqualSid(&static_cast<ACCESS_ALLOWED_ACE*>(ace)->SidStart,
+                         reinterpret_cast<TOKEN_USER*>(user)->User.Sid));
+  }
 }
 
 TEST(HostNtPath, DriveLetterAndUncPathsBecomeDevicePaths) {
