@@ -18,6 +18,8 @@ template <class... Fs>
 struct Cases : Fs... {
   using Fs::operator()...;
 };
+template <class... Fs>
+Cases(Fs...) -> Cases<Fs...>;
 
 std::string_view AccessText(std::uint32_t access) {
   switch (static_cast<policy::FileACL>(access)) {
