@@ -35,7 +35,7 @@ LONG ThreadSet::Suspend(HANDLE thread) noexcept {
 }
 
 LONG ThreadSet::MoveOut(const Trampoline& trampoline) noexcept {
-  for (const HANDLE thread : threads_) {
+  for (HANDLE thread : threads_) {
     CONTEXT context{};
     context.ContextFlags = CONTEXT_CONTROL;
     // Also waits until the thread stands still: suspending only asks it to.
@@ -49,7 +49,7 @@ LONG ThreadSet::MoveOut(const Trampoline& trampoline) noexcept {
 }
 
 void ThreadSet::Resume() noexcept {
-  for (const HANDLE thread : threads_) ResumeThread(thread);
+  for (HANDLE thread : threads_) ResumeThread(thread);
   threads_.Clear();
 }
 

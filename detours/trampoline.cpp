@@ -7,7 +7,7 @@
 namespace detours {
 namespace {
 
-constexpr std::size_t kRegionSize = 64 * 1024;  // the granularity of address space
+constexpr std::size_t kRegionSize = 0x10000;  // the granularity of address space
 constexpr std::size_t kPageSize = 4096;
 constexpr std::size_t kCodePages = 14;
 constexpr std::size_t kTrampolineSize = 64;

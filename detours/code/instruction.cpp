@@ -10,61 +10,88 @@ using Row = std::uint16_t;
 
 // What follows an opcode byte.
 enum : Row {
-  o = 0,        // nothing
-  M = 1 << 0,   // ModRM and what it asks for
-  B = 1 << 1,   // immediate of one byte
-  Z = 1 << 2,   // immediate of four bytes; two with prefix 66
-  W = 1 << 3,   // immediate of two bytes
-  J = 1 << 4,   // the immediate is a relative target
-  N = 1 << 5,   // undefined on x64
-  X = 1 << 6,   // undefined, or better left alone
-  S = 1 << 7,   // more to check: Refused()
-  P = 1 << 8,   // prefix
-  V = 1 << 9,   // mov r, imm: eight bytes with REX.W
-  O = 1 << 10,  // plain address, as wide as addresses are
-  F = 1 << 11,  // far pointer: Z and a selector of two bytes
+  o = 0,              // nothing
+  M = 1 << 0,         // ModRM and what it asks for
+  B = 1 << 1,         // immediate of one byte
+  Z = 1 << 2,         // immediate of four bytes; two with prefix 66
+  W = 1 << 3,         // immediate of two bytes
+  J = 1 << 4,         // the immediate is a relative target
+  N = 1 << 5,         // undefined on x64
+  X = 1 << 6,         // undefined, or better left alone
+  S = 1 << 7,         // defined with certain prefixes or operands only: HasMeaning()
+  P = 1 << 8,         // prefix
+  V = 1 << 9,         // mov r, imm: eight bytes with REX.W
+  O = 1 << 10,        // plain address, as wide as addresses are
+  F = 1 << 11,        // far pointer: Z and a selector of two bytes
+  G = 1 << 12,        // ModRM.reg chooses the operation, and not all of them exist: kGroups
+  A = 1 << 13,        // the operand is memory
+  R = 1 << 14,        // the operand is a register
+  Y = M | B | G | R,  // vector shifts by an immediate
 };
 
 // clang-format off
 constexpr std::array<Row, 256> kOneByteMap = {
-//  0     1     2     3     4     5     6     7     8     9     A     B     C     D     E     F
-    M,    M,    M,    M,    B,    Z,    N,    N,    M,    M,    M,    M,    B,    Z,    N,    X,    // 00 add; or; 0F: see below
-    M,    M,    M,    M,    B,    Z,    N,    N,    M,    M,    M,    M,    B,    Z,    N,    N,    // 10 adc; sbb
-    M,    M,    M,    M,    B,    Z,    P,    N,    M,    M,    M,    M,    B,    Z,    P,    N,    // 20 and, es:; sub, cs:
-    M,    M,    M,    M,    B,    Z,    P,    N,    M,    M,    M,    M,    B,    Z,    P,    N,    // 30 xor, ss:; cmp, ds:
-    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    // 40 inc; dec; x64: REX
-    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    // 50 push; pop
-    N,    N,    M|N|S,M,    P,    P,    P,    P,    Z,    M|Z,  B,    M|B,  o,    o,    o,    o,    // 60 bound, movsxd, fs:, gs:, 66, 67; push, imul, ins, outs
-    J|B,  J|B,  J|B,  J|B,  J|B,  J|B,  J|B,  J|B,  J|B,  J|B,  J|B,  J|B,  J|B,  J|B,  J|B,  J|B,  // 70 jcc
-    M|B,  M|Z,  M|B|N,M|B,  M,    M,    M,    M,    M,    M,    M,    M,    M|S,  M|S,  M|S,  M|S,  // 80 add.., test, xchg; mov, lea, pop
-    o,    o,    o,    o,    o,    o,    o,    o,    o,    o,    F|N,  o,    o,    o,    o,    o,    // 90 nop, xchg; cwde, call far
-    O,    O,    O,    O,    o,    o,    o,    o,    B,    Z,    o,    o,    o,    o,    o,    o,    // A0 mov moffs, movs; test, stos, lods, scas
-    B,    B,    B,    B,    B,    B,    B,    B,    V,    V,    V,    V,    V,    V,    V,    V,    // B0 mov r, imm
-    M|B,  M|B,  W,    o,    M|N|S,M|N|S,M|B|S,M|Z|S,W|B,  o,    W,    o,    o,    B,    N,    o,    // C0 shifts, ret, les, lds, mov; enter, leave, retf, int
-    M,    M,    M,    M,    B|N,  B|N,  X,    o,    M|S,  M|S,  M|S,  M|S,  M|S,  M|S,  M|S,  M|S,  // D0 shifts, aam, aad, xlat; x87
-    J|B,  J|B,  J|B,  J|B,  B,    B,    B,    B,    J|Z,  J|Z,  F|N,  J|B,  o,    o,    o,    o,    // E0 loop, jecxz, in, out; call, jmp, jmp far
-    P,    o,    P,    P,    o,    o,    M|S,  M|S,  o,    o,    o,    o,    o,    o,    M|S,  M|S,  // F0 lock, int1, repne, rep, hlt; inc, dec, call, jmp, push
+//  0      1      2      3      4      5      6      7      8      9      A      B      C      D      E      F
+    M,     M,     M,     M,     B,     Z,     N,     N,     M,     M,     M,     M,     B,     Z,     N,     X,      // 00 add; or; 0F: see below
+    M,     M,     M,     M,     B,     Z,     N,     N,     M,     M,     M,     M,     B,     Z,     N,     N,      // 10 adc; sbb
+    M,     M,     M,     M,     B,     Z,     P,     N,     M,     M,     M,     M,     B,     Z,     P,     N,      // 20 and, es:; sub, cs:
+    M,     M,     M,     M,     B,     Z,     P,     N,     M,     M,     M,     M,     B,     Z,     P,     N,      // 30 xor, ss:; cmp, ds:
+    o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,      // 40 inc; dec; x64: REX
+    o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     o,      // 50 push; pop
+    N,     N,     M|N|A, M,     P,     P,     P,     P,     Z,     M|Z,   B,     M|B,   o,     o,     o,     o,      // 60 bound, movsxd, fs:, gs:, 66, 67; push, imul, ins, outs
+    J|B,   J|B,   J|B,   J|B,   J|B,   J|B,   J|B,   J|B,   J|B,   J|B,   J|B,   J|B,   J|B,   J|B,   J|B,   J|B,    // 70 jcc
+    M|B,   M|Z,   M|B|N, M|B,   M,     M,     M,     M,     M,     M,     M,     M,     M|G,   M|A,   M|G,   M|G,    // 80 add.., test, xchg; mov, lea, pop
+    o,     o,     o,     o,     o,     o,     o,     o,     o,     o,     F|N,   o,     o,     o,     o,     o,      // 90 nop, xchg; cwde, call far
+    O,     O,     O,     O,     o,     o,     o,     o,     B,     Z,     o,     o,     o,     o,     o,     o,      // A0 mov moffs, movs; test, stos, lods, scas
+    B,     B,     B,     B,     B,     B,     B,     B,     V,     V,     V,     V,     V,     V,     V,     V,      // B0 mov r, imm
+    M|B,   M|B,   W,     o,     M|N|A, M|N|A, M|B|G, M|Z|G, W|B,   o,     W,     o,     o,     B,     N,     o,      // C0 shifts, ret, les, lds, mov; enter, leave, retf, int
+    M,     M,     M,     M,     B|N,   B|N,   X,     o,     M,     M,     M,     M,     M,     M,     M,     M,      // D0 shifts, aam, aad, xlat; x87
+    J|B,   J|B,   J|B,   J|B,   B,     B,     B,     B,     J|Z,   J|Z,   F|N,   J|B,   o,     o,     o,     o,      // E0 loop, jecxz, in, out; call, jmp, jmp far
+    P,     o,     P,     P,     o,     o,     M,     M,     o,     o,     o,     o,     o,     o,     M|G,   M|G|S,  // F0 lock, int1, repne, rep, hlt; inc, dec, call, jmp, push
 };
 
-// Behind 0F. Control registers, the far system calls' neighbours and vendor oddities are left alone.
+// Behind 0F. Control and debug registers, bounds registers and vendors' oddities are left alone.
 constexpr std::array<Row, 256> kTwoByteMap = {
-//  0     1     2     3     4     5     6     7     8     9     A     B     C     D     E     F
-    M|S,  M|S,  M,    M,    X,    o,    o,    o,    o,    o,    X,    o,    X,    M|S,  o,    X,    // 00 system; syscall; ud2, prefetchw
-    M,    M,    M|S,  M|S,  M,    M,    M|S,  M|S,  M,    M,    M|S,  M|S,  M,    M,    M,    M,    // 10 movups..; hints, endbr
-    X,    X,    X,    X,    X,    X,    X,    X,    M,    M,    M,    M|S,  M,    M,    M,    M,    // 20 movaps, cvt, ucomis
-    o,    o,    o,    o,    o,    o,    X,    o,    X,    X,    X,    X,    X,    X,    X,    X,    // 30 rdtsc, sysenter; 38, 3A: see below
-    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    // 40 cmovcc
-    M|S,  M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    // 50 movmskps.. 
-    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    // 60 punpck..
-    M|B,  M|B|S,M|B|S,M|B|S,M,    M,    M,    o,    M|S,  M|S,  X,    X,    M|S,  M|S,  M,    M,    // 70 pshuf, shifts, emms; vmread
-    J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  J|Z,  // 80 jcc
-    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    M,    // 90 setcc
-    o,    o,    o,    M,    M|B,  M,    X,    X,    o,    o,    o,    M,    M|B,  M,    M|S,  M,    // A0 cpuid, bt, shld; bts, shrd, fences, imul
-    M,    M,    M|S,  M,    M|S,  M|S,  M,    M,    M|S,  M,    M|B|S,M,    M,    M,    M,    M,    // B0 cmpxchg, btr, movzx; popcnt, bsf, movsx
-    M,    M,    M|B,  M|S,  M|B,  M|B|S,M|B,  M|S,  o,    o,    o,    o,    o,    o,    o,    o,    // C0 xadd, cmpps, movnti, pinsrw, cmpxchg8b; bswap
-    M|S,  M,    M,    M,    M,    M,    M|S,  M|S,  M,    M,    M,    M,    M,    M,    M,    M,    // D0
-    M,    M,    M,    M,    M,    M,    M|S,  M|S,  M,    M,    M,    M,    M,    M,    M,    M,    // E0
-    M|S,  M,    M,    M,    M,    M,    M,    M|S,  M,    M,    M,    M,    M,    M,    M,    M,    // F0
+//  0      1      2      3      4      5      6      7      8      9      A      B      C      D      E      F
+    M|G,   M|G|A, M,     M,     X,     o,     o,     o,     o,     o,     X,     o,     X,     M|A,   o,     X,      // 00 sldt.., sgdt.., lar, lsl; syscall; ud2, prefetchw
+    M,     M,     M|S,   M|A,   M,     M,     M|S,   M|A,   M,     M,     X,     X,     M,     M,     M,     M,      // 10 movups..; hints, endbr
+    X,     X,     X,     X,     X,     X,     X,     X,     M,     M,     M,     M|A,   M,     M,     M,     M,      // 20 movaps, cvt, ucomis
+    o,     o,     o,     o,     o,     o,     X,     o,     X,     X,     X,     X,     X,     X,     X,     X,      // 30 rdtsc, sysenter; 38, 3A: see below
+    M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,      // 40 cmovcc
+    M|R,   M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,      // 50 movmskps..
+    M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,      // 60 punpck..
+    M|B,   Y,     Y,     Y,     M,     M,     M,     o,     M|S,   M|S,   X,     X,     M|S,   M|S,   M,     M,      // 70 pshuf, shifts, emms; vmread
+    J|Z,   J|Z,   J|Z,   J|Z,   J|Z,   J|Z,   J|Z,   J|Z,   J|Z,   J|Z,   J|Z,   J|Z,   J|Z,   J|Z,   J|Z,   J|Z,    // 80 jcc
+    M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,     M,      // 90 setcc
+    o,     o,     o,     M,     M|B,   M,     X,     X,     o,     o,     o,     M,     M|B,   M,     M,     M,      // A0 cpuid, bt, shld; bts, shrd, fences, imul
+    M,     M,     M|A,   M,     M|A,   M|A,   M,     M,     M|S,   M,     M|B|G, M,     M,     M,     M,     M,      // B0 cmpxchg, btr, movzx; popcnt, bsf, movsx
+    M,     M,     M|B,   M|A,   M|B,   M|B|R, M|B,   M|G,   o,     o,     o,     o,     o,     o,     o,     o,      // C0 xadd, cmpps, movnti, pinsrw, cmpxchg8b; bswap
+    M|S,   M,     M,     M,     M,     M,     M|S,   M|R,   M,     M,     M,     M,     M,     M,     M,     M,      // D0 psrl.., pand; psub, pmax
+    M,     M,     M,     M,     M,     M,     M|S,   M|A,   M,     M,     M,     M,     M,     M,     M,     M,      // E0 pavg, psra, cvt, movnt; padd, pxor
+    M|S|A, M,     M,     M,     M,     M,     M,     M|R,   M,     M,     M,     M,     M,     M,     M,     M,      // F0 lddqu, psll, psadbw, maskmov; psub, padd, ud0
+};
+
+// The values of ModRM.reg that stand for an operation, one bit each.
+struct Group {
+  bool two_byte;
+  Byte opcode;
+  Byte defined;
+};
+constexpr std::array kGroups = {
+    Group{false, 0x8C, 0b0011'1111},  // mov from a segment register
+    Group{false, 0x8E, 0b0011'1101},  // mov to one, never to cs
+    Group{false, 0x8F, 0b0000'0001},  // pop; otherwise the prefix of another vector encoding
+    Group{false, 0xC6, 0b0000'0001},  // mov; otherwise xabort
+    Group{false, 0xC7, 0b0000'0001},  // mov; otherwise xbegin, which branches
+    Group{false, 0xFE, 0b0000'0011},  // inc, dec
+    Group{false, 0xFF, 0b0111'1111},  // inc, dec, call, call far, jmp, jmp far, push
+    Group{true,  0x00, 0b0011'1111},  // sldt, str, lldt, ltr, verr, verw
+    Group{true,  0x01, 0b1101'1111},  // sgdt, sidt, lgdt, lidt, smsw, lmsw, invlpg
+    Group{true,  0x71, 0b0101'0100},  // psrlw, psraw, psllw
+    Group{true,  0x72, 0b0101'0100},  // psrld, psrad, pslld
+    Group{true,  0x73, 0b1100'1100},  // psrlq, psrldq, psllq, pslldq
+    Group{true,  0xBA, 0b1111'0000},  // bt, bts, btr, btc
+    Group{true,  0xC7, 0b1111'1010},  // cmpxchg8b, xrstors, xsavec, xsaves, rdrand, rdseed
 };
 
 // Opcodes that exist in the maps that have one shape throughout (ModRM; behind 3A an immediate byte as well).
@@ -215,7 +242,10 @@ class Decoder {
     const unsigned mod = modrm >> 6;
     const unsigned reg = modrm >> 3 & 7;
     const unsigned rm = modrm & 7;
-    if ((row_ & S) && Refused(mod, reg, rm)) return Fail(CodeError::kUnknownInstruction);
+    const bool x87 = map_ == Map::kOneByte && (opcode_ & 0xF8) == 0xD8;
+    if (!HasMeaning(mod != 3, reg) || (x87 && IsUndefinedX87(mod != 3, reg, rm))) {
+      return Fail(CodeError::kUnknownInstruction);
+    }
     reg_ = static_cast<Byte>(reg);
     if (map_ == Map::kOneByte) {
       if (opcode_ == 0xF6 && reg < 2) row_ |= B;  // test
@@ -244,109 +274,58 @@ class Decoder {
     return Skip(4);
   }
 
-  // Encodings without a meaning inside opcodes that have one.
-  [[nodiscard]] bool Refused(unsigned mod, unsigned reg, unsigned rm) const noexcept {
-    const bool memory = mod != 3;
-    if (map_ == Map::kOneByte) {
-      switch (opcode_) {
-        case 0x62:
-        case 0xC4:
-        case 0xC5:
-        case 0x8D:
-          return !memory;  // bound, les, lds, lea
-        case 0x8C:
-          return reg > 5;  // mov from segment
-        case 0x8E:
-          return reg > 5 || reg == 1;  // mov to segment, never cs
-        case 0x8F:
-          return reg != 0;  // pop; otherwise XOP
-        case 0xC6:
-        case 0xC7:
-          return reg != 0;  // mov; otherwise xabort, xbegin
-        case 0xF6:
-        case 0xF7:
-          return false;
-        case 0xFE:
-          return reg > 1;
-        case 0xFF:
-          return reg == 7 || (!memory && (reg == 3 || reg == 5));
-        default:
-          return RefusedX87(memory, reg, rm);
+  // Whether these operands and prefixes stand for something in an opcode that otherwise exists.
+  [[nodiscard]] bool HasMeaning(bool memory, unsigned reg) const noexcept {
+    if ((row_ & A && !memory) || (row_ & R && memory)) return false;
+    if (row_ & G) {
+      for (const Group& group : kGroups) {
+        if (group.two_byte != (map_ == Map::kTwoByte) || group.opcode != opcode_) continue;
+        if (!(group.defined >> reg & 1)) return false;
       }
     }
+    if (!(row_ & S)) return true;
+    if (map_ == Map::kOneByte) return memory || (reg != 3 && reg != 5);  // FF: far targets lie in memory
+    const bool repne = repeat_ == 0xF2;
     switch (opcode_) {
-      case 0x00:
-        return reg > 5;
-      case 0x01:
-        return !memory || reg == 5;  // the register forms are privileged or reserved
-      case 0x0D:
-        return !memory;
-      case 0x12:
+      case 0x12:  // movhlps and movlhps have no form with 66, loads have
       case 0x16:
-        return !memory && operand_size_;
-      case 0x13:
-      case 0x17:
-      case 0x2B:
-      case 0xB2:
-      case 0xB4:
-      case 0xB5:
-      case 0xC3:
-      case 0xE7:
-        return !memory;
-      case 0x1A:
-      case 0x1B:
-        return true;  // bounds registers, gone from the architecture
-      case 0x50:
-      case 0xC5:
-      case 0xD7:
-      case 0xF7:
-        return memory;
-      case 0x71:
-      case 0x72:
-        return memory || (reg != 2 && reg != 4 && reg != 6);
-      case 0x73:
-        return memory || reg == 0 || reg == 1 || reg == 4 || reg == 5;
-      case 0x78:
+        return memory || !operand_size_;
+      case 0x78:  // vmread, vmwrite; with prefixes extrq, insertq
       case 0x79:
-        return operand_size_ || repeat_ != 0;  // extrq, insertq
-      case 0x7C:
+        return !operand_size_ && repeat_ == 0;
+      case 0x7C:  // haddpd, hsubpd, addsubpd and their ps forms
       case 0x7D:
       case 0xD0:
-        return !operand_size_ && repeat_ != 0xF2;
-      case 0xAE:
-        return false;
-      case 0xB8:
-        return repeat_ != 0xF3;
-      case 0xBA:
-        return reg < 4;
-      case 0xC7:
-        return reg == 0 || reg == 2;
-      case 0xD6:
-        return !operand_size_ && repeat_ == 0;
+        return operand_size_ || repne;
+      case 0xB8:  // popcnt
+        return repeat_ == 0xF3;
+      case 0xD6:  // movq, cvtpd2dq
       case 0xE6:
-        return !operand_size_ && repeat_ == 0;
-      case 0xF0:
-        return repeat_ != 0xF2 || !memory;
-      default:
-        return false;
+        return operand_size_ || repeat_ != 0;
+      default:  // lddqu
+        return repne;
     }
   }
 
-  [[nodiscard]] bool RefusedX87(bool memory, unsigned reg, unsigned rm) const noexcept {
+  // Register forms of the floating-point opcodes that do not exist; of the memory forms, these three.
+  [[nodiscard]] bool IsUndefinedX87(bool memory, unsigned reg, unsigned rm) const noexcept {
+    if (memory) {
+      return (opcode_ == 0xD9 && reg == 1) || (opcode_ == 0xDB && (reg == 4 || reg == 6)) ||
+             (opcode_ == 0xDD && reg == 5);
+    }
     switch (opcode_) {
       case 0xD9:
-        if (memory) return reg == 1;
         return (reg == 2 && rm != 0) || (reg == 4 && (rm == 2 || rm == 3 || rm > 5)) || (reg == 5 && rm == 7);
       case 0xDA:
-        return !memory && reg > 3 && !(reg == 5 && rm == 1);
+        return reg > 3 && !(reg == 5 && rm == 1);
       case 0xDB:
-        return memory ? reg == 4 || reg == 6 : reg == 7 || (reg == 4 && rm > 4);
+        return reg == 7 || (reg == 4 && rm > 4);
       case 0xDD:
-        return memory ? reg == 5 : reg > 5;
+        return reg > 5;
       case 0xDE:
-        return !memory && reg == 3 && rm != 1;
+        return reg == 3 && rm != 1;
       case 0xDF:
-        return !memory && (reg == 7 || (reg == 4 && rm != 0));
+        return reg == 7 || (reg == 4 && rm != 0);
       default:
         return false;
     }
