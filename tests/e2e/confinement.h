@@ -89,6 +89,9 @@ class Confinement {
     return *reinterpret_cast<policy::SharedDataHeader*>(section_.bytes().data());
   }
 
+  // Called for every message as it arrives, on the server's thread. Before the first run.
+  void Watch(std::function<void(const Received&)> watcher) { watcher_ = std::move(watcher); }
+
   // The exit code of a confined program, or -1 with a test failure when it does not start or end.
   std::int64_t Run(const std::wstring& command_line, host::LaunchOptions options = {}) {
     options.command_line = command_line;
@@ -127,6 +130,7 @@ class Confinement {
     Received message{.bytes = {bytes.begin(), bytes.end()}, .decoded = {}};
     message.decoded = policy::DecodeMessage(message.bytes);
     EXPECT_TRUE(message.decoded.Ok()) << policy::DecodeReasonText(message.decoded.error.reason);
+    if (watcher_) watcher_(message);
     std::lock_guard lock(mutex_);
     received_.push_back(std::move(message));
   }
@@ -134,6 +138,7 @@ class Confinement {
   TestFolder folder_;
   std::mutex mutex_;
   std::vector<Received> received_;
+  std::function<void(const Received&)> watcher_;
   host::MessageServer server_;
   host::SharedSection section_;
   host::Launcher launcher_;

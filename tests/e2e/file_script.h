@@ -97,18 +97,33 @@ class FileScript {
       std::ofstream text(script, std::ios::binary);
       for (const std::string& command : commands_) text << command << "\n";
     }
+    // The program ends when the host has seen its last message: a process takes its queue along.
+    const std::wstring last = host::RandomName(L"last");
+    const HANDLE seen = CreateEventW(nullptr, TRUE, FALSE, last.c_str());
+    const std::string sentinel = Dos(host::ToUtf8(last));
+    const auto is_sentinel = [&](const Received& message) {
+      const auto* audit = message.As<policy::FileAudit>();
+      return audit && audit->source == sentinel;
+    };
     Confinement host([&](host::SectionContents& section) {
       section.file_rules = rules;
+      section.file_rules.push_back(Rule(FileACL::kDeny, host::ToUtf8(last)));
       section.flags = flags;
+    });
+    host.Watch([&](const Received& message) {
+      if (is_sentinel(message)) SetEvent(seen);
     });
     SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
     HANDLE output =
         CreateFileW(answers.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr);
     ScriptRun run;
-    run.exit_code =
-        host.Run(Probe("file_probe.exe", L"\"" + script.wstring() + L"\""), {.standard_output = output});
+    run.exit_code = host.Run(Probe("file_probe.exe", L"\"" + script.wstring() + L"\" \"" +
+                                                         (folder() / last).wstring() + L"\" " + last),
+                             {.standard_output = output});
     CloseHandle(output);
     run.messages = host.Settle();
+    CloseHandle(seen);
+    std::erase_if(run.messages, is_sentinel);
     for (const Received& message : run.messages)
       if (const auto* audit = message.As<policy::FileAudit>())
         run.audits.push_back({static_cast<AuditType>(audit->type), audit->error,

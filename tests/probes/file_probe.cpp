@@ -1,7 +1,10 @@
 // Makes file calls and prints what each answered. The commands come from a script, one per line, so that one
 // process start serves many of them; the answers go to standard output, one line each.
 //
-//   file_probe SCRIPT
+//   file_probe SCRIPT LAST EVENT
+//
+// When the script is done, the program asks for the file LAST, which is denied to it, until EVENT says that
+// the host has heard of that.
 //
 //   create SLOT ACCESS DISPOSITION OPTIONS NAME   NtCreateFile; the handle goes into SLOT (0 to 9)
 //   openfile SLOT ACCESS OPTIONS NAME             NtOpenFile
@@ -28,6 +31,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -254,9 +258,18 @@ void Execute(const std::string& line) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc < 2) return 2;
-  std::ifstream script(argv[1]);
+int wmain(int argc, wchar_t** argv) {
+  if (argc < 4) return 2;
+  std::ifstream script{std::filesystem::path(argv[1])};
   for (std::string line; std::getline(script, line);) Execute(line);
   fflush(stdout);
+
+  const HANDLE seen = OpenEventW(SYNCHRONIZE, FALSE, argv[3]);
+  const std::wstring last = std::wstring(L"\\??\\") + argv[2];
+  for (int i = 0; i < 500; ++i) {
+    HANDLE file;
+    if (Create(&file, GENERIC_READ, FILE_OPEN, 0, Name(last)) != kRefused) return 0;  // nothing is reported
+    if (WaitForSingleObject(seen, 20) == WAIT_OBJECT_0) return 0;
+  }
+  return 3;
 }
