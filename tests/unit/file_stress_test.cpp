@@ -1,0 +1,131 @@
+// Many threads at once: nothing that a call takes is left behind.
+#include <atomic>
+#include <cstdlib>
+#include <random>
+#include <thread>
+
+#include "file_room.h"
+
+namespace {
+std::atomic<long> live_blocks = 0;
+}
+// The linker leads every allocation of this program here.
+extern "C" {
+void* __real_malloc(std::size_t bytes);
+void* __real_calloc(std::size_t count, std::size_t bytes);
+void __real_free(void* block);
+void* __wrap_malloc(std::size_t bytes) {
+  void* block = __real_malloc(bytes);
+  if (block) ++live_blocks;
+  return block;
+}
+void* __wrap_calloc(std::size_t count, std::size_t bytes) {
+  void* block = __real_calloc(count, bytes);
+  if (block) ++live_blocks;
+  return block;
+}
+void __wrap_free(void* block) {
+  if (block) --live_blocks;
+  __real_free(block);
+}
+}
+
+namespace VornCore {
+namespace {
+
+constexpr int kThreads = 8;
+constexpr int kRounds = 300;
+
+class FileStress : public FileRoom {
+ protected:
+  static DWORD HandleCount() {
+    DWORD count = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &count);
+    return count;
+  }
+
+  // One thread's calls, on files of its own: allowed, narrowed, refused, faulting and deferred ones.
+  void Work(int number) {
+    std::mt19937 random(static_cast<unsigned>(number));
+    const std::wstring own = L"\\write\\" + std::to_wstring(number), moved = own + L"m";
+    for (int i = 0; i < kRounds; ++i) {
+      const auto close = [&](const Opened& opened) {
+        if (opened.handle) NtClose(opened.handle);
+      };
+      switch (random() % 8) {
+        case 0:
+          close(Create(L"\\deny\\f.txt", GENERIC_READ));
+          break;
+        case 1:
+          close(Create(L"\\read\\f.txt", GENERIC_WRITE));
+          break;
+        case 2:
+          close(Create(L"\\read\\f.txt", GENERIC_READ, FILE_OVERWRITE));
+          break;
+        case 3:
+          close(Create(own.c_str(), GENERIC_WRITE, FILE_OPEN_IF));
+          break;
+        case 4: {
+          const Opened opened = Create(own.c_str(), DELETE, FILE_OPEN_IF);
+          const std::wstring target = L"\\??\\" + Dos(moved);
+          std::vector<std::byte> info(sizeof(nt::RenameInformation) + target.size() * sizeof(wchar_t));
+          auto* rename = reinterpret_cast<nt::RenameInformation*>(info.data());
+          rename->FileNameLength = static_cast<ULONG>(target.size() * sizeof(wchar_t));
+          memcpy(rename->FileName, target.data(), rename->FileNameLength);
+          IO_STATUS_BLOCK io;
+          NtSetInformationFile(opened.handle, &io, rename, static_cast<ULONG>(info.size()),
+                               static_cast<FILE_INFORMATION_CLASS>(nt::kFileRenameInformation));
+          close(opened);
+          break;
+        }
+        case 5: {
+          HANDLE file;
+          IO_STATUS_BLOCK io;
+          NtCreateFile(&file, GENERIC_READ, reinterpret_cast<OBJECT_ATTRIBUTES*>(16), &io, nullptr, 0, 7,
+                       FILE_OPEN, 0, nullptr, 0);
+          break;
+        }
+        case 6:
+          close(Create(L"\\write\\both.txt", GENERIC_WRITE));
+          break;
+        case 7:
+          if (random() % 20 == 0) close(Create(moved.c_str(), DELETE, FILE_OPEN, FILE_DELETE_ON_CLOSE));
+          break;
+      }
+    }
+  }
+
+  void RunThreads() {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+      threads.emplace_back([this, t] {
+        Work(t);
+        ThreadState* state = GetThreadState();
+        if (state->hookDepth || state->scratchLevel || state->bInCreateFile || state->bInWriteFile ||
+            state->bOwnCall)
+          ++unclean_;
+        FreeThreadState();  // the library does so when a thread detaches
+      });
+    for (std::thread& thread : threads) thread.join();
+  }
+
+  std::atomic<int> unclean_ = 0;
+};
+
+TEST_F(FileStress, NoHandleRecordOrBlockIsLeftBehind) {
+  Unconfined([&] {
+    ASSERT_TRUE(CreateHardLinkW(Dos(L"\\write\\both.txt").c_str(), Dos(L"\\read\\f.txt").c_str(), nullptr));
+  });
+  RunThreads();  // what is made once, is made here
+  const DWORD handles = HandleCount();
+  const long blocks = live_blocks;
+  RunThreads();
+  EXPECT_EQ(HandleCount(), handles);
+  EXPECT_EQ(live_blocks, blocks);
+  EXPECT_EQ(unclean_, 0);
+  EXPECT_EQ(GetFileMgr().model().handles().count(), 0);
+  EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
+}
+
+}  // namespace
+}  // namespace VornCore

@@ -1,0 +1,113 @@
+// What Wine spells differently comes out as on Windows.
+#include "File/file_helper.h"
+#include "Platform/native.h"
+#include "Platform/wine_paths.h"
+#include "VornCore/Base/process_info.h"
+#include "file_room.h"
+
+namespace VornCore {
+namespace {
+
+class FileWine : public FileRoom {
+ protected:
+  void SetUp() override {
+    if (!platform::IsWine()) GTEST_SKIP() << "this is Windows";
+    FileRoom::SetUp();
+  }
+  void TearDown() override {
+    if (platform::IsWine()) FileRoom::TearDown();
+  }
+  // The Unix path of a file, with forward slashes.
+  std::wstring UnixName(const std::wstring& name) const {
+    const auto convert = reinterpret_cast<char*(CDECL*)(LPCWSTR)>(
+        GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name"));
+    char* text = convert(Dos(name).c_str());
+    std::wstring wide(text, text + strlen(text));
+    HeapFree(GetProcessHeap(), 0, text);
+    return wide;
+  }
+  static std::wstring Backslashed(std::wstring path) {
+    for (wchar_t& unit : path)
+      if (unit == L'/') unit = L'\\';
+    return path;
+  }
+};
+
+TEST_F(FileWine, UnixNamesDoNotGetAroundARule) {
+  const std::wstring name = UnixName(L"\\deny\\f.txt");
+  const auto spellings = [](const std::wstring& name) {
+    return std::vector<std::wstring>{L"\\??\\unix" + name, L"\\??\\unix" + Backslashed(name),
+                                     L"\\??\\UNIX" + name, L"\\DosDevices\\unix" + name,
+                                     L"\\??\\Z:" + Backslashed(name)};
+  };
+  for (const std::wstring& spelling : spellings(name))
+    EXPECT_EQ(Create(spelling, GENERIC_READ).status, STATUS_ACCESS_DENIED)
+        << std::string(spelling.begin(), spelling.end());
+  // A way through "..": whatever the system says to the name that was decided, the file stays closed.
+  std::wstring detour = name;
+  detour.insert(detour.rfind(L"/deny"), L"/write/..");
+  EXPECT_NE(Create(L"\\??\\unix" + detour, GENERIC_READ).status, STATUS_SUCCESS);
+
+  for (const std::wstring& spelling : spellings(UnixName(L"\\read\\f.txt"))) {
+    const Opened opened = Create(spelling, GENERIC_READ);
+    EXPECT_EQ(opened.status, STATUS_SUCCESS) << "the control";
+    NtClose(opened.handle);
+  }
+}
+
+TEST_F(FileWine, SymbolicLinksOfTheUnixFileSystemAreFollowed) {
+  const std::wstring link = UnixName(L"\\write") + L"/link", target = UnixName(L"\\deny");
+  std::wstring command = L"\\\\?\\unix/bin/ln -s " + target + L" " + link;
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process{};
+  ASSERT_TRUE(CreateProcessW(L"\\\\?\\unix\\bin\\ln", command.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                             nullptr, &startup, &process));
+  // A Unix program has no process handle to wait for.
+  for (int i = 0; i < 200 && !Exists(L"\\write\\link"); ++i) Sleep(10);
+  ASSERT_TRUE(Exists(L"\\write\\link"));
+  EXPECT_EQ(Create(L"\\write\\link\\f.txt", GENERIC_READ).status, STATUS_ACCESS_DENIED)
+      << "where the data lies decides";
+  EXPECT_EQ(Create(L"\\write\\link\\new.txt", GENERIC_WRITE, FILE_CREATE).status, STATUS_ACCESS_DENIED);
+  Unconfined([&] { RemoveDirectoryW(Dos(L"\\write\\link").c_str()); });
+}
+
+TEST_F(FileWine, ImageOfAProcessIsADevicePath) {
+  const platform::HeapString image = GetProcessImageFileName(GetCurrentProcess());
+  ASSERT_TRUE(image);
+  EXPECT_TRUE(std::wstring(image.get()).starts_with(L"\\Device\\HarddiskVolume")) << "not \\??\\Z:\\…";
+  EXPECT_TRUE(FileExists(image.get()));
+}
+
+TEST_F(FileWine, NamesThatGrowAskForRoom) {
+  const Opened file = Create(L"\\write\\f.txt", GENERIC_READ);
+  const std::wstring expected = Nt(L"\\write\\f.txt");
+  const ULONG needed = static_cast<ULONG>(sizeof(UNICODE_STRING) + (expected.size() + 1) * sizeof(wchar_t));
+  std::vector<std::byte> buffer(needed + 64);
+  for (ULONG room = 0; room < needed; room += 2) {
+    ULONG bytes = room;
+    EXPECT_FALSE(nt::Success(GetObjectName(file.handle, buffer.data(), &bytes))) << room;
+    EXPECT_GE(bytes, needed) << room;
+  }
+  ULONG bytes = needed;
+  ASSERT_EQ(GetObjectName(file.handle, buffer.data(), &bytes), STATUS_SUCCESS);
+  const auto* name = reinterpret_cast<const UNICODE_STRING*>(buffer.data());
+  EXPECT_EQ(std::wstring(name->Buffer, name->Length / sizeof(wchar_t)), expected);
+  EXPECT_EQ(bytes, needed);
+  NtClose(file.handle);
+}
+
+TEST_F(FileWine, NameThatTheSearchCannotFindLowersTheAccess) {
+  Unconfined([&] {
+    ASSERT_TRUE(CreateDirectoryW(Dos(L"\\elsewhere").c_str(), nullptr));
+    ASSERT_TRUE(CreateHardLinkW(Dos(L"\\elsewhere\\f.txt").c_str(), Dos(L"\\write\\f.txt").c_str(), nullptr));
+  });
+  // Even where the whole volume may be written: nobody knows what the other name is.
+  SetRules({{FileACL::kReadWrite, vorn::host::ToNtPath(folder_ + L"\\write")}});
+  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\f.txt")).access, FileACL::kRead);
+  SetRules({{FileACL::kReadWrite, vorn::host::ToNtPath(folder_)}});
+  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\f.txt")).access, FileACL::kReadWrite) << "found";
+}
+
+}  // namespace
+}  // namespace VornCore
