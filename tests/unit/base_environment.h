@@ -10,6 +10,7 @@
 #include "Platform/nt.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
+#include "build_paths.h"
 #include "vorn/section.h"
 
 namespace VornCore::test {
@@ -79,6 +80,7 @@ class ProcessLog {
   static vorn::host::SectionContents ContentsFor(const std::filesystem::path& folder) {
     vorn::host::SectionContents contents;
     contents.log_directory = folder.wstring();
+    contents.ipc_x64 = vorn::test::BuildPath("fake_transport.dll").wstring();
     return contents;
   }
   ProcessLog() : folder_(LogFolder()), section_(ContentsFor(folder_)) {

@@ -27,6 +27,7 @@ constexpr std::int32_t kQueueNodes = 1'000;
 constexpr std::size_t kPortNameUnits = 259;     // longest local port name, without terminator
 constexpr std::size_t kCommandLineUnits = 511;  // of the command line, in the process start message
 constexpr DWORD kExitStoppedThread = 19920308;
+constexpr DWORD kStopPatience = 1'000;  // milliseconds for each of the three threads
 constexpr UINT kExitHostGone = 19960116;
 
 std::atomic<bool> gs_initialised = false;
@@ -94,8 +95,14 @@ DWORD WINAPI DispatchMsg(void*) {
   return 0;
 }
 
-void StopChannelThreads() {
+// Ends the three threads. A thread that is ended in the middle of something takes the locks that it holds
+// along, the loader's and the heap's included: so the receive thread gets some time to come back from the
+// transport and the others to fall asleep. No time is given to threads that cannot have started yet.
+void StopChannelThreads(DWORD patience_ms) {
   IpcStop();
+  if (gs_recv_thread) WaitForSingleObject(gs_recv_thread, patience_ms);
+  gs_rqGameToHost.WaitForSleepingConsumer(patience_ms);
+  gs_rqHostToGame.WaitForSleepingConsumer(patience_ms);
   for (HANDLE* thread : {&gs_recv_thread, &gs_send_thread, &gs_dispatch_thread}) {
     if (!*thread) continue;
     TerminateThread(*thread, kExitStoppedThread);
@@ -112,7 +119,7 @@ bool StartRecvData() {
   if (start(gs_recv_thread, IPCRecvThreadProc) && start(gs_dispatch_thread, DispatchMsg) &&
       start(gs_send_thread, IPCSendThreadProc))
     return true;
-  StopChannelThreads();
+  StopChannelThreads(0);
   return false;
 }
 
@@ -240,7 +247,7 @@ bool Init(const wchar_t* port, bool terminate_on_disconnect) noexcept {
 
 bool UnInit() noexcept {
   if (!gs_initialised.load()) return true;
-  StopChannelThreads();
+  StopChannelThreads(kStopPatience);
   const bool unloaded = UnInitIPC();
   gs_initialised.store(false);
   gs_terminate_on_disconnect.store(false);

@@ -53,4 +53,9 @@ void MessageQueue::Consume(Handler handle) noexcept {
   }
 }
 
+void MessageQueue::WaitForSleepingConsumer(DWORD patience_ms) const noexcept {
+  const ULONGLONG end = GetTickCount64() + patience_ms;
+  while (!sleeping_.load() && GetTickCount64() < end) Sleep(1);
+}
+
 }  // namespace VornCore

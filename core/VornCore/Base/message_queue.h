@@ -30,6 +30,9 @@ class MessageQueue {
   // errors in a row.
   void Consume(Handler handle) noexcept;
 
+  // Waits until the consumer sleeps, and so holds no lock; gives up when time is up.
+  void WaitForSleepingConsumer(DWORD patience_ms) const noexcept;
+
  private:
   void WaitForMessage() noexcept;
 

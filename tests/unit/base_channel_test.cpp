@@ -1,0 +1,273 @@
+// The channel over a transport that the test controls. That real transports fail and work is shown end to
+// end.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <mutex>
+#include <regex>
+#include <thread>
+
+#include "VornCore/Base/channel.h"
+#include "VornCore/Base/clock.h"
+#include "base_environment.h"
+#include "tests/probes/fake_transport.h"
+
+namespace {
+FakeTransport transport;
+std::mutex mutex;
+std::vector<std::string> calls;
+std::vector<std::vector<std::byte>> sent;
+HANDLE send_gate = nullptr;  // Send waits until it is set
+}  // namespace
+
+extern "C" __declspec(dllexport) FakeTransport* GetFakeTransport() { return &transport; }
+
+namespace VornCore {
+namespace {
+
+using namespace std::chrono_literals;
+namespace policy = vorn::policy;
+
+constexpr wchar_t kServer[] = L"server port";
+
+bool Eventually(auto condition) {
+  for (const auto deadline = std::chrono::steady_clock::now() + 30s;
+       std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(1ms))
+    if (condition()) return true;
+  return false;
+}
+
+class Channel : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(log.start_error(), 0u);
+    log.SetFlags(0xF);
+    log.NewText();
+    calls.clear();
+    sent.clear();
+    transport = {};
+    transport.on_call = [](const char* operation) { calls.push_back(operation); };
+    transport.on_send = [](const void* data, std::uint32_t bytes) {
+      WaitForSingleObject(send_gate, INFINITE);
+      const auto* begin = static_cast<const std::byte*>(data);
+      std::lock_guard guard(mutex);
+      sent.emplace_back(begin, begin + bytes);
+    };
+    transport.stopped = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    send_gate = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+  }
+  void TearDown() override {
+    channel::UnInit();
+    CloseHandle(transport.stopped);
+    CloseHandle(send_gate);
+  }
+
+  // Starts and waits for the process start message, which it removes.
+  void Start() {
+    ASSERT_TRUE(channel::Init(kServer, false));
+    ASSERT_TRUE(WaitForSent(1));
+    sent.clear();
+    log.NewText();
+  }
+  static bool WaitForSent(std::size_t count) {
+    return Eventually([&] {
+      std::lock_guard guard(mutex);
+      return sent.size() >= count;
+    });
+  }
+  // Waits for a log message with this text.
+  bool WaitForLog(const std::string& text) {
+    return Eventually([&] {
+      for (const auto& message : log.NewMessages()) seen += message + "\n";
+      return seen.find(text) != std::string::npos;
+    });
+  }
+  static std::vector<std::byte> Message(std::uint16_t type, std::uint16_t subtype, std::size_t bytes = 30) {
+    std::vector<std::byte> message(bytes);
+    if (bytes >= sizeof(policy::TIPHeader))
+      InitTipHeader(message.data(), type, subtype, static_cast<std::uint32_t>(bytes - 30), 1);
+    return message;
+  }
+  static bool Send(const std::vector<std::byte>& message) {
+    return SendToHost(message.data(), static_cast<std::uint32_t>(message.size()));
+  }
+
+  test::ProcessLog& log = test::ProcessLog::Get();
+  std::string seen;
+};
+
+TEST_F(Channel, TransportThatFailsIsTakenDownAgain) {
+  using Lines = std::vector<std::string>;
+  transport.create_succeeds = false;
+  EXPECT_FALSE(channel::Init(kServer, false));
+  EXPECT_EQ(log.NewMessages(), (Lines{"CreateIPCInterface2() Failed", "Init IPC Failed"}));
+  EXPECT_EQ(calls, Lines{});
+  EXPECT_EQ(GetModuleHandleW(L"fake_transport.dll"), nullptr);
+
+  transport.create_succeeds = true;
+  transport.init_succeeds = false;
+  EXPECT_FALSE(channel::Init(kServer, false));
+  EXPECT_EQ(log.NewMessages(), (Lines{"IPC::Init() Failed", "Init IPC Failed"}));
+  EXPECT_EQ(calls, (Lines{"Init", "UnInit", "Destroy"}));
+  EXPECT_EQ(GetModuleHandleW(L"fake_transport.dll"), nullptr);
+  EXPECT_FALSE(Send(Message(3, 0))) << "the channel does not run";
+}
+
+TEST_F(Channel, ProcessStartIsTheFirstMessage) {
+  const std::uint64_t before = GetPreciseTimeMicros() / 1000;
+  ASSERT_TRUE(channel::Init(kServer, false));
+  EXPECT_TRUE(channel::Init(kServer, false)) << "it runs already";
+  ASSERT_TRUE(WaitForSent(1));
+  const policy::Decoded decoded = policy::DecodeMessage(sent[0]);
+  const auto* start = std::get_if<policy::ProcessStart>(&decoded.body);
+  ASSERT_NE(start, nullptr);
+  EXPECT_EQ(start->image_name, "base_channel_test.exe");
+  EXPECT_NE(start->command_line.find("base_channel_test"), std::string::npos);
+  EXPECT_EQ(decoded.header.pid, GetCurrentProcessId());
+  EXPECT_EQ(decoded.header.flag, 1);
+  EXPECT_GE(decoded.header.time_ms, before);
+  EXPECT_LE(decoded.header.time_ms, GetPreciseTimeMicros() / 1000);
+
+  EXPECT_EQ(calls, std::vector<std::string>{"Init"});
+  EXPECT_STREQ(transport.server_port, kServer);
+  const std::wregex name(L"base_channel_test\\.exe_" + std::to_wstring(GetCurrentProcessId()) +
+                         L"_0x[1-9a-f][0-9a-f]*");
+  EXPECT_TRUE(std::regex_match(transport.local_port, name));
+}
+
+TEST_F(Channel, StopsWhatItStarted) {
+  Start();
+  channel::UnInit();
+  EXPECT_EQ(calls, (std::vector<std::string>{"Init", "Stop", "UnInit", "Destroy"}));
+  EXPECT_EQ(GetModuleHandleW(L"fake_transport.dll"), nullptr);
+  EXPECT_FALSE(Send(Message(3, 0)));
+  Start();  // and starts again
+}
+
+TEST_F(Channel, MessagesArriveWholeAndInOrder) {
+  Start();
+  std::vector<std::vector<std::byte>> messages;
+  for (std::uint16_t n = 0; n < 200; ++n) {
+    messages.push_back(Message(3, n, 30u + n * 37u));
+    for (std::size_t i = sizeof(policy::TIPHeader); i < messages.back().size(); ++i)
+      messages.back()[i] = static_cast<std::byte>(n + i);
+    auto copy = messages.back();
+    EXPECT_TRUE(Send(copy));
+    std::fill(copy.begin(), copy.end(), std::byte{0xEE});  // the channel has its own copy
+  }
+  ASSERT_TRUE(WaitForSent(messages.size()));
+  EXPECT_EQ(sent, messages);
+}
+
+TEST_F(Channel, RefusesWhatIsNoMessage) {
+  Start();
+  auto message = Message(3, 0);
+  EXPECT_FALSE(SendToHost(message.data(), 29));
+  EXPECT_FALSE(SendToHost(nullptr, 30));
+  message[0] ^= std::byte{1};
+  EXPECT_FALSE(Send(message));
+  EXPECT_EQ(log.NewText(), "");
+}
+
+TEST_F(Channel, FullQueueRefusesAndSaysSo) {
+  Start();
+  ResetEvent(send_gate);
+  ASSERT_TRUE(Send(Message(3, 1000)));  // the send thread takes this one and stands at the gate
+  log.SetFlags(0);
+  int queued = 0;
+  for (std::uint16_t n = 0; n < 2000 && Send(Message(3, n)); ++n) ++queued;
+  log.SetFlags(0xF);
+  log.NewText();
+  EXPECT_TRUE(queued == 998 || queued == 999) << queued;  // whether the send thread has taken its message yet
+  Send(Message(3, 5000));
+  EXPECT_FALSE(Send(Message(3, 5001)));
+  EXPECT_TRUE(WaitForLog("drop unlucky msg, pid " + std::to_string(GetCurrentProcessId()) +
+                         ", type 3, subtype 5001"));
+  SetEvent(send_gate);
+  ASSERT_TRUE(WaitForSent(1000));
+  std::lock_guard guard(mutex);
+  EXPECT_EQ(sent.size(), 1000u);
+}
+
+TEST_F(Channel, FloodIsDroppedAndEverythingElseArrives) {
+  Start();
+  std::size_t accepted = 0;
+  bool dropped = false;
+  for (int attempt = 0; attempt < 1000 && !dropped;
+       ++attempt) {  // a busy machine may take long over six messages
+    accepted += Send(Message(2, 0));
+    for (int n = 0; n < 10; ++n) {
+      const bool taken = Send(Message(3, 0));
+      accepted += taken;
+      EXPECT_TRUE(taken || n >= 5);
+      dropped |= !taken;
+    }
+  }
+  EXPECT_TRUE(dropped);
+  EXPECT_TRUE(
+      WaitForLog("drop spam msg, pid " + std::to_string(GetCurrentProcessId()) + ", type 3, subtype 0"));
+  ASSERT_TRUE(WaitForSent(accepted));
+  EXPECT_EQ(sent.size(), accepted);
+}
+
+TEST_F(Channel, SamplesCarryTheHostsPathsAndAreThrottled) {
+  Start();
+  channel::SetPathConverter([](wchar_t* path) {
+    if (std::wstring_view(path) != L"\\Device\\V1\\\u00e9") return false;
+    std::wcscpy(path, L"C:\\\u00e9");
+    return true;
+  });
+  SendSample(1, 2, 3, policy::kSubtypeSampleFileCreate, L"\\Device\\V1\\\u00e9");
+  SendSample(4, 5, 6, policy::kSubtypeSampleDnsCache, nullptr);
+  channel::SetPathConverter(nullptr);
+  ASSERT_TRUE(WaitForSent(2));
+  const policy::Decoded first = policy::DecodeMessage(sent[0]), second = policy::DecodeMessage(sent[1]);
+  const auto& with_text = std::get<policy::Sample>(first.body);
+  EXPECT_EQ(with_text.text, "C:\\\xc3\xa9");
+  EXPECT_EQ(with_text.second, 2u);
+  EXPECT_EQ(sent[0].size(), 55u + 6u);
+  EXPECT_EQ(std::get<policy::Sample>(second.body).third, 6u);
+  EXPECT_EQ(sent[1].size(), 55u);
+
+  std::atomic<std::uint64_t> last = 0;
+  EXPECT_TRUE(MaySendSample(last, 10'000'000));
+  EXPECT_FALSE(MaySendSample(last, 12'000'000)) << "two seconds are not more than two seconds";
+  EXPECT_TRUE(MaySendSample(last, 12'000'001));
+  EXPECT_FALSE(MaySendSample(last, 5'000'000)) << "a clock that was set back";
+}
+
+TEST_F(Channel, HostsMessagesAreCheckedAndNoticesLogged) {
+  Start();
+  auto message = Message(9, 9);
+  const auto receive = [&](std::uint32_t bytes) {
+    transport.callbacks.OnRecvData(nullptr, message.data(), bytes);
+  };
+  receive(30);
+  receive(29);
+  EXPECT_TRUE(WaitForLog("DispatchMsgToBiz: invalid data\n"));
+  message[7] ^= std::byte{1};
+  receive(30);
+  EXPECT_TRUE(WaitForLog("Not a Tip Message\n"));
+
+  EXPECT_TRUE(transport.callbacks.OnConnectAuth(nullptr, 11, 22, "a port"));
+  transport.callbacks.OnIpcError(nullptr, "a text with % signs %s");
+  transport.callbacks.OnDisconnectNotify(nullptr, 33, 44, "a port");
+  EXPECT_TRUE(WaitForLog("recv disconnect notify, it's pid:33, tid:44, port name:a port\n"));
+  EXPECT_EQ(seen,
+            "DispatchMsgToBiz: invalid data\nNot a Tip Message\n"
+            "connect auth, it's pid:11, tid:22, port name:a port\na text with % signs %s\n"
+            "recv disconnect notify, it's pid:33, tid:44, port name:a port\n");
+}
+
+TEST_F(Channel, DisconnectEndsTheProcessOnlyWhenAskedTo) {
+  const auto disconnect = [](bool terminate) {
+    if (!channel::Init(kServer, terminate)) ExitProcess(1);
+    transport.callbacks.OnDisconnectNotify(nullptr, 1, 2, "port");
+    ExitProcess(2);
+  };
+  EXPECT_EXIT(disconnect(true), testing::ExitedWithCode(19960116), "");
+  EXPECT_EXIT(disconnect(false), testing::ExitedWithCode(2), "");
+}
+
+}  // namespace
+}  // namespace VornCore
