@@ -6,19 +6,19 @@ namespace detours {
 namespace {
 
 constexpr std::uintptr_t kPageSize = 4096;
-constexpr std::uintptr_t kCacheLine = 64;
-constexpr std::uintptr_t kWord = 8;
+constexpr std::uintptr_t kWord = 8;        // what processors write and fetch as a whole, when aligned
+constexpr std::uintptr_t kCacheLine = 64;  // within which a locked write is one
 
-// Exchanges count bytes at target inside one locked write of eight bytes. False when no eight bytes around
-// them lie in one cache line, within which processors write and fetch as a whole.
-bool ReplaceAtOnce(std::uint8_t* target, const std::uint8_t* bytes, std::size_t count) noexcept {
+bool LieIn(const std::uint8_t* target, std::size_t count, std::uintptr_t unit) noexcept {
   const auto address = reinterpret_cast<std::uintptr_t>(target);
-  const std::uintptr_t line = address & ~(kCacheLine - 1);
-  if (address + count > line + kCacheLine) return false;
-  std::uintptr_t window = address & ~(kWord - 1);
-  if (address + count > window + kWord) window = address;
-  if (window + kWord > line + kCacheLine) window = line + kCacheLine - kWord;
+  return address / unit == (address + count - 1) / unit;
+}
 
+// Exchanges count bytes in one locked write of the eight bytes around them. They lie in one cache line.
+void ReplaceAtOnce(std::uint8_t* target, const std::uint8_t* bytes, std::size_t count) noexcept {
+  const auto address = reinterpret_cast<std::uintptr_t>(target);
+  std::uintptr_t window = address & ~(kWord - 1);
+  if (!LieIn(target, count, kWord)) window += kWord / 2;
   auto* word = reinterpret_cast<volatile LONG64*>(window);
   LONG64 old = 0;
   LONG64 changed = 0;
@@ -27,7 +27,14 @@ bool ReplaceAtOnce(std::uint8_t* target, const std::uint8_t* bytes, std::size_t 
     changed = old;
     memcpy(reinterpret_cast<std::uint8_t*>(&changed) + (address - window), bytes, count);
   } while (InterlockedCompareExchange64(word, changed, old) != old);
-  return true;
+}
+
+// Until no processor works on instruction bytes that it fetched before. The call interrupts every processor
+// that runs a thread of the process; the pause outlasts a pipeline where the system does not implement it.
+void Settle() noexcept {
+  constexpr int kPauses = 500;
+  FlushProcessWriteBuffers();
+  for (int i = 0; i < kPauses; ++i) YieldProcessor();
 }
 
 }  // namespace
@@ -59,13 +66,16 @@ void CodeUnlock::Close() noexcept {
 void ReplaceCode(std::uint8_t* target, const JumpBytes& bytes) noexcept {
   constexpr std::size_t kHead = 2;
   constexpr std::uint8_t kJumpToItself[kHead] = {0xEB, 0xFE};
-  if (!ReplaceAtOnce(target, bytes.data(), kJumpSize)) {
-    if (ReplaceAtOnce(target, kJumpToItself, kHead)) {
-      memcpy(target + kHead, bytes.data() + kHead, kJumpSize - kHead);
-      (void)ReplaceAtOnce(target, bytes.data(), kHead);
-    } else {  // one byte before the end of a cache line: no single write covers even two bytes
-      memcpy(target, bytes.data(), kJumpSize);
-    }
+  if (LieIn(target, kJumpSize, kWord)) {
+    ReplaceAtOnce(target, bytes.data(), kJumpSize);
+  } else if (LieIn(target, kHead, kCacheLine)) {
+    ReplaceAtOnce(target, kJumpToItself, kHead);
+    Settle();
+    memcpy(target + kHead, bytes.data() + kHead, kJumpSize - kHead);
+    Settle();
+    ReplaceAtOnce(target, bytes.data(), kHead);
+  } else {  // an entry at the last byte of a cache line: no single write covers even two bytes
+    memcpy(target, bytes.data(), kJumpSize);
   }
   FlushInstructionCache(GetCurrentProcess(), target, kJumpSize);
 }

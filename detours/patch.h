@@ -27,9 +27,9 @@ class CodeUnlock {
   std::size_t count_ = 0;
 };
 
-// Replaces the first bytes of a function at once: a thread that enters meets the old or the new bytes. Where
-// the bytes straddle the boundary that the processor writes in one step, entering threads are held at the
-// entry by a jump to itself while the rest is exchanged.
+// Replaces the first bytes of a function so that a thread that enters meets the old or the new ones, never a
+// mix. Where they do not lie in one word that processors write and fetch as a whole, entering threads are
+// held at the entry by a jump to itself while the rest is exchanged.
 void ReplaceCode(std::uint8_t* target, const JumpBytes& bytes) noexcept;
 
 }  // namespace detours

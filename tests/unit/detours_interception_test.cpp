@@ -307,7 +307,7 @@ class Caller {
 // Where the entry lies within the pieces that processors write and fetch: inside a word, across two words of
 // one cache line, and across two cache lines.
 class CallersDuringAttach : public testing::TestWithParam<std::size_t> {};
-INSTANTIATE_TEST_SUITE_P(EntryOffset, CallersDuringAttach, testing::Values(0, 6, 61, 62));
+INSTANTIATE_TEST_SUITE_P(EntryOffset, CallersDuringAttach, testing::Values(0, 6, 15, 61, 62));
 
 TEST_P(CallersDuringAttach, AlwaysMeetTheOldOrTheNewFunction) {
   Code code;
@@ -351,9 +351,12 @@ TEST(Interception, AnEnlistedThreadInsideTheReplacedBytesGoesOnInTheTrampoline) 
   Byte* target = code.Put(0, {0x9C, 0x90, 0x90, 0x90, 0xFF, 0x05, 0xF6, 0x0F, 0, 0, 0x9D, 0xC3});
   auto* counter = reinterpret_cast<volatile LONG*>(code.data());
   std::atomic<bool> stop{false};
+  std::atomic<bool> spinning_now{false};
   std::thread spinner([&] {
+    spinning_now = true;
     while (!stop) YieldProcessor();
   });
+  while (!spinning_now) SwitchToThread();
   const HANDLE thread = reinterpret_cast<HANDLE>(pthread_gethandle(spinner.native_handle()));
   ASSERT_NE(SuspendThread(thread), static_cast<DWORD>(-1));
 
