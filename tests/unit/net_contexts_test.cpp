@@ -1,0 +1,115 @@
+// The list of overlapped receives in flight.
+#include "Net/net_mgr_contexts.h"
+
+#include <memory>
+#include <vector>
+
+#include "net_confinement.h"
+
+namespace VornCore::test {
+namespace {
+
+TEST(OverlappedContexts, ReleasedElementsAreUsedAgain) {
+  OverlappedContexts contexts;
+  std::vector<OVERLAPPED> overlapped(100);
+  for (int round = 0; round < 3; ++round) {
+    for (OVERLAPPED& o : overlapped) {
+      OverlappedContext* context = contexts.AcquireContext(&o, 7);
+      ASSERT_TRUE(context);
+      EXPECT_EQ(context->caller_source, nullptr) << "a context starts empty";
+      context->caller_source = reinterpret_cast<sockaddr*>(&o);
+    }
+    EXPECT_EQ(contexts.live_count(), 100);
+    EXPECT_EQ(contexts.element_count(), 100);
+    for (OVERLAPPED& o : overlapped)
+      EXPECT_EQ(contexts.FindContext(&o)->caller_source, reinterpret_cast<sockaddr*>(&o));
+    for (OVERLAPPED& o : overlapped) contexts.ReleaseContext(&o);
+    EXPECT_EQ(contexts.live_count(), 0);
+    EXPECT_EQ(contexts.FindContext(&overlapped[0]), nullptr);
+  }
+  EXPECT_EQ(contexts.AcquireContext(nullptr, 7), nullptr);
+  contexts.ReleaseContext(&overlapped[0]);
+}
+
+TEST(OverlappedContexts, ClosingASocketReleasesItsContextsAlone) {
+  OverlappedContexts contexts;
+  OVERLAPPED a{}, b{}, c{};
+  contexts.AcquireContext(&a, 1);
+  contexts.AcquireContext(&b, 2);
+  contexts.AcquireContext(&c, 1);
+  contexts.ReleaseSocketContexts(INVALID_SOCKET);
+  EXPECT_EQ(contexts.live_count(), 3);
+  contexts.ReleaseSocketContexts(1);
+  EXPECT_FALSE(contexts.FindContext(&a));
+  EXPECT_TRUE(contexts.FindContext(&b));
+  EXPECT_FALSE(contexts.FindContext(&c));
+}
+
+TEST(OverlappedContexts, AMessageIsHandedBackOnce) {
+  OverlappedContexts contexts;
+  OVERLAPPED overlapped{};
+  Address name{};
+  WSAMSG message{};
+  const auto start = [&] {
+    OverlappedContext* context = contexts.AcquireContext(&overlapped, 1);
+    context->caller_source = &name.any;
+    context->caller_name_length = 28;
+    context->caller_message = &message;
+    message.name = context->source.get();
+    message.namelen = 16;  // as Winsock leaves it
+    return context;
+  };
+  OverlappedContext* context = start();
+  HandBackMessage(context);
+  EXPECT_EQ(context->source_length, 16);
+  EXPECT_EQ(message.name, &name.any);
+  EXPECT_EQ(message.namelen, 28);
+  message.namelen = 5;
+  HandBackMessage(context);
+  contexts.ReleaseContext(&overlapped);
+  EXPECT_EQ(message.namelen, 5);
+
+  for (auto end : {+[](OverlappedContexts&c, OVERLAPPED*o) { c.ReleaseContext(o); },
+                   +[](OverlappedContexts&c, OVERLAPPED*) { c.ReleaseSocketContexts(1); },
+                   +[](OverlappedContexts&c, OVERLAPPED*o) { (void)c.AcquireContext(o, 1); },
+                   +[](OverlappedContexts&c, OVERLAPPED*) { c.HandBackMessages(); }}) {
+    start();
+    end(contexts, &overlapped);
+    EXPECT_EQ(message.name, &name.any);
+  }
+  context = start();
+  context->caller_message = reinterpret_cast<WSAMSG*>(16);  // freed by its owner
+  contexts.ReleaseContext(&overlapped);
+}
+
+TEST(OverlappedContexts, TheListHasAnEnd) {
+  OverlappedContexts contexts;
+  std::vector<OVERLAPPED> overlapped(OverlappedContexts::kMaxElements + 1);
+  for (std::int32_t i = 0; i < OverlappedContexts::kMaxElements; ++i)
+    ASSERT_TRUE(contexts.AcquireContext(&overlapped[static_cast<std::size_t>(i)], 1));
+  EXPECT_FALSE(contexts.AcquireContext(&overlapped.back(), 1));
+  EXPECT_TRUE(contexts.AcquireContext(&overlapped.front(), 1)) << "one that is in the list already";
+  contexts.ReleaseContext(&overlapped[5]);
+  EXPECT_TRUE(contexts.AcquireContext(&overlapped.back(), 1));
+}
+
+TEST(ReceiveBuffers, AreWipedAsTheyWereDescribed) {
+  for (const std::size_t count : {1u, 4u, 5u, 100u}) {
+    std::vector<std::string> data(count, "secret");
+    std::vector<WSABUF> description;
+    for (std::string& text : data) description.push_back({static_cast<ULONG>(text.size()), text.data()});
+    description.push_back({100, reinterpret_cast<char*>(16)});  // cannot be written
+    ReceiveBuffers buffers;
+    ASSERT_TRUE(buffers.Capture(description.data(), static_cast<std::uint32_t>(description.size())));
+    description.clear();
+    description.shrink_to_fit();
+    buffers.Wipe();
+    for (const std::string& text : data) EXPECT_EQ(text, std::string(6, '\0'));
+  }
+  ReceiveBuffers buffers;
+  EXPECT_FALSE(buffers.Capture(reinterpret_cast<WSABUF*>(16), 1));
+  buffers.Wipe();
+}
+
+}  // namespace
+}  // namespace VornCore::test

@@ -1,0 +1,174 @@
+// The rule model: verdicts, own servers, server sockets, and what a check costs in Winsock calls.
+#include "Net/socket_acl_model.h"
+
+#include <map>
+
+#include "net_confinement.h"
+
+namespace VornCore::test {
+namespace {
+
+using net_helper::SocketAddress;
+
+SocketAddress At(const Address& address) {
+  SocketAddress copy{};
+  memcpy(copy.bytes, &address, static_cast<std::size_t>(address.length()));
+  return copy;
+}
+
+// getsockname, stood in for: counts its calls and knows where each socket is bound.
+struct SocketNames {
+  static inline std::map<SOCKET, Address> bound;
+  static inline int calls;
+
+  SocketNames() : original(platform::Winsock().getsockname) {
+    bound.clear();
+    calls = 0;
+    platform::Winsock().getsockname = &Get;
+  }
+  ~SocketNames() { platform::Winsock().getsockname = original; }
+  static int WSAAPI Get(SOCKET s, sockaddr* name, int* length) {
+    ++calls;
+    const auto found = bound.find(s);
+    if (found == bound.end()) return -1;
+    memcpy(name, &found->second, static_cast<std::size_t>(found->second.length()));
+    *length = found->second.length();
+    return 0;
+  }
+  decltype(&::getsockname) original;
+};
+
+class SocketModel : public ::testing::Test {
+ protected:
+  void SetUp() override { Confinement::Get().SetRules({DefaultRule(0)}); }
+
+  std::uint32_t Check(const Address& to, std::uint32_t protocol, const wchar_t* domain = nullptr) {
+    return model.CheckSocketACL(domain, &to.any, static_cast<std::uint32_t>(to.length()), protocol);
+  }
+
+  SocketNames names;
+  SocketACLModel model;
+};
+
+TEST_F(SocketModel, RulesDecideByAddressThenNameThenDefault) {
+  Confinement::Get().SetRules(
+      {DomainRule(1, L"*.example.com", {443}), AddressRule(0, {127, 0, 0, 7}), DefaultRule(0)});
+  EXPECT_EQ(Check(Local(6, 443), kProtocolTcp, L"A.Example.COM"), 1u);
+  EXPECT_EQ(Check(Local(6, 80), kProtocolTcp, L"a.example.com"), 0u);
+  EXPECT_EQ(Check(Local(7, 443), kProtocolTcp, L"a.example.com"), 0u);
+  EXPECT_EQ(Check(Local(6, 443), kProtocolTcp, L"badexample.com"), 0u);
+  EXPECT_EQ(model.CheckSocketACL(L"a.example.com", nullptr, 0, kProtocolTcp),
+            0u);  // no port without an address
+  Confinement::Get().SetRules({AddressRule(0, {10, 0, 0, 1})});
+  EXPECT_EQ(Check(Local(1, 1), kProtocolTcp), 0u) << "rules without a match deny";
+}
+
+TEST_F(SocketModel, WithoutRulesOrWithTheCheckOffEverythingIsAllowed) {
+  Confinement::Get().SetRules({DefaultRule(0)}, 0x200);
+  EXPECT_EQ(Check(Local(1, 1), kProtocolTcp), 1u);
+  Confinement::Get().SetRules({});
+  EXPECT_EQ(Check(Local(1, 1), kProtocolTcp), 1u);
+}
+
+TEST_F(SocketModel, UnreadableDestinationsAreLeftToTheDefaultRule) {
+  Confinement::Get().SetRules({AddressRule(0, {127, 0, 0, 1}), DefaultRule(1)});
+  EXPECT_EQ(model.CheckSocketACL(nullptr, reinterpret_cast<const sockaddr*>(16), 16, kProtocolTcp), 1u);
+  Address odd = Local(1, 1);
+  odd.any.sa_family = 99;
+  EXPECT_EQ(Check(odd, kProtocolTcp), 1u);
+  EXPECT_EQ(Check(Local(1, 1), kProtocolTcp), 0u);
+}
+
+TEST_F(SocketModel, AnOwnServersExactAddressIsAllowed) {
+  model.AddSocket(kProtocolTcp, AF_INET, 10);
+  model.AddSocket(kProtocolUdp, AF_INET, 20);
+  model.SetBoundAddress(10, At(Local(1, 8080)));
+  EXPECT_EQ(Check(Local(1, 8080), kProtocolTcp), 1u);
+  EXPECT_EQ(Check(Local(1, 8080), kProtocolUdp), 0u);
+  EXPECT_EQ(Check(Local(1, 8081), kProtocolTcp), 0u);
+  EXPECT_EQ(Check(Local(2, 8080), kProtocolTcp), 0u);
+  model.SetBoundAddress(10, At(Local(0, 0)));  // not the any-address: bound nowhere
+  EXPECT_EQ(Check(Local(1, 8080), kProtocolTcp), 0u);
+  model.SetBoundAddress(10, At(Local(1, 8080)));
+  char roomy[200] = {};
+  const Address to = Local(1, 8080);
+  memcpy(roomy, &to, sizeof to.v4);
+  EXPECT_EQ(model.CheckSocketACL(nullptr, reinterpret_cast<sockaddr*>(roomy), 200, kProtocolTcp), 0u);
+  model.RemoveSocket(10);
+  EXPECT_EQ(Check(Local(1, 8080), kProtocolTcp), 0u);
+}
+
+TEST_F(SocketModel, ASocketThatASendBoundIsFoundAtTheNextCheck) {
+  model.AddSocket(kProtocolUdp, AF_INET, 10);
+  model.AddSendCount(10, 1);
+  EXPECT_EQ(Check(Local(9, 9), kProtocolUdp), 0u);  // the check of the send itself: not bound yet
+  SocketNames::bound[10] = Local(1, 5555);          // what the real send does
+  EXPECT_EQ(Check(Local(1, 5555), kProtocolUdp), 1u);
+}
+
+TEST_F(SocketModel, AChecksWinsockCallsDoNotGrowWithTheSockets) {
+  for (SOCKET s = 1; s <= 1000; ++s) {
+    model.AddSocket(kProtocolUdp, AF_INET, s);
+    model.SetBoundAddress(s, At(Local(1, static_cast<std::uint16_t>(s))));
+  }
+  (void)Check(Local(9, 9), kProtocolUdp);
+  SocketNames::calls = 0;
+  for (int i = 0; i < 100; ++i) (void)Check(Local(9, 9), kProtocolUdp);
+  EXPECT_EQ(SocketNames::calls, 0) << "no socket is unbound";
+
+  // Sockets that nobody uses are looked at when they are new, and then left alone.
+  for (SOCKET s = 2001; s <= 3000; ++s) model.AddSocket(kProtocolUdp, AF_INET, s);
+  (void)Check(Local(9, 9), kProtocolUdp);
+  (void)Check(Local(9, 9), kProtocolUdp);
+  SocketNames::calls = 0;
+  for (int i = 0; i < 100; ++i) (void)Check(Local(9, 9), kProtocolUdp);
+  EXPECT_EQ(SocketNames::calls, 0);
+  (void)Check(Local(9, 9), kProtocolTcp);
+  model.AddSendCount(2001, 1);
+  (void)Check(Local(9, 9), kProtocolTcp);
+  EXPECT_EQ(SocketNames::calls, 0) << "another protocol's sockets";
+  (void)Check(Local(9, 9), kProtocolUdp);
+  EXPECT_EQ(SocketNames::calls, 1);
+}
+
+TEST_F(SocketModel, ABoundSocketThatNeverSentBecomesAServerOnItsFirstReceive) {
+  model.AddSocket(kProtocolUdp, AF_INET, 10);
+  EXPECT_FALSE(model.QuerySocket(10, true).is_server) << "not bound to a port";
+  model.SetBoundAddress(10, At(Local(1, 53)));
+  EXPECT_FALSE(model.QuerySocket(10, false).is_server);
+  EXPECT_TRUE(model.QuerySocket(10, true).is_server);
+  EXPECT_TRUE(model.QuerySocket(10, false).is_server);
+  model.SetBoundAddress(10, At(Local(1, 53)));
+  EXPECT_TRUE(model.QuerySocket(10, false).is_server) << "the same address";
+  model.SetBoundAddress(10, At(Local(1, 54)));
+  EXPECT_FALSE(model.QuerySocket(10, false).is_server);
+
+  model.AddSocket(kProtocolUdp, AF_INET, 20);
+  model.SetBoundAddress(20, At(Local(1, 55)));
+  model.AddSendCount(20, 1);
+  EXPECT_FALSE(model.QuerySocket(20, true).is_server) << "it sent first";
+}
+
+TEST_F(SocketModel, UnknownSocketsAndQueues) {
+  const SocketRecord unknown = model.QuerySocket(99, true);
+  EXPECT_FALSE(unknown.known());
+  EXPECT_EQ(unknown.protocol, 0u);
+  model.AddSendCount(99, 1);
+  model.SetBoundAddress(99, At(Local(1, 1)));
+  model.SetRequestQueue(99, 5);
+  model.RemoveSocket(99);
+  EXPECT_EQ(model.FindSocketByRequestQueue(5), INVALID_SOCKET);
+
+  // The first record in the list answers, whenever its queue was set.
+  for (SOCKET s : {10, 20, 30}) model.AddSocket(kProtocolUdp, AF_INET, s);
+  model.SetRequestQueue(30, 5);
+  model.SetRequestQueue(20, 5);
+  EXPECT_EQ(model.FindSocketByRequestQueue(5), 20u);
+  model.RemoveSocket(20);
+  EXPECT_EQ(model.FindSocketByRequestQueue(5), 30u);
+  model.AddRioSendCount(30, 2);
+  EXPECT_EQ(model.QuerySocket(30, false).rio_send_count, 2u);
+}
+
+}  // namespace
+}  // namespace VornCore::test
