@@ -12,7 +12,7 @@ function attempt(folder, what, action) {
   try {
     outcome = action() || "done";
   } catch (e) {
-    outcome = "refused (" + e.description.replace(/[\r\n]+$/, "") + ")";
+    outcome = "refused";
   }
   WScript.Echo("  " + (folder + "          ").substr(0, 11) + (what + "          ").substr(0, 11) + outcome);
 }

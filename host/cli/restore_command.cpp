@@ -51,7 +51,8 @@ int ListRuns() {
   const std::vector<std::string> runs = host::RunJournal::List();
   if (runs.empty()) PrintLine("no run has moved anything to the recycle bin");
   for (const std::string& run : runs)
-    PrintLine(fmt::format("{}  {} deleted", run, host::RunJournal::Read(run).value_or({}).size()));
+    PrintLine(fmt::format("{}  {} deleted", run,
+                          host::RunJournal::Read(run).value_or(std::vector<host::RecycleEntry>()).size()));
   return kExitOk;
 }
 

@@ -112,24 +112,24 @@ DestinationDecision CompiledPolicy::DecideDestination(const PolicyNetRule& desti
   address.port = destination.ports.empty() ? 0 : destination.ports.front();
   address = policy::UnwrapMappedIPv4(address);
   const std::wstring domain = ToWide(destination.domain);
+  const std::u16string_view name = policy::U16(std::wstring_view(domain));
   const policy::SectionView section(section_);
-  DestinationDecision decision;
-  if (destination.address.empty()) {
-    // No address rule matches; the port still counts for the name.
-    const policy::DomainRuleMatch match =
-        policy::MatchDomainRules(section, policy::U16(std::wstring_view(domain)), address.port);
-    if (match.decided) {
-      decision.decider = policy::NetDecider::kDomainRule;
-      decision.rule = &document_.network[match.rule_index];
-      decision.allow = match.verdict == policy::kVerdictAllow;
-      return decision;
-    }
+  policy::NetDecision kernel =
+      policy::DecideDestination(section, name, destination.address.empty() ? nullptr : &address);
+  if (destination.address.empty() && kernel.decider != policy::NetDecider::kNoRules &&
+      kernel.decider != policy::NetDecider::kCheckOff) {
+    // A name alone: no address rule covers it, but its port counts.
+    if (const policy::DomainRuleMatch match = policy::MatchDomainRules(section, name, address.port);
+        match.decided)
+      kernel = {match.verdict, policy::NetDecider::kDomainRule, match.rule_index};
+    else
+      kernel = policy::DecideDestination(section, {}, nullptr);
   }
-  const policy::NetDecision whole =
-      policy::DecideDestination(section, {}, destination.address.empty() ? nullptr : &address);
-  decision.decider = whole.decider;
-  decision.allow = whole.verdict == policy::kVerdictAllow;
-  if (whole.decider == policy::NetDecider::kAddressRule) decision.rule = &document_.network[whole.rule_index];
+  DestinationDecision decision;
+  decision.allow = kernel.verdict == policy::kVerdictAllow;
+  decision.decider = kernel.decider;
+  if (kernel.decider == policy::NetDecider::kAddressRule || kernel.decider == policy::NetDecider::kDomainRule)
+    decision.rule = &document_.network[kernel.rule_index];
   return decision;
 }
 

@@ -1,0 +1,46 @@
+// The processes of a run, as the library's messages tell them: who started whom, and who runs without the
+// library.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace vorn::cli {
+
+struct ProcessNode {
+  ProcessNode(std::uint32_t process, std::uint32_t started_by) : pid(process), parent(started_by) {}
+
+  std::uint32_t pid;
+  std::uint32_t parent;
+  std::string name;        // base name of the image, UTF-8
+  bool confined = false;   // it introduced itself: the library runs in it
+  bool failed = false;     // its parent could not give it the library
+  std::uint32_t code = 0;  // Win32 error of that failure, or exit code
+  bool exited_at_once = false;
+};
+
+class ProcessTree {
+ public:
+  // The process introduced itself.
+  void Started(std::uint32_t pid, std::uint32_t parent, std::string name);
+  // What its parent reports: injected, not injected (error), or exited at once (exit code).
+  void Injected(std::uint32_t parent, std::uint32_t pid, std::string name);
+  void NotInjected(std::uint32_t parent, std::uint32_t pid, std::string name, std::uint32_t error);
+  void ExitedAtOnce(std::uint32_t parent, std::uint32_t pid, std::uint32_t exit_code);
+
+  std::size_t size() const { return nodes_.size(); }
+  std::size_t unconfined() const;
+  const ProcessNode* Find(std::uint32_t pid) const;
+  // One line per process, children indented below their parent, in the order of their start.
+  std::vector<std::string> Lines() const;
+
+ private:
+  ProcessNode& Node(std::uint32_t pid, std::uint32_t parent);
+  void AddLines(std::uint32_t parent, std::size_t depth, std::vector<std::string>& lines) const;
+
+  std::vector<ProcessNode> nodes_;
+};
+
+}  // namespace vorn::cli

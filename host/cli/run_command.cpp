@@ -1,0 +1,103 @@
+#include <windows.h>
+
+#include <fmt/format.h>
+
+#include <atomic>
+#include <filesystem>
+#include <system_error>
+
+#include "commands.h"
+#include "run_report.h"
+#include "vorn/launcher.h"
+#include "vorn/message_server.h"
+#include "vorn/text.h"
+
+namespace vorn::cli {
+namespace {
+
+constexpr std::chrono::seconds kLastMessages{5};
+constexpr std::chrono::hours kNoLimit{24 * 365};
+constexpr std::uint32_t kExitByControlC = 0xC000013A;  // what the system gives a program that Ctrl-C ends
+
+host::Launcher* g_launcher;  // of the run, for the console handler's thread
+std::atomic<bool> g_interrupted;
+
+BOOL WINAPI OnConsoleControl(DWORD) {
+  g_interrupted = true;
+  if (g_launcher) g_launcher->TerminateAll(kExitByControlC);
+  return TRUE;
+}
+
+std::wstring OwnFolder() {
+  std::wstring path(32768, L'\0');
+  path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+  return std::filesystem::path(path).parent_path().wstring();
+}
+
+// The directory of the policy, or the default; made when missing.
+std::wstring Directory(const std::string& from_policy, const wchar_t* name) {
+  std::filesystem::path path(host::ToWide(from_policy));
+  if (path.empty()) {
+    std::wstring base(32767, L'\0');
+    base.resize(GetEnvironmentVariableW(L"LOCALAPPDATA", base.data(), static_cast<DWORD>(base.size())));
+    path = std::filesystem::path(base) / L"Vorn" / name;
+  }
+  std::filesystem::create_directories(path);
+  return path.wstring();
+}
+
+}  // namespace
+
+int Run(const RunArguments& arguments) {
+  const auto policy = LoadPolicy(arguments.policy_file);
+  if (!policy) return kExitCannotRun;
+  try {
+    host::RunJournal journal(host::RunJournal::NewRunName());
+    RunReport report(*policy, journal, arguments.quiet);
+    if (!arguments.events_file.empty() && !report.WriteEventsTo(arguments.events_file)) {
+      PrintErrorLine(fmt::format("vorn: cannot write the events file \"{}\"", arguments.events_file));
+      return kExitCannotRun;
+    }
+    host::MessageServer server(
+        host::RandomName(L"vorn"),
+        {.on_message = [&](const host::Peer& peer,
+                           std::span<const std::byte> message) { report.OnMessage(peer.pid, message); },
+         .on_connect = {},
+         .on_disconnect = {},
+         .on_error = [&](const std::string& text) { report.OnTransportError(text); }});
+    host::SectionContents contents;
+    policy->FillIn(contents);
+    contents.UseLibrariesIn(OwnFolder());
+    contents.server_port = server.port_name();
+    contents.log_directory = Directory(policy->document().log_directory, L"logs");
+    contents.dump_directory = Directory(policy->document().dump_directory, L"dumps");
+    const host::SharedSection section(contents);
+    host::Launcher launcher(section);
+    g_launcher = &launcher;
+    SetConsoleCtrlHandler(OnConsoleControl, TRUE);
+
+    host::LaunchOptions options;
+    options.command_line = arguments.program_command_line;
+    auto started = launcher.Start(options);
+    if (auto* failure = std::get_if<host::LaunchFailure>(&started)) {
+      server.WaitUntilIdle(kLastMessages);
+      PrintErrorLine("vorn: not run: " + failure->text);
+      const bool not_found = failure->stage == host::LaunchStage::kCreate &&
+                             (failure->code == ERROR_FILE_NOT_FOUND || failure->code == ERROR_PATH_NOT_FOUND);
+      return not_found ? kExitNotFound : kExitCannotRun;
+    }
+    const std::uint32_t exit_code = *std::get<host::ConfinedProcess>(started).Wait();
+    // What the program left running goes on under the run's eyes. Processes without the library do not hold the
+    // run: they end with the launcher.
+    server.WaitUntilIdle(kNoLimit);
+    server.Stop();
+    report.PrintSummary(g_interrupted ? "ended by Ctrl-C" : fmt::format("exit code {}", exit_code));
+    g_launcher = nullptr;
+    return static_cast<int>(exit_code);
+  } catch (const std::exception& error) {
+    PrintErrorLine(fmt::format("vorn: not run: {}", error.what()));
+    return kExitCannotRun;
+  }
+}
+
+}  // namespace vorn::cli

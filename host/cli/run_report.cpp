@@ -1,0 +1,144 @@
+#include "run_report.h"
+
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <system_error>
+
+#include "Policy/message.h"
+#include "commands.h"
+#include "vorn/event.h"
+#include "vorn/text.h"
+
+namespace vorn::cli {
+namespace {
+
+bool Is(std::uint32_t operation, policy::AuditType type) {
+  return operation == static_cast<std::uint32_t>(type);
+}
+
+}  // namespace
+
+RunReport::RunReport(const host::CompiledPolicy& policy, host::RunJournal& journal, bool quiet)
+    : policy_(policy), journal_(journal), quiet_(quiet) {}
+
+bool RunReport::WriteEventsTo(const std::string& file) {
+  events_.open(std::filesystem::path(host::ToWide(file)), std::ios::binary | std::ios::trunc);
+  return events_.is_open();
+}
+
+void RunReport::OnMessage(std::uint32_t pid, std::span<const std::byte> message) {
+  const host::Event event = host::DecodeEvent(message, pid);
+  if (events_.is_open()) events_ << host::EventJson(event) << '\n' << std::flush;
+  std::visit([&](const auto& body) { On(event, body); }, event.body);
+}
+
+void RunReport::OnTransportError(const std::string& text) {
+  if (!quiet_) PrintErrorLine("vorn: channel: " + text);
+}
+
+void RunReport::On(const host::Event& event, const host::ProcessStartEvent& start) {
+  processes_.Started(event.pid, start.parent_pid, start.image);
+  Show(event);
+}
+
+void RunReport::On(const host::Event& event, const host::ChildEvent& child) {
+  switch (child.outcome) {
+    case host::ChildOutcome::kConfined:
+      processes_.Injected(event.pid, child.child_pid, child.image);
+      return;  // the child introduces itself
+    case host::ChildOutcome::kNotConfined:
+      processes_.NotInjected(event.pid, child.child_pid, child.image, child.code);
+      break;
+    case host::ChildOutcome::kExitedImmediately:
+      processes_.ExitedAtOnce(event.pid, child.child_pid, child.code);
+      break;
+  }
+  Show(event);
+}
+
+void RunReport::On(const host::Event& event, const host::CrashEvent&) { Show(event); }
+
+void RunReport::On(const host::Event& event, const host::FileEvent& file) {
+  if (file.error == 0) {
+    if (Is(file.operation, policy::AuditType::kDeleteToRecycle) &&
+        !journal_.Add({host::ToWide(file.path), event.time_ms, event.pid}))
+      PrintErrorLine("vorn: the run's journal cannot be written: vorn restore will not know " +
+                     host::Printable(file.path));
+    return Show(event);
+  }
+  // A rename is refused for its target when its source may be written.
+  const bool by_target =
+      !file.destination.empty() && file.access == static_cast<std::uint32_t>(policy::FileACL::kReadWrite);
+  const std::string rule = FileRuleText(by_target ? file.destination : file.path);
+  Refused(file.operation, rule);
+  Show(event, rule);
+}
+
+void RunReport::On(const host::Event& event, const host::NetEvent& net) {
+  const std::string rule = NetRuleText(net);
+  if (net.verdict == policy::kVerdictAllow)
+    ++connections_;
+  else
+    Refused(net.operation, rule);
+  Show(event, rule);
+}
+
+void RunReport::On(const host::Event& event, const host::MalformedEvent&) {
+  ++malformed_;
+  Show(event);
+}
+
+void RunReport::Refused(std::uint32_t operation, const std::string& rule) {
+  ++refused_;
+  ++refusals_[fmt::format("{:<8}{}", policy::AuditTypeName(operation), rule)];
+}
+
+std::string RunReport::FileRuleText(const std::string& path) {
+  if (const auto known = rule_of_path_.find(path); known != rule_of_path_.end()) return known->second;
+  std::string text;
+  try {
+    text = host::CompiledPolicy::Describe(policy_.DecidePath(host::ToWide(path)));
+  } catch (const std::system_error&) {
+    text = "a path without a drive";
+  }
+  constexpr std::size_t kRemembered = 10'000;
+  if (rule_of_path_.size() >= kRemembered) rule_of_path_.clear();
+  return rule_of_path_[path] = text;
+}
+
+std::string RunReport::NetRuleText(const host::NetEvent& net) const {
+  const bool v6 = net.address.find(':') != std::string::npos;
+  std::string text = v6 ? "[" + net.address + "]" : net.address;
+  if (net.port != 0) text += fmt::format(":{}", net.port);
+  auto parsed = host::ParseDestination(text);
+  auto* destination = std::get_if<host::PolicyNetRule>(&parsed);
+  if (!destination) return "no address";
+  destination->domain = net.domain;
+  return policy_.Describe(policy_.DecideDestination(*destination));
+}
+
+void RunReport::Show(const host::Event& event, const std::string& rule) const {
+  if (quiet_) return;
+  std::string line = "vorn: " + host::EventLine(event, host::Win32ErrorText);
+  if (!rule.empty()) line += "  <- " + rule;
+  PrintErrorLine(line);
+}
+
+void RunReport::PrintSummary(const std::string& end) const {
+  PrintErrorLine(fmt::format("vorn: ---- {} ----", end));
+  PrintErrorLine(
+      fmt::format("vorn: {} process{}{}", processes_.size(), processes_.size() == 1 ? "" : "es",
+                  processes_.unconfined() ? fmt::format(", {} NOT CONFINED", processes_.unconfined()) : ""));
+  for (const std::string& line : processes_.Lines()) PrintErrorLine("vorn:   " + line);
+  PrintErrorLine(fmt::format("vorn: {} refused{}", refused_, refused_ ? ":" : ""));
+  for (const auto& [what, count] : refusals_) PrintErrorLine(fmt::format("vorn:   {:>5} x {}", count, what));
+  if (policy_.document().has_network)
+    PrintErrorLine(fmt::format("vorn: {} connections allowed", connections_));
+  if (journal_.count() != 0)
+    PrintErrorLine(fmt::format("vorn: {} moved to the recycle bin; put back with: vorn restore {}",
+                               journal_.count(), journal_.run()));
+  if (malformed_) PrintErrorLine(fmt::format("vorn: {} malformed messages", malformed_));
+}
+
+}  // namespace vorn::cli

@@ -1,0 +1,59 @@
+// What a run shows: a line per event while it runs, and a summary at its end. Handlers of the message server
+// call it one at a time; the summary is asked for when the server is idle.
+#pragma once
+
+#include <cstdint>
+#include <fstream>
+#include <map>
+#include <span>
+#include <string>
+#include <unordered_map>
+
+#include "process_tree.h"
+#include "vorn/compiled_policy.h"
+#include "vorn/event.h"
+#include "vorn/run_journal.h"
+
+namespace vorn::cli {
+
+class RunReport {
+ public:
+  RunReport(const host::CompiledPolicy& policy, host::RunJournal& journal, bool quiet);
+
+  // False when the events file cannot be written.
+  bool WriteEventsTo(const std::string& file);
+
+  // pid: of the peer that sent it.
+  void OnMessage(std::uint32_t pid, std::span<const std::byte> message);
+  void OnTransportError(const std::string& text);
+  // end: "exit code 7", "ended by Ctrl-C", …
+  void PrintSummary(const std::string& end) const;
+
+ private:
+  void On(const host::Event& event, const host::ProcessStartEvent& start);
+  void On(const host::Event& event, const host::ChildEvent& child);
+  void On(const host::Event& event, const host::CrashEvent& crash);
+  void On(const host::Event& event, const host::FileEvent& file);
+  void On(const host::Event& event, const host::NetEvent& net);
+  void On(const host::Event& event, const host::MalformedEvent& malformed);
+  void On(const host::Event&, const host::SampleEvent&) {}
+
+  std::string FileRuleText(const std::string& path);
+  std::string NetRuleText(const host::NetEvent& net) const;
+  void Refused(std::uint32_t operation, const std::string& rule);
+  // The event's line, with the rule that decided it.
+  void Show(const host::Event& event, const std::string& rule = {}) const;
+
+  const host::CompiledPolicy& policy_;
+  host::RunJournal& journal_;
+  const bool quiet_;
+  std::ofstream events_;
+  ProcessTree processes_;
+  std::unordered_map<std::string, std::string> rule_of_path_;
+  std::map<std::string, std::size_t> refusals_;  // by operation and rule
+  std::size_t refused_ = 0;
+  std::size_t connections_ = 0;
+  std::size_t malformed_ = 0;
+};
+
+}  // namespace vorn::cli
