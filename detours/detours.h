@@ -26,19 +26,27 @@ extern "C" {
 LONG WINAPI DetourTransactionBegin();
 
 // Enlists a thread: it is suspended until the transaction ends, and if it stands inside code that the commit
-// changes, its instruction pointer is moved along. The calling thread is accepted and left running.
+// changes, its instruction pointer is moved along. The calling thread is accepted and left running. The
+// handle needs the rights to suspend, query, get and set the context, and stays open until the transaction
+// ends. Without this, a thread that enters a function while it is patched still meets the old or the new
+// entry, but one that was stopped between its first instructions is lost. Any error also fails the commit.
 LONG WINAPI DetourUpdateThread(HANDLE thread);
 
 // Adds an attach. *pointer: in, the target's address; from the commit on, the trampoline. Import stubs and
-// hot-patch entries are followed to the code behind them. An error (ERROR_INVALID_BLOCK: too short to patch,
-// or code that cannot be moved; ERROR_INVALID_HANDLE: no code there; ERROR_NOT_ENOUGH_MEMORY: no room nearby;
-// ERROR_INVALID_PARAMETER; ERROR_INVALID_OPERATION: no transaction of this thread) also fails the commit.
+// hot-patch entries are followed to the code behind them; what somebody else patched is patched again on top.
+// An error (ERROR_INVALID_BLOCK: too short to patch, or code that cannot be moved; ERROR_INVALID_HANDLE: no
+// code there; ERROR_NOT_ENOUGH_MEMORY: no room nearby; ERROR_INVALID_PARAMETER; ERROR_INVALID_OPERATION: no
+// transaction of this thread) also fails the commit.
 LONG WINAPI DetourAttach(PVOID* pointer, PVOID detour);
 
-// Adds a detach. *pointer: in, the trampoline; from the commit on, the target's address again.
+// Adds a detach. *pointer: in, the trampoline; from the commit on, the address that the attach was given. An
+// error (ERROR_INVALID_PARAMETER: not attached with this detour; ERROR_INVALID_BLOCK: somebody patched the
+// function since, and would be cut off; ERROR_INVALID_HANDLE: the function's module is gone) also fails the
+// commit.
 LONG WINAPI DetourDetach(PVOID* pointer, PVOID detour);
 
-// Carries out everything, or nothing when any earlier call of the transaction failed (then that error).
+// Carries out everything, or nothing when any earlier call of the transaction failed (then the first error)
+// or when pages cannot be made writable or executable (then the system's error).
 LONG WINAPI DetourTransactionCommit();
 
 // Drops everything that was added. ERROR_INVALID_OPERATION without a transaction of this thread.

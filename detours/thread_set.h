@@ -3,8 +3,9 @@
 
 #include <windows.h>
 
+#include <cstdint>
+
 #include "detours/page_array.h"
-#include "detours/trampoline.h"
 
 namespace detours {
 
@@ -14,13 +15,32 @@ class ThreadSet {
   // the caller's and must stay open until Resume.
   [[nodiscard]] LONG Suspend(HANDLE thread) noexcept;
 
-  // Moves the instruction pointers that stand between the first instructions of a function that is about to
-  // be patched to the same place in its trampoline. Win32 error code.
-  [[nodiscard]] LONG MoveOut(const Trampoline& trampoline) noexcept;
+  // Asks for every thread where it shall go on: place_of(instruction pointer) is an address, or 0 to stay.
+  // Win32 error code; threads may have been moved before one fails.
+  template <class PlaceOf>
+  [[nodiscard]] LONG Move(PlaceOf place_of) noexcept {
+    for (HANDLE thread : threads_) {
+      CONTEXT context{};
+      context.ContextFlags = CONTEXT_CONTROL;
+      // Also waits until the thread stands still: suspending only asks it to.
+      if (!GetThreadContext(thread, &context)) return static_cast<LONG>(GetLastError());
+      const std::uintptr_t place = place_of(context.*kInstructionPointer);
+      if (place == 0) continue;
+      context.*kInstructionPointer = place;
+      if (!SetThreadContext(thread, &context)) return static_cast<LONG>(GetLastError());
+    }
+    return NO_ERROR;
+  }
 
   void Resume() noexcept;
 
  private:
+#ifdef _WIN64
+  static constexpr auto kInstructionPointer = &CONTEXT::Rip;
+#else
+  static constexpr auto kInstructionPointer = &CONTEXT::Eip;
+#endif
+
   PageArray<HANDLE> threads_;
 };
 

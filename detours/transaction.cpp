@@ -244,15 +244,26 @@ class Transaction {
       LockCode(i);
       return error;
     }
-    for (const Operation& operation : operations_) {
-      if (operation.kind == Operation::Kind::kDetach) continue;
-      const LONG error = threads_.MoveOut(*operation.trampoline);
-      if (error == NO_ERROR) continue;
+    const LONG error = threads_.Move([this](std::uintptr_t address) { return PlaceInTrampoline(address); });
+    if (error != NO_ERROR) {
       threads_moved_ = true;
       LockCode(operations_.size());
-      return error;
     }
-    return NO_ERROR;
+    return error;
+  }
+
+  // Where a thread goes on that stands between the first instructions of a function about to be patched; 0
+  // for any other. At the entry itself it may as well meet the jump.
+  std::uintptr_t PlaceInTrampoline(std::uintptr_t address) noexcept {
+    for (const Operation& operation : operations_) {
+      if (operation.kind == Operation::Kind::kDetach) continue;
+      const Trampoline& trampoline = *operation.trampoline;
+      for (std::size_t i = 1; i < trampoline.instructions; ++i) {
+        if (AddressOf(trampoline.target + trampoline.from[i]) != address) continue;
+        return reinterpret_cast<std::uintptr_t>(trampoline.code + trampoline.to[i]);
+      }
+    }
+    return 0;
   }
 
   void CarryOut() noexcept {

@@ -42,6 +42,12 @@ class Code {
     return base_ + offset;
   }
 
+  void Put(std::size_t offset, void* address) {
+    Byte b[sizeof(address)];
+    memcpy(b, &address, sizeof(b));
+    Put(offset, {b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7]});
+  }
+
   Byte* data() { return base_ + kPage; }
   bool ok() const { return base_ != nullptr; }
 
@@ -214,6 +220,15 @@ TEST(Interception, AFunctionThatSomebodyElsePatchedKeepsTheirPatchBelowOurs) {
   EXPECT_EQ(Bytes(their_detour), their_code);
   ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
   EXPECT_EQ(Bytes(target), before);
+
+  // The same with an address behind the jump: jmp [rip+0]; address. That is no import stub to follow.
+  code.Put(0, {0xFF, 0x25, 0, 0, 0, 0});
+  code.Put(6, their_detour);
+  real = target;
+  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(Call(target), 109);
+  EXPECT_EQ(Bytes(their_detour), their_code);
+  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
 
   // And the other way round: what lies over ours is not taken away.
   code.Put(0, {RETURNS(7)});
