@@ -19,7 +19,6 @@ namespace {
 using vorn::policy::ACLName;
 using vorn::policy::FileRuleMatch;
 using vorn::policy::U16;
-using vorn::policy::W;
 
 void LogInvalidRule(std::wstring_view path, const FileRuleMatch& match) {
   if (match.found && match.invalid_access)

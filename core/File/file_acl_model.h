@@ -23,7 +23,7 @@ class FileACLModel {
   bool Init() noexcept;  // logs the rules; always true
   void UnInit() noexcept {}
 
-  // Uses a scratch level of its own; may open files. Marks the thread's bInCreateFile while it does.
+  // Uses a scratch level of its own and may open files, past the library's own handlers.
   FileDecision DecideFileACL(std::wstring_view path) const noexcept;
 
   // The rule of exactly the first units of path; false when there is none.

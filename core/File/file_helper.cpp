@@ -29,7 +29,8 @@ using vorn::policy::U16;
 constexpr std::size_t kDriveUnits = 6;  // \??\C:
 constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
-std::wstring_view temp_directory;  // with a trailing backslash; its text is never freed
+const wchar_t* temp_nt_path;       // with a trailing backslash; never freed
+std::wstring_view temp_directory;  // the same, counted
 
 // format takes the path as its only argument.
 void LogPath(const char* format, std::wstring_view path) {
@@ -40,10 +41,13 @@ void LogPath(const char* format, std::wstring_view path) {
 
 // The object name of root in slot 0, with room for extra more units. The text begins at *text.
 NTSTATUS RootPath(HANDLE root, std::size_t extra, wchar_t** text, std::size_t* units) {
+  ThreadState* state = GetThreadState();
+  if (!state) return STATUS_NO_MEMORY;
   ULONG bytes = 4096;
   NTSTATUS status;
   for (int attempt = 0;; ++attempt) {
-    wchar_t* buffer = ScratchPath(0, bytes / sizeof(wchar_t) + 1 + extra);
+    auto* buffer = static_cast<wchar_t*>(
+        GetScratchBuffer(state, 0, static_cast<std::uint32_t>(bytes + (extra + 1) * sizeof(wchar_t))));
     if (!buffer) return STATUS_NO_MEMORY;
     status = GetObjectName(root, buffer, &bytes);
     if (nt::Success(status)) {
@@ -164,10 +168,10 @@ void InitTempPath() {
     temp[units + 1] = 0;
   }
   VORN_LOG_N("InitTempPath 1 %s", OrNull(WideToAnsi(temp)));
-  const wchar_t* path = DosPathToNtPath(temp).release();
-  if (!path) return;
-  temp_directory = path;
-  VORN_LOG_N("InitTempPath 2 %s", OrNull(WideToAnsi(path)));
+  temp_nt_path = DosPathToNtPath(temp).release();
+  if (!temp_nt_path) return;
+  temp_directory = temp_nt_path;
+  VORN_LOG_N("InitTempPath 2 %s", OrNull(WideToAnsi(temp_nt_path)));
 }
 
 }  // namespace
@@ -201,6 +205,7 @@ NTSTATUS GetPath(HANDLE root, const UNICODE_STRING* name, std::wstring_view* pat
   }
   if (!nt::Success(status)) return status;
 
+  if (units > kMaxPathUnits) return STATUS_NAME_TOO_LONG;
   units = vorn::policy::CollapseBackslashes({vorn::policy::U16(text), units});
   text[units] = 0;
   const std::wstring_view result(text, units);

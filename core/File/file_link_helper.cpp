@@ -34,10 +34,9 @@ bool IsDavFile(HANDLE file) {
 
 FileLinkHelper::~FileLinkHelper() {
   Close();
-  while (ListNode* first = FirstNode(names_)) {
-    auto* link = static_cast<LinkNode*>(first);
-    Remove(names_, link);
-    delete link;
+  for (ListNode *node = FirstNode(names_), *next; node; node = next) {
+    next = NextNode(node);
+    delete static_cast<LinkNode*>(node);
   }
 }
 
@@ -95,7 +94,7 @@ std::uint32_t FileLinkHelper::LinkCount() noexcept {
   FILE_STANDARD_INFO info;
   if (!file_ || !platform::Native().GetFileInformationByHandleEx(file_, FileStandardInfo, &info, sizeof info))
     return 1;
-  return info.NumberOfLinks;
+  return info.Directory ? 1 : info.NumberOfLinks;
 }
 
 void FileLinkHelper::Close() noexcept {

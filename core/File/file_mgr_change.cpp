@@ -176,28 +176,33 @@ NTSTATUS CFileMgr::NtDeleteFile(POBJECT_ATTRIBUTES ObjectAttributes, bool* bPass
 
 NTSTATUS CFileMgr::NtClose(HANDLE Handle, bool*) {
   // A thread without a state keeps none: handles are closed after the library has seen the thread's end, too.
-  const HookDepthGuard depth(HasThreadState() ? GetThreadState() : nullptr);
-  return CloseFileHandle(Handle);
+  ThreadState* state = HasThreadState() ? GetThreadState() : nullptr;
+  NTSTATUS status = STATUS_SUCCESS;
+  CountedHandler(state, [&] { status = CloseFileHandle(Handle); });
+  return status;
 }
 
 // The lock is held from taking the record to the real close, so that a value which another thread gets again
 // meets no old record; the deferred deletion runs after it.
 NTSTATUS CFileMgr::CloseFileHandle(HANDLE handle) noexcept {
-  HandleRecordPtr record;
-  NTSTATUS status;
+  FileHandleRecord* taken = nullptr;
+  NTSTATUS status = STATUS_INVALID_HANDLE;
   close_lock_.Enter();
   platform::WithFinally(
       [&] {
-        if (IsRealHandle(handle)) record = model_.handles().Take(handle);
+        if (IsRealHandle(handle)) taken = model_.handles().Take(handle).release();
         status = Ntdll::CallOriginalNtClose(handle);
       },
-      [&] { close_lock_.Leave(); });
-  if (!record) return status;
-  if (!nt::Success(status)) {
-    model_.handles().Add(std::move(record));
-    return status;
-  }
-  return record->delete_flags ? DeleteFileToRecycleBin(record->path, record->own_access) : status;
+      [&] {
+        // A close that fails, or raises, leaves the handle open.
+        if (taken && !nt::Success(status)) {
+          model_.handles().Add(HandleRecordPtr(taken));
+          taken = nullptr;
+        }
+        close_lock_.Leave();
+      });
+  const HandleRecordPtr record(taken);
+  return record && record->delete_flags ? DeleteFileToRecycleBin(record->path, record->own_access) : status;
 }
 
 NTSTATUS CFileMgr::DeleteFileToRecycleBin(std::wstring_view path, FileACL own_access) noexcept {
@@ -251,18 +256,12 @@ BOOL CFileMgr::MoveFileWithProgressTransactedW(LPCWSTR lpExistingFileName, LPCWS
   // Neither a move at the next start nor a second name of the file would pass the handlers above.
   const DWORD flags =
       (dwFlags & ~(MOVEFILE_DELAY_UNTIL_REBOOT | MOVEFILE_CREATE_HARDLINK)) | MOVEFILE_COPY_ALLOWED;
-  ThreadState* state = GetThreadState();
   BOOL moved = FALSE;
-  if (state) ++state->hookDepth;
   // The program's progress routine may leave with an exception.
-  platform::WithFinally(
-      [&] {
-        moved = KernelBase::CallOriginalMoveFileWithProgressTransactedW(
-            lpExistingFileName, lpNewFileName, lpProgressRoutine, lpData, flags, hTransaction);
-      },
-      [&] {
-        if (state) --state->hookDepth;
-      });
+  CountedHandler(GetThreadState(), [&] {
+    moved = KernelBase::CallOriginalMoveFileWithProgressTransactedW(
+        lpExistingFileName, lpNewFileName, lpProgressRoutine, lpData, flags, hTransaction);
+  });
   return moved;
 }
 

@@ -296,7 +296,7 @@ void CFileMgr::OpenRecorded(OpenCall& call) noexcept {
   call.given.options &= ~FILE_DELETE_ON_CLOSE;
   call.CallOnPath(kStepOpened);
   if (!nt::Success(call.status) || !call.handle) return;
-  const HANDLE handle = *call.handle;
+  HANDLE handle = *call.handle;
   if (!handle || handle == INVALID_HANDLE_VALUE) return;
   model_.handles().Add(MakeHandleRecord({.handle = handle,
                                          .delete_flags = delete_on_close ? kDeleteOnClose : 0,

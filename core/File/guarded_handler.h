@@ -1,5 +1,5 @@
-// Runs the part of a handler that reads memory of the caller. When that faults, the thread's state is what it
-// was before: nesting counters and flags that the interrupted frames had changed are put back.
+// How handlers survive processor exceptions. Destructors of the frames that an exception passes do not run,
+// so what a handler changes in its thread's state is put back here.
 #pragma once
 
 #include <utility>
@@ -9,8 +9,9 @@
 
 namespace VornCore {
 
-// True when body ran to its end; otherwise *code is the exception code, an NTSTATUS. body holds no object
-// whose destructor must run.
+// Runs the part of a handler that reads memory of the caller; a fault ends it, and nesting counters and flags
+// are what they were before. True when body ran to its end; otherwise *code is the exception code, an
+// NTSTATUS. body holds no object whose destructor must run.
 template <class Body>
 [[nodiscard]] bool GuardedHandler(ThreadState* state, NTSTATUS* code, Body&& body) {
   const auto level = state ? state->scratchLevel : 0;
@@ -28,6 +29,15 @@ template <class Body>
   state->bInWriteFile = in_write;
   state->bOwnCall = own_call;
   return false;
+}
+
+// Runs a handler whose real call may let an exception pass to the program, counted in hookDepth.
+template <class Body>
+void CountedHandler(ThreadState* state, Body&& body) {
+  if (state) ++state->hookDepth;
+  platform::WithFinally(std::forward<Body>(body), [state] {
+    if (state) --state->hookDepth;
+  });
 }
 
 }  // namespace VornCore

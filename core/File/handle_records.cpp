@@ -23,11 +23,9 @@ HandleRecordPtr MakeHandleRecord(const HandleFacts& facts, std::wstring_view pat
 
 HandleRecords::~HandleRecords() {
   platform::LockGuard guard(lock_);
-  while (ListNode* first = FirstNode(list_)) {
-    auto* record = static_cast<FileHandleRecord*>(first);
-    Remove(list_, record);
-    index_.Remove(record);
-    free(record);
+  for (ListNode *node = FirstNode(list_), *next; node; node = next) {
+    next = NextNode(node);
+    free(static_cast<FileHandleRecord*>(node));
   }
 }
 
