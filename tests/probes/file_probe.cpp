@@ -261,7 +261,10 @@ void Execute(const std::string& line) {
 int wmain(int argc, wchar_t** argv) {
   if (argc < 4) return 2;
   std::ifstream script{std::filesystem::path(argv[1])};
-  for (std::string line; std::getline(script, line);) Execute(line);
+  for (std::string line; std::getline(script, line);) {
+    Execute(line);
+    Sleep(1);  // messages of one kind that come faster are a flood, of which some are dropped
+  }
   fflush(stdout);
 
   const HANDLE seen = OpenEventW(SYNCHRONIZE, FALSE, argv[3]);
