@@ -6,12 +6,17 @@
 #include "File/recycle_bin.h"
 #include "File/scratch_path.h"
 #include "Platform/last_error.h"
+#include "Policy/text.h"
+#include "Policy/wide.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
 
 namespace VornCore {
 namespace {
+
+using vorn::policy::EqualsNoCase;
+using vorn::policy::U16;
 
 bool IsRealHandle(HANDLE handle) { return handle && handle != INVALID_HANDLE_VALUE; }
 
@@ -144,8 +149,10 @@ CFileMgr::Outcome CFileMgr::HandleRename(HANDLE handle, const void* information,
                   target);
     return kRefused;
   }
-  // What the rename would replace can be restored afterwards.
-  if (request.replace && FileExists(target)) (void)DeleteFileToRecycleBin(target, FileACL::kReadWrite);
+  // What the rename would replace can be restored afterwards. A file that only gets another spelling of its
+  // own name replaces nothing.
+  const bool replaces = request.replace && !EqualsNoCase(U16(source), U16(target)) && FileExists(target);
+  if (replaces) (void)DeleteFileToRecycleBin(target, FileACL::kReadWrite);
   return kRealCall;
 }
 

@@ -204,6 +204,31 @@ TEST_F(FileChange, ReplacedFileCanBeRestored) {
   EXPECT_EQ(Text(L"\\write\\new.txt"), "old");
 }
 
+TEST_F(FileChange, FileCanGetAnotherSpellingOfItsName) {
+  HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
+  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\F.TXT"), nt::kRenameReplaceIfExists), STATUS_SUCCESS);
+  NtClose(file);
+  EXPECT_EQ(Text(L"\\write\\F.TXT"), "old");
+}
+
+TEST_F(FileChange, RecycleBinTakesEverythingAndGivesNothingUp) {
+  const std::wstring bin = L"C:\\$Recycle.Bin",
+                     folder = bin + L"\\vorn_test_" + std::to_wstring(GetCurrentProcessId());
+  Unconfined([&] {
+    CreateDirectoryW(bin.c_str(), nullptr);
+    ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr));
+  });
+  SetRules({{FileACL::kDeny, vorn::host::ToNtPath(bin)}, {FileACL::kReadWrite, Nt(L"\\write")}});
+  HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
+  EXPECT_EQ(Rename(file, L"\\??\\" + folder + L"\\f.txt"), STATUS_SUCCESS);
+  NtClose(file);
+  const Opened inside = Create(L"\\??\\" + folder + L"\\f.txt", GENERIC_READ | DELETE);
+  ASSERT_EQ(inside.status, STATUS_SUCCESS);
+  EXPECT_EQ(GrantedAccess(inside.handle), static_cast<ACCESS_MASK>(FILE_GENERIC_READ));
+  NtClose(inside.handle);
+  Unconfined([&] { RemoveTree(folder); });
+}
+
 TEST_F(FileChange, RenameBuffersThatLieAreRefusedByTheSystem) {
   const std::wstring target = L"\\??\\" + Dos(L"\\read\\x.txt");
   HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
