@@ -4,10 +4,9 @@
 #include <ws2tcpip.h>
 
 #include <atomic>
-#include <fstream>
 #include <thread>
 
-#include "tests/e2e/confinement.h"
+#include "tests/e2e/net_run.h"
 
 namespace vorn::test {
 namespace {
@@ -99,40 +98,6 @@ class Servers {
   std::atomic<bool> stop_ = false;
   std::thread responder_;
 };
-
-struct NetRun {
-  std::vector<std::string> lines;
-  std::vector<policy::NetAudit> audits;  // texts point into messages
-  std::vector<Received> messages;
-};
-
-NetRun RunProbe(const std::vector<std::string>& commands, const std::vector<host::NetRule>& rules) {
-  TestFolder folder;
-  const std::filesystem::path output = folder.path() / "output.txt";
-  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-  const HANDLE file = CreateFileW(output.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS,
-                                  FILE_ATTRIBUTE_NORMAL, nullptr);
-  std::string arguments;
-  for (const std::string& command : commands) arguments += (arguments.empty() ? "" : " / ") + command;
-
-  NetRun run;
-  {
-    Confinement confinement([&](host::SectionContents& section) { section.net_rules = rules; });
-    host::LaunchOptions options;
-    options.standard_output = file;
-    EXPECT_EQ(confinement.Run(Probe("net_probe.exe", host::ToWide(arguments)), options), 0);
-    run.messages = confinement.Settle();
-  }
-  CloseHandle(file);
-  std::ifstream stream(output);
-  for (std::string line; std::getline(stream, line);) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    run.lines.push_back(line);
-  }
-  for (const Received& message : run.messages)
-    if (const auto* audit = message.As<policy::NetAudit>()) run.audits.push_back(*audit);
-  return run;
-}
 
 // One call: what it prints under the rules and without them, and its audit under the rules.
 struct Case {

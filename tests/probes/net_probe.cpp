@@ -264,15 +264,13 @@ bool FirstAddress(const sockaddr* from, std::size_t length, Address& to) {
   return true;
 }
 
-bool FirstRecord(DNS_STATUS status, const DNS_RECORD* list, Address& to, int& error) {
-  error = status;
-  for (; !status && list; list = list->pNext) {
+bool FirstRecord(const DNS_RECORD* list, Address& to) {
+  for (; list; list = list->pNext) {
     if (list->wType != DNS_TYPE_A) continue;
     to.v4.sin_family = AF_INET;
     to.v4.sin_addr.s_addr = list->Data.A.IpAddress;
     return true;
   }
-  if (!error) error = DNS_INFO_NO_RECORDS;
   return false;
 }
 
@@ -291,20 +289,25 @@ bool Resolve(const std::string& how, const std::string& name, Address& to, int& 
     error = GetAddrInfoW(wide.c_str(), nullptr, nullptr, &list);
     return !error && FirstAddress(list->ai_addr, list->ai_addrlen, to);
   }
-  if (how == "addrinfoex" || how == "overlapped") {
+  if (how.rfind("addrinfoex", 0) == 0) {
     ADDRINFOEXW* list = nullptr;
     OVERLAPPED overlapped{};
+    if (how == "addrinfoex_event") overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     error = GetAddrInfoExW(wide.c_str(), nullptr, NS_DNS, nullptr, nullptr, &list, nullptr,
-                           how == "overlapped" ? &overlapped : nullptr, nullptr, nullptr);
+                           how == "addrinfoex" ? nullptr : &overlapped, nullptr, nullptr);
+    if (error == WSA_IO_PENDING && overlapped.hEvent) {
+      WaitForSingleObject(overlapped.hEvent, kPatienceMs);
+      error = static_cast<int>(overlapped.Internal);
+    }
     return !error && FirstAddress(list->ai_addr, list->ai_addrlen, to);
   }
   DNS_RECORD* list = nullptr;
-  auto** narrow = reinterpret_cast<DNS_RECORDA**>(&list);
-  if (how == "dns_a")
-    return FirstRecord(DnsQuery_A(name.c_str(), DNS_TYPE_A, 0, nullptr, &list, nullptr), list, to, error);
+  if (how == "dns_a") error = DnsQuery_A(name.c_str(), DNS_TYPE_A, 0, nullptr, &list, nullptr);
+  if (how == "dns_w") error = DnsQuery_W(wide.c_str(), DNS_TYPE_A, 0, nullptr, &list, nullptr);
   if (how == "dns_utf8")
-    return FirstRecord(DnsQuery_UTF8(name.c_str(), DNS_TYPE_A, 0, nullptr, narrow, nullptr), list, to, error);
-  return FirstRecord(DnsQuery_W(wide.c_str(), DNS_TYPE_A, 0, nullptr, &list, nullptr), list, to, error);
+    error =
+        DnsQuery_UTF8(name.c_str(), DNS_TYPE_A, 0, nullptr, reinterpret_cast<DNS_RECORDA**>(&list), nullptr);
+  return !error && FirstRecord(list, to);
 }
 
 std::string ResolveAndConnect(const Arguments& a) {  // HOW NAME PORT

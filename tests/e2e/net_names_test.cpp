@@ -1,0 +1,196 @@
+// Domain rules decide connections by the name that the program resolved, on every way to resolve one. This
+// program is the name server of its own network (see with-own-resolver): it answers on 127.0.0.1:53, with
+// addresses of the loopback interface, where its TCP server listens.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include <atomic>
+#include <map>
+#include <thread>
+
+#include "tests/e2e/net_run.h"
+
+namespace vorn::test {
+namespace {
+
+// Name → CNAME and IPv4 address 127.0.0.last. A name that is not known does not exist; "slow" ones get no
+// answer.
+struct Entry {
+  std::string alias_of;
+  std::uint8_t last = 0;
+};
+
+class NameServer {
+ public:
+  explicit NameServer(std::map<std::string, Entry> names) : names_(std::move(names)) {
+    socket_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    at.sin_port = htons(53);
+    working = bind(socket_, reinterpret_cast<sockaddr*>(&at), sizeof at) == 0;
+    thread_ = std::thread([this] { Serve(); });
+  }
+  ~NameServer() {
+    closesocket(socket_);
+    thread_.join();
+  }
+
+  std::atomic<bool> working = false;
+
+ private:
+  void Serve() {
+    for (;;) {
+      char data[512];
+      sockaddr_in from{};
+      int length = sizeof from;
+      const int got = recvfrom(socket_, data, sizeof data, 0, reinterpret_cast<sockaddr*>(&from), &length);
+      if (got < 12) return;
+      const std::string answer = Answer(std::string(data, static_cast<std::size_t>(got)));
+      if (!answer.empty())
+        sendto(socket_, answer.data(), static_cast<int>(answer.size()), 0, reinterpret_cast<sockaddr*>(&from),
+               length);
+    }
+  }
+
+  static std::string Labels(const std::string& name) {
+    std::string labels;
+    for (std::size_t at = 0; at < name.size();) {
+      const std::size_t dot = std::min(name.find('.', at), name.size());
+      labels += static_cast<char>(dot - at) + name.substr(at, dot - at);
+      at = dot + 1;
+    }
+    return labels + '\0';
+  }
+  static std::string Record(const std::string& name, char type, const std::string& data) {
+    return Labels(name) + std::string({0, type, 0, 1, 0, 0, 0, 60, 0, static_cast<char>(data.size())}) + data;
+  }
+
+  // The answer to a query, or "" for none.
+  std::string Answer(const std::string& query) const {
+    std::string name;
+    std::size_t at = 12;
+    while (at < query.size() && query[at]) {
+      const auto length = static_cast<unsigned char>(query[at]);
+      name += (name.empty() ? "" : ".") + query.substr(at + 1, length);
+      at += 1u + length;
+    }
+    if (at + 5 > query.size() || name.find("slow") != name.npos) return "";
+    const char type = query[at + 2];
+    const auto entry = names_.find(name);
+    std::string records;
+    char count = 0;
+    if (entry != names_.end()) {
+      std::string owner = name;
+      if (!entry->second.alias_of.empty()) {
+        records += Record(owner, 5, Labels(entry->second.alias_of));
+        owner = entry->second.alias_of;
+        ++count;
+      }
+      if (type == 1) {
+        records += Record(owner, 1, {127, 0, 0, static_cast<char>(entry->second.last)});
+        ++count;
+      }
+    }
+    const char status = entry == names_.end() ? 3 : 0;
+    return query.substr(0, 2) +
+           std::string({'\x81', static_cast<char>('\x80' | status), 0, 1, 0, count, 0, 0, 0, 0}) +
+           query.substr(12, at + 5 - 12) + records;
+  }
+
+  std::map<std::string, Entry> names_;
+  SOCKET socket_;
+  std::thread thread_;
+};
+
+const char* const kWays[] = {"hostent", "addrinfo", "addrinfoex", "addrinfoex_event",
+                             "dns_a",   "dns_w",    "dns_utf8"};
+
+class NetNames : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    WSADATA data;
+    ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+  }
+  void SetUp() override {
+    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in at{};
+    at.sin_family = AF_INET;
+    int length = sizeof at;
+    ASSERT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&at), length), 0);
+    getsockname(listener_, reinterpret_cast<sockaddr*>(&at), &length);
+    port_ = ntohs(at.sin_port);
+    listen(listener_, 100);
+  }
+  void TearDown() override { closesocket(listener_); }
+
+  std::vector<host::NetRule> Rules() const {
+    return {{.verdict = 1,
+             .kind = policy::NetRuleKind::kDomain,
+             .address = {},
+             .prefix = 0,
+             .ports = {port_},
+             .domain = L"*.allowed.test"},
+            host::NetRule{}};
+  }
+  std::string Resolve(const std::string& how, const std::string& name) const {
+    return "resolve " + how + " " + name + " " + std::to_string(port_);
+  }
+
+  SOCKET listener_ = INVALID_SOCKET;
+  std::uint16_t port_ = 0;
+};
+
+TEST_F(NetNames, EveryWayToResolveANameLetsItsRuleDecide) {
+  std::map<std::string, Entry> names;
+  std::vector<std::string> commands, asked, confined, plain;
+  std::uint8_t last = 10;
+  for (const std::string way : kWays) {
+    const auto add = [&](const std::string& name, const std::string& alias_of, bool allowed) {
+      names[name] = {alias_of, last++};
+      commands.push_back(Resolve(way, name));
+      asked.push_back(name);
+      confined.push_back(allowed ? "resolve 0 0" : "resolve 0 10051");
+      plain.push_back("resolve 0 0");
+    };
+    add(way + ".allowed.test", "", true);
+    add(way + ".other.test", "", false);
+    add(way + "-alias.allowed.test", way + ".cdn.test", true);  // filed under the name that was asked for
+    add(way + "-alias.other.test", way + ".allowed.test.cdn.test", false);
+  }
+  const NameServer server(names);
+  ASSERT_TRUE(server.working);
+
+  EXPECT_EQ(RunProbe(commands, {}).lines, plain);
+  const NetRun run = RunProbe(commands, Rules());
+  EXPECT_EQ(run.lines, confined);
+  ASSERT_EQ(run.audits.size(), commands.size());
+  for (std::size_t i = 0; i < commands.size(); ++i) {
+    EXPECT_EQ(run.audits[i].domain, asked[i]) << commands[i];
+    EXPECT_EQ(run.audits[i].destination, "127.0.0." + std::to_string(names[asked[i]].last));
+    EXPECT_EQ(run.audits[i].verdict, confined[i] == "resolve 0 0" ? 1u : 0u);
+  }
+}
+
+TEST_F(NetNames, NamesThatDoNotExistFailAsTheyDoUnconfined) {
+  const NameServer server({});
+  ASSERT_TRUE(server.working);
+  std::vector<std::string> commands;
+  for (const std::string way : kWays) commands.push_back(Resolve(way, way + ".missing.test"));
+  const NetRun plain = RunProbe(commands, {});
+  EXPECT_EQ(RunProbe(commands, Rules()).lines, plain.lines);
+  for (const std::string& line : plain.lines) EXPECT_NE(line, "resolve 0 0");
+}
+
+TEST_F(NetNames, AnOverlappedQueryThatIsNotAnsweredEndsAfterHalfAMinute) {
+  const NameServer server({{"next.allowed.test", {"", 90}}});
+  ASSERT_TRUE(server.working);
+  const NetRun run = RunProbe(
+      {Resolve("addrinfoex_bare", "next.allowed.test"), Resolve("addrinfoex_event", "slow.allowed.test"),
+       Resolve("addrinfoex_bare", "next.allowed.test")},
+      Rules());
+  EXPECT_EQ(run.lines, (std::vector<std::string>{"resolve 0 0", "resolve 11004", "resolve 0 0"}));
+}
+
+}  // namespace
+}  // namespace vorn::test
