@@ -1,5 +1,7 @@
 // Opening and creating: guard, pass-through, decide, real call, record, audit.
 #include <atomic>
+#include <cstdio>
+#include <cstring>
 
 #include "File/file_audit.h"
 #include "File/file_helper.h"
@@ -135,33 +137,36 @@ void LogUnchecked(NTSTATUS status, const OpenArguments& asked, ULONG share,
       static_cast<unsigned>(text.attributes), OrNull(text.NameInAnsi()));
 }
 
-#define VORN_OPEN_PAIRS                                                                \
-  "step:%u, status:%X, CreateOptions[%X->%X], DesiredAccess[%X->%X], ShareAccess:%X, " \
-  "CreateDisposition[%X->%X], "
-#define VORN_OPEN_ARGUMENTS(call)                                                               \
-  static_cast<unsigned>((call).step), static_cast<unsigned>((call).status),                     \
-      static_cast<unsigned>((call).asked.options), static_cast<unsigned>((call).given.options), \
-      static_cast<unsigned>((call).asked.access), static_cast<unsigned>((call).given.access),   \
-      static_cast<unsigned>((call).share), static_cast<unsigned>((call).asked.disposition),     \
-      static_cast<unsigned>((call).given.disposition)
+// What every line about a confined call says: how it ended, and its arguments, as asked and as given.
+struct OpenText {
+  char text[256];
+
+  explicit OpenText(const OpenCall& call) {
+    const auto u = [](auto value) { return static_cast<unsigned>(value); };
+    _snprintf(text, sizeof text,
+              "step:%u, status:%X, CreateOptions[%X->%X], DesiredAccess[%X->%X], ShareAccess:%X, "
+              "CreateDisposition[%X->%X]",
+              u(call.step), u(call.status), u(call.asked.options), u(call.given.options),
+              u(call.asked.access), u(call.given.access), u(call.share), u(call.asked.disposition),
+              u(call.given.disposition));
+    text[sizeof text - 1] = 0;
+  }
+};
 
 void LogOutcome(const OpenCall& call) {
   if (nt::Success(call.status)) {
     if (IsDebugLogEnabled())
-      VORN_LOG_I("NtCreateFile " VORN_OPEN_PAIRS "path:%s", VORN_OPEN_ARGUMENTS(call),
-                 OrNull(WideToAnsi(call.path.data())));
+      VORN_LOG_I("NtCreateFile %s, path:%s", OpenText(call).text, OrNull(WideToAnsi(call.path.data())));
   } else if (call.step == kStepException) {
-    const AttributesText text(call.attributes);
-    VORN_LOG_E("NtCreateFile Execption " VORN_OPEN_PAIRS
-               "Length:%d RootDirectory:0x%p Attributes:%u path:%s obj path:%s",
-               VORN_OPEN_ARGUMENTS(call), static_cast<int>(text.length), static_cast<void*>(text.root),
-               static_cast<unsigned>(text.attributes), OrNull(WideToAnsi(call.path.data())),
-               OrNull(text.NameInAnsi()));
+    const AttributesText attributes(call.attributes);
+    VORN_LOG_E("NtCreateFile Execption %s, Length:%d RootDirectory:0x%p Attributes:%u path:%s obj path:%s",
+               OpenText(call).text, static_cast<int>(attributes.length), static_cast<void*>(attributes.root),
+               static_cast<unsigned>(attributes.attributes), OrNull(WideToAnsi(call.path.data())),
+               OrNull(attributes.NameInAnsi()));
   } else if ((GetLogLevelMask() & kLogWarning) && !call.path.empty() &&
              !vorn::policy::IsQuietFailureStatus(call.status) &&
              !vorn::policy::IsQuietFailurePath(U16(call.path))) {
-    VORN_LOG_W("NtCreateFile Error " VORN_OPEN_PAIRS "path:%s", VORN_OPEN_ARGUMENTS(call),
-               OrNull(WideToAnsi(call.path.data())));
+    VORN_LOG_W("NtCreateFile Error %s, path:%s", OpenText(call).text, OrNull(WideToAnsi(call.path.data())));
   }
 }
 
