@@ -85,7 +85,7 @@ AbandonedQueries& Abandoned() noexcept {
 // Waits for a pending query. Its final result, or 11004 when it does not end in time; the query then still
 // belongs to the system: ended is false.
 INT WaitForQuery(OverlappedQuery* query, bool& ended) noexcept {
-  const DWORD wait = WaitForSingleObject(query->overlapped.hEvent, kQueryTimeout);
+  const DWORD wait = platform::Winsock().WaitForSingleObject(query->overlapped.hEvent, kQueryTimeout);
   ended = wait == WAIT_OBJECT_0;
   if (ended) return static_cast<INT>(query->overlapped.Internal);
   VORN_LOG_N("Dns Wait Event ret:%d, error:%d", static_cast<int>(wait), static_cast<int>(GetLastError()));

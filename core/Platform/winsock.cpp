@@ -20,6 +20,7 @@ WinsockApi ResolveWinsock() noexcept {
   Resolve(module, "ntohl", api.ntohl);
   Resolve(module, "GetAddrInfoExCancel", api.GetAddrInfoExCancel);
   Resolve(module, "FreeAddrInfoExW", api.FreeAddrInfoExW);
+  api.WaitForSingleObject = &::WaitForSingleObject;
   return api;
 }
 

@@ -23,6 +23,7 @@ struct WinsockApi {  // entries may be null
   decltype(&::ntohl) ntohl;
   INT(WSAAPI* GetAddrInfoExCancel)(HANDLE* query);
   void(WSAAPI* FreeAddrInfoExW)(PADDRINFOEXW list);
+  decltype(&::WaitForSingleObject) WaitForSingleObject;  // for the end of a name query
 };
 
 struct DnsApi {
