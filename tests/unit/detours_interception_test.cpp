@@ -265,7 +265,7 @@ TEST(Interception, TwoDetoursOfOneFunctionStackInOneTransaction) {
 TEST(Interception, ADetourBeyondTheReachOfAJumpIsReachedThroughTheTrampoline) {
   Code code(0x5000'0000'0000);
   ASSERT_TRUE(code.ok());
-  // cmp [rip+…], eax reaches the data page; then the function returns what lies there.
+  // mov eax, [rip → data]; ret: the moved operand must reach, and the exe with the detour is far away.
   Byte* target = code.Put(0, {0x8B, 0x05, 0xFA, 0x0F, 0, 0, 0xC3});
   memcpy(code.data(), "\x2A\0\0\0", 4);
   real = target;
