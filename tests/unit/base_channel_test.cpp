@@ -18,6 +18,7 @@ std::mutex mutex;
 std::vector<std::string> calls;
 std::vector<std::vector<std::byte>> sent;
 HANDLE send_gate = nullptr;  // Send waits until it is set
+std::atomic<int> sends_begun = 0;
 }  // namespace
 
 extern "C" __declspec(dllexport) FakeTransport* GetFakeTransport() { return &transport; }
@@ -48,6 +49,7 @@ class Channel : public testing::Test {
     transport = {};
     transport.on_call = [](const char* operation) { calls.push_back(operation); };
     transport.on_send = [](const void* data, std::uint32_t bytes) {
+      ++sends_begun;
       WaitForSingleObject(send_gate, INFINITE);
       const auto* begin = static_cast<const std::byte*>(data);
       std::lock_guard guard(mutex);
@@ -66,8 +68,10 @@ class Channel : public testing::Test {
   void Start() {
     ASSERT_TRUE(channel::Init(kServer, false));
     ASSERT_TRUE(WaitForSent(1));
+    for (const char* thread : {"IPCRecvThreadProc", "IPCSendThreadProc", "DispatchMsg"})
+      ASSERT_TRUE(WaitForLog(std::string(thread) + " thread start\n"));
     sent.clear();
-    log.NewText();
+    seen.clear();
   }
   static bool WaitForSent(std::size_t count) {
     return Eventually([&] {
@@ -172,14 +176,15 @@ TEST_F(Channel, RefusesWhatIsNoMessage) {
 TEST_F(Channel, FullQueueRefusesAndSaysSo) {
   Start();
   ResetEvent(send_gate);
-  ASSERT_TRUE(Send(Message(3, 1000)));  // the send thread takes this one and stands at the gate
+  const int begun = sends_begun;
+  ASSERT_TRUE(Send(Message(3, 1000)));
+  ASSERT_TRUE(Eventually([&] { return sends_begun > begun; })) << "the send thread stands at the gate";
   log.SetFlags(0);
   int queued = 0;
   for (std::uint16_t n = 0; n < 2000 && Send(Message(3, n)); ++n) ++queued;
   log.SetFlags(0xF);
   log.NewText();
-  EXPECT_TRUE(queued == 998 || queued == 999) << queued;  // whether the send thread has taken its message yet
-  Send(Message(3, 5000));
+  EXPECT_EQ(queued, 999);
   EXPECT_FALSE(Send(Message(3, 5001)));
   EXPECT_TRUE(WaitForLog("drop unlucky msg, pid " + std::to_string(GetCurrentProcessId()) +
                          ", type 3, subtype 5001"));
