@@ -246,12 +246,6 @@ TEST_F(Net, WithoutRulesNoNetworkFunctionIsPatched) {
   EXPECT_GE(std::stoi(confined.lines[0].substr(10)), 19) << "the control: under rules they are";
 }
 
-TEST_F(Net, CountsOfManyThreadsAddUp) {
-  const std::string command =
-      "storm " + Text(servers.udp_good.port) + " " + Text(servers.udp_bad.port) + " 10000";
-  EXPECT_EQ(RunProbe({command}, servers.Rules()).lines, std::vector<std::string>{"storm 20000 20000"});
-}
-
 TEST_F(Net, EachProcessReportsItsFirstUseOfWinsockAndItsChecks) {
   const NetRun run = RunProbe({"connect 127.0.0.1 " + Text(servers.tcp_good.port)}, servers.Rules());
   int starts = 0, checks = 0;

@@ -19,22 +19,15 @@
 //   resolve HOW NAME PORT                       asks for NAME, then connects: prints the error of each; HOW
 //   hostent,
 //                                               addrinfo, addrinfoex, overlapped, dns_a, dns_w, dns_utf8
-//   storm ALLOWED REFUSED COUNT                 4 threads send COUNT datagrams each to the two ports of
-//   127.0.0.1 in
-//                                               turn; prints how many were sent and refused
-#include <windows.h>
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
 #include <mswsock.h>
 #include <windns.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -350,23 +343,6 @@ int CountPatched(const wchar_t* module_name) {
   return patched;
 }
 
-std::string Storm(const Arguments& a) {  // ALLOWED REFUSED COUNT
-  const Address ports[2] = {Parse("127.0.0.1", a[1]), Parse("127.0.0.1", a[2])};
-  std::atomic<int> sent = 0, refused = 0;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&] {
-      const Socket s(AF_INET, SOCK_DGRAM);
-      for (int i = 0; i < std::stoi(a[3]); ++i) {
-        const int error = Send(s, "sendto", ports[i % 2], "x");
-        if (!error) ++sent;
-        if (error == WSAENETUNREACH) ++refused;
-      }
-    });
-  for (std::thread& thread : threads) thread.join();
-  return " " + std::to_string(sent) + " " + std::to_string(refused);
-}
-
 std::string Run(const Arguments& a) {
   const std::string& how = a[0];
   if (how.find("connect") != how.npos) return " " + std::to_string(Connect(how, Parse(a[1], a[2])));
@@ -378,7 +354,6 @@ std::string Run(const Arguments& a) {
   if (how == "overlapped") return Overlapped(a);
   if (how == "serve") return Serve(a[1]);
   if (how == "resolve") return ResolveAndConnect(a);
-  if (how == "storm") return Storm(a);
   if (how == "unpatched")
     return " " + std::to_string(CountPatched(L"ws2_32.dll") + CountPatched(L"dnsapi.dll"));
   return Converse(a);

@@ -195,6 +195,7 @@ class Socket {
   Socket& operator=(const Socket&) = delete;
 
   operator SOCKET() const { return handle_; }
+  HANDLE handle() const { return reinterpret_cast<HANDLE>(handle_); }
   void Close() {
     if (handle_ != INVALID_SOCKET) closesocket(handle_);
     handle_ = INVALID_SOCKET;
