@@ -1,4 +1,4 @@
-// Runs net_probe in a really confined process and keeps what it printed and what the host was told.
+// Runs a program confined on its network and keeps what it printed and what the host was told.
 #pragma once
 
 #include <fstream>
@@ -13,22 +13,18 @@ struct NetRun {
   std::vector<Received> messages;
 };
 
-// commands: see net_probe.cpp. Without rules, nothing of the network is confined.
-inline NetRun RunProbe(const std::vector<std::string>& commands, const std::vector<host::NetRule>& rules) {
+// A program, with its standard output kept. Without rules, nothing of the network is confined.
+inline NetRun RunProgram(const std::wstring& command_line, const std::vector<host::NetRule>& rules) {
   TestFolder folder;
   const std::filesystem::path output = folder.path() / "output.txt";
-  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-  const HANDLE file = CreateFileW(output.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS,
+  const HANDLE file = CreateFileW(output.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
                                   FILE_ATTRIBUTE_NORMAL, nullptr);
-  std::string arguments;
-  for (const std::string& command : commands) arguments += (arguments.empty() ? "" : " / ") + command;
-
   NetRun run;
   {
     Confinement confinement([&](host::SectionContents& section) { section.net_rules = rules; });
     host::LaunchOptions options;
     options.standard_output = file;
-    EXPECT_EQ(confinement.Run(Probe("net_probe.exe", host::ToWide(arguments)), options), 0);
+    EXPECT_EQ(confinement.Run(command_line, options), 0);
     run.messages = confinement.Settle();
   }
   CloseHandle(file);
@@ -40,6 +36,13 @@ inline NetRun RunProbe(const std::vector<std::string>& commands, const std::vect
   for (const Received& message : run.messages)
     if (const auto* audit = message.As<policy::NetAudit>()) run.audits.push_back(*audit);
   return run;
+}
+
+// The commands of net_probe.cpp, in one process.
+inline NetRun RunProbe(const std::vector<std::string>& commands, const std::vector<host::NetRule>& rules) {
+  std::string arguments;
+  for (const std::string& command : commands) arguments += (arguments.empty() ? "" : " / ") + command;
+  return RunProgram(Probe("net_probe.exe", host::ToWide(arguments)), rules);
 }
 
 }  // namespace vorn::test
