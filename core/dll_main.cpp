@@ -141,7 +141,7 @@ bool Init() {
 }  // namespace
 }  // namespace VornCore
 
-BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
+BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved) {
   // A helper process only updates another process's import table.
   static const bool helper_process = DetourIsHelperProcess();
   if (helper_process) return TRUE;
@@ -154,6 +154,7 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) {
       break;
     case DLL_PROCESS_DETACH:
       VORN_LOG_N("Process End, pid:%d", static_cast<int>(GetCurrentProcessId()));
+      if (reserved) VornCore::channel::FlushAtProcessEnd();  // the process ends, the library is not unloaded
       break;
   }
   return TRUE;

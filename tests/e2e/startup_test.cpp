@@ -175,12 +175,18 @@ TEST_F(StartUp, ConfinedProcessRunsAndTellsItsStory) {
   EXPECT_FALSE(Contains(log, "init event"));
 
   ASSERT_TRUE(server.WaitUntilIdle(30s));
-  ASSERT_FALSE(received.empty());
-  const auto first = vorn::policy::DecodeMessage(received.front());
-  const auto* start = std::get_if<vorn::policy::ProcessStart>(&first.body);
-  ASSERT_NE(start, nullptr) << "the start is the first message";
-  EXPECT_EQ(first.header.pid, process.pid());
-  EXPECT_EQ(first.header.flag, 1);
+  // Calls of the program's own threads may be told before it, when the send thread starts late.
+  std::vector<vorn::policy::Decoded> starts;
+  for (const auto& message : received) {
+    const auto decoded = vorn::policy::DecodeMessage(message);
+    EXPECT_TRUE(decoded.Ok());
+    if (std::holds_alternative<vorn::policy::ProcessStart>(decoded.body)) starts.push_back(decoded);
+  }
+  ASSERT_EQ(starts.size(), 1u) << "also of a program that ends at once";
+  const auto& header = starts.front().header;
+  const auto* start = std::get_if<vorn::policy::ProcessStart>(&starts.front().body);
+  EXPECT_EQ(header.pid, process.pid());
+  EXPECT_EQ(header.flag, 1);
   EXPECT_EQ(start->parent_pid, GetCurrentProcessId());
   EXPECT_EQ(start->image_name, vorn::test::ThisProgram().filename().string());
   EXPECT_TRUE(start->command_line.ends_with("\" probe 123")) << start->command_line;

@@ -32,6 +32,7 @@ constexpr UINT kExitHostGone = 19960116;
 
 std::atomic<bool> gs_initialised = false;
 std::atomic<bool> gs_terminate_on_disconnect = false;
+std::atomic<bool> gs_start_sent = false;
 std::atomic<channel::PathConverter> gs_path_converter = nullptr;
 MessageQueue gs_rqGameToHost, gs_rqHostToGame;
 FloodRule gs_flood;
@@ -46,7 +47,9 @@ HeapText ToUtf8(const wchar_t* text, std::size_t units) {
   return WideToUtf8(text, static_cast<std::int32_t>(units * sizeof(wchar_t)));
 }
 
+// Once per process: by the send thread, or at the end of a process that ended before that thread ran.
 void SendProcessStart() {
+  if (gs_start_sent.exchange(true)) return;
   const wchar_t* image = GetImageBaseName();
   const wchar_t* command = GetCommandLineW();
   const HeapText image_text = image ? ToUtf8(image, std::wcslen(image)) : nullptr;
@@ -250,10 +253,18 @@ bool UnInit() noexcept {
   StopChannelThreads(kStopPatience);
   const bool unloaded = UnInitIPC();
   gs_initialised.store(false);
+  gs_start_sent.store(false);
   gs_terminate_on_disconnect.store(false);
   gs_rqGameToHost.Destroy();
   gs_rqHostToGame.Destroy();
   return unloaded;
+}
+
+void FlushAtProcessEnd() noexcept {
+  if (!gs_initialised.load()) return;
+  IpcStop();  // from here on, sending does not wait for the host
+  SendProcessStart();
+  gs_rqGameToHost.Drain(IpcSend);
 }
 
 void SetPathConverter(PathConverter converter) noexcept { gs_path_converter.store(converter); }

@@ -55,6 +55,11 @@ namespace channel {
 [[nodiscard]] bool Init(const wchar_t* port, bool terminate_on_disconnect) noexcept;
 bool UnInit() noexcept;
 
+// Sends what is still queued, as far as the host takes it at once. Called as the process ends, when its other
+// threads are gone: what a process was refused last, right before it ended, is what its host asks about
+// first.
+void FlushAtProcessEnd() noexcept;
+
 // How a producer's path becomes the host's path: converts an NT device path to drive-letter form in place.
 // Set by the file room before the channel starts (the channel stands below it); null leaves paths as they
 // are.

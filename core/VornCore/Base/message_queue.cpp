@@ -53,6 +53,13 @@ void MessageQueue::Consume(Handler handle) noexcept {
   }
 }
 
+void MessageQueue::Drain(bool (*handle)(const void* data, std::uint32_t bytes)) noexcept {
+  if (ring_.IsLocked()) return;
+  const RingNode* node = nullptr;
+  while (ring_.Pop(&node) == PopResult::kNode && handle(node->data, node->length)) {
+  }
+}
+
 void MessageQueue::WaitForSleepingConsumer(DWORD patience_ms) const noexcept {
   const ULONGLONG end = GetTickCount64() + patience_ms;
   while (!sleeping_.load() && GetTickCount64() < end) Sleep(1);

@@ -30,6 +30,10 @@ class MessageQueue {
   // errors in a row.
   void Consume(Handler handle) noexcept;
 
+  // For the last thread of an ending process: hands what is left to handle, until it answers false. Does
+  // nothing when a thread was ended inside the queue.
+  void Drain(bool (*handle)(const void* data, std::uint32_t bytes)) noexcept;
+
   // Waits until the consumer sleeps, and so holds no lock; gives up when time is up.
   void WaitForSleepingConsumer(DWORD patience_ms) const noexcept;
 

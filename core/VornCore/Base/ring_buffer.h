@@ -45,6 +45,8 @@ class RingQueue {
   // Takes the oldest message. The node stays the caller's until the next Pop.
   [[nodiscard]] PopResult Pop(const RingNode** node) noexcept;
 
+  // Whether a thread is inside the queue at this moment.
+  [[nodiscard]] bool IsLocked() const noexcept { return lock_.load() != 0; }
   [[nodiscard]] bool IsEmpty() noexcept;
   [[nodiscard]] bool IsFull() noexcept;  // false for a queue without nodes
 
