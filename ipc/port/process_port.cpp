@@ -6,6 +6,8 @@
 
 #include "ipc/port/handshake.h"
 
+extern "C" NTSYSAPI BOOLEAN NTAPI RtlDllShutdownInProgress(VOID);
+
 namespace vorn::ipc {
 
 namespace {
@@ -139,9 +141,12 @@ bool ProcessPort::Send(const void* data, std::uint32_t bytes, std::uint32_t) {
               static_cast<unsigned long>(bytes), static_cast<unsigned long>(kMaxMessageBytes));
     return ReportText(text);
   }
-  AcquireSRWLockExclusive(&send_lock_);
+  // The threads of an ending process are gone, and one of them may have taken the lock along: the last one
+  // needs none.
+  const bool alone = RtlDllShutdownInProgress();
+  if (!alone) AcquireSRWLockExclusive(&send_lock_);
   const DWORD error = WriteMessage(server_.get(), data, bytes, send_event_.get(), stop_.get(), INFINITE);
-  ReleaseSRWLockExclusive(&send_lock_);
+  if (!alone) ReleaseSRWLockExclusive(&send_lock_);
   return error ? Report("a message was not sent", error) : true;
 }
 
