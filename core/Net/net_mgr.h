@@ -99,8 +99,9 @@ class CNetMgr : public IWs2_32ApiListener, public IDnsapiApiListener, public IKe
   int ReceiveMessage(SOCKET s, LPWSAMSG message, LPDWORD bytes);
   int ReceiveMessageOverlapped(SOCKET s, LPWSAMSG message, LPDWORD bytes, LPWSAOVERLAPPED overlapped,
                                LPWSAOVERLAPPED_COMPLETION_ROUTINE routine);
-  int AfterOverlappedCall(int result, OverlappedContext* context, LPWSAOVERLAPPED overlapped,
-                          LPDWORD bytes) noexcept;
+  OverlappedContext* StartReceive(SOCKET s, LPWSAOVERLAPPED overlapped, const WSABUF* buffers, DWORD count,
+                                  LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept;
+  int AfterReceiveCall(int result, LPWSAOVERLAPPED overlapped, std::uint64_t ticket, LPDWORD bytes) noexcept;
 
   // Completions.
   bool FinishReceive(SOCKET s, OverlappedContext* context, LPDWORD bytes) noexcept;

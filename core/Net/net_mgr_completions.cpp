@@ -25,7 +25,7 @@ void CNetMgr::FinishCompletion(SOCKET s, LPOVERLAPPED overlapped, LPDWORD bytes)
   if (!context) return;
   HandBackMessage(context);
   FinishReceive(s == INVALID_SOCKET ? context->socket : s, context, bytes);
-  if (!context->caller_routine) contexts_.ReleaseContext(overlapped);
+  context->caller_routine ? contexts_.LeaveContext(overlapped) : contexts_.ReleaseContext(overlapped);
 }
 
 BOOL CNetMgr::GetOverlappedResult(HANDLE hFile, LPOVERLAPPED lpOverlapped, LPDWORD lpNumberOfBytesTransferred,
@@ -107,10 +107,10 @@ void CALLBACK CNetMgr::OnReceiveComplete(DWORD error, DWORD bytes, LPWSAOVERLAPP
 // What Winsock runs in place of the caller's completion routine.
 void CNetMgr::ReceiveCompleted(DWORD error, DWORD bytes, LPWSAOVERLAPPED overlapped, DWORD flags) {
   OverlappedContext* context = contexts_.FindContext(overlapped);
-  if (!overlapped || !context) return;
+  if (!context) return;
   HandBackMessage(context);
   const auto routine = context->caller_routine;
-  if (!routine) return;
+  if (!routine) return contexts_.LeaveContext(overlapped);
   bool call = true;
   if (context->completed_at_once) {
     call = !context->refused_at_once;  // the caller knows: its call failed with 10049

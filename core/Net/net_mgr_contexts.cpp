@@ -33,7 +33,8 @@ void ReceiveBuffers::Wipe() const noexcept {
   for (std::uint32_t i = 0; i < count_; ++i) platform::WipeGuarded(array()[i].buf, array()[i].len);
 }
 
-void OverlappedContext::Reset(SOCKET owner) noexcept {
+void OverlappedContext::Reset(SOCKET owner, std::uint64_t new_ticket) noexcept {
+  ticket = new_ticket;
   completed_at_once = refused_at_once = false;
   socket = owner;
   source = {};
@@ -61,6 +62,7 @@ void HandBackMessage(OverlappedContext* context) noexcept {
 
 struct OverlappedContexts::Element : ListNode, HashNode<ByOverlapped>, HashNode<BySocket> {
   const OVERLAPPED* overlapped = nullptr;  // null when released
+  bool claimed = false;                    // a thread is judging the datagram
   Element* next_free = nullptr;
   OverlappedContext context{};
 };
@@ -91,10 +93,34 @@ OverlappedContexts::Element* OverlappedContexts::NewElement() noexcept {
   return element;
 }
 
+// Holds the lock while it lives; where find yields an element that a thread has claimed, waits outside of the
+// lock until that thread is done, and looks again.
+class OverlappedContexts::UnclaimedElement {
+ public:
+  template <class Finder>
+  UnclaimedElement(OverlappedContexts& list, Finder find) : list_(list) {
+    list_.lock_.Enter();
+    while ((element_ = find()) != nullptr && element_->claimed) {
+      list_.lock_.Leave();
+      Sleep(0);
+      list_.lock_.Enter();
+    }
+  }
+  ~UnclaimedElement() { list_.lock_.Leave(); }
+  UnclaimedElement(const UnclaimedElement&) = delete;
+  UnclaimedElement& operator=(const UnclaimedElement&) = delete;
+
+  Element* get() const { return element_; }
+
+ private:
+  OverlappedContexts& list_;
+  Element* element_;
+};
+
 OverlappedContext* OverlappedContexts::AcquireContext(const OVERLAPPED* overlapped, SOCKET socket) noexcept {
   if (!overlapped) return nullptr;
-  platform::LockGuard lock(lock_);
-  Element* element = Find(overlapped);
+  const UnclaimedElement known(*this, [&] { return Find(overlapped); });
+  Element* element = known.get();
   if (element) {
     if (IsDebugLogEnabled())
       VORN_LOG_I("Overlapped %p is not released", static_cast<const void*>(overlapped));
@@ -106,23 +132,32 @@ OverlappedContext* OverlappedContexts::AcquireContext(const OVERLAPPED* overlapp
     element->overlapped = overlapped;
     by_overlapped_.Insert(element, HashWord(reinterpret_cast<std::uintptr_t>(overlapped)));
   }
-  element->context.Reset(socket);
+  element->context.Reset(socket, ++last_ticket_);
   by_socket_.Insert(element, HashWord(socket));
   return &element->context;
 }
 
-OverlappedContext* OverlappedContexts::FindContext(const OVERLAPPED* overlapped) noexcept {
+OverlappedContext* OverlappedContexts::FindContext(const OVERLAPPED* overlapped,
+                                                   std::uint64_t ticket) noexcept {
+  const UnclaimedElement live(*this, [&] { return Find(overlapped); });
+  Element* element = live.get();
+  if (!element || (ticket && element->context.ticket != ticket)) return nullptr;
+  element->claimed = true;
+  return &element->context;
+}
+
+void OverlappedContexts::LeaveContext(const OVERLAPPED* overlapped) noexcept {
   platform::LockGuard lock(lock_);
-  Element* element = Find(overlapped);
-  return element ? &element->context : nullptr;
+  if (Element* element = Find(overlapped)) element->claimed = false;
 }
 
 void OverlappedContexts::Release(Element* element) noexcept {
   by_overlapped_.Remove(element);
   by_socket_.Remove(element);
   element->overlapped = nullptr;
+  element->claimed = false;
   HandBackMessage(&element->context);
-  element->context.Reset(INVALID_SOCKET);
+  element->context.Reset(INVALID_SOCKET, 0);
   element->next_free = free_;
   free_ = element;
 }
@@ -134,9 +169,12 @@ void OverlappedContexts::ReleaseContext(const OVERLAPPED* overlapped) noexcept {
 
 void OverlappedContexts::ReleaseSocketContexts(SOCKET socket) noexcept {
   if (socket == INVALID_SOCKET) return;
-  platform::LockGuard lock(lock_);
   const auto of_socket = [&](const Element& e) { return e.context.socket == socket; };
-  while (Element* element = by_socket_.Find(HashWord(socket), of_socket)) Release(element);
+  for (;;) {
+    const UnclaimedElement next(*this, [&] { return by_socket_.Find(HashWord(socket), of_socket); });
+    if (!next.get()) return;
+    Release(next.get());
+  }
 }
 
 void OverlappedContexts::HandBackMessages() noexcept {

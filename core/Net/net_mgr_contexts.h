@@ -2,14 +2,16 @@
 // whichever completion path comes first.
 //
 //   call starts      Acquire(overlapped): the library's own source buffer goes to the real call
-//   call completes   Find(overlapped) → judge, hand over or wipe → Release(overlapped)
+//   call completes   Find(overlapped) → judge, hand over or wipe → Release(overlapped) or Leave(overlapped)
 //
 //   elements_ ─► element ─► element ─► …      never freed; released ones are used again
 //   by_overlapped_   OVERLAPPED → its element
 //   free_            released elements, the one released last first
 //
-// Any thread; one lock over the list. A context belongs to the operation until it is released: the completion
-// paths of one operation do not run at the same time, so contexts are read and filled outside the lock.
+// Any thread; one lock over the list, which is not held while a datagram is judged. Several threads may learn
+// of one operation's end at the same time (the caller, when it completed at once, and a thread of a
+// completion port): the first one to find the context has it to itself, the others wait for the moment that
+// judging takes.
 #pragma once
 
 #include <cstdint>
@@ -46,6 +48,7 @@ class ReceiveBuffers {
 };
 
 struct OverlappedContext {
+  std::uint64_t ticket;              // of this operation; never 0
   bool completed_at_once;            // the receive call itself completed and the datagram was checked
   bool refused_at_once;              // that check refused it: the call returned -1
   SOCKET socket;                     // INVALID_SOCKET when released
@@ -58,7 +61,7 @@ struct OverlappedContext {
   ReceiveBuffers buffers;
   LPWSAOVERLAPPED_COMPLETION_ROUTINE caller_routine;
 
-  void Reset(SOCKET owner) noexcept;  // everything zero but the socket
+  void Reset(SOCKET owner, std::uint64_t new_ticket) noexcept;  // everything else zero
 };
 
 class OverlappedContexts {
@@ -73,7 +76,10 @@ class OverlappedContexts {
   // A zeroed context for this receive. An OVERLAPPED whose last receive was never completed through any path
   // gets its element again. Null for a null OVERLAPPED, a full list, or short memory.
   OverlappedContext* AcquireContext(const OVERLAPPED* overlapped, SOCKET socket) noexcept;
-  OverlappedContext* FindContext(const OVERLAPPED* overlapped) noexcept;  // the live one, or null
+  // The live context, for this thread alone until it releases or leaves it; null when there is none. With the
+  // ticket of an acquired context: null, too, when the OVERLAPPED belongs to another operation by now.
+  OverlappedContext* FindContext(const OVERLAPPED* overlapped, std::uint64_t ticket = 0) noexcept;
+  void LeaveContext(const OVERLAPPED* overlapped) noexcept;  // it stays live
   void ReleaseContext(const OVERLAPPED* overlapped) noexcept;
   void ReleaseSocketContexts(SOCKET socket) noexcept;
   void HandBackMessages() noexcept;  // of every live context
@@ -86,6 +92,8 @@ class OverlappedContexts {
   struct BySocket;
   struct Element;
 
+  class UnclaimedElement;
+
   Element* Find(const OVERLAPPED* overlapped) const noexcept;
   Element* NewElement() noexcept;
   void Release(Element* element) noexcept;
@@ -93,6 +101,7 @@ class OverlappedContexts {
   platform::CriticalSection lock_;
   ListHead elements_;
   Element* free_ = nullptr;
+  std::uint64_t last_ticket_ = 0;
   HashIndex<Element, ByOverlapped> by_overlapped_;
   HashIndex<Element, BySocket> by_socket_;
 };

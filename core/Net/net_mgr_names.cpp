@@ -20,7 +20,7 @@ constexpr DWORD kQueryTimeout = 30'000;  // milliseconds
 // The record list of a successful DnsQuery_*, or null.
 const DNS_RECORD* Answer(DNS_STATUS status, PDNS_RECORD* results) noexcept {
   PDNS_RECORD list = nullptr;
-  return status == ERROR_SUCCESS && results && platform::ReadGuarded(results, list) ? list : nullptr;
+  return status == ERROR_SUCCESS && platform::ReadGuarded(results, list) ? list : nullptr;
 }
 
 // An overlapped GetAddrInfoExW that runs on storage of the library's own: the caller's OVERLAPPED and result
@@ -123,7 +123,8 @@ INT CNetMgr::GetAddrInfoW(PCWSTR pNodeName, PCWSTR pServiceName, const ADDRINFOW
   const INT result = handler.RealInNetCall(
       [&] { return Ws2_32::CallOriginalGetAddrInfoW(pNodeName, pServiceName, pHints, ppResult); });
   platform::LastErrorKeeper keep;
-  if (result == 0 && ppResult) GetDnsCache().AddAddrInfo(pNodeName, *ppResult);
+  PADDRINFOW list = nullptr;
+  if (result == 0 && platform::ReadGuarded(ppResult, list)) GetDnsCache().AddAddrInfo(pNodeName, list);
   return result;
 }
 
@@ -159,14 +160,15 @@ INT CNetMgr::GetAddrInfoExW(PCWSTR pName, PCWSTR pServiceName, DWORD dwNameSpace
   }
   platform::LastErrorKeeper keep;
   if (query && ended) {
-    if (answer != ppResult) *ppResult = query->result;
+    if (ppResult) platform::WriteGuarded(ppResult, query->result);
     delete query;
   } else if (query) {
     if (query->name_handle && platform::Winsock().GetAddrInfoExCancel)
       platform::Winsock().GetAddrInfoExCancel(&query->name_handle);
     Abandoned().Add(query);
   }
-  if (result == 0 && ppResult) GetDnsCache().AddAddrInfoEx(pName, *ppResult);
+  PADDRINFOEXW list = nullptr;
+  if (result == 0 && platform::ReadGuarded(ppResult, list)) GetDnsCache().AddAddrInfoEx(pName, list);
   return result;
 }
 

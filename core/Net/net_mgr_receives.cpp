@@ -104,43 +104,54 @@ int CNetMgr::WSARecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDW
   return result;
 }
 
+// A context for the receive, or null with the last error of a call that cannot be made.
+OverlappedContext* CNetMgr::StartReceive(SOCKET s, LPWSAOVERLAPPED overlapped, const WSABUF* buffers,
+                                         DWORD count, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) noexcept {
+  OverlappedContext* context = contexts_.AcquireContext(overlapped, s);
+  if (!context) return Fail<OverlappedContext*>(nullptr, WSAENOBUFS);
+  if (!context->buffers.Capture(buffers, count)) {
+    contexts_.ReleaseContext(overlapped);
+    return Fail<OverlappedContext*>(nullptr, WSAENOBUFS);
+  }
+  context->source_length = net_helper::kAddressBytes;
+  context->caller_routine = routine;
+  return context;
+}
+
 int CNetMgr::ReceiveOverlapped(SOCKET s, LPWSABUF buffers, DWORD count, LPDWORD bytes, LPDWORD flags,
                                sockaddr* from, LPINT fromlen, LPWSAOVERLAPPED overlapped,
                                LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) {
   NetHandler handler;
-  OverlappedContext* context = contexts_.AcquireContext(overlapped, s);
-  if (!context) return Fail(SOCKET_ERROR, WSAENOBUFS);
-  if (!context->buffers.Capture(buffers, count)) {
-    contexts_.ReleaseContext(overlapped);
-    return Fail(SOCKET_ERROR, WSAENOBUFS);
-  }
-  context->source_length = net_helper::kAddressBytes;
+  OverlappedContext* context = StartReceive(s, overlapped, buffers, count, routine);
+  if (!context) return SOCKET_ERROR;
   context->caller_source = from;
   context->caller_source_length = fromlen;
-  context->caller_routine = routine;
+  const std::uint64_t ticket = context->ticket;
   const int result = handler.Real([&] {
     return Ws2_32::CallOriginalWSARecvFrom(s, buffers, count, bytes, flags, context->source.get(),
                                            &context->source_length, overlapped,
                                            routine ? &CNetMgr::OnReceiveComplete : nullptr);
   });
-  return AfterOverlappedCall(result, context, overlapped, bytes);
+  return AfterReceiveCall(result, overlapped, ticket, bytes);
 }
 
-// The end of the call itself: the operation is pending, has failed, or has completed at once.
-int CNetMgr::AfterOverlappedCall(int result, OverlappedContext* context, LPWSAOVERLAPPED overlapped,
-                                 LPDWORD bytes) noexcept {
+// The end of the call itself: the operation is pending, has failed, or has completed at once. Another thread
+// may have learned of the completion, and may have finished it, before the call returned.
+int CNetMgr::AfterReceiveCall(int result, LPWSAOVERLAPPED overlapped, std::uint64_t ticket,
+                              LPDWORD bytes) noexcept {
+  const DWORD error = GetLastError();
+  if (result == SOCKET_ERROR && error == WSA_IO_PENDING) return result;
+  OverlappedContext* context = contexts_.FindContext(overlapped, ticket);
+  if (!context) return result;
   if (result != 0) {
-    const DWORD error = GetLastError();
-    if (result == SOCKET_ERROR && error == WSA_IO_PENDING) return result;
     contexts_.ReleaseContext(overlapped);
-    SetLastError(error);
-    return result;
+    return Fail(result, static_cast<int>(error));
   }
   HandBackMessage(context);
   const bool allowed = FinishReceive(context->socket, context, bytes);
   context->completed_at_once = true;
   context->refused_at_once = !allowed;
-  if (!context->caller_routine) contexts_.ReleaseContext(overlapped);
+  context->caller_routine ? contexts_.LeaveContext(overlapped) : contexts_.ReleaseContext(overlapped);
   return allowed ? 0 : Fail(SOCKET_ERROR, WSAEADDRNOTAVAIL);
 }
 
@@ -188,25 +199,21 @@ int CNetMgr::ReceiveMessage(SOCKET s, LPWSAMSG message, LPDWORD bytes) {
 int CNetMgr::ReceiveMessageOverlapped(SOCKET s, LPWSAMSG message, LPDWORD bytes, LPWSAOVERLAPPED overlapped,
                                       LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) {
   NetHandler handler;
-  OverlappedContext* context = contexts_.AcquireContext(overlapped, s);
-  if (!context) return Fail(SOCKET_ERROR, WSAENOBUFS);
-  if (!context->buffers.Capture(message->lpBuffers, message->dwBufferCount)) {
-    contexts_.ReleaseContext(overlapped);
-    return Fail(SOCKET_ERROR, WSAENOBUFS);
-  }
-  context->source_length = net_helper::kAddressBytes;
+  OverlappedContext* context =
+      StartReceive(s, overlapped, message->lpBuffers, message->dwBufferCount, routine);
+  if (!context) return SOCKET_ERROR;
   context->caller_source = message->name;
   context->caller_source_length = &message->namelen;
   context->caller_name_length = message->namelen;
   context->caller_message = message;
-  context->caller_routine = routine;
+  const std::uint64_t ticket = context->ticket;
   const int result = handler.Real([&] {
     message->name = context->source.get();
     message->namelen = context->source_length;
     return ExtensionFunctions().WSARecvMsg.load()(s, message, bytes, overlapped,
                                                   routine ? &CNetMgr::OnReceiveComplete : nullptr);
   });
-  return AfterOverlappedCall(result, context, overlapped, bytes);
+  return AfterReceiveCall(result, overlapped, ticket, bytes);
 }
 
 // ---- Judging what was received ----

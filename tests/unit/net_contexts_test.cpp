@@ -1,7 +1,9 @@
 // The list of overlapped receives in flight.
 #include "Net/net_mgr_contexts.h"
 
+#include <atomic>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "net_confinement.h"
@@ -21,8 +23,10 @@ TEST(OverlappedContexts, ReleasedElementsAreUsedAgain) {
     }
     EXPECT_EQ(contexts.live_count(), 100);
     EXPECT_EQ(contexts.element_count(), 100);
-    for (OVERLAPPED& o : overlapped)
+    for (OVERLAPPED& o : overlapped) {
       EXPECT_EQ(contexts.FindContext(&o)->caller_source, reinterpret_cast<sockaddr*>(&o));
+      contexts.LeaveContext(&o);
+    }
     for (OVERLAPPED& o : overlapped) contexts.ReleaseContext(&o);
     EXPECT_EQ(contexts.live_count(), 0);
     EXPECT_EQ(contexts.FindContext(&overlapped[0]), nullptr);
@@ -43,6 +47,27 @@ TEST(OverlappedContexts, ClosingASocketReleasesItsContextsAlone) {
   EXPECT_FALSE(contexts.FindContext(&a));
   EXPECT_TRUE(contexts.FindContext(&b));
   EXPECT_FALSE(contexts.FindContext(&c));
+}
+
+TEST(OverlappedContexts, OneThreadAtATimeFinishesAnOperation) {
+  OverlappedContexts contexts;
+  OVERLAPPED overlapped{};
+  const std::uint64_t first = contexts.AcquireContext(&overlapped, 1)->ticket;
+  ASSERT_TRUE(contexts.FindContext(&overlapped));
+  std::atomic<bool> started = false, found_another = true;
+  std::thread second([&] {
+    started = true;
+    found_another = contexts.FindContext(&overlapped, first) != nullptr;
+  });
+  while (!started) Sleep(0);
+  contexts.ReleaseContext(&overlapped);
+  second.join();
+  EXPECT_FALSE(found_another);
+
+  // The caller of an operation that another thread has finished does not take the next one for its own.
+  EXPECT_NE(contexts.AcquireContext(&overlapped, 1)->ticket, first);
+  EXPECT_FALSE(contexts.FindContext(&overlapped, first));
+  EXPECT_TRUE(contexts.FindContext(&overlapped));
 }
 
 TEST(OverlappedContexts, AMessageIsHandedBackOnce) {
