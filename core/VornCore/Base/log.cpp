@@ -9,6 +9,7 @@
 #include <cwchar>
 
 #include "Platform/last_error.h"
+#include "Platform/local_time.h"
 #include "Platform/lock.h"
 #include "VornCore/Base/process_info.h"
 #include "VornCore/Base/shared_data.h"
@@ -175,8 +176,7 @@ void LogPrint(const char* file, std::uint32_t level, int line, const char* tag, 
 
   const int zone = ZoneMinutes();
   const unsigned distance = static_cast<unsigned>(zone < 0 ? -zone : zone);
-  SYSTEMTIME now;
-  GetLocalTime(&now);
+  const SYSTEMTIME now = platform::LocalTime();
   char text[1024];
   int length =
       FormatCut(text, kLineLimit, "[%04u-%02u-%02uT%02u:%02u:%02u.%03u%c%02u:%02u](%lu|%lu)[%s][%s:%u] ",
