@@ -8,6 +8,8 @@
 
 #include "Platform/nt.h"
 
+extern "C" NTSYSAPI BOOLEAN NTAPI RtlDllShutdownInProgress(VOID);
+
 extern "C" {
 __attribute__((noreturn)) void abort(void) {
   // FAST_FAIL_FATAL_APP_EXIT: ends the process at once, past every handler.
@@ -42,6 +44,8 @@ int __cxa_guard_acquire(int64_t* g) {
       __atomic_store_n(&b[1], 0, __ATOMIC_RELEASE);
       return 0;
     }
+    // The last thread of an ending process: who began the initialisation is gone.
+    if (RtlDllShutdownInProgress()) return 1;
     Sleep(0);
   }
 }
