@@ -56,7 +56,8 @@ class IPC {
   // Makes RecvLoop return, also one that starts later. Any thread.
   virtual bool __stdcall Stop() = 0;
   // Sends one message as one unit and returns when the system has taken it. reserved is 0. False, with an
-  // error text through OnIpcError, when the message is empty or too long or the host is gone. Any thread.
+  // error text through OnIpcError, when the message is empty or too long or the host is gone. Any thread,
+  // also the last one of a process that detaches its DLLs (after Stop it does not wait for the host).
   virtual bool __stdcall Send(const void* data, std::uint32_t bytes, std::uint32_t reserved) = 0;
 };
 

@@ -71,7 +71,15 @@ DWORD OpenPipe(const PipePath& path, Direction server_direction, DWORD timeout_m
 
 DWORD WriteMessage(HANDLE pipe, const void* data, uint32_t bytes, HANDLE event, HANDLE stop,
                    DWORD timeout_ms) noexcept {
-  OVERLAPPED overlapped{};
+  OVERLAPPED overlapped;
+  return WriteMessage(pipe, data, bytes, overlapped, event, stop, timeout_ms);
+}
+
+DWORD WriteMessage(HANDLE pipe, const void* data, uint32_t bytes, OVERLAPPED& overlapped, HANDLE event,
+                   HANDLE stop, DWORD timeout_ms) noexcept {
+  overlapped.Internal = static_cast<ULONG_PTR>(STATUS_PENDING);
+  overlapped.InternalHigh = 0;
+  overlapped.Offset = overlapped.OffsetHigh = 0;
   // The low bit keeps the completion away from a completion port that the pipe is bound to.
   overlapped.hEvent = reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(event) | 1);
   if (WriteFile(pipe, data, bytes, nullptr, &overlapped)) return 0;

@@ -42,6 +42,10 @@ enum class Direction { kIn, kBoth };
 // the wait.
 [[nodiscard]] DWORD WriteMessage(HANDLE pipe, const void* data, uint32_t bytes, HANDLE event, HANDLE stop,
                                  DWORD timeout_ms) noexcept;
+// The same with the caller's structure. Its Internal is STATUS_PENDING until the system has taken the
+// message, so that it also tells what became of a write whose thread is gone.
+[[nodiscard]] DWORD WriteMessage(HANDLE pipe, const void* data, uint32_t bytes, OVERLAPPED& overlapped,
+                                 HANDLE event, HANDLE stop, DWORD timeout_ms) noexcept;
 
 // Reads whole messages, in however many pieces the system hands them out. One read is under way at a time;
 // its completion is told by the event (if any) or at the completion port that the pipe is bound to. The

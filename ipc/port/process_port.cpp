@@ -141,13 +141,27 @@ bool ProcessPort::Send(const void* data, std::uint32_t bytes, std::uint32_t) {
               static_cast<unsigned long>(bytes), static_cast<unsigned long>(kMaxMessageBytes));
     return ReportText(text);
   }
-  // The threads of an ending process are gone, and one of them may have taken the lock along: the last one
-  // needs none.
-  const bool alone = RtlDllShutdownInProgress();
-  if (!alone) AcquireSRWLockExclusive(&send_lock_);
-  const DWORD error = WriteMessage(server_.get(), data, bytes, send_event_.get(), stop_.get(), INFINITE);
-  if (!alone) ReleaseSRWLockExclusive(&send_lock_);
+  const DWORD error = RtlDllShutdownInProgress() ? SendLastWords(data, bytes) : SendLocked(data, bytes);
   return error ? Report("a message was not sent", error) : true;
+}
+
+DWORD ProcessPort::SendLocked(const void* data, std::uint32_t bytes) {
+  AcquireSRWLockExclusive(&send_lock_);
+  send_.Internal = static_cast<ULONG_PTR>(STATUS_PENDING);
+  sending_.store(data, std::memory_order_release);
+  const DWORD error =
+      WriteMessage(server_.get(), data, bytes, send_, send_event_.get(), stop_.get(), INFINITE);
+  ReleaseSRWLockExclusive(&send_lock_);
+  return error;
+}
+
+// The process is ending and this is its only thread: whoever held the lock is gone, with what it had under
+// way on the event. What it had sent is not sent again.
+DWORD ProcessPort::SendLastWords(const void* data, std::uint32_t bytes) {
+  if (sending_.exchange(nullptr) == data && static_cast<NTSTATUS>(send_.Internal) == STATUS_SUCCESS) return 0;
+  const UniqueHandle event = ManualResetEvent();
+  if (!event) return GetLastError();
+  return WriteMessage(server_.get(), data, bytes, event.get(), stop_.get(), INFINITE);
 }
 
 bool ProcessPort::RecvLoop() {

@@ -5,6 +5,8 @@
 // pipes and the stop event; it is the only reader.
 #pragma once
 
+#include <atomic>
+
 #include "ipc/ipc_interface.h"
 #include "ipc/port/pipe.h"
 
@@ -31,6 +33,9 @@ class ProcessPort final : public IPC {
   bool ConnectToServer(const wchar_t* server_port, const wchar_t* local_port);
   bool ShakeHands(const wchar_t* local_port);
 
+  DWORD SendLocked(const void* data, std::uint32_t bytes);
+  DWORD SendLastWords(const void* data, std::uint32_t bytes);
+
   // The local port's life: waiting for the host, then reading what it sends, again and again.
   void Listen();
   void OnLocalEvent();
@@ -49,6 +54,8 @@ class ProcessPort final : public IPC {
   UniqueHandle stop_;        // manual-reset
   UniqueHandle send_event_;  // manual-reset, used under send_lock_
   SRWLOCK send_lock_ = SRWLOCK_INIT;
+  OVERLAPPED send_{};                           // under send_lock_: of the last message
+  std::atomic<const void*> sending_ = nullptr;  // the last message's data
 
   UniqueHandle server_;
   UniqueHandle server_event_;  // manual-reset, of server_reader_
