@@ -47,9 +47,9 @@ HeapText ToUtf8(const wchar_t* text, std::size_t units) {
   return WideToUtf8(text, static_cast<std::int32_t>(units * sizeof(wchar_t)));
 }
 
-// Once per process: by the send thread, or at the end of a process that ended before that thread ran.
+// Once per process: by the send thread, or at the end of a process that ended before that thread had done it.
 void SendProcessStart() {
-  if (gs_start_sent.exchange(true)) return;
+  if (gs_start_sent.load()) return;
   const wchar_t* image = GetImageBaseName();
   const wchar_t* command = GetCommandLineW();
   const HeapText image_text = image ? ToUtf8(image, std::wcslen(image)) : nullptr;
@@ -63,6 +63,7 @@ void SendProcessStart() {
                                                 .image_name = ViewOf(image_text),
                                                 .command_line = ViewOf(command_text)}))
     VORN_LOG_E("pTIPHeader is NULL");
+  gs_start_sent.store(true);
 }
 
 void DispatchMsgToBiz(const void* data, std::uint32_t bytes) {
@@ -261,7 +262,7 @@ bool UnInit() noexcept {
 }
 
 void FlushAtProcessEnd() noexcept {
-  if (!gs_initialised.load()) return;
+  if (!gs_initialised.load() || gs_rqGameToHost.IsAbandoned()) return;
   IpcStop();  // from here on, sending does not wait for the host
   SendProcessStart();
   gs_rqGameToHost.Drain(IpcSend);

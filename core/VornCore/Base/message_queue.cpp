@@ -36,7 +36,9 @@ void MessageQueue::Consume(Handler handle) noexcept {
     const RingNode* node = nullptr;
     switch (ring_.Pop(&node)) {
       case PopResult::kNode:
+        in_hand_.store(node, std::memory_order_relaxed);
         handle(node->data, node->length);
+        in_hand_.store(nullptr, std::memory_order_relaxed);
         failures = 0;
         break;
       case PopResult::kEmpty:
@@ -54,9 +56,9 @@ void MessageQueue::Consume(Handler handle) noexcept {
 }
 
 void MessageQueue::Drain(bool (*handle)(const void* data, std::uint32_t bytes)) noexcept {
-  if (ring_.IsLocked()) return;
-  const RingNode* node = nullptr;
-  while (ring_.Pop(&node) == PopResult::kNode && handle(node->data, node->length)) {
+  const RingNode* node = in_hand_.exchange(nullptr);
+  if (!node && ring_.Pop(&node) != PopResult::kNode) return;
+  while (handle(node->data, node->length) && ring_.Pop(&node) == PopResult::kNode) {
   }
 }
 

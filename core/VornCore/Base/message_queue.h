@@ -30,8 +30,11 @@ class MessageQueue {
   // errors in a row.
   void Consume(Handler handle) noexcept;
 
-  // For the last thread of an ending process: hands what is left to handle, until it answers false. Does
-  // nothing when a thread was ended inside the queue.
+  // For the last thread of an ending process. Whether a thread was ended inside the queue: then nothing else
+  // may be called.
+  [[nodiscard]] bool IsAbandoned() const noexcept { return ring_.IsLocked(); }
+  // For that thread too: hands what is left to handle, until it answers false. The first may be the message
+  // that the consumer had in hand when it ended, and it may have got through.
   void Drain(bool (*handle)(const void* data, std::uint32_t bytes)) noexcept;
 
   // Waits until the consumer sleeps, and so holds no lock; gives up when time is up.
@@ -43,6 +46,7 @@ class MessageQueue {
   RingQueue ring_;
   HANDLE event_ = nullptr;  // manual reset
   std::atomic<bool> sleeping_ = false;
+  std::atomic<const RingNode*> in_hand_ = nullptr;  // being handled by Consume
 };
 
 }  // namespace VornCore
