@@ -124,12 +124,13 @@ DnsCache& GetDnsCache() noexcept {
 
 DnsCache::~DnsCache() {
   platform::LockGuard lock(lock_);
-  while (auto* domain = static_cast<DomainEntry*>(FirstNode(domains_))) {
-    while (auto* address = static_cast<AddressEntry*>(FirstNode(domain->addresses))) {
-      Remove(domain->addresses, address);
-      delete address;
+  for (ListNode *node = FirstNode(domains_), *next; node; node = next) {
+    next = NextNode(node);
+    auto* domain = static_cast<DomainEntry*>(node);
+    for (ListNode *at = FirstNode(domain->addresses), *next_address; at; at = next_address) {
+      next_address = NextNode(at);
+      delete static_cast<AddressEntry*>(at);
     }
-    Remove(domains_, domain);
     delete domain;
   }
 }

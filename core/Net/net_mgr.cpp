@@ -1,5 +1,6 @@
 #include "Net/net_mgr.h"
 
+#include "Platform/winsock.h"
 #include "VornCore/Base/shared_data.h"
 
 namespace VornCore {
@@ -51,6 +52,9 @@ std::span<ModuleHookEntry> CNetMgr::WatchedModules() noexcept {
 bool CNetMgr::OnWs2_32Loaded(HMODULE module, const wchar_t*) {
   CNetMgr& manager = GetNetMgr();
   if (!manager.enabled_) return true;
+  // Looked up now, inside the loader: at the first call, a thread that waits for the loader and one that is
+  // inside it could wait for each other.
+  platform::Winsock();
   if (Ws2_32::Init(module)) {
 #define ROW(fail, result, api, ...) Ws2_32::Register##api##Listener(&manager);
     VORN_WS2_32_API(ROW)

@@ -68,9 +68,9 @@ struct OverlappedContexts::Element : ListNode, HashNode<ByOverlapped>, HashNode<
 };
 
 OverlappedContexts::~OverlappedContexts() {
-  while (auto* element = static_cast<Element*>(FirstNode(elements_))) {
-    Remove(elements_, element);
-    delete element;
+  for (ListNode *node = FirstNode(elements_), *next; node; node = next) {
+    next = NextNode(node);
+    delete static_cast<Element*>(node);
   }
 }
 

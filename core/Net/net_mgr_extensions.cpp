@@ -84,7 +84,7 @@ RIO_RQ PASCAL RioCreateRequestQueue(SOCKET s, ULONG max_receives, ULONG max_rece
   NetHandler handler;
   const auto original = ExtensionFunctions().RIOCreateRequestQueue.load();
   if (!original) return Fail(RIO_RQ{}, WSAEPROVIDERFAILEDINIT);
-  const RIO_RQ queue = handler.Real([&] {
+  RIO_RQ queue = handler.Real([&] {
     return original(s, max_receives, max_receive_buffers, max_sends, max_send_buffers, receive_cq, send_cq,
                     context);
   });

@@ -1,4 +1,7 @@
 // The life of a socket: creation, binding, connecting, closing. And the start of Winsock.
+#include <atomic>
+#include <cstring>
+
 #include "Net/dns_cache.h"
 #include "Net/net_mgr.h"
 #include "Net/net_mgr_handler.h"
@@ -21,6 +24,8 @@ bool InitCachedDns() noexcept {
   return loaded;
 }
 
+std::atomic<bool> g_dns_cache_begun = false, g_dns_cache_failed = false;
+
 }  // namespace
 
 int CNetMgr::WSAStartup(WORD wVersionRequested, LPWSADATA lpWSAData, bool*) {
@@ -29,8 +34,10 @@ int CNetMgr::WSAStartup(WORD wVersionRequested, LPWSADATA lpWSAData, bool*) {
       handler.Real([&] { return Ws2_32::CallOriginalWSAStartup(wVersionRequested, lpWSAData); });
   if (result != 0) return result;
   platform::LastErrorKeeper keep;
-  static const bool loaded = InitCachedDns();
-  if (!loaded) VORN_LOG_N("InitWSAStratup failed!");
+  // Once. Nobody waits for the thread that does it: it loads a module, and the other may be inside the
+  // loader.
+  if (!g_dns_cache_begun.exchange(true) && !InitCachedDns()) g_dns_cache_failed = true;
+  if (g_dns_cache_failed) VORN_LOG_N("InitWSAStratup failed!");
   return result;
 }
 

@@ -41,11 +41,11 @@ inline bool WipeGuarded(void* address, std::size_t bytes) noexcept {
 // One value of the application's. T is plain data.
 template <class T>
 [[nodiscard]] bool ReadGuarded(const T* from, T& value) noexcept {
-  return CopyGuarded(&value, from, sizeof(T));
+  return from && Guarded([&] { value = *from; });
 }
 template <class T>
 bool WriteGuarded(T* to, const T& value) noexcept {
-  return CopyGuarded(to, &value, sizeof(T));
+  return to && Guarded([&] { *to = value; });
 }
 
 }  // namespace VornCore::platform
