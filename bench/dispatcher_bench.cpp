@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "VornCore/Hook/kernel_base.h"
+#include "VornCore/Hook/ws2_32.h"
 #include "detours/detours.h"
 
 namespace {
@@ -52,14 +53,12 @@ Result Seen(Result result) {
   return result;
 }
 
-BOOL(WINAPI* overlapped_trampoline)(HANDLE, LPOVERLAPPED, LPDWORD, DWORD, BOOL);
-BOOL WINAPI JumpingOverlapped(HANDLE file, LPOVERLAPPED overlapped, LPDWORD bytes, DWORD timeout,
-                              BOOL alertable) {
-  return overlapped_trampoline(file, overlapped, bytes, timeout, alertable);
+BOOL(WSAAPI* overlapped_trampoline)(SOCKET, LPWSAOVERLAPPED, LPDWORD, BOOL, LPDWORD);
+BOOL WSAAPI JumpingOverlapped(SOCKET s, LPWSAOVERLAPPED overlapped, LPDWORD bytes, BOOL wait, LPDWORD flags) {
+  return overlapped_trampoline(s, overlapped, bytes, wait, flags);
 }
-BOOL WINAPI CallingOverlapped(HANDLE file, LPOVERLAPPED overlapped, LPDWORD bytes, DWORD timeout,
-                              BOOL alertable) {
-  return Seen(overlapped_trampoline(file, overlapped, bytes, timeout, alertable));
+BOOL WSAAPI CallingOverlapped(SOCKET s, LPWSAOVERLAPPED overlapped, LPDWORD bytes, BOOL wait, LPDWORD flags) {
+  return Seen(overlapped_trampoline(s, overlapped, bytes, wait, flags));
 }
 
 LPTOP_LEVEL_EXCEPTION_FILTER(WINAPI* filter_trampoline)(LPTOP_LEVEL_EXCEPTION_FILTER);
@@ -83,23 +82,33 @@ double BehindDetour(void* target, Function& trampoline, Function detour, int cal
   return time;
 }
 
-template <class Function, class Call>
+struct KernelBaseTable {
+  static void Install() { KernelBase::Init(); }
+  static void Remove() { KernelBase::UnInit(); }
+};
+struct Ws2_32Table {
+  static inline HMODULE module;
+  static void Install() { Ws2_32::Init(module); }
+  static void Remove() { Ws2_32::UnInit(); }
+};
+
+template <class Table, class Listener, class Function, class Call>
 void Compare(const char* name, void* target, Function& trampoline, Function jumping, Function calling,
-             bool (*register_listener)(IKernelBaseApiListener*) noexcept,
-             void (*unregister_listener)(IKernelBaseApiListener*) noexcept, Call call) {
+             bool (*register_listener)(Listener*) noexcept, void (*unregister_listener)(Listener*) noexcept,
+             Call call) {
   constexpr int kCalls = 200'000;
-  IKernelBaseApiListener listener;
+  Listener listener;
   std::vector<double> plain, jump, bare, empty, table, ratio;
   for (int round = 0; round < kRounds; ++round) {
     plain.push_back(NanosecondsPerCall(kCalls, call));
     jump.push_back(BehindDetour(target, trampoline, jumping, kCalls, call) - plain.back());
     bare.push_back(BehindDetour(target, trampoline, calling, kCalls, call) - plain.back());
-    KernelBase::Init();
+    Table::Install();
     empty.push_back(NanosecondsPerCall(kCalls, call) - plain.back());
     register_listener(&listener);
     table.push_back(NanosecondsPerCall(kCalls, call) - plain.back());
     unregister_listener(&listener);
-    KernelBase::UnInit();
+    Table::Remove();
     if (bare.back() > 0) ratio.push_back(table.back() / bare.back());
   }
   std::printf(
@@ -110,19 +119,21 @@ void Compare(const char* name, void* target, Function& trampoline, Function jump
 
 }  // namespace
 
+// Functions without system calls, and without bridges on any system.
 int main() {
-  OVERLAPPED done{};  // completed: the function only copies the count
-  DWORD bytes = 0;
-  auto overlapped_ex = reinterpret_cast<decltype(overlapped_trampoline)>(
-      GetProcAddress(GetModuleHandleW(L"KernelBase.dll"), "GetOverlappedResultEx"));
-  Compare("GetOverlappedResultEx", reinterpret_cast<void*>(overlapped_ex), overlapped_trampoline,
-          JumpingOverlapped, CallingOverlapped, KernelBase::RegisterGetOverlappedResultExListener,
-          KernelBase::UnregisterGetOverlappedResultExListener,
-          [&] { overlapped_ex(nullptr, &done, &bytes, 0, FALSE); });
-  Compare("SetUnhandledExceptionFilter", reinterpret_cast<void*>(SetUnhandledExceptionFilter),
-          filter_trampoline, JumpingFilter, CallingFilter,
-          KernelBase::RegisterSetUnhandledExceptionFilterListener,
-          KernelBase::UnregisterSetUnhandledExceptionFilterListener,
-          [] { SetUnhandledExceptionFilter(nullptr); });
+  Ws2_32Table::module = LoadLibraryW(L"ws2_32.dll");
+  WSAOVERLAPPED done{};  // completed: the function only copies the count
+  DWORD bytes = 0, flags = 0;
+  auto overlapped = reinterpret_cast<decltype(overlapped_trampoline)>(
+      GetProcAddress(Ws2_32Table::module, "WSAGetOverlappedResult"));
+  Compare<Ws2_32Table>("WSAGetOverlappedResult", reinterpret_cast<void*>(overlapped), overlapped_trampoline,
+                       JumpingOverlapped, CallingOverlapped, Ws2_32::RegisterWSAGetOverlappedResultListener,
+                       Ws2_32::UnregisterWSAGetOverlappedResultListener,
+                       [&] { overlapped(0, &done, &bytes, FALSE, &flags); });
+  Compare<KernelBaseTable>(
+      "SetUnhandledExceptionFilter", reinterpret_cast<void*>(SetUnhandledExceptionFilter), filter_trampoline,
+      JumpingFilter, CallingFilter, KernelBase::RegisterSetUnhandledExceptionFilterListener,
+      KernelBase::UnregisterSetUnhandledExceptionFilterListener,
+      [] { SetUnhandledExceptionFilter(nullptr); });
   return 0;
 }
