@@ -6,8 +6,8 @@
 namespace VornCore::platform {
 
 void* ResolveTarget(HMODULE module, const char* name) noexcept {
-  void* target = reinterpret_cast<void*>(GetProcAddress(module, name));
-  return target || !IsWine() ? target : wine::FindSubstitute(module, name);
+  void* substitute = IsWine() ? wine::FindSubstitute(module, name) : nullptr;
+  return substitute ? substitute : reinterpret_cast<void*>(GetProcAddress(module, name));
 }
 
 void* BridgeOriginal(const char* name, void* original) noexcept {

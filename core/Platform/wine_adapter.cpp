@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "Platform/guard.h"
+#include "Platform/wine_addr_info.h"
 #include "Platform/wine_link_names.h"
 #include "Platform/wine_nested_calls.h"
 #include "Platform/wine_paths.h"
@@ -195,6 +196,7 @@ NTSTATUS NTAPI SetInformationFileBridge(HANDLE file, PIO_STATUS_BLOCK io, PVOID 
 // Wine's KernelBase has no MoveFileWithProgressTransactedW; what it would do runs in MoveFileWithProgressW,
 // which takes no transaction.
 constexpr std::string_view kMoveTransacted = "MoveFileWithProgressTransactedW";
+constexpr std::string_view kGetAddrInfo = "GetAddrInfoW";
 using MoveTransacted = BOOL(WINAPI*)(LPCWSTR, LPCWSTR, LPPROGRESS_ROUTINE, LPVOID, DWORD, HANDLE);
 using Move = BOOL(WINAPI*)(LPCWSTR, LPCWSTR, LPPROGRESS_ROUTINE, LPVOID, DWORD);
 Move real_Move;
@@ -235,8 +237,11 @@ void Adapt(NativeApi& api) noexcept {
 }
 
 void* FindSubstitute(HMODULE module, const char* name) noexcept {
-  if (name != kMoveTransacted) return nullptr;
-  return reinterpret_cast<void*>(GetProcAddress(module, "MoveFileWithProgressW"));
+  const std::string_view api(name);
+  if (api == kGetAddrInfo) return AddrInfoTarget(module);
+  if (api == kMoveTransacted && !HasTransactedMove())
+    return reinterpret_cast<void*>(GetProcAddress(module, "MoveFileWithProgressW"));
+  return nullptr;
 }
 
 void* BridgeOriginal(const char* name, void* original) noexcept {
@@ -249,11 +254,14 @@ void* BridgeOriginal(const char* name, void* original) noexcept {
     real_Move = reinterpret_cast<Move>(original);
     return reinterpret_cast<void*>(&MoveBridge);
   }
+  if (api == kGetAddrInfo) return AddrInfoOriginal(original);
   return MarkNestedCall(name, original);
 }
 
 void* BridgeDispatcher(const char* name, void* dispatcher) noexcept {
-  if (name != kMoveTransacted || HasTransactedMove()) return PassNestedCall(name, dispatcher);
+  const std::string_view api(name);
+  if (api == kGetAddrInfo) return AddrInfoDispatcher(dispatcher);
+  if (api != kMoveTransacted || HasTransactedMove()) return PassNestedCall(name, dispatcher);
   move_dispatcher = reinterpret_cast<MoveTransacted>(dispatcher);
   return reinterpret_cast<void*>(&MoveDispatcher);
 }

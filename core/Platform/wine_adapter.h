@@ -10,7 +10,8 @@ namespace VornCore::platform::wine {
 // Replaces the entries that Wine answers differently.
 void Adapt(NativeApi& api) noexcept;
 
-// The function that does the work of one that module does not export; null when there is none.
+// The function to intercept in place of the one that module exports, or does not export, under this name;
+// null when there is none.
 void* FindSubstitute(HMODULE module, const char* name) noexcept;
 
 // See Platform/original.h.

@@ -103,8 +103,8 @@ class NameServer {
   std::thread thread_;
 };
 
-const char* const kWays[] = {"hostent", "addrinfo", "addrinfoex", "addrinfoex_event",
-                             "dns_a",   "dns_w",    "dns_utf8"};
+const char* const kWays[] = {"hostent",          "addrinfo", "addrinfo_narrow", "addrinfoex",
+                             "addrinfoex_event", "dns_a",    "dns_w",           "dns_utf8"};
 
 class NetNames : public ::testing::Test {
  protected:

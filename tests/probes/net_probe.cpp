@@ -16,9 +16,10 @@
 //                                               portex, routine
 //   serve PORT                                  binds, receives, answers where it came from; prints the data
 //   unpatched                                   0 when no function of ws2_32 differs from its file
-//   resolve HOW NAME PORT                       asks for NAME, then connects: prints the error of each; HOW
-//   hostent,
-//                                               addrinfo, addrinfoex, overlapped, dns_a, dns_w, dns_utf8
+//   resolve HOW NAME PORT                       asks for NAME, then connects: prints the error of each
+//
+// HOW: hostent, addrinfo, addrinfo_narrow, addrinfoex, addrinfoex_event and addrinfoex_bare (overlapped, with and
+// without an event), dns_a, dns_w, dns_utf8.
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
@@ -276,6 +277,11 @@ bool Resolve(const std::string& how, const std::string& name, Address& to, int& 
     to.v4.sin_family = AF_INET;
     memcpy(&to.v4.sin_addr, answer->h_addr_list[0], 4);
     return true;
+  }
+  if (how == "addrinfo_narrow") {
+    addrinfo* list = nullptr;
+    error = getaddrinfo(name.c_str(), nullptr, nullptr, &list);
+    return !error && FirstAddress(list->ai_addr, list->ai_addrlen, to);
   }
   if (how == "addrinfo") {
     ADDRINFOW* list = nullptr;
