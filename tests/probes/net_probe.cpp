@@ -6,20 +6,23 @@
 //
 // The number is the Winsock error, 0 for success. Commands:
 //
-//   connect|wsaconnect|connectex ADDRESS PORT   TCP
-//   sendto|wsasendto|sendmsg ADDRESS PORT       one datagram; dual-stack for IPv6
+//   connect|wsaconnect|connectex ADDRESS PORT
+//       TCP
+//   sendto|wsasendto|sendmsg ADDRESS PORT
+//       one datagram
 //   recvfrom|recv|wsarecvfrom|wsarecv|recvmsg ADDRESS PORT ASK
-//                                               sends ASK there, then receives; prints bytes and data too
-//   overlapped END CALL WHEN ADDRESS PORT ASK   the same by an overlapped receive: CALL wsarecvfrom or
-//   recvmsg; WHEN
-//                                               pending or immediate; END result, resultex, wsaresult, port,
-//                                               portex, routine
-//   serve PORT                                  binds, receives, answers where it came from; prints the data
-//   unpatched                                   0 when no function of ws2_32 differs from its file
-//   resolve HOW NAME PORT                       asks for NAME, then connects: prints the error of each
-//
-// HOW: hostent, addrinfo, addrinfo_narrow, addrinfoex, addrinfoex_event and addrinfoex_bare (overlapped, with and
-// without an event), dns_a, dns_w, dns_utf8.
+//       sends ASK there, then receives; prints bytes and data too
+//   overlapped END CALL WHEN ADDRESS PORT ASK
+//       the same by an overlapped receive. CALL: wsarecvfrom, recvmsg. WHEN: pending, immediate. END: result,
+//       resultex, wsaresult, port, portex, routine
+//   serve PORT
+//       binds, receives, answers where it came from; prints bytes and data too
+//   unpatched
+//       prints how many functions of ws2_32 and dnsapi differ from their files
+//   resolve HOW NAME PORT
+//       asks for NAME, then connects; prints the error of each. HOW: hostent, addrinfo, addrinfo_narrow,
+//       addrinfoex, addrinfoex_event and addrinfoex_bare (overlapped, with and without an event), dns_a,
+//       dns_w, dns_utf8
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
