@@ -11,7 +11,7 @@ add_library(vorn_includes INTERFACE)
 target_include_directories(vorn_includes INTERFACE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/core)
 
 # Builds do not depend on where the sources lie.
-add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+add_compile_options(-fdebug-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
 
 if(CMAKE_SYSTEM_PROCESSOR STREQUAL "X86" OR CMAKE_SIZEOF_VOID_P EQUAL 4)
   set(VORN_ARCH x86)

@@ -1,16 +1,13 @@
 # What tests, benches and fuzzers are made of. Every program is one statement in the list of its folder:
 #
-#   vorn_unit_test(NAME [NATIVE|NATIVE_ONLY] [X64] SOURCES … LIBS … [NEEDS TARGET…])
+#   vorn_unit_test(NAME [NATIVE|NATIVE_ONLY] SOURCES … LIBS … [NEEDS TARGET…])
 #
-# Windows presets build it (X64: the 64-bit one alone, for what runs generated 64-bit code), with NATIVE the native
-# preset too, with NATIVE_ONLY no other. LIBS may hold linker options. NEEDS names programs and DLLs that it starts
-# or loads.
+# The preset win-x64 builds it, with NATIVE the native preset too, with NATIVE_ONLY no other. LIBS may hold linker
+# options. NEEDS names programs and DLLs that it starts or loads. win-x86 has none of them: nothing 32-bit runs on the
+# build machine, so its DLLs are inspected as files.
 
 # One ctest entry per program: a process start under Wine costs more than a test.
 function(vorn_test_entry name)
-  if(WIN32 AND NOT VORN_ARCH STREQUAL "x64")
-    return()  # nothing 32-bit runs on the build machine
-  endif()
   add_test(NAME ${name} COMMAND ${name} WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
   set_tests_properties(${name} PROPERTIES TIMEOUT 300)
   if(WIN32)
@@ -19,11 +16,11 @@ function(vorn_test_entry name)
 endfunction()
 
 function(vorn_program_options)
-  cmake_parse_arguments(PARSE_ARGV 0 ARG "NATIVE;NATIVE_ONLY;X64" "" "SOURCES;LIBS;NEEDS")
+  cmake_parse_arguments(PARSE_ARGV 0 ARG "NATIVE;NATIVE_ONLY" "" "SOURCES;LIBS;NEEDS")
   set(skip FALSE)
   if(NOT WIN32 AND NOT ARG_NATIVE AND NOT ARG_NATIVE_ONLY)
     set(skip TRUE)
-  elseif(WIN32 AND (ARG_NATIVE_ONLY OR (ARG_X64 AND NOT VORN_ARCH STREQUAL "x64")))
+  elseif(WIN32 AND ARG_NATIVE_ONLY)
     set(skip TRUE)
   endif()
   foreach(name ARG_SOURCES ARG_LIBS ARG_NEEDS skip)

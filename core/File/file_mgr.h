@@ -1,8 +1,8 @@
 // The file manager: every file call of the process passes here and is confined.
 //
-//   open, create          file_mgr_open.cpp      decided, refused, narrowed or passed on; handles are
-//   recorded rename, delete,       file_mgr_change.cpp    judged by the record of the handle; deletions wait
-//   for the write, close, move                           close and go to the recycle bin
+// file_mgr_open.cpp: opening and creating. Decided, refused, narrowed or passed on; handles are recorded.
+// file_mgr_change.cpp: renaming, deleting, writing, closing, moving. Judged by the record of the handle;
+// deletions wait for the close and go to the recycle bin.
 //
 // Handlers run on whatever thread makes the call; what belongs to one call lives on its stack and in its
 // ThreadState. Lock order: close lock, then the lock of the handle records.
