@@ -27,6 +27,7 @@ void ProcessTree::Started(std::uint32_t pid, std::uint32_t parent, std::string n
 
 void ProcessTree::Injected(std::uint32_t parent, std::uint32_t pid, std::string name) {
   ProcessNode& node = Node(pid, parent);
+  node.injected = true;
   if (node.name.empty()) node.name = std::move(name);
 }
 
@@ -44,9 +45,14 @@ void ProcessTree::ExitedAtOnce(std::uint32_t parent, std::uint32_t pid, std::uin
   node.code = exit_code;
 }
 
+void ProcessTree::Ran(std::uint32_t pid, std::uint32_t parent, std::string name) {
+  ProcessNode& node = Node(pid, parent);
+  if (node.name.empty()) node.name = std::move(name);
+}
+
 std::size_t ProcessTree::unconfined() const {
-  return static_cast<std::size_t>(std::count_if(
-      nodes_.begin(), nodes_.end(), [](const ProcessNode& n) { return !n.confined && !n.exited_at_once; }));
+  return static_cast<std::size_t>(std::ranges::count_if(
+      nodes_, [](const ProcessNode& n) { return !n.confined && !n.injected && !n.exited_at_once; }));
 }
 
 const ProcessNode* ProcessTree::Find(std::uint32_t pid) const {
@@ -62,6 +68,7 @@ void ProcessTree::AddLines(std::uint32_t parent, std::size_t depth, std::vector<
     const std::string state = node.confined         ? "confined"
                               : node.failed         ? fmt::format("NOT CONFINED (error {})", node.code)
                               : node.exited_at_once ? fmt::format("exited at once (code {:#x})", node.code)
+                              : node.injected       ? "confined, ended before it reported"
                                                     : "NOT CONFINED (never reported)";
     lines.push_back(
         fmt::format("{:{}}{} ({})  {}", "", depth * 2, node.name.empty() ? "?" : node.name, node.pid, state));

@@ -16,6 +16,7 @@ struct ProcessNode {
   std::uint32_t parent;
   std::string name;        // base name of the image, UTF-8
   bool confined = false;   // it introduced itself: the library runs in it
+  bool injected = false;   // its parent gave it the library, without which it cannot run
   bool failed = false;     // its parent could not give it the library
   std::uint32_t code = 0;  // Win32 error of that failure, or exit code
   bool exited_at_once = false;
@@ -29,6 +30,8 @@ class ProcessTree {
   void Injected(std::uint32_t parent, std::uint32_t pid, std::string name);
   void NotInjected(std::uint32_t parent, std::uint32_t pid, std::string name, std::uint32_t error);
   void ExitedAtOnce(std::uint32_t parent, std::uint32_t pid, std::uint32_t exit_code);
+  // The system tells that it ran, whoever else spoke of it.
+  void Ran(std::uint32_t pid, std::uint32_t parent, std::string name);
 
   std::size_t size() const { return nodes_.size(); }
   std::size_t unconfined() const;

@@ -86,11 +86,13 @@ int Run(const RunArguments& arguments) {
                              (failure->code == ERROR_FILE_NOT_FOUND || failure->code == ERROR_PATH_NOT_FOUND);
       return not_found ? kExitNotFound : kExitCannotRun;
     }
-    const std::uint32_t exit_code = *std::get<host::ConfinedProcess>(started).Wait();
+    const auto& program = std::get<host::ConfinedProcess>(started);
+    const std::uint32_t exit_code = *program.Wait();
     // What the program left running goes on under the run's eyes. Processes without the library do not hold the
     // run: they end with the launcher.
     server.WaitUntilIdle(kNoLimit);
     server.Stop();
+    report.OnProcesses(program.pid(), launcher.Processes());
     report.PrintSummary(g_interrupted ? "ended by Ctrl-C" : fmt::format("exit code {}", exit_code));
     g_launcher = nullptr;
     return static_cast<int>(exit_code);

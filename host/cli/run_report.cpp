@@ -37,6 +37,16 @@ void RunReport::OnTransportError(const std::string& text) {
   if (!quiet_) PrintErrorLine("vorn: channel: " + text);
 }
 
+void RunReport::OnProcesses(std::uint32_t program, const std::vector<host::LaunchedProcess>& all) {
+  for (const host::LaunchedProcess& process : all) {
+    const std::string name = host::ToUtf8(process.image);
+    if (process.pid == program)
+      processes_.Injected(process.parent_pid, process.pid, name);
+    else
+      processes_.Ran(process.pid, process.parent_pid, name);
+  }
+}
+
 void RunReport::On(const host::Event& event, const host::ProcessStartEvent& start) {
   processes_.Started(event.pid, start.parent_pid, start.image);
   Show(event);

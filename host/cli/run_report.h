@@ -12,6 +12,7 @@
 #include "process_tree.h"
 #include "vorn/compiled_policy.h"
 #include "vorn/event.h"
+#include "vorn/launcher.h"
 #include "vorn/run_journal.h"
 
 namespace vorn::cli {
@@ -26,6 +27,8 @@ class RunReport {
   // pid: of the peer that sent it.
   void OnMessage(std::uint32_t pid, std::span<const std::byte> message);
   void OnTransportError(const std::string& text);
+  // The program itself, which its launcher knows to be confined, and whatever else ran under the launcher.
+  void OnProcesses(std::uint32_t program, const std::vector<host::LaunchedProcess>& all);
   // end: "exit code 7", "ended by Ctrl-C", …
   void PrintSummary(const std::string& end) const;
 

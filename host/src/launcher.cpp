@@ -4,7 +4,11 @@
 
 #include <algorithm>
 #include <array>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
 #include <system_error>
+#include <thread>
 
 #include "detours/detours.h"
 #include "environment.h"
@@ -19,6 +23,7 @@ namespace {
 using ipc::UniqueHandle;
 
 constexpr wchar_t kSectionVariable[] = L"VORN_SHARED_DATA_NAME";
+constexpr DWORD kStopWatching = 0;             // no notice of a job
 constexpr UINT kNotConfinedExit = 0xE0000001;  // of a process that is ended because it could not be confined
 
 LaunchFailure Failure(LaunchStage stage, DWORD error, std::string_view what) {
@@ -182,6 +187,12 @@ class Launcher::Impl {
     JOBOBJECT_ASSOCIATE_COMPLETION_PORT port{nullptr, notices_.get()};
     check(
         SetInformationJobObject(job_.get(), JobObjectAssociateCompletionPortInformation, &port, sizeof port));
+    watcher_ = std::thread([this] { Watch(); });
+  }
+
+  ~Impl() {
+    PostQueuedCompletionStatus(notices_.get(), kStopWatching, 0, nullptr);
+    watcher_.join();
   }
 
   std::variant<ConfinedProcess, LaunchFailure> Start(const LaunchOptions& options) {
@@ -209,19 +220,30 @@ class Launcher::Impl {
     return process && IsProcessInJob(process.get(), job_.get(), &inside) && inside;
   }
 
+  std::vector<LaunchedProcess> Processes() const {
+    std::lock_guard lock(mutex_);
+    std::vector<LaunchedProcess> processes = processes_;
+    // A process that was asked in its first moments may not have had a name yet.
+    for (LaunchedProcess& process : processes)
+      if (process.image.empty())
+        if (LaunchedProcess now = Describe(process.pid); !now.image.empty()) process = std::move(now);
+    return processes;
+  }
+
   bool WaitForAll(std::optional<std::chrono::milliseconds> timeout) {
-    const ULONGLONG start = GetTickCount64();
-    const DWORD limit = Milliseconds(timeout);
     // The job tells when it becomes empty, but does not promise to: hence the longest single wait.
-    constexpr DWORD kLongestWaitMs = 1000;
+    constexpr std::chrono::milliseconds kLongestWait = std::chrono::seconds(1);
+    const auto start = std::chrono::steady_clock::now();
+    std::unique_lock lock(mutex_);
     while (ActiveProcesses() != 0) {
-      const ULONGLONG passed = GetTickCount64() - start;
-      if (limit != INFINITE && passed >= limit) return false;
-      const DWORD left = limit == INFINITE ? kLongestWaitMs : static_cast<DWORD>(limit - passed);
-      DWORD message = 0;
-      ULONG_PTR key = 0;
-      OVERLAPPED* process = nullptr;
-      GetQueuedCompletionStatus(notices_.get(), &message, &key, &process, std::min(left, kLongestWaitMs));
+      auto wait = kLongestWait;
+      if (timeout) {
+        const auto left = *timeout - std::chrono::duration_cast<std::chrono::milliseconds>(
+                                         std::chrono::steady_clock::now() - start);
+        if (left.count() <= 0) return false;
+        wait = std::min(wait, left);
+      }
+      empty_.wait_for(lock, wait);
     }
     return true;
   }
@@ -229,6 +251,44 @@ class Launcher::Impl {
   void TerminateAll(std::uint32_t exit_code) { TerminateJobObject(job_.get(), exit_code); }
 
  private:
+  // Of the thread that reads the job's notices: a process that lives for a moment is asked for its name while
+  // it can be.
+  void Watch() {
+    for (;;) {
+      DWORD message = 0;
+      ULONG_PTR key = 0;
+      OVERLAPPED* pid = nullptr;  // where the notice is about a process
+      if (!GetQueuedCompletionStatus(notices_.get(), &message, &key, &pid, INFINITE)) return;
+      if (message == kStopWatching) return;
+      if (message == JOB_OBJECT_MSG_NEW_PROCESS) {
+        LaunchedProcess process = Describe(static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(pid)));
+        std::lock_guard lock(mutex_);
+        processes_.push_back(std::move(process));
+      } else if (message == JOB_OBJECT_MSG_ACTIVE_PROCESS_ZERO) {
+        std::lock_guard lock(mutex_);
+        empty_.notify_all();
+      }
+    }
+  }
+
+  LaunchedProcess Describe(DWORD pid) const {
+    LaunchedProcess description{.pid = pid};
+    const UniqueHandle process(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, pid));
+    BOOL inside = FALSE;  // the id may be another process's by now
+    if (!process || !IsProcessInJob(process.get(), job_.get(), &inside) || !inside) return description;
+    PROCESS_BASIC_INFORMATION basic{};
+    if (nt::Success(
+            NtQueryInformationProcess(process.get(), ProcessBasicInformation, &basic, sizeof basic, nullptr)))
+      description.parent_pid = static_cast<std::uint32_t>(basic.InheritedFromUniqueProcessId);
+    std::wstring image(32768, L'\0');
+    DWORD units = static_cast<DWORD>(image.size());
+    if (QueryFullProcessImageNameW(process.get(), 0, image.data(), &units)) {
+      image.resize(units);
+      description.image = std::filesystem::path(image).filename().wstring();
+    }
+    return description;
+  }
+
   DWORD ActiveProcesses() const {
     JOBOBJECT_BASIC_ACCOUNTING_INFORMATION accounting{};
     QueryInformationJobObject(job_.get(), JobObjectBasicAccountingInformation, &accounting, sizeof accounting,
@@ -303,6 +363,10 @@ class Launcher::Impl {
   const SharedSection& section_;
   UniqueHandle job_;
   UniqueHandle notices_;
+  mutable std::mutex mutex_;
+  std::condition_variable empty_;
+  std::vector<LaunchedProcess> processes_;
+  std::thread watcher_;
 };
 
 Launcher::Launcher(const SharedSection& section) : impl_(std::make_unique<Impl>(section)) {}
@@ -311,6 +375,7 @@ std::variant<ConfinedProcess, LaunchFailure> Launcher::Start(const LaunchOptions
   return impl_->Start(options);
 }
 bool Launcher::Owns(std::uint32_t pid) const { return impl_->Owns(pid); }
+std::vector<LaunchedProcess> Launcher::Processes() const { return impl_->Processes(); }
 bool Launcher::WaitForAll(std::optional<std::chrono::milliseconds> timeout) {
   return impl_->WaitForAll(timeout);
 }

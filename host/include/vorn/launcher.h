@@ -91,6 +91,13 @@ class ConfinedProcess {
   std::unique_ptr<Impl> impl_;
 };
 
+// A process that runs or ran under a launcher, confined or not.
+struct LaunchedProcess {
+  std::uint32_t pid = 0;
+  std::uint32_t parent_pid = 0;  // 0: it had ended before it could be asked
+  std::wstring image = {};       // base name; empty as above
+};
+
 class Launcher {
  public:
   // The section must outlive the launcher. Throws std::system_error when there can be no job object.
@@ -105,6 +112,10 @@ class Launcher {
 
   // Whether a process belongs to this launcher: started by it or by what it started. Any thread.
   bool Owns(std::uint32_t pid) const;
+
+  // Every process of the launcher so far, in the order of their start, as the system tells it: also those that
+  // never spoke to the host. A process id that was used again stands here twice. Any thread.
+  std::vector<LaunchedProcess> Processes() const;
 
   // Waits until no process of the launcher runs. False: time is up.
   bool WaitForAll(std::optional<std::chrono::milliseconds> timeout = std::nullopt);
