@@ -74,7 +74,7 @@ int main() {
     std::reverse(arguments.begin(), arguments.end());
     app.parse(arguments);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error);
+    return app.exit(error) == 0 ? vorn::cli::kExitOk : vorn::cli::kExitCannotRun;
   }
   if (*check) return vorn::cli::Check(policy_file);
   if (*explain) return vorn::cli::Explain(policy_file, questions);

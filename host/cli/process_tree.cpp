@@ -45,14 +45,16 @@ void ProcessTree::ExitedAtOnce(std::uint32_t parent, std::uint32_t pid, std::uin
   node.code = exit_code;
 }
 
-void ProcessTree::Ran(std::uint32_t pid, std::uint32_t parent, std::string name) {
+void ProcessTree::Ran(std::uint32_t pid, std::uint32_t parent, std::string name, bool console_host) {
   ProcessNode& node = Node(pid, parent);
+  node.console_host = console_host;
   if (node.name.empty()) node.name = std::move(name);
 }
 
 std::size_t ProcessTree::unconfined() const {
-  return static_cast<std::size_t>(std::ranges::count_if(
-      nodes_, [](const ProcessNode& n) { return !n.confined && !n.injected && !n.exited_at_once; }));
+  return static_cast<std::size_t>(std::ranges::count_if(nodes_, [](const ProcessNode& n) {
+    return !n.confined && !n.injected && !n.exited_at_once && !n.console_host;
+  }));
 }
 
 const ProcessNode* ProcessTree::Find(std::uint32_t pid) const {
@@ -68,6 +70,7 @@ void ProcessTree::AddLines(std::uint32_t parent, std::size_t depth, std::vector<
     const std::string state = node.confined         ? "confined"
                               : node.failed         ? fmt::format("NOT CONFINED (error {})", node.code)
                               : node.exited_at_once ? fmt::format("exited at once (code {:#x})", node.code)
+                              : node.console_host   ? "console host of the system"
                               : node.injected       ? "confined, ended before it reported"
                                                     : "NOT CONFINED (never reported)";
     lines.push_back(

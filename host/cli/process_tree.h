@@ -20,6 +20,7 @@ struct ProcessNode {
   bool failed = false;     // its parent could not give it the library
   std::uint32_t code = 0;  // Win32 error of that failure, or exit code
   bool exited_at_once = false;
+  bool console_host = false;
 };
 
 class ProcessTree {
@@ -30,8 +31,9 @@ class ProcessTree {
   void Injected(std::uint32_t parent, std::uint32_t pid, std::string name);
   void NotInjected(std::uint32_t parent, std::uint32_t pid, std::string name, std::uint32_t error);
   void ExitedAtOnce(std::uint32_t parent, std::uint32_t pid, std::uint32_t exit_code);
-  // The system tells that it ran, whoever else spoke of it.
-  void Ran(std::uint32_t pid, std::uint32_t parent, std::string name);
+  // The system tells that it ran, whoever else spoke of it. console_host: it is the system's own, which the
+  // system starts for a program that has a console.
+  void Ran(std::uint32_t pid, std::uint32_t parent, std::string name, bool console_host);
 
   std::size_t size() const { return nodes_.size(); }
   std::size_t unconfined() const;

@@ -88,8 +88,8 @@ int Run(const RunArguments& arguments) {
     }
     const auto& program = std::get<host::ConfinedProcess>(started);
     const std::uint32_t exit_code = *program.Wait();
-    // What the program left running goes on under the run's eyes. Processes without the library do not hold the
-    // run: they end with the launcher.
+    // What the program left running goes on under the run's eyes. Processes without the library do not hold
+    // the run: they end with the launcher.
     server.WaitUntilIdle(kNoLimit);
     server.Stop();
     report.OnProcesses(program.pid(), launcher.Processes());

@@ -1,5 +1,7 @@
 #include "run_report.h"
 
+#include <windows.h>
+
 #include <fmt/format.h>
 
 #include <filesystem>
@@ -38,12 +40,17 @@ void RunReport::OnTransportError(const std::string& text) {
 }
 
 void RunReport::OnProcesses(std::uint32_t program, const std::vector<host::LaunchedProcess>& all) {
+  wchar_t system[MAX_PATH + 1] = {};
+  GetSystemDirectoryW(system, MAX_PATH);
+  const std::wstring console_host = std::wstring(system) + L"\\conhost.exe";
   for (const host::LaunchedProcess& process : all) {
-    const std::string name = host::ToUtf8(process.image);
+    const std::string name = host::ToUtf8(std::filesystem::path(process.image).filename().wstring());
     if (process.pid == program)
       processes_.Injected(process.parent_pid, process.pid, name);
     else
-      processes_.Ran(process.pid, process.parent_pid, name);
+      processes_.Ran(
+          process.pid, process.parent_pid, name,
+          CompareStringOrdinal(process.image.c_str(), -1, console_host.c_str(), -1, TRUE) == CSTR_EQUAL);
   }
 }
 

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <condition_variable>
-#include <filesystem>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -284,7 +283,7 @@ class Launcher::Impl {
     DWORD units = static_cast<DWORD>(image.size());
     if (QueryFullProcessImageNameW(process.get(), 0, image.data(), &units)) {
       image.resize(units);
-      description.image = std::filesystem::path(image).filename().wstring();
+      description.image = std::move(image);
     }
     return description;
   }

@@ -95,7 +95,7 @@ class ConfinedProcess {
 struct LaunchedProcess {
   std::uint32_t pid = 0;
   std::uint32_t parent_pid = 0;  // 0: it had ended before it could be asked
-  std::wstring image = {};       // base name; empty as above
+  std::wstring image = {};       // full path; empty as above
 };
 
 class Launcher {
