@@ -33,7 +33,9 @@ std::string ExplainDestination(const host::CompiledPolicy& policy, const host::P
 }
 
 bool LooksLikePath(const std::string& question) {
-  return question.starts_with("\\\\") || (question.size() >= 2 && question[1] == ':' && question[0] > '9');
+  const char first = question.empty() ? '\0' : static_cast<char>(question[0] | 0x20);
+  return question.starts_with("\\\\") ||
+         (question.size() >= 2 && question[1] == ':' && first >= 'a' && first <= 'z');
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <mutex>
 #include <system_error>
 
 #include "commands.h"
@@ -19,14 +20,34 @@ constexpr std::chrono::seconds kLastMessages{5};
 constexpr std::chrono::hours kNoLimit{24 * 365};
 constexpr std::uint32_t kExitByControlC = 0xC000013A;  // what the system gives a program that Ctrl-C ends
 
-host::Launcher* g_launcher;  // of the run, for the console handler's thread
+std::mutex g_run_lock;  // the console handler runs on a thread of its own
+host::Launcher* g_run = nullptr;
 std::atomic<bool> g_interrupted;
 
 BOOL WINAPI OnConsoleControl(DWORD) {
   g_interrupted = true;
-  if (g_launcher) g_launcher->TerminateAll(kExitByControlC);
+  const std::lock_guard lock(g_run_lock);
+  if (g_run) g_run->TerminateAll(kExitByControlC);
   return TRUE;
 }
+
+// While it lives, Ctrl-C ends what the launcher started.
+class InterruptibleRun {
+ public:
+  explicit InterruptibleRun(host::Launcher& launcher) {
+    Set(&launcher);
+    SetConsoleCtrlHandler(OnConsoleControl, TRUE);
+  }
+  ~InterruptibleRun() { Set(nullptr); }
+  InterruptibleRun(const InterruptibleRun&) = delete;
+  InterruptibleRun& operator=(const InterruptibleRun&) = delete;
+
+ private:
+  static void Set(host::Launcher* launcher) {
+    const std::lock_guard lock(g_run_lock);
+    g_run = launcher;
+  }
+};
 
 std::wstring OwnFolder() {
   std::wstring path(32768, L'\0');
@@ -73,8 +94,7 @@ int Run(const RunArguments& arguments) {
     contents.dump_directory = Directory(policy->document().dump_directory, L"dumps");
     const host::SharedSection section(contents);
     host::Launcher launcher(section);
-    g_launcher = &launcher;
-    SetConsoleCtrlHandler(OnConsoleControl, TRUE);
+    const InterruptibleRun interruptible(launcher);
 
     host::LaunchOptions options;
     options.command_line = arguments.program_command_line;
@@ -94,7 +114,6 @@ int Run(const RunArguments& arguments) {
     server.Stop();
     report.OnProcesses(program.pid(), launcher.Processes());
     report.PrintSummary(g_interrupted ? "ended by Ctrl-C" : fmt::format("exit code {}", exit_code));
-    g_launcher = nullptr;
     return static_cast<int>(exit_code);
   } catch (const std::exception& error) {
     PrintErrorLine(fmt::format("vorn: not run: {}", error.what()));

@@ -1,0 +1,184 @@
+// vorn.exe as a person meets it: real programs, real policies, and what it prints.
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+
+#include "confinement.h"
+
+namespace vorn::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Session {
+  std::uint32_t exit_code = 0;
+  std::string text;  // both output streams
+
+  bool Says(const std::string& part) const { return text.find(part) != std::string::npos; }
+};
+
+class VornExe : public testing::Test {
+ protected:
+  VornExe() {
+    for (const char* name : {"denied", "protected", "work"}) {
+      fs::create_directory(Path(name));
+      Write(std::string(name) + "\\f.txt", std::string("old ") + name);
+    }
+    Write("policy.toml", "[files]\ndeny = ['" + Dos("denied") + "']\nwrite = ['" + Dos("work") + "']\n");
+  }
+
+  fs::path Path(const std::string& name) const { return folder_.path() / name; }
+  std::string Dos(const std::string& name) const { return host::ToUtf8(Path(name).wstring()); }
+  void Write(const std::string& name, const std::string& text) const {
+    std::ofstream(Path(name), std::ios::binary) << text;
+  }
+  std::string Read(const std::string& name) const {
+    std::ifstream file(Path(name), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  Session Vorn(const std::string& arguments, const fs::path& program = BuildPath("vorn.exe")) const {
+    const fs::path output = Path("output.txt");
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    const HANDLE file = CreateFileW(output.c_str(), GENERIC_WRITE, 7, &inherit, CREATE_ALWAYS, 0, nullptr);
+    const HANDLE null = CreateFileW(L"NUL", GENERIC_READ, 7, &inherit, OPEN_EXISTING, 0, nullptr);
+    STARTUPINFOW start{};
+    start.cb = sizeof start;
+    start.dwFlags = STARTF_USESTDHANDLES;
+    start.hStdInput = null;
+    start.hStdOutput = start.hStdError = file;
+    std::wstring line = L"\"" + program.wstring() + L"\" " + host::ToWide(arguments);
+    PROCESS_INFORMATION process{};
+    Session session;
+    EXPECT_TRUE(
+        CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &start, &process));
+    if (WaitForSingleObject(process.hProcess, 60'000) != WAIT_OBJECT_0) {
+      ADD_FAILURE() << "vorn " << arguments << " does not end";
+      TerminateProcess(process.hProcess, 1);
+    }
+    DWORD code = 0;
+    GetExitCodeProcess(process.hProcess, &code);
+    session.exit_code = code;
+    for (HANDLE handle : {process.hThread, process.hProcess, file, null}) CloseHandle(handle);
+    session.text = Read("output.txt");
+    return session;
+  }
+  Session Run(const std::string& program, const std::string& options = "") const {
+    return Vorn("run " + options + " --policy \"" + Dos("policy.toml") + "\" -- " + program);
+  }
+
+  TestFolder folder_;
+};
+
+TEST_F(VornExe, ShowsWhatWasRefusedAndWhyAndReturnsTheProgramsCode) {
+  Write("try.bat", "@type \"" + Dos("denied\\f.txt") + "\"\r\n@type \"" + Dos("protected\\f.txt") +
+                       "\"\r\n@echo new> \"" + Dos("protected\\f.txt") + "\"\r\n@echo new> \"" +
+                       Dos("work\\f.txt") + "\"\r\n@exit 23\r\n");
+  const Session session =
+      Run("cmd /c \"" + Dos("try.bat") + "\"", "--events \"" + Dos("events.jsonl") + "\"");
+  EXPECT_EQ(session.exit_code, 23u);
+  EXPECT_TRUE(session.Says("refused create " + Dos("denied\\f.txt") + " (deny)")) << session.text;
+  EXPECT_TRUE(session.Says("<- deny " + Dos("denied") + " (line 2)")) << session.text;
+  EXPECT_TRUE(session.Says("<- no rule: read only")) << session.text;
+  EXPECT_TRUE(session.Says("2 refused")) << session.text;
+  EXPECT_FALSE(session.Says("old denied"));
+  EXPECT_TRUE(session.Says("old protected"));
+  EXPECT_EQ(Read("protected\\f.txt"), "old protected");
+  EXPECT_EQ(Read("work\\f.txt"), "new\r\n");
+
+  std::istringstream events(Read("events.jsonl"));
+  int refusals = 0;
+  for (std::string line; std::getline(events, line);) {
+    const auto json = nlohmann::json::parse(line, nullptr, false);
+    ASSERT_TRUE(json.is_object()) << line;
+    refusals += json["event"] == "file" && json["error"] == ERROR_ACCESS_DENIED;
+  }
+  EXPECT_EQ(refusals, 2);
+
+  // The control run: the same batch file, nothing forbidden.
+  Write("policy.toml", "[files]\nwrite = ['" + host::ToUtf8(folder_.path().wstring()) + "']\n");
+  const Session control = Run("cmd /c \"" + Dos("try.bat") + "\"");
+  EXPECT_TRUE(control.Says("old denied"));
+  EXPECT_TRUE(control.Says("0 refused")) << control.text;
+  EXPECT_EQ(Read("protected\\f.txt"), "new\r\n");
+}
+
+TEST_F(VornExe, FollowsATreeOfProgramsAndPutsBackWhatTheDeepestDeleted) {
+  Write("top.bat", "@cscript.exe //nologo \"" + Dos("middle.js") + "\"\r\n");
+  std::string script = "var shell = new ActiveXObject('WScript.Shell');\n";
+  for (const std::string& command :
+       {"xcopy /y \"" + Dos("denied\\f.txt") + "\" \"" + Dos("work") + "\\stolen\\\" /i",
+        "xcopy /y \"" + Dos("protected\\f.txt") + "\" \"" + Dos("work") + "\\copy\\\" /i",
+        "attrib +r \"" + Dos("protected\\f.txt") + "\"", "cmd /c del \"" + Dos("work\\f.txt") + "\""})
+    script += "shell.Run('" + std::regex_replace(command, std::regex(R"(\\)"), R"(\\)") + "', 0, true);\n";
+  Write("middle.js", script);
+  const Session session = Run("cmd /c \"" + Dos("top.bat") + "\"");
+  for (const char* program : {"cmd.exe", "cscript.exe", "xcopy.exe", "attrib.exe"})
+    EXPECT_TRUE(std::regex_search(session.text, std::regex(std::string(program) + R"( \(\d+\)  confined)")))
+        << program << "\n"
+        << session.text;
+  EXPECT_FALSE(session.Says("NOT CONFINED")) << session.text;
+  EXPECT_FALSE(fs::exists(Path("work\\stolen\\f.txt")));
+  EXPECT_EQ(Read("work\\copy\\f.txt"), "old protected");
+  EXPECT_FALSE(fs::exists(Path("work\\f.txt")));
+
+  std::smatch run;
+  ASSERT_TRUE(std::regex_search(session.text, run, std::regex(R"(vorn restore (\S+))"))) << session.text;
+  const Session listed = Vorn("restore --list " + run.str(1));
+  EXPECT_TRUE(listed.Says("in recycle bin  " + Dos("work\\f.txt"))) << listed.text;
+  Write("work\\f.txt", "in the way");
+  EXPECT_EQ(Vorn("restore " + run.str(1)).exit_code, 1u);
+  EXPECT_EQ(Read("work\\f.txt"), "in the way");
+  fs::remove(Path("work\\f.txt"));
+  EXPECT_EQ(Vorn("restore " + run.str(1)).exit_code, 0u);
+  EXPECT_EQ(Read("work\\f.txt"), "old work");
+  EXPECT_EQ(Vorn("restore no-such-run").exit_code, 1u);
+}
+
+TEST_F(VornExe, GivesTheProgramItsCommandLineAsTyped) {
+  const Session session = Run("cmd /c \"echo one  \"two three\" & echo four\"");
+  EXPECT_TRUE(session.Says("one  \"two three\"")) << session.text;
+  EXPECT_TRUE(session.Says("\nfour")) << session.text;
+}
+
+TEST_F(VornExe, SaysWhatIsWrongAndRunsNothing) {
+  Write("bad.toml", "[files]\ndeny = ['relative']\nrite = []\n");
+  const Session bad = Vorn("run -p \"" + Dos("bad.toml") + "\" -- cmd /c echo ran");
+  EXPECT_EQ(bad.exit_code, 125u);
+  EXPECT_TRUE(bad.Says("bad.toml:2:9: error: \"relative\" is not a full path")) << bad.text;
+  EXPECT_TRUE(bad.Says("bad.toml:3:1: error: unknown key \"rite\"")) << bad.text;
+  EXPECT_FALSE(bad.Says("ran"));
+  EXPECT_EQ(Vorn("check \"" + Dos("bad.toml") + "\"").exit_code, 1u);
+  EXPECT_EQ(Vorn("check \"" + Dos("policy.toml") + "\"").exit_code, 0u);
+  EXPECT_EQ(Vorn("run -p \"" + Dos("none.toml") + "\" -- cmd").exit_code, 125u);
+  EXPECT_EQ(Vorn("run -p \"" + Dos("policy.toml") + "\"").exit_code, 125u);
+  EXPECT_EQ(Run("no-such-program.exe").exit_code, 127u);
+
+  // Without the library beside it nothing can be confined, so nothing runs.
+  fs::copy_file(BuildPath("vorn.exe"), Path("vorn.exe"));
+  const Session alone = Vorn("run -p \"" + Dos("policy.toml") + "\" -- cmd /c echo ran", Path("vorn.exe"));
+  EXPECT_EQ(alone.exit_code, 125u);
+  EXPECT_TRUE(alone.Says("not run: ")) << alone.text;
+  EXPECT_FALSE(alone.Says("\nran"));
+}
+
+TEST_F(VornExe, ExplainsPathsAndDestinations) {
+  Write("policy.toml", "[files]\ndeny = ['" + Dos("denied") +
+                           "']\n[network]\nallow = ['*.example.com:443', '10.0.0.0/8']\n");
+  const Session session =
+      Vorn("explain -p \"" + Dos("policy.toml") + "\" \"" + Dos("denied\\x\\y") + "\" \"" + Dos("other") +
+           "\" www.example.com:443 www.example.com:80 10.1.2.3 [::1]:80");
+  EXPECT_EQ(session.exit_code, 0u);
+  std::istringstream lines(session.text);
+  std::vector<std::string> verdicts;
+  for (std::string line; std::getline(lines, line);) verdicts.push_back(line.substr(0, line.find(' ')));
+  EXPECT_EQ(verdicts, (std::vector<std::string>{"deny", "read", "allow", "deny", "allow", "deny"}))
+      << session.text;
+  EXPECT_TRUE(session.Says("(allow *.example.com:443 (line 4))")) << session.text;
+  EXPECT_EQ(Vorn("explain -p \"" + Dos("policy.toml") + "\" \"a b\"").exit_code, 1u);
+}
+
+}  // namespace
+}  // namespace vorn::test
