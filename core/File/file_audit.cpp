@@ -3,7 +3,6 @@
 #include "File/file_helper.h"
 #include "File/scratch_path.h"
 #include "VornCore/Base/channel.h"
-#include "VornCore/Base/clock.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
@@ -53,8 +52,7 @@ void SendFileAudit(AuditType type, NTSTATUS status, FileACL source_access, std::
                                       .destination = ToUtf8(state, destination_path, kDestinationTextSlot)};
   const std::size_t size = EncodedSize(audit);
   if (void* message = GetScratchBuffer(state, kMessageSlot, static_cast<std::uint32_t>(size))) {
-    const vorn::policy::MessageOrigin origin{GetPreciseTimeMicros() / 1000, GetCurrentProcessId()};
-    const std::size_t written = Encode(audit, origin, {static_cast<std::byte*>(message), size});
+    const std::size_t written = Encode(audit, OriginNow(), {static_cast<std::byte*>(message), size});
     if (written) SendToHost(message, static_cast<std::uint32_t>(written));
   }
   if (!IsDebugLogEnabled()) return;

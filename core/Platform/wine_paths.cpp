@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "Platform/guard.h"
+#include "Policy/device_path.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
 
@@ -29,7 +30,7 @@ bool StartsWith(std::wstring_view text, std::wstring_view prefix) {
 
 // Whether path is directory itself or something below it.
 bool IsBelow(std::wstring_view path, std::wstring_view directory) {
-  return StartsWith(path, directory) && (path.size() == directory.size() || path[directory.size()] == L'\\');
+  return vorn::policy::IsUnder(U16(path), U16(directory));
 }
 
 class DriveDevices {
@@ -52,8 +53,7 @@ class DriveDevices {
   // The letter whose device path begins at path; 0 when there is none.
   wchar_t LetterOf(std::wstring_view path) const {
     for (wchar_t letter = L'A'; letter <= L'Z'; ++letter)
-      if (const std::wstring_view device = Of(letter); !device.empty() && IsBelow(path, device))
-        return letter;
+      if (IsBelow(path, Of(letter))) return letter;
     return 0;
   }
 
