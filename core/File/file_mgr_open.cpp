@@ -128,9 +128,8 @@ void LogUnchecked(NTSTATUS status, const OpenArguments& asked, ULONG share,
   if (!(GetLogLevelMask() & kLogWarning)) return;
   const AttributesText text(attributes);
   VORN_LOG_W(
-      "NtCreateFile Test status:%X, CreateOptions %X, DesiredAccess %X, ShareAccess:%X, CreateDisposition "
-      "%X, "
-      "Length:%d, RootDirectory:0x%p Attributes:%u path:%s",
+      "NtCreateFile Test status:%X, CreateOptions %X, DesiredAccess %X, ShareAccess:%X, "
+      "CreateDisposition %X, Length:%d, RootDirectory:0x%p Attributes:%u path:%s",
       static_cast<unsigned>(status), static_cast<unsigned>(asked.options),
       static_cast<unsigned>(asked.access), static_cast<unsigned>(share),
       static_cast<unsigned>(asked.disposition), static_cast<int>(text.length), static_cast<void*>(text.root),

@@ -3,8 +3,8 @@
 //   DWORD code;
 //   if (!Guarded([&] { *untrusted = 1; }, &code)) return static_cast<NTSTATUS>(code);
 //
-//   WithFinally([&] { real_call(); }, [&] { depth -= 1; });   // the second part runs also when a fault
-//   passes
+//   // The second part runs also when a fault passes.
+//   WithFinally([&] { real_call(); }, [&] { depth -= 1; });
 //
 // The library is built without C++ exceptions: when a fault leaves a guarded body, destructors of the frames
 // that it passes do NOT run. A guarded body therefore holds no object whose destructor must run; what must be

@@ -35,7 +35,7 @@ typedef VOID(CALLBACK* PLDR_DLL_NOTIFICATION_FUNCTION)(ULONG reason, PCLDR_DLL_N
 namespace nt {
 
 // ---- Process environment block
-// ---------------------------------------------------------------------------------
+
 struct LdrEntry {
   LIST_ENTRY InLoadOrderLinks, InMemoryOrderLinks, InInitializationOrderLinks;
   PVOID DllBase, EntryPoint;
@@ -80,7 +80,7 @@ inline ProcessParameters* CurrentParameters() {
 }
 
 // ---- Files
-// -----------------------------------------------------------------------------------------------------
+
 // Information classes; the set column is the access that a handle needs to set it.
 enum FileClass : ULONG {
   kFileDirectoryInformation = 1,

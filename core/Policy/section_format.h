@@ -19,9 +19,9 @@ namespace vorn::policy {
 class [[gnu::packed, gnu::may_alias]] SharedU32 {
  public:
   SharedU32() noexcept = default;
-  constexpr SharedU32(std::uint32_t value) noexcept
-      : value_(value) {}                     // NOLINT: a field is written like a number
-  operator std::uint32_t() const noexcept {  // NOLINT: and read like one
+  // A field is written and read like a number.
+  constexpr SharedU32(std::uint32_t value) noexcept : value_(value) {}
+  operator std::uint32_t() const noexcept {
     const volatile SharedU32* self = this;
     return self->value_;
   }

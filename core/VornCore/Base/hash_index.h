@@ -7,8 +7,7 @@
 //   index.Insert(record, HashOf(key));
 //   Record* first = index.Find(HashOf(key), [&](const Record& r) { return r.key == key; });
 //
-//   buckets_ ──► [first|last] ──► record ⇄ record          records of equal hash keep their order of
-//   insertion
+//   buckets_ ──► [first|last] ──► record ⇄ record   records of equal hash stay in order of insertion
 //                [first|last] ──► record
 //
 // The index owns nothing but its buckets and takes no lock: the owner of the records serialises. The buckets

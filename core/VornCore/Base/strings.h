@@ -14,11 +14,13 @@ namespace VornCore {
 using platform::HeapString;
 using platform::HeapText;
 
-HeapText WideToAnsi(const wchar_t* text) noexcept;                  // null for null or empty
-HeapText UnicodeStringToAnsi(const UNICODE_STRING* text) noexcept;  // null without buffer or length
+// Null for null or empty.
+HeapText WideToAnsi(const wchar_t* text) noexcept;
+// Null without buffer or length.
+HeapText UnicodeStringToAnsi(const UNICODE_STRING* text) noexcept;
 HeapString AnsiToWide(const char* text) noexcept;
-HeapText WideToUtf8(const wchar_t* text,
-                    std::int32_t bytes) noexcept;  // null for null, empty, negative length
+// bytes of text; null for null and for no or a negative length.
+HeapText WideToUtf8(const wchar_t* text, std::int32_t bytes) noexcept;
 HeapString WideDup(const wchar_t* text) noexcept;
 // At least two NUL bytes follow the copy; null for a count of 0.
 platform::HeapPtr<void> CopyBytesZ(const void* bytes, std::size_t count) noexcept;
