@@ -11,6 +11,7 @@
 #include "Load/load_dll_mgr.h"
 #include "Net/net_mgr.h"
 #include "Platform/nt.h"
+#include "Policy/exit_code.h"
 #include "Proc/init_event.h"
 #include "Proc/proc_mgr.h"
 #include "VornCore/Base/channel.h"
@@ -27,11 +28,6 @@
 namespace VornCore {
 namespace {
 
-// Exit codes: the bit of the step of InitBaseLib with its Win32 error, or ERROR_DLL_INIT_FAILED for a later
-// stage.
-constexpr DWORD kStepName = 0x10000000, kStepSection = 0x20000000, kStepThreadState = 0x40000000,
-                kStepLog = 0x80000000;
-
 // 0 with a pointer to a process-wide buffer, or a Win32 error.
 DWORD GetSharedDataName(const wchar_t** name) {
   static wchar_t buffer[256];
@@ -42,12 +38,13 @@ DWORD GetSharedDataName(const wchar_t** name) {
   return ERROR_SUCCESS;
 }
 
+// 0, or the exit code that names the step and its error. A later stage ends with ERROR_DLL_INIT_FAILED.
 DWORD InitBaseLib() {
   const wchar_t* name = nullptr;
-  if (const DWORD error = GetSharedDataName(&name)) return error | kStepName;
-  if (const DWORD error = OpenSharedData(name)) return error | kStepSection;
-  if (const DWORD error = InitThreadState()) return error | kStepThreadState;
-  if (const DWORD error = StartLog(L"vorn_core_")) return error | kStepLog;
+  if (const DWORD error = GetSharedDataName(&name)) return error | vorn::policy::kExitSectionName;
+  if (const DWORD error = OpenSharedData(name)) return error | vorn::policy::kExitSection;
+  if (const DWORD error = InitThreadState()) return error | vorn::policy::kExitThreadState;
+  if (const DWORD error = StartLog(L"vorn_core_")) return error | vorn::policy::kExitLog;
   VORN_LOG_N("InitBaseLib success!");
   return ERROR_SUCCESS;
 }

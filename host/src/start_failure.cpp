@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include "Platform/nt.h"
+#include "Policy/exit_code.h"
 #include "vorn/launcher.h"
 #include "vorn/text.h"
 
@@ -16,12 +17,12 @@ struct Step {
   const char* text;
 };
 constexpr Step kSteps[] = {
-    {0x10000000, LaunchStage::kSectionName, "the library could not read VORN_SHARED_DATA_NAME"},
-    {0x20000000, LaunchStage::kSection, "the library could not use the configuration section"},
-    {0x40000000, LaunchStage::kThreadStorage, "the library could not set up its thread storage"},
-    {0x80000000, LaunchStage::kLog, "the library could not open its log files"},
+    {policy::kExitSectionName, LaunchStage::kSectionName, "the library could not read VORN_SHARED_DATA_NAME"},
+    {policy::kExitSection, LaunchStage::kSection, "the library could not use the configuration section"},
+    {policy::kExitThreadState, LaunchStage::kThreadStorage,
+     "the library could not set up its thread storage"},
+    {policy::kExitLog, LaunchStage::kLog, "the library could not open its log files"},
 };
-constexpr std::uint32_t kStepMask = 0xF0000000;
 
 struct KnownExit {
   std::uint32_t code;
@@ -31,9 +32,11 @@ struct KnownExit {
 constexpr KnownExit kKnownExits[] = {
     {ERROR_DLL_INIT_FAILED, LaunchStage::kManagers,
      "the library could not install its hooks, managers or channel; its log says which"},
-    {0xEED00A4C, LaunchStage::kScratch, "the library asked for a scratch buffer that does not exist"},
-    {0xEED00A4D, LaunchStage::kScratch, "the library nested its scratch buffers too deeply"},
-    {0xEED00A4E, LaunchStage::kScratch, "the library left more scratch levels than it entered"},
+    {policy::kExitBadScratch, LaunchStage::kScratch,
+     "the library asked for a scratch buffer that does not exist"},
+    {policy::kExitScratchTooDeep, LaunchStage::kScratch, "the library nested its scratch buffers too deeply"},
+    {policy::kExitScratchUnderflow, LaunchStage::kScratch,
+     "the library left more scratch levels than it entered"},
     {static_cast<std::uint32_t>(STATUS_DLL_NOT_FOUND), LaunchStage::kLoad,
      "the loader did not find the library or a DLL of the program"},
     {static_cast<std::uint32_t>(STATUS_INVALID_IMAGE_FORMAT), LaunchStage::kLoad,
@@ -65,8 +68,8 @@ LaunchFailure DescribeStartUpExit(std::uint32_t exit_code) {
     }
   }
   for (const Step& step : kSteps) {
-    if ((exit_code & kStepMask) != step.bit) continue;
-    const std::uint32_t error = exit_code & ~kStepMask;
+    if ((exit_code & policy::kExitStepMask) != step.bit) continue;
+    const std::uint32_t error = exit_code & ~policy::kExitStepMask;
     return {
         step.stage, error, exit_code,
         fmt::format("{}: {} (exit code {:#010x})", step.text, StepErrorText(step.stage, error), exit_code)};

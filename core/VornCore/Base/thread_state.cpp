@@ -2,9 +2,14 @@
 
 #include "Platform/heap.h"
 #include "Platform/last_error.h"
+#include "Policy/exit_code.h"
 
 namespace VornCore {
 namespace {
+
+using vorn::policy::kExitBadScratch;
+using vorn::policy::kExitScratchTooDeep;
+using vorn::policy::kExitScratchUnderflow;
 
 DWORD gs_tls_index = TLS_OUT_OF_INDEXES;
 

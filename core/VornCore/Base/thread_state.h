@@ -19,9 +19,6 @@ namespace VornCore {
 inline constexpr int kScratchSlots = 8;  // 0 to 4 are named by the caller, 5 to 7 are dynamic
 inline constexpr int kFirstDynamicSlot = 5;
 inline constexpr int kScratchLevels = 16;
-inline constexpr UINT kExitBadScratch = 0xEED00A4C;        // bad slot or level
-inline constexpr UINT kExitScratchTooDeep = 0xEED00A4D;    // more than 16 levels
-inline constexpr UINT kExitScratchUnderflow = 0xEED00A4E;  // below level 0
 
 struct ScratchBuffer {
   void* data;
@@ -56,7 +53,7 @@ bool HasThreadState() noexcept;
 // Frees the calling thread's block and its scratch buffers.
 void FreeThreadState() noexcept;
 
-// Misuse of the three ends the process with the exit codes above.
+// Misuse of the three ends the process with an exit code of Policy/exit_code.h.
 void EnterScratchLevel(ThreadState* state) noexcept;
 void LeaveScratchLevel(ThreadState* state) noexcept;
 // A buffer of at least size bytes, valid until the slot is asked for again at this level; contents are not
