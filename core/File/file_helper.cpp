@@ -27,7 +27,6 @@ using vorn::policy::StartsWithNoCase;
 using vorn::policy::U16;
 
 constexpr std::size_t kDriveUnits = 6;  // \??\C:
-constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 const wchar_t* temp_nt_path;       // with a trailing backslash; never freed
 std::wstring_view temp_directory;  // the same, counted
@@ -134,7 +133,7 @@ std::wstring_view QueryLongName(std::wstring_view parent, std::wstring_view comp
   IO_STATUS_BLOCK io;
   HANDLE directory;
   NTSTATUS status = Ntdll::CallOriginalNtCreateFile(
-      &directory, GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr, 0, kShareAll, FILE_OPEN,
+      &directory, GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
       FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
   if (!nt::Success(status)) return {};
   UNICODE_STRING mask = nt::CountedString(component.data(), component.size() * sizeof(wchar_t));
@@ -232,7 +231,7 @@ NTSTATUS ResolveFileIdPath(const OBJECT_ATTRIBUTES* attributes, std::wstring_vie
   const auto open = [](OBJECT_ATTRIBUTES* by_id, HANDLE* file) {
     IO_STATUS_BLOCK io;
     return Ntdll::CallOriginalNtCreateFile(file, SYNCHRONIZE | FILE_READ_ATTRIBUTES, by_id, &io, nullptr, 0,
-                                           kShareAll, FILE_OPEN,
+                                           nt::kShareAll, FILE_OPEN,
                                            FILE_OPEN_BY_FILE_ID | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
   };
   HANDLE file = nullptr;

@@ -20,7 +20,6 @@ using vorn::policy::kMupPrefix;
 using vorn::policy::StartsWithNoCase;
 using vorn::policy::U16;
 
-constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr ULONG kDavProvider = 0x002E0000;  // WNNC_NET_DAV
 constexpr std::wstring_view kDavRoot = L"\\davwwwroot";
 
@@ -73,7 +72,7 @@ std::wstring_view FileLinkHelper::ResolveFinalPath(std::wstring_view path, bool 
   HANDLE file;
   const NTSTATUS status =
       Ntdll::CallOriginalNtCreateFile(&file, SYNCHRONIZE | FILE_READ_ATTRIBUTES, &attributes, &io, nullptr, 0,
-                                      kShareAll, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+                                      nt::kShareAll, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
   if (!nt::Success(status)) return {};
   const DWORD room = kMaxPathUnits;
   const DWORD units = platform::Native().GetFinalPathNameByHandleW(file, buffer, room, VOLUME_NAME_NT);
@@ -125,7 +124,7 @@ int FileLinkHelper::GetFileHardLinks(const wchar_t* path, const ListHead** names
   const std::uint8_t was_creating = state ? state->bInCreateFile : 0;
   if (state) state->bInCreateFile = 1;
   HANDLE file =
-      CreateFileW(path, GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+      CreateFileW(path, GENERIC_READ, nt::kShareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   const DWORD error = GetLastError();
   int count = 0;
   if (file != INVALID_HANDLE_VALUE) {

@@ -175,9 +175,9 @@ NTSTATUS CFileMgr::NtDeleteFile(POBJECT_ATTRIBUTES ObjectAttributes, bool* bPass
   const HookDepthGuard depth;
   HANDLE file = nullptr;
   IO_STATUS_BLOCK io;
-  const NTSTATUS status = NtCreateFile(&file, DELETE, ObjectAttributes, &io, nullptr, 0,
-                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
-                                       FILE_OPEN_REPARSE_POINT | FILE_DELETE_ON_CLOSE, nullptr, 0, bPassOn);
+  const NTSTATUS status =
+      NtCreateFile(&file, DELETE, ObjectAttributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
+                   FILE_OPEN_REPARSE_POINT | FILE_DELETE_ON_CLOSE, nullptr, 0, bPassOn);
   return nt::Success(status) ? CloseFileHandle(file) : status;
 }
 

@@ -62,8 +62,7 @@ NTSTATUS CheckDirectoryEmpty(std::wstring_view path) noexcept {
   IO_STATUS_BLOCK io;
   HANDLE directory;
   if (!nt::Success(Ntdll::CallOriginalNtCreateFile(
-          &directory, GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr, 0,
-          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
+          &directory, GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
           FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0)))
     return STATUS_SUCCESS;
   const NTSTATUS status = ReadEntries(directory);

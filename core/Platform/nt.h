@@ -122,6 +122,7 @@ struct NetworkOpenInformation {
 struct ObjectNameInformation {
   UNICODE_STRING Name;
 };
+inline constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 inline constexpr OBJECT_INFORMATION_CLASS kObjectNameInformation = static_cast<OBJECT_INFORMATION_CLASS>(1);
 inline constexpr PROCESSINFOCLASS kProcessImageFileName = static_cast<PROCESSINFOCLASS>(27);
 inline constexpr TOKEN_INFORMATION_CLASS kTokenIntegrityLevel = static_cast<TOKEN_INFORMATION_CLASS>(25);

@@ -47,9 +47,9 @@ HANDLE Open(const std::u16string& path, ULONG options, ACCESS_MASK access) {
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
   IO_STATUS_BLOCK io;
   HANDLE handle;
-  const NTSTATUS status = ::NtCreateFile(&handle, access | SYNCHRONIZE, &attributes, &io, nullptr, 0,
-                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
-                                         options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+  const NTSTATUS status =
+      ::NtCreateFile(&handle, access | SYNCHRONIZE, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
+                     options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
   return nt::Success(status) ? handle : nullptr;
 }
 

@@ -47,8 +47,7 @@ std::wstring FullPath(const std::wstring& path) {
 
 // The final form of an existing file or folder, or nothing.
 std::wstring FinalPath(const std::wstring& path) {
-  constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  const ipc::UniqueHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, kShareAll, nullptr,
+  const ipc::UniqueHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, nt::kShareAll, nullptr,
                                            OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
   if (!file) return {};
   std::wstring final_path(kMaxPathUnits, L'\0');
