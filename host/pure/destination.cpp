@@ -53,9 +53,7 @@ bool IsHostName(std::string_view name) {
     if (c == '.') {
       if (label == 0) return false;
       label = 0;
-    } else if (!letter && !(c >= '0' && c <= '9') && c != '-') {
-      return false;
-    } else if (++label > 63) {
+    } else if ((!letter && !(c >= '0' && c <= '9') && c != '-') || ++label > 63) {
       return false;
     }
   }

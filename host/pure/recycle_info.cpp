@@ -2,10 +2,11 @@
 
 #include <cstring>
 
+#include "Policy/file_time.h"
+
 namespace vorn::host {
 namespace {
 
-constexpr std::uint64_t kUnixEpoch = 116'444'736'000'000'000;  // 100 ns from 1601 to 1970
 constexpr std::size_t kPathOffsetV1 = 24, kPathUnitsV1 = 260, kPathOffsetV2 = 28;
 
 template <class T>
@@ -59,7 +60,8 @@ std::optional<RecycleInfo> ParseRecycleInfo(std::span<const std::byte> bytes) {
   if (info.path.empty()) return {};
   info.size = Read<std::uint64_t>(bytes, 8);
   const auto time = Read<std::uint64_t>(bytes, 16);
-  info.deleted_at_ms = time > kUnixEpoch ? (time - kUnixEpoch) / 10'000 : 0;
+  info.deleted_at_ms =
+      time > policy::kUnixEpochTicks ? (time - policy::kUnixEpochTicks) / policy::kTicksPerMillisecond : 0;
   return info;
 }
 

@@ -17,6 +17,12 @@ bool SameName(std::wstring_view a, std::wstring_view b) {
 
 }  // namespace
 
+std::wstring EnvironmentValue(const wchar_t* name) {
+  std::wstring value(32767, L'\0');  // the longest there can be
+  value.resize(GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size())));
+  return value;
+}
+
 std::wstring ChangedEnvironment(const EnvironmentChanges& changes) {
   std::wstring block;
   const std::unique_ptr<wchar_t, decltype(&FreeEnvironmentStringsW)> own(GetEnvironmentStringsW(),

@@ -1,4 +1,4 @@
-// Environment blocks for new processes.
+// This process's environment, and environment blocks for new processes.
 #pragma once
 
 #include <optional>
@@ -7,6 +7,9 @@
 #include <vector>
 
 namespace vorn::host {
+
+// The value of a variable; empty when it is not set.
+std::wstring EnvironmentValue(const wchar_t* name);
 
 using EnvironmentChanges = std::vector<std::pair<std::wstring, std::optional<std::wstring>>>;
 

@@ -1,7 +1,7 @@
 #include "vorn/recycle_bin.h"
 
-#include <windows.h>
-
+#include "Platform/nt.h"
+// (sddl.h needs it)
 #include <sddl.h>
 
 #include <filesystem>
@@ -9,6 +9,9 @@
 #include <iterator>
 #include <memory>
 
+#include "Policy/file_time.h"
+#include "environment.h"
+#include "ipc/port/unique_handle.h"
 #include "vorn/recycle_info.h"
 
 namespace vorn::host {
@@ -29,15 +32,13 @@ void ForEachFile(const fs::path& folder, Visit&& visit) {
 }
 
 std::wstring CurrentUserSid() {
-  HANDLE token = nullptr;
-  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) return {};
+  ipc::UniqueHandle token;
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put())) return {};
   std::vector<std::byte> buffer(256);
   DWORD size = 0;
-  const bool read =
-      GetTokenInformation(token, TokenUser, buffer.data(), static_cast<DWORD>(buffer.size()), &size) != 0;
-  CloseHandle(token);
   wchar_t* text = nullptr;
-  if (!read || !ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid, &text))
+  if (!GetTokenInformation(token.get(), TokenUser, buffer.data(), static_cast<DWORD>(buffer.size()), &size) ||
+      !ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid, &text))
     return {};
   std::wstring sid = text;
   LocalFree(text);
@@ -81,13 +82,11 @@ std::uint64_t LocalTimeToMs(const std::string& text) {
     return 0;
   if (!TzSpecificLocalTimeToSystemTime(nullptr, &local, &utc) || !SystemTimeToFileTime(&utc, &time)) return 0;
   const std::uint64_t ticks = (std::uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
-  return (ticks - 116'444'736'000'000'000) / 10'000;
+  return (ticks - policy::kUnixEpochTicks) / policy::kTicksPerMillisecond;
 }
 
 void ListTrashFolder(UnixToDos convert, std::vector<RecycledFile>& files) {
-  std::wstring root(32767, L'\0');
-  root.resize(GetEnvironmentVariableW(L"XDG_DATA_HOME", root.data(), static_cast<DWORD>(root.size())));
-  std::string unix_root = fs::path(root).string();
+  std::string unix_root = fs::path(EnvironmentValue(L"XDG_DATA_HOME")).string();
   if (unix_root.empty()) {
     const char* home = std::getenv("HOME");
     if (!home) return;
@@ -112,11 +111,12 @@ std::vector<RecycledFile> ListRecycleBin() {
     return files;
   }
   const std::wstring sid = CurrentUserSid();
+  const std::wstring bin = L"$Recycle.Bin\\" + sid;
   const DWORD drives = sid.empty() ? 0 : GetLogicalDrives();
   for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
     if (!(drives >> (letter - L'A') & 1)) continue;
     const std::wstring root = {letter, L':', L'\\'};
-    if (GetDriveTypeW(root.c_str()) == DRIVE_FIXED) ListRecycleFolder(root + L"$Recycle.Bin\\" + sid, files);
+    if (GetDriveTypeW(root.c_str()) == DRIVE_FIXED) ListRecycleFolder(root + bin, files);
   }
   return files;
 }

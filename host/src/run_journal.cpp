@@ -5,16 +5,15 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "environment.h"
+#include "vorn/text.h"
+
 namespace vorn::host {
 namespace {
 
 namespace fs = std::filesystem;
 
-fs::path Folder() {
-  std::wstring base(32767, L'\0');
-  base.resize(GetEnvironmentVariableW(L"LOCALAPPDATA", base.data(), static_cast<DWORD>(base.size())));
-  return fs::path(base) / L"Vorn" / L"runs";
-}
+fs::path Folder() { return fs::path(EnvironmentValue(L"LOCALAPPDATA")) / L"Vorn" / L"runs"; }
 
 bool IsRunName(const std::string& run) {
   return !run.empty() && std::all_of(run.begin(), run.end(), [](char c) {
@@ -34,9 +33,7 @@ bool RunJournal::Add(const RecycleEntry& entry) {
     fs::create_directories(Folder(), ignored);
     file_.open(FileOf(run_), std::ios::binary | std::ios::app);
   }
-  const std::u8string path = fs::path(entry.path).u8string();
-  const nlohmann::json line = {
-      {"path", std::string(path.begin(), path.end())}, {"time_ms", entry.time_ms}, {"pid", entry.pid}};
+  const nlohmann::json line = {{"path", ToUtf8(entry.path)}, {"time_ms", entry.time_ms}, {"pid", entry.pid}};
   file_ << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n' << std::flush;
   ++count_;
   return file_.good();
@@ -60,9 +57,8 @@ std::optional<std::vector<RecycleEntry>> RunJournal::Read(const std::string& run
     const auto json = nlohmann::json::parse(line, nullptr, false);
     if (!json.is_object() || !json.contains("path") || !json["path"].is_string())
       continue;  // a line cut by a crash
-    const std::string path = json["path"];
-    entries.push_back({fs::path(std::u8string(path.begin(), path.end())).wstring(),
-                       json.value("time_ms", std::uint64_t{0}), json.value("pid", 0u)});
+    entries.push_back({ToWide(json["path"].get<std::string>()), json.value("time_ms", std::uint64_t{0}),
+                       json.value("pid", 0u)});
   }
   return entries;
 }
