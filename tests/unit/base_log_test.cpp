@@ -43,11 +43,6 @@ class Log : public testing::Test {
   ProcessLog& log = ProcessLog::Get();
 };
 
-TEST_F(Log, StartEmptiesTheFileOfAnEarlierProcess) {
-  EXPECT_EQ(std::filesystem::file_size(log.Slot(0)), 0u);
-  EXPECT_FALSE(std::filesystem::exists(log.Slot(1)));
-}
-
 TEST_F(Log, LineCarriesTimeProcessThreadTagFileAndLine) {
   SYSTEMTIME before, after;
   GetLocalTime(&before);
@@ -110,29 +105,6 @@ TEST_F(Log, MaskDecidesAtOnceWhichLevelsAreWritten) {
     log_all();
     EXPECT_EQ(log.NewMessages(), messages) << mask;
   }
-}
-
-TEST_F(Log, LineWithoutFileTagOrFormatIsNotWritten) {
-  const char* volatile none = nullptr;
-  LogPrint(none, kLogError, 1, "E", "text");
-  LogPrint("f", kLogError, 1, none, "text");
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-  LogPrint("f", kLogError, 1, "E", none);
-#pragma GCC diagnostic pop
-  EXPECT_EQ(log.NewText(), "");
-}
-
-TEST_F(Log, LastErrorAndOwnCallMarkSurvive) {
-  ASSERT_EQ(InitThreadState(), 0u);
-  for (const bool marked : {false, true}) {
-    GetThreadState()->bOwnCall = marked;
-    SetLastError(5);
-    VORN_LOG_N("line");
-    EXPECT_EQ(GetLastError(), 5u);
-    EXPECT_EQ(GetThreadState()->bOwnCall, marked);
-  }
-  FreeThreadState();
 }
 
 TEST_F(Log, LinesOfThreadsDoNotInterleave) {

@@ -62,29 +62,6 @@ TEST_F(Ring, HoldsOneMessageLessThanItHasNodesAndWarnsFromFourFifths) {
   EXPECT_EQ(PopNumber(), -1);
 }
 
-TEST_F(Ring, RefusesWhatIsNoQueueOrNoMessage) {
-  const RingNode* node = nullptr;
-  EXPECT_EQ(queue.Pop(&node), PopResult::kError);
-  EXPECT_FALSE(PushNumber(1));
-  EXPECT_FALSE(queue.IsFull());
-  EXPECT_TRUE(queue.IsEmpty());
-  EXPECT_FALSE(queue.Init(0));
-  EXPECT_FALSE(queue.Init(-1));
-  ASSERT_TRUE(queue.Init(4));
-  EXPECT_FALSE(queue.Push("x", 0));
-  EXPECT_FALSE(queue.Push(nullptr, 1));
-  EXPECT_EQ(queue.Pop(nullptr), PopResult::kError);
-  EXPECT_TRUE(queue.IsEmpty());
-  EXPECT_EQ(log.NewText(), "");
-}
-
-TEST_F(Ring, QueueOfOneNodeIsAlwaysFull) {
-  ASSERT_TRUE(queue.Init(1));
-  EXPECT_FALSE(PushNumber(1));
-  EXPECT_TRUE(queue.IsEmpty());
-  EXPECT_EQ(log.NewMessages(), std::vector{Named("Ring Queue %p is full")});
-}
-
 TEST_F(Ring, NodesKeepTheirLargestBuffer) {
   ASSERT_TRUE(queue.Init(2));
   const std::string large(5000, 'l');
@@ -196,26 +173,10 @@ TEST(SleepingConsumer, LeavesAfterTenErrorsInARow) {
 
 // ---- Floods ----
 
-TEST(Flood, DropsFromTheSixthAlikeMessageWithinAMillisecond) {
-  FloodRule rule;
-  std::string dropped;
-  for (int n = 0; n < 8; ++n) dropped += rule.Drops(3, 0, 5'000 + static_cast<unsigned>(n)) ? 'x' : '.';
-  EXPECT_EQ(dropped, ".....xxx");
-  EXPECT_FALSE(rule.Drops(3, 0, 6'000)) << "a millisecond after the run began";
-  EXPECT_TRUE(rule.Drops(3, 0, 5'999)) << "still the same run";
-  EXPECT_FALSE(rule.Drops(3, 2, 6'000)) << "another subtype starts a run";
-  EXPECT_FALSE(rule.Drops(3, 0, 6'000)) << "and so does the way back";
-}
-
 TEST(Flood, SlowRunIsNeverDroppedFrom) {
   FloodRule rule;
   for (unsigned n = 0; n < 6; ++n) EXPECT_FALSE(rule.Drops(3, 0, 1'000'000 + n * 200));
   for (unsigned n = 0; n < 50; ++n) EXPECT_FALSE(rule.Drops(3, 0, 1'001'001 + n));
-}
-
-TEST(Flood, FirstMessageOfAProcessStartsARun) {
-  FloodRule rule;
-  EXPECT_FALSE(rule.Drops(0xFFFF, 0xFFFF, 2'000'000));
 }
 
 }  // namespace

@@ -35,18 +35,6 @@ TEST_F(ThreadStateTest, GettingTheBlockKeepsTheLastError) {
   }).join();
 }
 
-TEST_F(ThreadStateTest, BlocksAreZeroedAndTheThreadsOwn) {
-  ThreadState* mine = GetThreadState();
-  mine->bInLoader = 1;
-  std::thread([mine] {
-    ThreadState* state = GetThreadState();
-    EXPECT_NE(state, mine);
-    static constexpr ThreadState kZero{};
-    EXPECT_EQ(std::memcmp(state, &kZero, sizeof kZero), 0);
-    FreeThreadState();
-  }).join();
-}
-
 TEST_F(ThreadStateTest, ScratchBuffersHaveRoomToSpareInWholePages) {
   ThreadState* state = GetThreadState();
   ScratchLevel level(state);
@@ -97,28 +85,6 @@ TEST_F(ThreadStateTest, MisuseOfScratchLevelsEndsTheProcess) {
       },
       exits(0xEED00A4D), "");
   EXPECT_EXIT(LeaveScratchLevel(GetThreadState()), exits(0xEED00A4E), "");
-}
-
-TEST_F(ThreadStateTest, ScopesNestAndTolerateAMissingBlock) {
-  ThreadState* state = GetThreadState();
-  {
-    HookDepthGuard outer, inner(state);
-    EXPECT_EQ(state->hookDepth, 2u);
-    inner.set_in_net_call(true);
-    EXPECT_TRUE(outer.in_net_call());
-    OwnCallScope own;
-    { OwnCallScope nested; }
-    EXPECT_TRUE(outer.own_call());
-  }
-  EXPECT_EQ(state->hookDepth, 0u);
-  EXPECT_EQ(state->bOwnCall, 0);
-  HookDepthGuard none(nullptr);
-  none.set_own_call(true);
-  EXPECT_FALSE(none.own_call());
-  std::thread([] {
-    OwnCallScope own;
-    EXPECT_FALSE(HasThreadState()) << "marking own work allocates nothing";
-  }).join();
 }
 
 }  // namespace

@@ -64,9 +64,6 @@ int Call(void* function, int argument = 0) { return reinterpret_cast<Function>(f
 void* real = nullptr;  // what the detours call on
 int PlusHundred(int argument) { return Call(real, argument) + 100; }
 
-void* real_again = nullptr;
-int PlusThousand(int argument) { return Call(real_again, argument) + 1000; }
-
 template <class F>
 void* Address(F* function) {
   return reinterpret_cast<void*>(function);
@@ -242,53 +239,6 @@ TEST(Interception, AFunctionThatSomebodyElsePatchedKeepsTheirPatchBelowOurs) {
   EXPECT_EQ(Call(target), 9);
   code.Put(0, {ours[0], ours[1], ours[2], ours[3], ours[4]});
   EXPECT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
-}
-
-TEST(Interception, TwoDetoursOfOneFunctionStackInOneTransaction) {
-  Code code;
-  Byte* target = code.Put(0, {RETURNS(7)});
-  const auto before = Bytes(target);
-  real = real_again = target;
-  DetourTransactionBegin();
-  DetourAttach(&real, Address(PlusHundred));
-  DetourAttach(&real_again, Address(PlusThousand));
-  ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
-  EXPECT_EQ(Call(target), 1107);
-  EXPECT_EQ(Detach(real, Address(PlusHundred)), ERROR_INVALID_BLOCK) << "the lower one cannot go first";
-  DetourTransactionBegin();
-  DetourDetach(&real_again, Address(PlusThousand));
-  DetourDetach(&real, Address(PlusHundred));
-  ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
-  EXPECT_EQ(Bytes(target), before);
-}
-
-TEST(Interception, ADetourBeyondTheReachOfAJumpIsReachedThroughTheTrampoline) {
-  Code code(0x5000'0000'0000);
-  ASSERT_TRUE(code.ok());
-  // mov eax, [rip → data]; ret: the moved operand must reach, and the exe with the detour is far away.
-  Byte* target = code.Put(0, {0x8B, 0x05, 0xFA, 0x0F, 0, 0, 0xC3});
-  memcpy(code.data(), "\x2A\0\0\0", 4);
-  real = target;
-  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
-  EXPECT_EQ(Call(target), 142);
-  EXPECT_EQ(Call(real), 42);
-  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
-}
-
-TEST(Interception, AttachingAgainTakesTheOldTrampoline) {
-  Code code;
-  real = code.Put(0, {RETURNS(7)});
-  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
-  void* const trampoline = real;
-  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
-  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
-  EXPECT_EQ(real, trampoline);
-  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
-  code.Put(0, {RETURNS(8)});
-  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
-  EXPECT_NE(real, trampoline) << "other bytes, another function";
-  EXPECT_EQ(Call(code.Put(16, {RETURNS(1)}) - 16), 108);
-  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
 }
 
 // A thread that runs through a function all the time, and can be stopped.

@@ -62,41 +62,6 @@ class FileChange : public FileRoom {
   }
 };
 
-TEST_F(FileChange, DeletionsWaitForTheClose) {
-  HANDLE file =
-      OpenFor(L"\\write\\f.txt", DELETE | GENERIC_READ, FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT);
-  EXPECT_TRUE(Exists(L"\\write\\f.txt"));
-  EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
-  EXPECT_FALSE(Exists(L"\\write\\f.txt"));
-}
-
-TEST_F(FileChange, DispositionsAreRememberedAndCanBeTakenBack) {
-  const struct {
-    bool at_open;
-    std::vector<ULONG> dispositions;  // class 64 flags
-    bool deleted;
-  } kCases[] = {
-      {false, {nt::kDispositionDelete}, true},
-      {false, {nt::kDispositionDelete, 0}, false},
-      {true, {}, true},
-      {true, {0}, true},
-      {true, {nt::kDispositionOnClose}, false},
-      {true, {nt::kDispositionDelete | nt::kDispositionOnClose}, true},
-  };
-  for (const auto& c : kCases) {
-    Unconfined([&] { WriteText(L"\\write\\f.txt", "old"); });
-    HANDLE file = OpenFor(L"\\write\\f.txt", DELETE, c.at_open ? FILE_DELETE_ON_CLOSE : 0);
-    for (const ULONG flags : c.dispositions) EXPECT_EQ(SetDispositionEx(file, flags), STATUS_SUCCESS);
-    EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
-    EXPECT_EQ(Exists(L"\\write\\f.txt"), !c.deleted) << &c - kCases;
-  }
-  HANDLE file = OpenFor(L"\\write", DELETE, FILE_DIRECTORY_FILE);
-  EXPECT_EQ(SetDisposition(file, true), STATUS_SUCCESS);
-  EXPECT_EQ(SetDisposition(file, false), STATUS_SUCCESS);
-  EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
-  EXPECT_TRUE(Exists(L"\\write"));
-}
-
 TEST_F(FileChange, DispositionInUnwritableMemoryIsHonoured) {
   static const BOOLEAN kDelete = TRUE;
   HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
@@ -105,15 +70,6 @@ TEST_F(FileChange, DispositionInUnwritableMemoryIsHonoured) {
   EXPECT_TRUE(Exists(L"\\write\\f.txt"));
   EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
   EXPECT_FALSE(Exists(L"\\write\\f.txt"));
-}
-
-TEST_F(FileChange, DeletionOnAReadOnlyHandleFailsAtTheClose) {
-  HANDLE file = OpenFor(L"\\read\\f.txt", DELETE);
-  EXPECT_EQ(SetDisposition(file, true), STATUS_SUCCESS);
-  EXPECT_EQ(NtClose(file), kRefused);
-  DWORD flags;
-  EXPECT_FALSE(GetHandleInformation(file, &flags)) << "closed all the same";
-  EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
 }
 
 TEST_F(FileChange, FileWithAReadOnlyNameElsewhereCanBeDeleted) {
@@ -126,54 +82,12 @@ TEST_F(FileChange, FileWithAReadOnlyNameElsewhereCanBeDeleted) {
   EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
 }
 
-TEST_F(FileChange, DeletingByNameFollowsTheRules) {
-  EXPECT_EQ(DeleteByName(L"\\write\\f.txt"), STATUS_SUCCESS);
-  EXPECT_FALSE(Exists(L"\\write\\f.txt"));
-  EXPECT_EQ(DeleteByName(L"\\read\\f.txt"), kRefused);
-  EXPECT_EQ(DeleteByName(L"\\deny\\f.txt"), kRefused);
-  EXPECT_TRUE(Exists(L"\\read\\f.txt") && Exists(L"\\deny\\f.txt"));
-  EXPECT_EQ(DeleteByName(L"\\write\\none.txt"), STATUS_OBJECT_NAME_NOT_FOUND);
-}
-
-TEST_F(FileChange, FoldersAreDeletedWhenEmptyAndLeftWhenNot) {
-  HANDLE full = OpenFor(L"\\write", DELETE, FILE_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE);
-  EXPECT_EQ(NtClose(full), STATUS_SUCCESS);
-  EXPECT_EQ(Text(L"\\write\\f.txt"), "old");
-  Unconfined([&] { ASSERT_TRUE(DeleteFileW(Dos(L"\\write\\f.txt").c_str())); });
-  HANDLE empty = OpenFor(L"\\write", DELETE, FILE_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE);
-  EXPECT_EQ(NtClose(empty), STATUS_SUCCESS);
-  EXPECT_FALSE(Exists(L"\\write"));
-}
-
 TEST_F(FileChange, DeletionIsSkippedWhileTheLoaderRuns) {
   HANDLE file = OpenFor(L"\\write\\f.txt", DELETE, FILE_DELETE_ON_CLOSE);
   GetThreadState()->bInLoader = 1;
   EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
   GetThreadState()->bInLoader = 0;
   EXPECT_TRUE(Exists(L"\\write\\f.txt"));
-}
-
-TEST_F(FileChange, RenamesAreJudgedByBothEnds) {
-  const struct {
-    const wchar_t *from, *to;
-    NTSTATUS status;
-  } kCases[] = {
-      {L"\\write\\f.txt", L"\\write\\g.txt", STATUS_SUCCESS},
-      {L"\\write\\g.txt", L"\\read\\g.txt", kRefused},
-      {L"\\write\\g.txt", L"\\deny\\g.txt", kRefused},
-      {L"\\write\\g.txt", L"\\unlisted.txt", kRefused},
-      {L"\\read\\f.txt", L"\\write\\h.txt", kRefused},
-      {L"\\read\\f.txt", L"\\read\\h.txt", kRefused},
-  };
-  for (const auto& c : kCases)
-    for (const nt::FileClass number : {nt::kFileRenameInformation, nt::kFileRenameInformationEx}) {
-      if (number == nt::kFileRenameInformationEx && nt::Success(c.status)) continue;
-      HANDLE file = OpenFor(c.from, DELETE);
-      EXPECT_EQ(Rename(file, L"\\??\\" + Dos(c.to), 0, number), c.status) << &c - kCases;
-      NtClose(file);
-    }
-  EXPECT_EQ(Text(L"\\write\\g.txt"), "old");
-  EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
 }
 
 TEST_F(FileChange, RenameTargetsAreUnderstoodInEveryForm) {
@@ -189,19 +103,6 @@ TEST_F(FileChange, RenameTargetsAreUnderstoodInEveryForm) {
   EXPECT_EQ(Rename(file, Nt(L"\\read\\d.txt")), kRefused);
   NtClose(file);
   NtClose(folder);
-}
-
-TEST_F(FileChange, ReplacedFileCanBeRestored) {
-  Unconfined([&] { WriteText(L"\\write\\target.txt", "precious"); });
-  HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
-  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\target.txt")), STATUS_OBJECT_NAME_COLLISION);
-  EXPECT_EQ(Text(L"\\write\\target.txt"), "precious") << "nothing is moved without the replace flag";
-  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\target.txt"), nt::kRenameReplaceIfExists),
-            STATUS_SUCCESS);
-  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\new.txt"), nt::kRenameReplaceIfExists), STATUS_SUCCESS);
-  NtClose(file);
-  EXPECT_EQ(Text(L"\\write\\target.txt"), "(none)");
-  EXPECT_EQ(Text(L"\\write\\new.txt"), "old");
 }
 
 TEST_F(FileChange, FileCanGetAnotherSpellingOfItsName) {
@@ -272,37 +173,6 @@ TEST_F(FileChange, TimesOfAReadOnlyFileSeemToBeSet) {
   // Wine sets them without asking for the right; Windows refuses, and the handler answers success.
   EXPECT_EQ(Set(file, nt::kFileBasicInformation, &info, sizeof info), STATUS_SUCCESS);
   NtClose(file);
-}
-
-TEST_F(FileChange, WritesOnAReadOnlyHandleFailAsTheSystemSays) {
-  HANDLE file = OpenFor(L"\\read\\f.txt", GENERIC_READ | GENERIC_WRITE);
-  IO_STATUS_BLOCK io = {};
-  char text[] = "new";
-  LARGE_INTEGER start = {};
-  EXPECT_EQ(NtWriteFile(file, nullptr, nullptr, nullptr, &io, text, 3, &start, nullptr), kRefused);
-  EXPECT_EQ(SetDisposition(file, false), kRefused) << "the handle has no DELETE access";
-  NtClose(file);
-  EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
-  EXPECT_EQ(GetThreadState()->bInWriteFile, 0);
-}
-
-TEST_F(FileChange, MovesAreConfinedAndHappenAtOnce) {
-  const auto from = Dos(L"\\write\\f.txt"), to = Dos(L"\\write\\moved.txt"), read = Dos(L"\\read\\moved.txt");
-  EXPECT_FALSE(MoveFileExW(from.c_str(), read.c_str(), 0));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-  EXPECT_TRUE(MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_DELAY_UNTIL_REBOOT)) << GetLastError();
-  EXPECT_EQ(Text(L"\\write\\moved.txt"), "old");
-  EXPECT_EQ(Text(L"\\write\\f.txt"), "(none)");
-  EXPECT_FALSE(Exists(L"\\read\\moved.txt"));
-}
-
-TEST_F(FileChange, DeletingApiCallsOfProgramsGoTheSameWay) {
-  EXPECT_TRUE(DeleteFileW(Dos(L"\\write\\f.txt").c_str()));
-  EXPECT_FALSE(Exists(L"\\write\\f.txt"));
-  EXPECT_FALSE(DeleteFileW(Dos(L"\\read\\f.txt").c_str()));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-  EXPECT_TRUE(RemoveDirectoryW(Dos(L"\\write").c_str()));
-  EXPECT_FALSE(Exists(L"\\write"));
 }
 
 TEST_F(FileChange, FailedCloseKeepsTheRecord) {

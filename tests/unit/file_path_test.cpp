@@ -103,16 +103,6 @@ TEST_F(FilePath, HandlesNameTheirFileAndWhatLiesBelow) {
   EXPECT_EQ(PathOf(L"x", reinterpret_cast<HANDLE>(0x7FFC)).status, STATUS_INVALID_HANDLE);
 }
 
-TEST_F(FilePath, PipeReachedByHandleIsNotConfined) {
-  platform::Native().NtQueryObject = [](HANDLE, OBJECT_INFORMATION_CLASS, PVOID info, ULONG,
-                                        PULONG) -> NTSTATUS {
-    static wchar_t name[] = L"\\Device\\NamedPipe\\x";
-    *static_cast<UNICODE_STRING*>(info) = nt::CountedString(name, wcslen(name) * sizeof(wchar_t));
-    return STATUS_SUCCESS;
-  };
-  EXPECT_EQ(PathOf(L"", reinterpret_cast<HANDLE>(4)).status, nt::kStatusNotConfined);
-}
-
 TEST_F(FilePath, LongNamesOfHandlesAreAskedForAgainWithRoom) {
   platform::Native().NtQueryObject = [](HANDLE, OBJECT_INFORMATION_CLASS, PVOID info, ULONG bytes,
                                         PULONG returned) -> NTSTATUS {
@@ -198,24 +188,6 @@ TEST_F(FilePath, PathsGoToDosFormAndBack) {
   EXPECT_STREQ(DosPathToNtPath(L"\\\\srv\\share\\f").get(), L"\\device\\mup\\srv\\share\\f");
   EXPECT_EQ(DosPathToNtPath(L"c:\\a").get(), C(L"\\a"));
   for (const wchar_t* none : {L"", L"C:", L"Q:\\x", L"a\\b", L"C:a"}) EXPECT_FALSE(DosPathToNtPath(none));
-}
-
-TEST_F(FilePath, TempDirectoryEndsAtItsName) {
-  wchar_t temp[MAX_PATH];
-  GetTempPathW(MAX_PATH, temp);
-  std::wstring path = DosPathToNtPath(temp).get();
-  EXPECT_TRUE(IsTempPath(path));
-  EXPECT_TRUE(IsTempPath(path + L"x"));
-  path.pop_back();
-  EXPECT_TRUE(IsTempPath(path));
-  EXPECT_FALSE(IsTempPath(path + L"2"));
-}
-
-TEST_F(FilePath, FileSystemPathsAreThoseWithAFileOrAFolderToPutItIn) {
-  EXPECT_TRUE(IsFileSystemPath(Nt(L"\\read\\f.txt")));
-  EXPECT_TRUE(IsFileSystemPath(Nt(L"\\read\\new.txt")));
-  EXPECT_FALSE(IsFileSystemPath(Nt(L"\\read") + L"\\nowhere\\new.txt"));
-  EXPECT_FALSE(IsFileSystemPath(L"\\Device\\Null"));
 }
 
 TEST_F(FilePath, LinksLeadToTheirTarget) {

@@ -72,31 +72,6 @@ TEST_F(FileWine, SymbolicLinksOfTheUnixFileSystemAreFollowed) {
   Unconfined([&] { RemoveDirectoryW(Dos(L"\\write\\link").c_str()); });
 }
 
-TEST_F(FileWine, ImageOfAProcessIsADevicePath) {
-  const platform::HeapString image = GetProcessImageFileName(GetCurrentProcess());
-  ASSERT_TRUE(image);
-  EXPECT_TRUE(std::wstring(image.get()).starts_with(L"\\Device\\HarddiskVolume")) << "not \\??\\Z:\\…";
-  EXPECT_TRUE(FileExists(image.get()));
-}
-
-TEST_F(FileWine, NamesThatGrowAskForRoom) {
-  const Opened file = Create(L"\\write\\f.txt", GENERIC_READ);
-  const std::wstring expected = Nt(L"\\write\\f.txt");
-  const ULONG needed = static_cast<ULONG>(sizeof(UNICODE_STRING) + (expected.size() + 1) * sizeof(wchar_t));
-  std::vector<std::byte> buffer(needed + 64);
-  for (ULONG room = 0; room < needed; room += 2) {
-    ULONG bytes = room;
-    EXPECT_FALSE(nt::Success(GetObjectName(file.handle, buffer.data(), &bytes))) << room;
-    EXPECT_GE(bytes, needed) << room;
-  }
-  ULONG bytes = needed;
-  ASSERT_EQ(GetObjectName(file.handle, buffer.data(), &bytes), STATUS_SUCCESS);
-  const auto* name = reinterpret_cast<const UNICODE_STRING*>(buffer.data());
-  EXPECT_EQ(std::wstring(name->Buffer, name->Length / sizeof(wchar_t)), expected);
-  EXPECT_EQ(bytes, needed);
-  NtClose(file.handle);
-}
-
 TEST_F(FileWine, NameThatTheSearchCannotFindLowersTheAccess) {
   Unconfined([&] {
     ASSERT_TRUE(CreateDirectoryW(Dos(L"\\elsewhere").c_str(), nullptr));

@@ -64,14 +64,6 @@ class NtdllHooks : public testing::Test {
   std::vector<Listener*> registered_;
 };
 
-TEST_F(NtdllHooks, WithoutListenersTheRealFunctionAnswers) {
-  EXPECT_LT(unhooked_status_, 0);
-  EXPECT_EQ(DeleteByName(), unhooked_status_);
-  HANDLE event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-  EXPECT_EQ(::NtClose(event), STATUS_SUCCESS);
-  EXPECT_EQ(::NtClose(event), STATUS_INVALID_HANDLE);
-}
-
 TEST_F(NtdllHooks, FirstListenerThatDoesNotPassOnDecides) {
   Listener passing(PassOn), deciding(Decide), unreached(Decide);
   ASSERT_TRUE(Register(passing) && Register(deciding) && Register(unreached));
@@ -255,17 +247,6 @@ TEST_F(RejectedAttach, PatchesNothingOfTheTable) {
   RemoveTable({.rows = good});
   EXPECT_EQ(function(), 7);
   entry_.Unregister(&listener);
-}
-
-TEST(AttachHook, NeedsADispatcherAPlaceAndATarget) {
-  void* original = nullptr;
-  void* dispatcher = reinterpret_cast<void*>(&DeleteByName);
-  HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
-  EXPECT_FALSE(AttachHook("NtClose", nullptr, nullptr, &original, ntdll));
-  EXPECT_FALSE(AttachHook("NtClose", nullptr, dispatcher, nullptr, ntdll));
-  EXPECT_FALSE(AttachHook("NtClose", nullptr, dispatcher, &original, nullptr));
-  EXPECT_FALSE(AttachHook("NtNoSuchFunction", nullptr, dispatcher, &original, ntdll));
-  EXPECT_EQ(original, nullptr);
 }
 
 }  // namespace

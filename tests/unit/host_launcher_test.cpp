@@ -92,14 +92,6 @@ class HostLauncher : public testing::Test {
   Launcher launcher{section};
 };
 
-TEST_F(HostLauncher, AllThirtyTwoBitsOfTheExitCodeComeBack) {
-  EXPECT_EQ(ExitCodeOf({.command_line = ProbeCommand(L"exit 7")}), 7u);
-  EXPECT_EQ(ExitCodeOf({.command_line = ProbeCommand(L"exit 2863311530")}), 0xAAAAAAAA);
-  EXPECT_EQ(
-      ExitCodeOf({.application = vorn::test::ThisProgram().wstring(), .command_line = L"x probe exit 8"}),
-      8u);
-}
-
 TEST_F(HostLauncher, StandardStreamsAreTheGivenOnesAndNoOtherHandleIsInherited) {
   UniqueHandle in_read, in_write, out_read, out_write;
   ASSERT_TRUE(CreatePipe(in_read.put(), in_write.put(), nullptr, 0));
@@ -199,15 +191,6 @@ TEST_F(HostLauncher, TheTreeBelongsToTheLauncherAndEndsWithIt) {
     EXPECT_FALSE(scoped.WaitForAll(50ms)) << "the child runs";
   }
   EXPECT_EQ(WaitForSingleObject(child.get(), 20'000), WAIT_OBJECT_0);
-}
-
-TEST_F(HostLauncher, WaitForAllReturnsWhenTheLastProcessEnds) {
-  auto result = launcher.Start({.command_line = ProbeCommand(L"spawn x")});
-  ASSERT_TRUE(std::holds_alternative<ConfinedProcess>(result)) << std::get<LaunchFailure>(result).text;
-  ASSERT_TRUE(std::get<ConfinedProcess>(result).Wait(30s));
-  std::thread ender([&] { launcher.TerminateAll(3); });
-  EXPECT_TRUE(launcher.WaitForAll(20s));
-  ender.join();
 }
 
 }  // namespace

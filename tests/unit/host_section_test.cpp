@@ -41,42 +41,6 @@ SectionContents Example() {
   return contents;
 }
 
-std::u16string Text(const policy::SectionText& text) { return std::u16string(text.text); }
-
-TEST(HostSection, ReaderFindsEveryField) {
-  const auto bytes = host::LayOutSection(Example());
-  const policy::SectionView view(bytes);
-  ASSERT_TRUE(view.Valid());
-  EXPECT_EQ(Text(view.LogDirectory()), u"C:\\logs");
-  EXPECT_FALSE(view.DumpDirectory().Present());
-  EXPECT_EQ(Text(view.ServerPortName()), u"port");
-  EXPECT_EQ(Text(view.CreateProcessEventPrefix()), u"\\Sessions\\1\\BaseNamedObjects\\init_");
-  EXPECT_EQ(Text(view.BizDllPathX64()), u"C:\\vorn\\vorn_core.dll");
-  EXPECT_EQ(Text(view.BizDllPathX86()), u"C:\\vorn\\vorn_core32.dll");
-  EXPECT_EQ(Text(view.IPC64FullPath()), u"C:\\vorn\\vorn_ipc.dll");
-  EXPECT_EQ(Text(view.IPC32FullPath()), u"C:\\vorn\\vorn_ipc32.dll");
-  EXPECT_EQ(view.BizDllPathX64().text.data()[21], u'\0') << "library paths are terminated";
-  EXPECT_EQ(view.Flags(), 0x20Fu);
-}
-
-TEST(HostSection, RulesDecideThroughTheDecisionKernel) {
-  const auto bytes = host::LayOutSection(Example());
-  const policy::SectionView view(bytes);
-  ASSERT_EQ(view.FileRuleCount(), 2u);
-  const auto access = [&](std::u16string_view path) { return policy::CheckFileACL(view, path).access; };
-  EXPECT_EQ(access(u"\\device\\harddiskvolume1\\USERS\\b"), FileACL::kDeny);
-  EXPECT_EQ(access(u"\\device\\harddiskvolume1\\users\\a\\x"), FileACL::kReadWrite);
-  EXPECT_EQ(access(u"\\device\\harddiskvolume2\\users"), FileACL::kRead);
-
-  ASSERT_EQ(view.NetRules().size(), 3u);
-  const auto& rule = view.NetRules()[0];
-  EXPECT_EQ(view.AddressOf(rule).family, policy::kFamilyIPv4);
-  EXPECT_EQ(view.AddressOf(rule).prefix_length, 16u);
-  EXPECT_TRUE(view.PortsOf(rule).Admit(443));
-  EXPECT_FALSE(view.PortsOf(rule).Admit(25));
-  EXPECT_EQ(view.DomainOf(view.NetRules()[1]).byte_length, 24u) << "the terminator is measured";
-}
-
 TEST(HostSection, ContentsThatCannotBeExpressedAreRefused) {
   const auto refused = [](auto change) {
     SectionContents contents = Example();
@@ -88,26 +52,6 @@ TEST(HostSection, ContentsThatCannotBeExpressedAreRefused) {
   refused([](SectionContents& c) { c.net_rules[0].prefix = 33; });
   refused([](SectionContents& c) { c.net_rules[1].domain.clear(); });
   refused([](SectionContents& c) { c.init_event_prefix.assign(251, L'p'); });
-}
-
-// Opened as the library opens it.
-TEST(HostSection, SharedSectionIsFoundByItsFullName) {
-  SectionContents contents = Example();
-  contents.init_event_prefix.clear();
-  const host::SharedSection section(contents);
-  EXPECT_LT(section.name().size(), 256u) << "what the environment variable may hold";
-  UNICODE_STRING name = nt::CountedString(section.name().c_str(), section.name().size() * sizeof(wchar_t));
-  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
-  ipc::UniqueHandle opened;
-  ASSERT_EQ(NtOpenSection(opened.put(), SECTION_MAP_READ | SECTION_MAP_WRITE, &attributes), STATUS_SUCCESS);
-  const void* view = MapViewOfFile(opened.get(), FILE_MAP_READ, 0, 0, 0);
-  ASSERT_NE(view, nullptr);
-  EXPECT_EQ(std::memcmp(view, section.bytes().data(), section.bytes().size()), 0);
-  UnmapViewOfFile(view);
-
-  const std::wstring& prefix = section.contents().init_event_prefix;
-  EXPECT_TRUE(prefix.starts_with(host::NamedObjectPath(L"vorn_init_"))) << host::ToUtf8(prefix);
-  EXPECT_NE(host::SharedSection(contents).name(), section.name());
 }
 
 // What a user other than the current one would be asked by.
@@ -173,13 +117,6 @@ TEST(HostNtPath, ExistingPartIsResolvedToItsFinalForm) {
     EXPECT_EQ(host::ToNtPath((top / "link" / "new" / "file").wstring()), expected);
   }
   fs::remove_all(top);
-}
-
-TEST(HostText, ErrorsAreTheSystemsSentences) {
-  EXPECT_FALSE(host::Win32ErrorText(ERROR_FILE_NOT_FOUND).empty());
-  EXPECT_NE(host::Win32ErrorText(ERROR_FILE_NOT_FOUND).back(), '.');
-  EXPECT_EQ(host::Win32ErrorText(0x0FFFFFFF), "error 268435455");
-  EXPECT_EQ(host::ToWide(host::ToUtf8(L"\x00e9\xd83d\xde00")), L"\x00e9\xd83d\xde00");
 }
 
 }  // namespace

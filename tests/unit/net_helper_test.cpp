@@ -40,21 +40,6 @@ TEST(SockaddrAdapter, PresentsMappedIPv4AsIPv4AndEverythingElseUnchanged) {
   EXPECT_EQ(unreadable.Address(), nowhere);
 }
 
-TEST(NetHelper, PortsAndSamenessKnowTwoFamilies) {
-  Address a = Local(1, 80), b = Mapped(1, 80);
-  EXPECT_EQ(net_helper::GetSockaddrPort(&a.any), htons(80));
-  EXPECT_FALSE(net_helper::IsSameSockaddr(&a.any, &b.any));
-  Address c = b;
-  c.v6.sin6_scope_id = 7;
-  c.v6.sin6_flowinfo = 9;
-  EXPECT_TRUE(net_helper::IsSameSockaddr(&b.any, &c.any));
-  c.v6.sin6_addr.s6_addr[0] = 1;
-  EXPECT_FALSE(net_helper::IsSameSockaddr(&b.any, &c.any));
-  a.any.sa_family = 1;
-  EXPECT_EQ(net_helper::GetSockaddrPort(&a.any), 0);
-  EXPECT_FALSE(net_helper::IsSameSockaddr(&a.any, &a.any));
-}
-
 TEST(NetHelper, TextsOfAddresses) {
   const Address v4 = Local(1, 8080), v6 = Local6(443);
   Address unix_family = v4;

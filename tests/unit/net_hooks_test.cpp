@@ -217,29 +217,6 @@ TEST_F(NetHooks, AnOverlappedThatIsUsedAgainUncollectedWorks) {
   EXPECT_EQ(receive.from.port(), talk.allowed.address.port());
 }
 
-TEST_F(NetHooks, ClosingASocketReleasesItsPendingReceives) {
-  Conversation talk;
-  routine_call = {};
-  Receive a, b;
-  a.Start(talk.socket, &Routine);
-  b.Start(talk.socket);
-  EXPECT_EQ(GetNetMgr().contexts().live_count(), 2);
-  talk.socket.Close();
-  EXPECT_EQ(GetNetMgr().contexts().live_count(), 0);
-  SleepEx(50, TRUE);
-  EXPECT_EQ(routine_call.calls, 0);
-}
-
-TEST_F(NetHooks, AnUnfinishedReceiveIsNotJudged) {
-  Conversation talk;
-  Receive receive;
-  ASSERT_TRUE(receive.Start(talk.socket));
-  DWORD bytes = 0;
-  EXPECT_FALSE(GetOverlappedResult(talk.socket.handle(), &receive.overlapped, &bytes, FALSE));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_IO_INCOMPLETE));
-  EXPECT_EQ(GetNetMgr().contexts().live_count(), 1);
-}
-
 TEST_F(NetHooks, OfManyCompletionsOnlyTheReceiveIsTouched) {
   Conversation talk;
   const HANDLE port = CreateIoCompletionPort(talk.socket.handle(), nullptr, 1, 0);
@@ -343,18 +320,6 @@ TEST_F(NetHooks, CountsOfManyThreadsAddUp) {
 }
 
 // ---- Names ----
-
-TEST_F(NetHooks, ResolvedNamesAreRemembered) {
-  ADDRINFOW* info = nullptr;
-  ASSERT_EQ(GetAddrInfoW(L"localhost", nullptr, nullptr, &info), 0);
-  FreeAddrInfoW(info);
-  DomainName name;
-  const Address address = Local(1);
-  GetDnsCache().FindDomainByAddress(&address.any, sizeof address.v4, name);
-  ASSERT_TRUE(name.get());
-  EXPECT_STREQ(name.get(), L"localhost");
-  EXPECT_TRUE(gethostbyname("localhost"));
-}
 
 TEST_F(NetHooks, AFaultInsideAResolutionLeavesTheThreadChecked) {
   (void)platform::Guarded([] { (void)gethostbyname(reinterpret_cast<const char*>(16)); });

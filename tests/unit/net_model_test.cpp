@@ -50,26 +50,6 @@ class SocketModel : public ::testing::Test {
   SocketACLModel model;
 };
 
-TEST_F(SocketModel, RulesDecideByAddressThenNameThenDefault) {
-  Confinement::Get().SetRules(
-      {DomainRule(1, L"*.example.com", {443}), AddressRule(0, {127, 0, 0, 7}), DefaultRule(0)});
-  EXPECT_EQ(Check(Local(6, 443), kProtocolTcp, L"A.Example.COM"), 1u);
-  EXPECT_EQ(Check(Local(6, 80), kProtocolTcp, L"a.example.com"), 0u);
-  EXPECT_EQ(Check(Local(7, 443), kProtocolTcp, L"a.example.com"), 0u);
-  EXPECT_EQ(Check(Local(6, 443), kProtocolTcp, L"badexample.com"), 0u);
-  EXPECT_EQ(model.CheckSocketACL(L"a.example.com", nullptr, 0, kProtocolTcp),
-            0u);  // no port without an address
-  Confinement::Get().SetRules({AddressRule(0, {10, 0, 0, 1})});
-  EXPECT_EQ(Check(Local(1, 1), kProtocolTcp), 0u) << "rules without a match deny";
-}
-
-TEST_F(SocketModel, WithoutRulesOrWithTheCheckOffEverythingIsAllowed) {
-  Confinement::Get().SetRules({DefaultRule(0)}, 0x200);
-  EXPECT_EQ(Check(Local(1, 1), kProtocolTcp), 1u);
-  Confinement::Get().SetRules({});
-  EXPECT_EQ(Check(Local(1, 1), kProtocolTcp), 1u);
-}
-
 TEST_F(SocketModel, UnreadableDestinationsAreLeftToTheDefaultRule) {
   Confinement::Get().SetRules({AddressRule(0, {127, 0, 0, 1}), DefaultRule(1)});
   EXPECT_EQ(model.CheckSocketACL(nullptr, reinterpret_cast<const sockaddr*>(16), 16, kProtocolTcp), 1u);
@@ -147,27 +127,6 @@ TEST_F(SocketModel, ABoundSocketThatNeverSentBecomesAServerOnItsFirstReceive) {
   model.SetBoundAddress(20, At(Local(1, 55)));
   model.AddSendCount(20, 1);
   EXPECT_FALSE(model.QuerySocket(20, true).is_server) << "it sent first";
-}
-
-TEST_F(SocketModel, UnknownSocketsAndQueues) {
-  const SocketRecord unknown = model.QuerySocket(99, true);
-  EXPECT_FALSE(unknown.known());
-  EXPECT_EQ(unknown.protocol, 0u);
-  model.AddSendCount(99, 1);
-  model.SetBoundAddress(99, At(Local(1, 1)));
-  model.SetRequestQueue(99, 5);
-  model.RemoveSocket(99);
-  EXPECT_EQ(model.FindSocketByRequestQueue(5), INVALID_SOCKET);
-
-  // The first record in the list answers, whenever its queue was set.
-  for (SOCKET s : {10, 20, 30}) model.AddSocket(kProtocolUdp, AF_INET, s);
-  model.SetRequestQueue(30, 5);
-  model.SetRequestQueue(20, 5);
-  EXPECT_EQ(model.FindSocketByRequestQueue(5), 20u);
-  model.RemoveSocket(20);
-  EXPECT_EQ(model.FindSocketByRequestQueue(5), 30u);
-  model.AddRioSendCount(30, 2);
-  EXPECT_EQ(model.QuerySocket(30, false).rio_send_count, 2u);
 }
 
 }  // namespace

@@ -140,13 +140,6 @@ TEST(Message, Sample) {
   ExpectFrame(Encoded(Sample{3, 1, 0, 0, {}}), 4, 3, 25, 2);
 }
 
-TEST(Message, ATooSmallBufferIsLeftAlone) {
-  const FileAudit audit{1, 5, 1, 0, "C:\\a", {}};
-  std::vector<std::byte> small(EncodedSize(audit) - 1, std::byte{0xEE});
-  EXPECT_EQ(Encode(audit, kOrigin, small), 0u);
-  EXPECT_EQ(small, std::vector<std::byte>(small.size(), std::byte{0xEE}));
-}
-
 std::vector<std::vector<std::byte>> OneOfEach() {
   return {Encoded(ProcessStart{7, "a.exe", "a.exe -x"}),
           Encoded(ProcessEvent{1, 2, 3, 1157, "child.exe"}),
@@ -221,14 +214,6 @@ TEST(Message, WhatDecodesFromDamagedBytesStaysInsideTheMessage) {
       }
     }
   }
-}
-
-TEST(Names, OfAuditTypesAndAccess) {
-  const char* const types[] = {"unknown",           "create",  "delete", "read", "write",  "rename", "copy",
-                               "delete to recycle", "connect", "send",   "recv", "unknown"};
-  for (std::uint32_t i = 0; i < std::size(types); ++i) EXPECT_STREQ(AuditTypeName(i), types[i]);
-  const char* const access[] = {"unknown", "D", "R", "RW", "unknown"};
-  for (std::uint32_t i = 0; i < std::size(access); ++i) EXPECT_STREQ(ACLName(i), access[i]);
 }
 
 }  // namespace
