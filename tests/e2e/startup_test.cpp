@@ -277,7 +277,7 @@ TEST_F(StartUp, InitEventThatCannotBeOpenedOrNamedIsLeftAlone) {
 TEST_F(StartUp, RandomSectionsNeverFault) {
   char text[16];
   const int sections =
-      GetEnvironmentVariableA("VORN_RANDOM_SECTIONS", text, sizeof text) ? std::stoi(text) : 200;
+      GetEnvironmentVariableA("VORN_RANDOM_SECTIONS", text, sizeof text) ? std::stoi(text) : 1000;
   contents.file_rules = {{vorn::policy::FileACL::kDeny, L"\\Device\\HarddiskVolume1\\a"},
                          {vorn::policy::FileACL::kRead, L"\\Device\\HarddiskVolume1\\b\\c"}};
   contents.net_rules = {{.verdict = 1,
