@@ -4,6 +4,7 @@
 #include <shellapi.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 
 #include "command_line.h"
 #include "commands.h"
@@ -22,9 +23,7 @@ std::vector<std::string> Arguments() {
   return arguments;
 }
 
-}  // namespace
-
-int main() {
+int Main() {
   SetConsoleOutputCP(CP_UTF8);
   CLI::App app("Runs programs confined: a policy says which files and network destinations they may use.",
                "vorn");
@@ -85,4 +84,15 @@ int main() {
     return vorn::cli::kExitCannotRun;
   }
   return vorn::cli::Run(run_arguments);
+}
+
+}  // namespace
+
+int main() {
+  try {
+    return Main();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "vorn: %s\n", error.what());
+    return vorn::cli::kExitCannotRun;
+  }
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "Policy/file_time.h"
 #include "commands.h"
 #include "vorn/recycle_bin.h"
 #include "vorn/run_journal.h"
@@ -20,7 +21,7 @@ bool SamePath(const std::wstring& a, const std::wstring& b) {
 }
 
 std::string TimeText(std::uint64_t time_ms) {
-  const std::uint64_t ticks = time_ms * 10'000 + 116'444'736'000'000'000;
+  const std::uint64_t ticks = time_ms * policy::kTicksPerMillisecond + policy::kUnixEpochTicks;
   const FILETIME utc{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
   FILETIME local;
   SYSTEMTIME t;

@@ -33,8 +33,9 @@ class FileRoom : public testing::Test {
   }
 
   void SetUp() override {
-    folder_ =
-        L"C:\\vorn_file_test_" + std::to_wstring(GetCurrentProcessId()) + L"_" + std::to_wstring(++serial_);
+    LARGE_INTEGER now;  // process ids come again
+    QueryPerformanceCounter(&now);
+    folder_ = L"C:\\vorn_file_test_" + std::to_wstring(now.QuadPart) + L"_" + std::to_wstring(++serial_);
     Unconfined([&] {
       ASSERT_TRUE(CreateDirectoryW(folder_.c_str(), nullptr));
       for (const wchar_t* name : {L"\\deny", L"\\read", L"\\write"})

@@ -113,8 +113,8 @@ class Launcher {
   // Whether a process belongs to this launcher: started by it or by what it started. Any thread.
   bool Owns(std::uint32_t pid) const;
 
-  // Every process of the launcher so far, in the order of their start, as the system tells it: also those that
-  // never spoke to the host. A process id that was used again stands here twice. Any thread.
+  // Every process of the launcher so far, in the order of their start, as the system tells it: also those
+  // that never spoke to the host. A process id that was used again stands here twice. Any thread.
   std::vector<LaunchedProcess> Processes() const;
 
   // Waits until no process of the launcher runs. False: time is up.
