@@ -291,6 +291,13 @@ TEST_F(NetHooks, CountsOfManyThreadsAddUp) {
       {AddressRule(1, {127, 0, 0, kAllowed}), AddressRule(0, {127, 0, 0, kDenied}), DefaultRule(0)}, 0x07);
   Peer allowed(Local(kAllowed)), denied(Local(kDenied));
   std::atomic<int> sent = 0, refused = 0, other = 0;
+  const auto handles = [] {
+    DWORD count = 0;
+    GetProcessHandleCount(GetCurrentProcess(), &count);
+    return count;
+  };
+  Socket(AF_INET, SOCK_DGRAM).Close();  // what is made once, is made here
+  const DWORD handles_before = handles();
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&] {
@@ -306,7 +313,9 @@ TEST_F(NetHooks, CountsOfManyThreadsAddUp) {
       }
       EXPECT_EQ(GetNetMgr().model().QuerySocket(client, false).send_count,
                 static_cast<std::uint64_t>(kDatagrams));
+      const SOCKET closed = client;
       client.Close();
+      EXPECT_EQ(GetNetMgr().model().QuerySocket(closed, false).socket, INVALID_SOCKET);
       EXPECT_EQ(GetThreadState()->hookDepth, 0u);
       FreeThreadState();
     });
@@ -315,6 +324,8 @@ TEST_F(NetHooks, CountsOfManyThreadsAddUp) {
   EXPECT_EQ(sent, kThreads * kDatagrams / 2);
   EXPECT_EQ(refused, kThreads * kDatagrams / 2);
   EXPECT_EQ(other, 0);
+  threads.clear();
+  EXPECT_EQ(handles(), handles_before);
   EXPECT_EQ(denied.Receive(50), "");
   Confinement::Get().host().CatchUp();
 }
