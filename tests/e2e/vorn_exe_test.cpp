@@ -75,7 +75,7 @@ class VornExe : public testing::Test {
 TEST_F(VornExe, ShowsWhatWasRefusedAndWhyAndReturnsTheProgramsCode) {
   Write("try.bat", "@type \"" + Dos("denied\\f.txt") + "\"\r\n@type \"" + Dos("protected\\f.txt") +
                        "\"\r\n@echo new> \"" + Dos("protected\\f.txt") + "\"\r\n@echo new> \"" +
-                       Dos("work\\f.txt") + "\"\r\n@exit 23\r\n");
+                       Dos("work\\f.txt") + "\"\r\n@cmd /c rem\r\n@exit 23\r\n");
   const Session session =
       Run("cmd /c \"" + Dos("try.bat") + "\"", "--events \"" + Dos("events.jsonl") + "\"");
   EXPECT_EQ(session.exit_code, 23u);
