@@ -107,6 +107,7 @@ int Run(const RunArguments& arguments) {
       return not_found ? kExitNotFound : kExitCannotRun;
     }
     const auto& program = std::get<host::ConfinedProcess>(started);
+    if (g_interrupted) launcher.TerminateAll(kExitByControlC);  // before there was anything to end
     const std::uint32_t exit_code = *program.Wait();
     // What the program left running goes on under the run's eyes. Processes without the library do not hold
     // the run: they end with the launcher.

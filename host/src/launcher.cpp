@@ -22,7 +22,8 @@ namespace {
 using ipc::UniqueHandle;
 
 constexpr wchar_t kSectionVariable[] = L"VORN_SHARED_DATA_NAME";
-constexpr DWORD kStopWatching = 0;             // no notice of a job
+// Completion keys other than that of the job's notices, which is 0.
+constexpr ULONG_PTR kStopKey = 1, kFenceKey = 2;
 constexpr UINT kNotConfinedExit = 0xE0000001;  // of a process that is ended because it could not be confined
 
 LaunchFailure Failure(LaunchStage stage, DWORD error, std::string_view what) {
@@ -190,7 +191,7 @@ class Launcher::Impl {
   }
 
   ~Impl() {
-    PostQueuedCompletionStatus(notices_.get(), kStopWatching, 0, nullptr);
+    PostQueuedCompletionStatus(notices_.get(), 0, kStopKey, nullptr);
     watcher_.join();
   }
 
@@ -220,8 +221,14 @@ class Launcher::Impl {
   }
 
   std::vector<LaunchedProcess> Processes() const {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
+    // The fence comes behind every notice that is there already.
+    if (PostQueuedCompletionStatus(notices_.get(), 0, kFenceKey, nullptr)) {
+      const std::uint64_t fence = ++fences_posted_;
+      changed_.wait(lock, [&] { return fences_passed_ >= fence; });
+    }
     std::vector<LaunchedProcess> processes = processes_;
+    lock.unlock();
     // A process that was asked in its first moments may not have had a name yet.
     for (LaunchedProcess& process : processes)
       if (process.image.empty())
@@ -242,7 +249,7 @@ class Launcher::Impl {
         if (left.count() <= 0) return false;
         wait = std::min(wait, left);
       }
-      empty_.wait_for(lock, wait);
+      changed_.wait_for(lock, wait);
     }
     return true;
   }
@@ -258,14 +265,18 @@ class Launcher::Impl {
       ULONG_PTR key = 0;
       OVERLAPPED* pid = nullptr;  // where the notice is about a process
       if (!GetQueuedCompletionStatus(notices_.get(), &message, &key, &pid, INFINITE)) return;
-      if (message == kStopWatching) return;
-      if (message == JOB_OBJECT_MSG_NEW_PROCESS) {
+      if (key == kStopKey) return;
+      if (key == kFenceKey) {
+        std::lock_guard lock(mutex_);
+        ++fences_passed_;
+        changed_.notify_all();
+      } else if (message == JOB_OBJECT_MSG_NEW_PROCESS) {
         LaunchedProcess process = Describe(static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(pid)));
         std::lock_guard lock(mutex_);
         processes_.push_back(std::move(process));
       } else if (message == JOB_OBJECT_MSG_ACTIVE_PROCESS_ZERO) {
         std::lock_guard lock(mutex_);
-        empty_.notify_all();
+        changed_.notify_all();
       }
     }
   }
@@ -363,7 +374,9 @@ class Launcher::Impl {
   UniqueHandle job_;
   UniqueHandle notices_;
   mutable std::mutex mutex_;
-  std::condition_variable empty_;
+  mutable std::condition_variable changed_;  // a fence has passed, or the job became empty
+  mutable std::uint64_t fences_posted_ = 0;
+  std::uint64_t fences_passed_ = 0;
   std::vector<LaunchedProcess> processes_;
   std::thread watcher_;
 };

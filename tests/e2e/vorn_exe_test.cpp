@@ -39,7 +39,9 @@ class VornExe : public testing::Test {
     return {std::istreambuf_iterator<char>(file), {}};
   }
 
-  Session Vorn(const std::string& arguments, const fs::path& program = BuildPath("vorn.exe")) const {
+  // meanwhile: called while vorn runs, with its process.
+  Session Vorn(const std::string& arguments, const fs::path& program = BuildPath("vorn.exe"),
+               const std::function<void(HANDLE)>& meanwhile = {}) const {
     const fs::path output = Path("output.txt");
     SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
     const HANDLE file = CreateFileW(output.c_str(), GENERIC_WRITE, 7, &inherit, CREATE_ALWAYS, 0, nullptr);
@@ -54,6 +56,7 @@ class VornExe : public testing::Test {
     Session session;
     EXPECT_TRUE(
         CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &start, &process));
+    if (meanwhile) meanwhile(process.hProcess);
     if (WaitForSingleObject(process.hProcess, 60'000) != WAIT_OBJECT_0) {
       ADD_FAILURE() << "vorn " << arguments << " does not end";
       TerminateProcess(process.hProcess, 1);
@@ -65,8 +68,21 @@ class VornExe : public testing::Test {
     session.text = Read("output.txt");
     return session;
   }
-  Session Run(const std::string& program, const std::string& options = "") const {
-    return Vorn("run " + options + " --policy \"" + Dos("policy.toml") + "\" -- " + program);
+  Session Run(const std::string& program, const std::string& options = "",
+              const std::function<void(HANDLE)>& meanwhile = {}) const {
+    return Vorn("run " + options + " --policy \"" + Dos("policy.toml") + "\" -- " + program,
+                BuildPath("vorn.exe"), meanwhile);
+  }
+  // The id of a program that the run has shown as started; 0 with a test failure when it is not shown.
+  DWORD WaitForStart(const std::string& program) const {
+    const std::regex started(R"(\[(\d+)\] started )" + program);
+    for (const ULONGLONG begin = GetTickCount64(); GetTickCount64() - begin < 30'000; Sleep(20)) {
+      const std::string text = Read("output.txt");
+      std::smatch match;
+      if (std::regex_search(text, match, started)) return std::stoul(match.str(1));
+    }
+    ADD_FAILURE() << program << " was not started";
+    return 0;
   }
 
   TestFolder folder_;
@@ -135,6 +151,39 @@ TEST_F(VornExe, FollowsATreeOfProgramsAndPutsBackWhatTheDeepestDeleted) {
   EXPECT_EQ(Vorn("restore " + run.str(1)).exit_code, 0u);
   EXPECT_EQ(Read("work\\f.txt"), "old work");
   EXPECT_EQ(Vorn("restore no-such-run").exit_code, 1u);
+}
+
+TEST_F(VornExe, CtrlCEndsTheWholeTreeAndTheSummaryStillComes) {
+  DWORD deepest = 0;
+  const Session session = Run("cmd /c \"ping -n 60 127.0.0.1 & echo went on\"", "", [&](HANDLE vorn) {
+    deepest = WaitForStart("ping");
+    // What a console does to its programs, also where the tests have no console.
+    const auto routine = reinterpret_cast<LPTHREAD_START_ROUTINE>(
+        GetProcAddress(GetModuleHandleW(L"kernelbase.dll"), "CtrlRoutine"));
+    ASSERT_TRUE(routine);
+    const HANDLE thread = CreateRemoteThread(vorn, nullptr, 0, routine, CTRL_C_EVENT, 0, nullptr);
+    EXPECT_TRUE(thread);
+    CloseHandle(thread);
+  });
+  EXPECT_EQ(session.exit_code, 0xC000013A) << session.text;
+  EXPECT_TRUE(session.Says("---- ended by Ctrl-C ----")) << session.text;
+  EXPECT_TRUE(session.Says("vorn: 2 processes")) << session.text;
+  EXPECT_FALSE(session.Says("\nwent on")) << session.text;
+  const HANDLE left = OpenProcess(SYNCHRONIZE, FALSE, deepest);
+  EXPECT_TRUE(!left || WaitForSingleObject(left, 0) == WAIT_OBJECT_0) << "ping still runs";
+  if (left) CloseHandle(left);
+}
+
+TEST_F(VornExe, LastsAsLongAsWhatTheProgramLeavesRunning) {
+  const Session session = Run("cmd /c \"start /b ping -n 60 127.0.0.1 & exit 9\"", "", [&](HANDLE vorn) {
+    const DWORD ping = WaitForStart("ping");
+    EXPECT_EQ(WaitForSingleObject(vorn, 300), WAIT_TIMEOUT);
+    const HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, ping);
+    EXPECT_TRUE(TerminateProcess(process, 1));  // without a farewell to the host
+    CloseHandle(process);
+  });
+  EXPECT_EQ(session.exit_code, 9u);
+  EXPECT_TRUE(std::regex_search(session.text, std::regex(R"(ping\.exe \(\d+\)  confined)"))) << session.text;
 }
 
 TEST_F(VornExe, GivesTheProgramItsCommandLineAsTyped) {

@@ -189,6 +189,13 @@ TEST_F(HostLauncher, TheTreeBelongsToTheLauncherAndEndsWithIt) {
     EXPECT_FALSE(launcher.Owns(*child_pid));
     EXPECT_FALSE(scoped.Owns(GetCurrentProcessId()));
     EXPECT_FALSE(scoped.WaitForAll(50ms)) << "the child runs";
+    const std::vector<LaunchedProcess> processes = scoped.Processes();
+    ASSERT_EQ(processes.size(), 2u);
+    EXPECT_EQ(processes[0].pid, std::get<ConfinedProcess>(result).pid());
+    EXPECT_EQ(processes[1].pid, *child_pid);
+    EXPECT_EQ(processes[1].parent_pid, processes[0].pid);
+    EXPECT_EQ(processes[1].image, vorn::test::ThisProgram().wstring());
+    EXPECT_TRUE(launcher.Processes().empty());
   }
   EXPECT_EQ(WaitForSingleObject(child.get(), 20'000), WAIT_OBJECT_0);
 }
