@@ -7,6 +7,7 @@
 //
 // A process in which a stage fails is not left to run unconfined: it ends with an exit code that names the
 // stage. Everything here runs on the thread that loads the library, inside the loader.
+#include "Debug/debug_mgr.h"
 #include "File/file_mgr.h"
 #include "Load/load_dll_mgr.h"
 #include "Net/net_mgr.h"
@@ -85,6 +86,8 @@ struct Manager {
   OnFailure on_failure;
 };
 constexpr Manager kManagers[] = {
+    // The writer's filter goes in before the manager listens, and before anything that could crash.
+    {"CDebugMgr", [] { return CDebugMgr::GetInstance()->Init(); }, OnFailure::kGoOn},
     {"CNetMgr", [] { return GetNetMgr().Init(); }, OnFailure::kStop},
     {"mod",
      [] {

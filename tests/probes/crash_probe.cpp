@@ -1,0 +1,154 @@
+// Crashes in one way. The ids of the threads that are about to crash go into FILE, one a line.
+//
+//   crash_probe KIND FILE [ARGUMENT]
+//
+//   write          writes to address 16
+//   thread         the same in a second thread
+//   handler        inside an intercepted call
+//   divide         divides by zero
+//   overflow       runs out of stack
+//   raise CODE     raises the exception code (hexadecimal)
+//   pure           calls a pure virtual function
+//   jump           calls address 0
+//   together       two threads write at the same moment
+//   meanwhile DIR  one thread writes; the other one too, once DIR has a file in it
+//   filters        installs two filters of its own, the first of them twice, then writes
+#include <windows.h>
+#include <winternl.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+constexpr UINT kFilterWasCalled = 77, kFilterWasAccepted = 78;
+constexpr DWORD kPatienceMs = 60'000;
+
+const wchar_t* id_file = nullptr;
+
+void RecordThread() {
+  // Appending writes of a few bytes do not mix.
+  HANDLE file = CreateFileW(id_file, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                            OPEN_ALWAYS, 0, nullptr);
+  char line[16];
+  DWORD written;
+  const int length = std::snprintf(line, sizeof line, "%lu\n", GetCurrentThreadId());
+  if (file == INVALID_HANDLE_VALUE || !WriteFile(file, line, static_cast<DWORD>(length), &written, nullptr))
+    ExitProcess(GetLastError());
+  CloseHandle(file);
+}
+
+volatile int zero = 0;
+
+void Write() { *reinterpret_cast<volatile int*>(16) = 1; }
+
+DWORD WINAPI WriteInThread(void*) {
+  RecordThread();
+  Write();
+  return 0;
+}
+
+std::atomic<int> ready;
+
+DWORD WINAPI WriteTogether(void*) {
+  RecordThread();
+  for (++ready; ready < 2;) YieldProcessor();
+  Write();
+  return 0;
+}
+
+DWORD WINAPI WriteOnceThereIsAFile(void* directory) {
+  RecordThread();
+  const std::wstring pattern = std::wstring(static_cast<const wchar_t*>(directory)) + L"\\*.dmp";
+  WIN32_FIND_DATAW found;
+  while (FindFirstFileW(pattern.c_str(), &found) == INVALID_HANDLE_VALUE) Sleep(1);
+  Write();
+  return 0;
+}
+
+void RunThreads(LPTHREAD_START_ROUTINE first, LPTHREAD_START_ROUTINE second, wchar_t* argument) {
+  HANDLE threads[2];
+  DWORD count = 0;
+  for (const auto routine : {first, second})
+    if (routine) threads[count++] = CreateThread(nullptr, 0, routine, argument, 0, nullptr);
+  WaitForMultipleObjects(count, threads, TRUE, kPatienceMs);
+}
+
+// The loader reads the name that it is given; what it does not find there is a fault below our handler.
+void FaultInIntercepted() {
+  using LdrLoadDll = NTSTATUS(WINAPI*)(PWSTR, PULONG, PUNICODE_STRING, PVOID*);
+  const auto load =
+      reinterpret_cast<LdrLoadDll>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "LdrLoadDll"));
+  PVOID module;
+  load(nullptr, nullptr, reinterpret_cast<PUNICODE_STRING>(16), &module);
+}
+
+[[gnu::noinline]] int Overflow(int depth) {
+  volatile char page[4096];
+  page[0] = static_cast<char>(depth);
+  return depth < 0 ? page[0] : Overflow(depth + 1) + page[0];
+}
+
+struct Shape {
+  Shape() { Draw(); }
+  virtual ~Shape() = default;
+  [[gnu::noinline]] void Draw() { Paint(); }
+  virtual void Paint() = 0;
+};
+struct Circle : Shape {
+  void Paint() override { Write(); }
+};
+
+LONG WINAPI OwnFilter(EXCEPTION_POINTERS*) {
+  TerminateProcess(GetCurrentProcess(), kFilterWasCalled);
+  return EXCEPTION_EXECUTE_HANDLER;
+}
+LONG WINAPI OtherFilter(EXCEPTION_POINTERS* pointers) { return OwnFilter(pointers) + 1; }
+
+void WriteWithFilters() {
+  for (const auto filter : {OwnFilter, OwnFilter, OtherFilter})
+    if (SetUnhandledExceptionFilter(filter)) ExitProcess(kFilterWasAccepted);
+  Write();
+}
+
+}  // namespace
+
+// As the system's own C runtimes end a program that calls a pure virtual function: they take away the
+// program's exception filter, then report the fault as unhandled.
+extern "C" void __cxa_pure_virtual() {
+  constexpr DWORD kFatalAppExit = 0x40000015;
+  CONTEXT context;
+  RtlCaptureContext(&context);
+  EXCEPTION_RECORD record{};
+  record.ExceptionCode = kFatalAppExit;
+  record.ExceptionFlags = EXCEPTION_NONCONTINUABLE;
+  record.ExceptionAddress = __builtin_return_address(0);
+  EXCEPTION_POINTERS pointers{&record, &context};
+  SetUnhandledExceptionFilter(nullptr);
+  UnhandledExceptionFilter(&pointers);
+  TerminateProcess(GetCurrentProcess(), kFatalAppExit);
+  std::abort();
+}
+
+int wmain(int argc, wchar_t** argv) {
+  if (argc < 3) return ERROR_INVALID_PARAMETER;
+  const std::wstring kind = argv[1];
+  id_file = argv[2];
+  wchar_t* const argument = argc > 3 ? argv[3] : nullptr;
+  if (kind == L"thread") RunThreads(WriteInThread, nullptr, nullptr);
+  if (kind == L"together") RunThreads(WriteTogether, WriteTogether, nullptr);
+  if (kind == L"meanwhile") RunThreads(WriteInThread, WriteOnceThereIsAFile, argument);
+  RecordThread();
+  if (kind == L"write") Write();
+  if (kind == L"handler") FaultInIntercepted();
+  if (kind == L"divide") return argc / zero;
+  if (kind == L"overflow") return Overflow(0);
+  if (kind == L"raise" && argument) RaiseException(std::wcstoul(argument, nullptr, 16), 0, 0, nullptr);
+  if (kind == L"pure") Circle();
+  if (kind == L"jump") reinterpret_cast<void (*)()>(static_cast<ULONG_PTR>(zero))();
+  if (kind == L"filters") WriteWithFilters();
+  return ERROR_SUCCESS;
+}
