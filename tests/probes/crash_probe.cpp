@@ -92,15 +92,29 @@ void FaultInIntercepted() {
   return depth < 0 ? page[0] : Overflow(depth + 1) + page[0];
 }
 
-struct Shape {
-  Shape() { Draw(); }
-  virtual ~Shape() = default;
-  [[gnu::noinline]] void Draw() { Paint(); }
-  virtual void Paint() = 0;
-};
-struct Circle : Shape {
-  void Paint() override { Write(); }
-};
+// As the system's C runtimes report what they cannot go on from: they take away the program's exception
+// filter, then have the fault handled as one that nobody handles.
+void ReportAsRuntime() {
+  constexpr DWORD kFatalAppExit = 0x40000015;
+  CONTEXT context;
+  RtlCaptureContext(&context);
+  EXCEPTION_RECORD record{};
+  record.ExceptionCode = kFatalAppExit;
+  record.ExceptionFlags = EXCEPTION_NONCONTINUABLE;
+  record.ExceptionAddress = __builtin_return_address(0);
+  EXCEPTION_POINTERS pointers{&record, &context};
+  SetUnhandledExceptionFilter(nullptr);
+  UnhandledExceptionFilter(&pointers);
+  TerminateProcess(GetCurrentProcess(), kFatalAppExit);
+}
+
+// What stands in the table of virtual functions where a class has none.
+void CallPure() {
+  HMODULE runtime = LoadLibraryW(L"ucrtbase.dll");
+  using Handler = void (*)();
+  reinterpret_cast<Handler (*)(Handler)>(GetProcAddress(runtime, "_set_purecall_handler"))(ReportAsRuntime);
+  reinterpret_cast<void (*)()>(GetProcAddress(runtime, "_purecall"))();
+}
 
 LONG WINAPI OwnFilter(EXCEPTION_POINTERS*) {
   TerminateProcess(GetCurrentProcess(), kFilterWasCalled);
@@ -116,23 +130,6 @@ void WriteWithFilters() {
 
 }  // namespace
 
-// As the system's own C runtimes end a program that calls a pure virtual function: they take away the
-// program's exception filter, then report the fault as unhandled.
-extern "C" void __cxa_pure_virtual() {
-  constexpr DWORD kFatalAppExit = 0x40000015;
-  CONTEXT context;
-  RtlCaptureContext(&context);
-  EXCEPTION_RECORD record{};
-  record.ExceptionCode = kFatalAppExit;
-  record.ExceptionFlags = EXCEPTION_NONCONTINUABLE;
-  record.ExceptionAddress = __builtin_return_address(0);
-  EXCEPTION_POINTERS pointers{&record, &context};
-  SetUnhandledExceptionFilter(nullptr);
-  UnhandledExceptionFilter(&pointers);
-  TerminateProcess(GetCurrentProcess(), kFatalAppExit);
-  std::abort();
-}
-
 int wmain(int argc, wchar_t** argv) {
   if (argc < 3) return ERROR_INVALID_PARAMETER;
   const std::wstring kind = argv[1];
@@ -147,7 +144,7 @@ int wmain(int argc, wchar_t** argv) {
   if (kind == L"divide") return argc / zero;
   if (kind == L"overflow") return Overflow(0);
   if (kind == L"raise" && argument) RaiseException(std::wcstoul(argument, nullptr, 16), 0, 0, nullptr);
-  if (kind == L"pure") Circle();
+  if (kind == L"pure") CallPure();
   if (kind == L"jump") reinterpret_cast<void (*)()>(static_cast<ULONG_PTR>(zero))();
   if (kind == L"filters") WriteWithFilters();
   return ERROR_SUCCESS;
