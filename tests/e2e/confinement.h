@@ -96,16 +96,25 @@ class Confinement {
 
   // The exit code of a confined program, or -1 with a test failure when it does not start or end.
   std::int64_t Run(const std::wstring& command_line, host::LaunchOptions options = {}) {
-    options.command_line = command_line;
-    auto started = launcher_.Start(options);
-    if (const auto* failure = std::get_if<host::LaunchFailure>(&started)) {
-      ADD_FAILURE() << failure->text;
-      return -1;
+    return RunTogether({command_line}, std::move(options)).front();
+  }
+
+  // The same for several that run at the same time.
+  std::vector<std::int64_t> RunTogether(const std::vector<std::wstring>& command_lines,
+                                        host::LaunchOptions options = {}) {
+    std::vector<std::variant<host::ConfinedProcess, host::LaunchFailure>> started;
+    for (const std::wstring& command_line : command_lines) {
+      options.command_line = command_line;
+      started.push_back(launcher_.Start(options));
     }
-    const auto code = std::get<host::ConfinedProcess>(started).Wait(kPatience);
-    if (code) return *code;
-    ADD_FAILURE() << "does not end";
-    return -1;
+    std::vector<std::int64_t> codes;
+    for (const auto& start : started) {
+      const auto* process = std::get_if<host::ConfinedProcess>(&start);
+      const auto code = process ? process->Wait(kPatience) : std::nullopt;
+      EXPECT_TRUE(code) << (process ? "does not end" : std::get<host::LaunchFailure>(start).text);
+      codes.push_back(code ? std::int64_t{*code} : -1);
+    }
+    return codes;
   }
 
   // The same for a program that reads its standard input before it ends, which is closed once a message for
