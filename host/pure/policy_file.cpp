@@ -8,6 +8,8 @@
 #define TOML_ENABLE_FORMATTERS 0
 #include <toml++/toml.h>
 
+#include "vorn/section.h"
+
 namespace vorn::host {
 namespace {
 
@@ -28,6 +30,16 @@ std::string Folded(std::string_view path) {
   for (char& c : folded)
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   return folded;
+}
+
+// How long a text in UTF-8 is in UTF-16.
+std::size_t Utf16Units(std::string_view text) {
+  std::size_t units = 0;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if ((byte & 0xC0) != 0x80) units += byte >= 0xF0 ? 2 : 1;
+  }
+  return units;
 }
 
 class PolicyReader {
@@ -111,8 +123,14 @@ class PolicyReader {
   }
 
   void ReadDump(const toml::table& table) {
-    ForEachKey(table, "[dump]", {"directory"}, [&](const toml::key&, const toml::node& node) {
+    ForEachKey(table, "[dump]", {"directory", "enabled"}, [&](const toml::key& key, const toml::node& node) {
+      if (key.str() == "enabled") return ReadBool(node, "enabled", policy_.write_dumps);
       ReadDirectory(node, "directory", policy_.dump_directory);
+      const std::size_t units = Utf16Units(policy_.dump_directory);
+      if (units > kMaxDumpDirectoryUnits)
+        Error(PlaceOf(node), Quoted(policy_.dump_directory) + " has " + std::to_string(units) +
+                                 " characters; crash dumps need a directory of at most " +
+                                 std::to_string(kMaxDumpDirectoryUnits));
     });
   }
 

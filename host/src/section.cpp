@@ -108,6 +108,9 @@ std::vector<std::byte> LayOutSection(const SectionContents& contents) {
   if (contents.init_event_prefix.size() + kMaxProcessIdDigits > policy::kMaxInitEventPrefix) {
     throw std::invalid_argument("the prefix of the init events is too long");
   }
+  if (contents.dump_directory.size() > kMaxDumpDirectoryUnits) {
+    throw std::invalid_argument("the dump directory is too long");
+  }
   const std::size_t file_table = sizeof(SharedDataHeader);
   const std::size_t net_table = file_table + contents.file_rules.size() * sizeof(policy::FileRuleRecord);
   Layout layout(net_table + contents.net_rules.size() * sizeof(policy::NetRuleRecord));

@@ -70,6 +70,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Mistake{"[files]\ndeny = ['C:\\a']\nwrite = ['c:\\A\\']", 3, 10,
                             "another access in line 2"},
                     Mistake{"[log]\nlevel = 'loud'", 2, 9, "unknown level"},
+                    Mistake{"[dump]\nenabled = 1", 2, 11, "must be true or false"},
+                    Mistake{"[dump]\ndirectory = 'dumps'", 2, 13, "not a full path"},
                     Mistake{"[network]\ndefault = 'maybe'", 2, 11, "\"allow\" or \"deny\""},
                     Mistake{"[network]\nallow = ['1.2.3.4/33']", 2, 10, "from 0 to 32"},
                     Mistake{"[network]\nallow = ['::1']", 2, 10, "in brackets"},
@@ -82,6 +84,19 @@ INSTANTIATE_TEST_SUITE_P(
                     Mistake{"[network]\nallow = ['a.test/8']", 2, 10, "a prefix belongs to an address"},
                     Mistake{"[network]\nallow = ['10.1.0.0/8']\ndeny = ['10.0.0.0/8']", 3, 9,
                             "already allowed in line 2"}));
+
+TEST(PolicyFile, ADumpDirectoryLeavesRoomForTheNamesOfDumps) {
+  // A path has 259 characters, whatever they cost in UTF-8; "\00001f40-00002a10-0037c2e8.vrn.dmp" has 35.
+  const std::string longest = "C:\\" + std::string(220, 'd') + "\u00e4";
+  EXPECT_EQ(Good("[dump]\ndirectory = '" + longest + "'").dump_directory, longest);
+  auto result = ParsePolicy("[dump]\ndirectory = '" + longest + "e'", Lookup);
+  ASSERT_TRUE(std::get_if<1>(&result));
+  const PolicyError& error = std::get<1>(result).front();
+  EXPECT_EQ(std::pair(error.place.line, error.place.column), std::pair(2u, 13u));
+  EXPECT_NE(error.message.find("has 225 characters"), std::string::npos) << error.message;
+  EXPECT_TRUE(Good("").write_dumps);
+  EXPECT_FALSE(Good("[dump]\nenabled = false").write_dumps);
+}
 
 TEST(PolicyFile, EveryMistakeIsReported) {
   auto result = ParsePolicy("[files]\ndeny = ['x', 'y']\nread = ['z']\n", Lookup);

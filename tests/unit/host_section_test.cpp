@@ -52,6 +52,7 @@ TEST(HostSection, ContentsThatCannotBeExpressedAreRefused) {
   refused([](SectionContents& c) { c.net_rules[0].prefix = 33; });
   refused([](SectionContents& c) { c.net_rules[1].domain.clear(); });
   refused([](SectionContents& c) { c.init_event_prefix.assign(251, L'p'); });
+  refused([](SectionContents& c) { c.dump_directory.assign(225, L'd'); });
 }
 
 // What a user other than the current one would be asked by.

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "Policy/crash_dump.h"
 #include "Policy/file_rules.h"
 #include "Policy/section_format.h"
 
@@ -34,10 +35,15 @@ struct NetRule {
   std::wstring domain = {};                // domain rules: a name, or a pattern with "*"
 };
 
+// A dump directory that leaves room for the names of the dumps in a path of the system's usual length (260
+// UTF-16 units with its end). In a longer one most programs could not write a dump.
+inline constexpr std::size_t kMaxDumpDirectoryUnits = 259 - 1 - policy::kDumpNameUnits;
+
 struct SectionContents {
-  std::wstring log_directory;   // drive-letter path of an existing folder
-  std::wstring dump_directory;  // the same; empty: no crash dumps
-  std::wstring server_port;     // MessageServer::port_name
+  std::wstring log_directory;  // drive-letter path of an existing folder
+  // The same, at most kMaxDumpDirectoryUnits; empty: crashes leave no dump and no notice.
+  std::wstring dump_directory;
+  std::wstring server_port;  // MessageServer::port_name
   // Full NT name to which a process's id is appended: NamedObjectPath(RandomName(L"vorn_init")) + L"_".
   // Filled in by SharedSection when empty.
   std::wstring init_event_prefix;
@@ -53,7 +59,7 @@ struct SectionContents {
 
 // The bytes of the section. Throws std::invalid_argument for contents that it cannot express: an empty rule
 // path, an address that is not 4 or 16 bytes long or has fewer bits than the prefix, an empty domain, an
-// init-event prefix that is too long, more than 2 GiB.
+// init-event prefix or a dump directory that is too long, more than 2 GiB.
 std::vector<std::byte> LayOutSection(const SectionContents& contents);
 
 // The section as a named object that the current user alone may open. Exists as long as this object or a
