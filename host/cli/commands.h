@@ -11,7 +11,8 @@ namespace vorn::cli {
 
 // Exit codes of vorn itself; `run` otherwise returns the program's.
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitMistake = 1;      // check: mistakes found; restore: something was left in the bin
+inline constexpr int kExitMistake =
+    1;  // check: mistakes found; restore: something was left; dump: unreadable
 inline constexpr int kExitCannotRun = 125;  // policy, section or confinement failed
 inline constexpr int kExitNotFound = 127;   // the program was not found
 
@@ -27,6 +28,9 @@ int Check(const std::string& policy_file);
 int Explain(const std::string& policy_file, const std::vector<std::string>& questions);
 // Without a run: lists the runs that have a journal. paths: only these (empty: all).
 int Restore(const std::string& run, bool list, const std::vector<std::string>& paths);
+
+// Shows what a crash dump says.
+int Dump(const std::string& file);
 
 // Reads, parses and compiles a policy; on failure prints every mistake and returns nothing.
 std::optional<host::CompiledPolicy> LoadPolicy(const std::string& file);

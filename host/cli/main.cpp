@@ -1,4 +1,5 @@
-// vorn.exe: start programs confined, check and explain policies, put deleted files back.
+// vorn.exe: start programs confined, check and explain policies, put deleted files back, read crash
+// dumps.
 #include <windows.h>
 
 #include <shellapi.h>
@@ -60,6 +61,11 @@ int Main() {
   restore->add_option("run", run_name, "The run, as its summary named it (without: lists the runs)");
   restore->add_option("paths", paths, "Only these files");
 
+  std::string dump_file;
+  CLI::App* dump =
+      app.add_subcommand("dump", "Say what a crash dump holds: exception, place, threads, modules");
+  dump->add_option("file", dump_file, "Crash dump (.dmp)")->required();
+
   std::vector<std::string> arguments = Arguments();
   // Words behind "--" are the program's; the parser must not look for options among them.
   const std::optional<std::wstring> tail = vorn::cli::TailAfterDashes(GetCommandLineW());
@@ -78,6 +84,7 @@ int Main() {
   if (*check) return vorn::cli::Check(policy_file);
   if (*explain) return vorn::cli::Explain(policy_file, questions);
   if (*restore) return vorn::cli::Restore(run_name, list, paths);
+  if (*dump) return vorn::cli::Dump(dump_file);
   if (run_arguments.program_command_line.empty()) {
     vorn::cli::PrintErrorLine(
         "vorn: write the program behind --, as in: vorn run --policy work.toml -- cmd /c build.bat");

@@ -55,15 +55,22 @@ std::wstring OwnFolder() {
   return std::filesystem::path(path).parent_path().wstring();
 }
 
-// The directory of the policy, or the default; made when missing.
-std::wstring Directory(const std::string& from_policy, const wchar_t* name) {
+// The directory of the policy's table, or the default; made when missing.
+std::wstring Directory(const std::string& from_policy, const char* table, const wchar_t* name) {
   std::filesystem::path path(host::ToWide(from_policy));
   if (path.empty()) {
     std::wstring base(32767, L'\0');
     base.resize(GetEnvironmentVariableW(L"LOCALAPPDATA", base.data(), static_cast<DWORD>(base.size())));
+    if (base.empty())
+      throw std::runtime_error(
+          fmt::format("%LOCALAPPDATA% is not set: name a directory under [{}] in the policy", table));
     path = std::filesystem::path(base) / L"Vorn" / name;
   }
-  std::filesystem::create_directories(path);
+  std::error_code error;
+  std::filesystem::create_directories(path, error);
+  if (error)
+    throw std::runtime_error(fmt::format("the directory \"{}\" of [{}] cannot be made: {}",
+                                         host::ToUtf8(path.wstring()), table, error.message()));
   return path.wstring();
 }
 
@@ -73,8 +80,12 @@ int Run(const RunArguments& arguments) {
   const auto policy = LoadPolicy(arguments.policy_file);
   if (!policy) return kExitCannotRun;
   try {
+    const host::PolicyDocument& document = policy->document();
+    const std::wstring log_directory = Directory(document.log_directory, "log", L"logs");
+    const std::wstring dump_directory =
+        document.write_dumps ? Directory(document.dump_directory, "dump", L"dumps") : std::wstring();
     host::RunJournal journal(host::RunJournal::NewRunName());
-    RunReport report(*policy, journal, arguments.quiet);
+    RunReport report(*policy, journal, dump_directory, arguments.quiet);
     if (!arguments.events_file.empty() && !report.WriteEventsTo(arguments.events_file)) {
       PrintErrorLine(fmt::format("vorn: cannot write the events file \"{}\"", arguments.events_file));
       return kExitCannotRun;
@@ -90,8 +101,8 @@ int Run(const RunArguments& arguments) {
     policy->FillIn(contents);
     contents.UseLibrariesIn(OwnFolder());
     contents.server_port = server.port_name();
-    contents.log_directory = Directory(policy->document().log_directory, L"logs");
-    contents.dump_directory = Directory(policy->document().dump_directory, L"dumps");
+    contents.log_directory = log_directory;
+    contents.dump_directory = dump_directory;
     const host::SharedSection section(contents);
     host::Launcher launcher(section);
     const InterruptibleRun interruptible(launcher);

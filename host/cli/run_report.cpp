@@ -9,6 +9,7 @@
 
 #include "Policy/message.h"
 #include "commands.h"
+#include "vorn/crash_dump.h"
 #include "vorn/event.h"
 #include "vorn/text.h"
 
@@ -21,8 +22,9 @@ bool Is(std::uint32_t operation, policy::AuditType type) {
 
 }  // namespace
 
-RunReport::RunReport(const host::CompiledPolicy& policy, host::RunJournal& journal, bool quiet)
-    : policy_(policy), journal_(journal), quiet_(quiet) {}
+RunReport::RunReport(const host::CompiledPolicy& policy, host::RunJournal& journal,
+                     std::wstring dump_directory, bool quiet)
+    : policy_(policy), journal_(journal), dump_directory_(std::move(dump_directory)), quiet_(quiet) {}
 
 bool RunReport::WriteEventsTo(const std::string& file) {
   events_.open(std::filesystem::path(host::ToWide(file)), std::ios::binary | std::ios::trunc);
@@ -30,7 +32,9 @@ bool RunReport::WriteEventsTo(const std::string& file) {
 }
 
 void RunReport::OnMessage(std::uint32_t pid, std::span<const std::byte> message) {
-  const host::Event event = host::DecodeEvent(message, pid);
+  host::Event event = host::DecodeEvent(message, pid);
+  if (std::holds_alternative<host::CrashEvent>(event.body) && !dump_directory_.empty())
+    host::AddCrashDump(event, dump_directory_, started_at_ms_[pid]);
   if (events_.is_open()) events_ << host::EventJson(event) << '\n' << std::flush;
   std::visit([&](const auto& body) { On(event, body); }, event.body);
 }
@@ -55,6 +59,7 @@ void RunReport::OnProcesses(std::uint32_t program, const std::vector<host::Launc
 }
 
 void RunReport::On(const host::Event& event, const host::ProcessStartEvent& start) {
+  started_at_ms_[event.pid] = event.time_ms;
   processes_.Started(event.pid, start.parent_pid, start.image);
   Show(event);
 }
@@ -74,7 +79,19 @@ void RunReport::On(const host::Event& event, const host::ChildEvent& child) {
   Show(event);
 }
 
-void RunReport::On(const host::Event& event, const host::CrashEvent&) { Show(event); }
+void RunReport::On(const host::Event& event, const host::CrashEvent& crash) {
+  // A process that crashes says so once per thread; one that lies must not fill the memory.
+  constexpr std::size_t kShownCrashes = 50;
+  ++crashes_;
+  if (crash_lines_.size() < kShownCrashes) {
+    const ProcessNode* process = processes_.Find(event.pid);
+    crash_lines_.push_back(
+        fmt::format("{} ({})  {}: {}", process ? host::Printable(process->name) : "?", event.pid,
+                    host::ExceptionText(crash.code, crash.fault),
+                    host::Printable(crash.dump.empty() ? crash.dump_problem : crash.dump)));
+  }
+  Show(event);
+}
 
 void RunReport::On(const host::Event& event, const host::FileEvent& file) {
   if (file.error == 0) {
@@ -150,6 +167,8 @@ void RunReport::PrintSummary(const std::string& end) const {
   for (const std::string& line : processes_.Lines()) PrintErrorLine("vorn:   " + line);
   PrintErrorLine(fmt::format("vorn: {} refused{}", refused_, refused_ ? ":" : ""));
   for (const auto& [what, count] : refusals_) PrintErrorLine(fmt::format("vorn:   {:>5} x {}", count, what));
+  if (crashes_) PrintErrorLine(fmt::format("vorn: {} crashed:", crashes_));
+  for (const std::string& line : crash_lines_) PrintErrorLine("vorn:   " + line);
   if (policy_.document().has_network)
     PrintErrorLine(fmt::format("vorn: {} connections allowed", connections_));
   if (journal_.count() != 0)

@@ -19,7 +19,9 @@ namespace vorn::cli {
 
 class RunReport {
  public:
-  RunReport(const host::CompiledPolicy& policy, host::RunJournal& journal, bool quiet);
+  // dump_directory: where crashed processes leave their dumps; empty: nowhere.
+  RunReport(const host::CompiledPolicy& policy, host::RunJournal& journal, std::wstring dump_directory,
+            bool quiet);
 
   // False when the events file cannot be written.
   bool WriteEventsTo(const std::string& file);
@@ -49,11 +51,15 @@ class RunReport {
 
   const host::CompiledPolicy& policy_;
   host::RunJournal& journal_;
+  const std::wstring dump_directory_;
   const bool quiet_;
   std::ofstream events_;
   ProcessTree processes_;
   std::unordered_map<std::string, std::string> rule_of_path_;
-  std::map<std::string, std::size_t> refusals_;  // by operation and rule
+  std::map<std::string, std::size_t> refusals_;                     // by operation and rule
+  std::unordered_map<std::uint32_t, std::uint64_t> started_at_ms_;  // by process id
+  std::vector<std::string> crash_lines_;
+  std::size_t crashes_ = 0;
   std::size_t refused_ = 0;
   std::size_t connections_ = 0;
   std::size_t malformed_ = 0;

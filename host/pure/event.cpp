@@ -8,6 +8,7 @@
 
 #include "Policy/file_rules.h"
 #include "Policy/message.h"
+#include "vorn/minidump.h"
 
 namespace vorn::host {
 
@@ -71,6 +72,9 @@ std::string Endpoint(const std::string& address, std::uint32_t port) {
   const bool v6 = address.find(':') != std::string::npos;
   return fmt::format("{}{}{}:{}", v6 ? "[" : "", Printable(address), v6 ? "]" : "", port);
 }
+
+// Whether the crash's dump has been read.
+bool HasRead(const CrashEvent& e) { return !e.dump.empty() && e.dump_problem.empty(); }
 
 EventBody ToBody(const policy::Decoded& decoded, std::size_t size) {
   return std::visit(
@@ -144,8 +148,16 @@ class LineWriter {
     return fmt::format("{} exited immediately with code {:#x}", child, e.code);
   }
   std::string operator()(const CrashEvent& e) const {
-    return fmt::format("crashed with exception {:#010x} on thread {}{}", e.exception_code, e.thread_id,
-                       e.hook_depth ? fmt::format(", inside the library (depth {})", e.hook_depth) : "");
+    std::string line = "crashed with " + ExceptionText(e.code, e.fault);
+    if (HasRead(e))
+      line += e.module.empty() ? fmt::format(" at {:#x} in no module", e.address)
+                               : fmt::format(" in {}+{:#x}", Printable(e.module), e.offset);
+    line += fmt::format(" on thread {}", e.thread_id);
+    if (e.hook_depth) line += fmt::format(", inside the library (depth {})", e.hook_depth);
+    if (!e.dump.empty()) line += ", dump " + Printable(e.dump);
+    if (!e.dump_problem.empty())
+      line += (e.dump.empty() ? ", " : " cannot be read: ") + Printable(e.dump_problem);
+    return line;
   }
   std::string operator()(const FileEvent& e) const {
     std::string line = e.error ? "refused " : "";
@@ -211,9 +223,18 @@ void PutBody(Json& json, const EventBody& body) {
                    if (!e.image.empty()) json["image"] = e.image;
                  },
                  [&](const CrashEvent& e) {
-                   json["exception_code"] = e.exception_code;
+                   json["exception_code"] = e.code;
                    json["hook_depth"] = e.hook_depth;
                    json["thread_id"] = e.thread_id;
+                   if (const auto name = ExceptionName(e.code); !name.empty()) json["exception"] = name;
+                   if (!e.dump.empty()) json["dump"] = e.dump;
+                   if (!e.dump_problem.empty()) json["dump_problem"] = e.dump_problem;
+                   if (!HasRead(e)) return;
+                   json["address"] = e.address;
+                   if (!e.fault.empty()) json["fault"] = e.fault;
+                   if (e.module.empty()) return;
+                   json["module"] = e.module;
+                   json["offset"] = e.offset;
                  },
                  [&](const FileEvent& e) {
                    json["operation"] = policy::AuditTypeName(e.operation);

@@ -36,9 +36,16 @@ struct ChildEvent {
 };
 
 struct CrashEvent {
-  std::uint32_t exception_code = 0;
+  std::uint32_t code = 0;        // of the exception
   std::uint32_t hook_depth = 0;  // not 0: inside one of the library's handlers
   std::uint32_t thread_id = 0;
+  // What its dump says, once AddCrashDump (crash_dump.h) has looked for it.
+  std::string dump = {};          // full path; empty: there is none
+  std::string dump_problem = {};  // why there is none, or why it cannot be read
+  std::uint64_t address = 0;
+  std::string module = {};   // base name of the one that holds the address; empty: none does
+  std::uint64_t offset = 0;  // of the address in the module
+  std::string fault = {};    // of an access violation: "reading 0x10"; else empty
 };
 
 // Values of policy::FileACL and policy::AuditType.

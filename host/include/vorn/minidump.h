@@ -19,6 +19,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -79,5 +80,8 @@ std::string FaultText(const MinidumpException& exception);
 
 // The common name of an exception code: "access violation"; empty when it has none.
 std::string_view ExceptionName(std::uint32_t code);
+
+// "exception 0xc0000005 (access violation reading 0x10)", with what is known of name and fault.
+std::string ExceptionText(std::uint32_t code, std::string_view fault);
 
 }  // namespace vorn::host
