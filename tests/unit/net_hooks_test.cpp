@@ -13,6 +13,7 @@
 #include "Platform/guard.h"
 #include "VornCore/Hook/kernel_base.h"
 #include "VornCore/Hook/mod.h"
+#include "tests/unit/open_handles.h"
 
 extern "C" {
 NTSTATUS NTAPI LdrLockLoaderLock(ULONG flags, ULONG* state, ULONG_PTR* cookie);
@@ -286,48 +287,46 @@ TEST_F(NetHooks, BadAddressesGetAVerdictAndNeverAFault) {
 // ---- Many threads ----
 
 TEST_F(NetHooks, CountsOfManyThreadsAddUp) {
-  constexpr int kThreads = 4, kDatagrams = 10'000;
+  constexpr int kThreads = 4, kDatagrams = 10'000, kWarmUp = 1'000;
   Confinement::Get().SetRules(
       {AddressRule(1, {127, 0, 0, kAllowed}), AddressRule(0, {127, 0, 0, kDenied}), DefaultRule(0)}, 0x07);
   Peer allowed(Local(kAllowed)), denied(Local(kDenied));
   std::atomic<int> sent = 0, refused = 0, other = 0;
-  const auto handles = [] {
-    DWORD count = 0;
-    GetProcessHandleCount(GetCurrentProcess(), &count);
-    return count;
+  const auto run = [&](int datagrams) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&] {
+        Socket client(AF_INET, SOCK_DGRAM);
+        for (int i = 0; i < datagrams; ++i) {
+          const Peer& to = i % 2 ? denied : allowed;
+          if (sendto(client, "x", 1, 0, &to.address.any, to.address.length()) == 1)
+            ++sent;
+          else if (WSAGetLastError() == WSAENETUNREACH)
+            ++refused;
+          else
+            ++other;
+        }
+        EXPECT_EQ(GetNetMgr().model().QuerySocket(client, false).send_count,
+                  static_cast<std::uint64_t>(datagrams));
+        const SOCKET closed = client;
+        client.Close();
+        EXPECT_EQ(GetNetMgr().model().QuerySocket(closed, false).socket, INVALID_SOCKET);
+        EXPECT_EQ(GetThreadState()->hookDepth, 0u);
+        FreeThreadState();
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
   };
-  Socket(AF_INET, SOCK_DGRAM).Close();  // what is made once, is made here
-  const DWORD handles_before = handles();
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&] {
-      Socket client(AF_INET, SOCK_DGRAM);
-      for (int i = 0; i < kDatagrams; ++i) {
-        const Peer& to = i % 2 ? denied : allowed;
-        if (sendto(client, "x", 1, 0, &to.address.any, to.address.length()) == 1)
-          ++sent;
-        else if (WSAGetLastError() == WSAENETUNREACH)
-          ++refused;
-        else
-          ++other;
-      }
-      EXPECT_EQ(GetNetMgr().model().QuerySocket(client, false).send_count,
-                static_cast<std::uint64_t>(kDatagrams));
-      const SOCKET closed = client;
-      client.Close();
-      EXPECT_EQ(GetNetMgr().model().QuerySocket(closed, false).socket, INVALID_SOCKET);
-      EXPECT_EQ(GetThreadState()->hookDepth, 0u);
-      FreeThreadState();
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
+  run(kWarmUp);  // what is made once, is made here
+  Confinement::Get().host().CatchUp();
+  const int handles = vorn::test::OpenHandles();
+  run(kDatagrams - kWarmUp);
+  Confinement::Get().host().CatchUp();
+  EXPECT_LT(vorn::test::OpenHandles() - handles, kThreads);
   EXPECT_EQ(sent, kThreads * kDatagrams / 2);
   EXPECT_EQ(refused, kThreads * kDatagrams / 2);
   EXPECT_EQ(other, 0);
-  threads.clear();
-  EXPECT_EQ(handles(), handles_before);
   EXPECT_EQ(denied.Receive(50), "");
-  Confinement::Get().host().CatchUp();
 }
 
 // ---- Names ----
