@@ -9,10 +9,12 @@
 #include <algorithm>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 
 #include "Policy/device_path.h"
 #include "Policy/file_rules.h"
 #include "tests/e2e/confinement.h"
+#include "tests/e2e/log_follower.h"
 
 namespace vorn::test {
 
@@ -91,6 +93,12 @@ class FileScript {
     return *this;
   }
 
+  // Of the log, keep the lines with this text alone: for a log too long to be kept.
+  FileScript& KeepLogLines(const std::string& with) {
+    kept_log_lines_ = with;
+    return *this;
+  }
+
   ScriptRun Run(const std::vector<host::FileRule>& rules, std::uint32_t flags = kEverythingLogged) const {
     const std::filesystem::path script = folder() / "script.txt", answers = folder() / "answers.txt";
     {
@@ -117,11 +125,15 @@ class FileScript {
     HANDLE output =
         CreateFileW(answers.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr);
     ScriptRun run;
+    LogFollower log(host.folder(), [&](std::string_view line) {
+      if (line.find(kept_log_lines_) != line.npos) run.log.append(line) += '\n';
+    });
     run.exit_code = host.Run(Probe("file_probe.exe", L"\"" + script.wstring() + L"\" \"" +
                                                          (folder() / last).wstring() + L"\" " + last),
                              {.standard_output = output});
     CloseHandle(output);
     run.messages = host.Settle();
+    log.Finish();
     CloseHandle(seen);
     std::erase_if(run.messages, is_sentinel);
     for (const Received& message : run.messages)
@@ -135,16 +147,13 @@ class FileScript {
       if (!line.empty() && line.back() == '\r') line.pop_back();
       run.answers.push_back(line);
     }
-    for (const auto& entry : std::filesystem::directory_iterator(host.folder())) {
-      std::ifstream log(entry.path(), std::ios::binary);
-      run.log.append(std::istreambuf_iterator<char>(log), {});
-    }
     return run;
   }
 
  private:
   TestFolder folder_;
   std::vector<std::string> commands_;
+  std::string kept_log_lines_;
 };
 
 }  // namespace vorn::test

@@ -19,6 +19,7 @@
 #include "detours/detours.h"
 #include "ipc/port/unique_handle.h"
 #include "tests/unit/build_paths.h"
+#include "tests/unit/long_form.h"
 #include "vorn/message_server.h"
 #include "vorn/section.h"
 #include "vorn/text.h"
@@ -280,9 +281,7 @@ TEST_F(StartUp, InitEventThatCannotBeOpenedOrNamedIsLeftAlone) {
 // Whatever the section says, a start ends with a code of the library or the program runs; it never faults,
 // and never hangs. VORN_RANDOM_SECTIONS sets the number of sections; the seed is fixed.
 TEST_F(StartUp, RandomSectionsNeverFault) {
-  char text[16];
-  const int sections =
-      GetEnvironmentVariableA("VORN_RANDOM_SECTIONS", text, sizeof text) ? std::stoi(text) : 200;
+  const int sections = vorn::test::LongForm("VORN_RANDOM_SECTIONS", 200);
   contents.file_rules = {{vorn::policy::FileACL::kDeny, L"\\Device\\HarddiskVolume1\\a"},
                          {vorn::policy::FileACL::kRead, L"\\Device\\HarddiskVolume1\\b\\c"}};
   contents.net_rules = {{.verdict = 1,

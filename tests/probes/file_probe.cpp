@@ -19,14 +19,16 @@
 //   unreadable COUNT                              calls with unreadable pointers; prints how many failed
 //   denials COUNT NAME                            COUNT opens for reading; prints how many were refused
 //   storm THREADS COUNT FOLDER                    each thread opens and closes a file of FOLDER\open and is
-//   refused
-//                                                 one of FOLDER\denied; prints how often, and failures
+//                                                 refused THREAD_NUMBER of FOLDER\denied; prints how often
+//                                                 and failures, and on a line of its own how many handles
+//                                                 are left behind
 //
 // ACCESS, DISPOSITION, OPTIONS and FLAGS are hexadecimal, other numbers decimal; names are NT names and reach
 // to the end of the line. An answer is an NTSTATUS in hexadecimal unless stated otherwise.
 #include <windows.h>
 #include <winternl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -36,6 +38,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/unit/open_handles.h"
 
 extern "C" {
 NTSTATUS NTAPI NtDeleteFile(POBJECT_ATTRIBUTES);
@@ -168,22 +172,30 @@ int Denials(int count, const std::wstring& name) {
 
 void Storm(int threads, int count, const std::wstring& folder) {
   std::atomic<int> refused = 0, failures = 0;
-  std::vector<std::thread> workers;
-  for (int t = 0; t < threads; ++t)
-    workers.emplace_back([&, t] {
-      const std::wstring own = folder + L"\\open\\" + std::to_wstring(t);
-      for (int i = 0; i < count; ++i) {
-        HANDLE file = nullptr;
-        if (Create(&file, GENERIC_WRITE | DELETE | SYNCHRONIZE, FILE_OPEN_IF, FILE_SYNCHRONOUS_IO_NONALERT,
-                   Name(own)) < 0)
-          ++failures;
-        else if (NtClose(file) < 0)
-          ++failures;
-        refused += Create(&file, GENERIC_READ, FILE_OPEN, 0, Name(folder + L"\\denied\\f.txt")) == kRefused;
-      }
-    });
-  for (std::thread& worker : workers) worker.join();
-  printf("%d refused, %d failed\n", refused.load(), failures.load());
+  const auto run = [&](int first, int end) {
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t)
+      workers.emplace_back([&, first, end, t] {
+        const std::wstring own = folder + L"\\open\\" + std::to_wstring(t);
+        const std::wstring denied = folder + L"\\denied\\" + std::to_wstring(t) + L"_";
+        for (int i = first; i < end; ++i) {
+          HANDLE file = nullptr;
+          if (Create(&file, GENERIC_WRITE | DELETE | SYNCHRONIZE, FILE_OPEN_IF, FILE_SYNCHRONOUS_IO_NONALERT,
+                     Name(own)) < 0)
+            ++failures;
+          else if (NtClose(file) < 0)
+            ++failures;
+          refused +=
+              Create(&file, GENERIC_WRITE, FILE_CREATE, 0, Name(denied + std::to_wstring(i))) == kRefused;
+        }
+      });
+    for (std::thread& worker : workers) worker.join();
+  };
+  const int warm_up = std::min(count, 20);
+  run(0, warm_up);  // what is made once, is made here
+  const int handles = vorn::test::OpenHandles();
+  run(warm_up, count);
+  printf("%d refused, %d failed\n%d\n", refused.load(), failures.load(), vorn::test::OpenHandles() - handles);
 }
 
 void Print(NTSTATUS status) { printf("%lX\n", static_cast<unsigned long>(status)); }
