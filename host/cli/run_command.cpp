@@ -74,6 +74,12 @@ std::wstring Directory(const std::string& from_policy, const char* table, const 
   return path.wstring();
 }
 
+// Codes of the system, such as that of a crash, are known by their hexadecimal form.
+std::string ExitText(std::uint32_t exit_code) {
+  return exit_code < 0x80000000 ? fmt::format("exit code {}", exit_code)
+                                : fmt::format("exit code {:#x}", exit_code);
+}
+
 }  // namespace
 
 int Run(const RunArguments& arguments) {
@@ -125,7 +131,7 @@ int Run(const RunArguments& arguments) {
     server.WaitUntilIdle(kNoLimit);
     server.Stop();
     report.OnProcesses(program.pid(), launcher.Processes());
-    report.PrintSummary(g_interrupted ? "ended by Ctrl-C" : fmt::format("exit code {}", exit_code));
+    report.PrintSummary(g_interrupted ? "ended by Ctrl-C" : ExitText(exit_code));
     return static_cast<int>(exit_code);
   } catch (const std::exception& error) {
     PrintErrorLine(fmt::format("vorn: not run: {}", error.what()));

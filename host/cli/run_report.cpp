@@ -79,16 +79,13 @@ void RunReport::On(const host::Event& event, const host::ChildEvent& child) {
   Show(event);
 }
 
-void RunReport::On(const host::Event& event, const host::CrashEvent& crash) {
+void RunReport::On(const host::Event& event, const host::CrashEvent&) {
   // A process that crashes says so once per thread; one that lies must not fill the memory.
   constexpr std::size_t kShownCrashes = 50;
   ++crashes_;
   if (crash_lines_.size() < kShownCrashes) {
     const ProcessNode* process = processes_.Find(event.pid);
-    crash_lines_.push_back(
-        fmt::format("{} ({})  {}: {}", process ? host::Printable(process->name) : "?", event.pid,
-                    host::ExceptionText(crash.code, crash.fault),
-                    host::Printable(crash.dump.empty() ? crash.dump_problem : crash.dump)));
+    crash_lines_.push_back((process ? host::Printable(process->name) + " " : "") + host::EventLine(event));
   }
   Show(event);
 }
@@ -167,7 +164,7 @@ void RunReport::PrintSummary(const std::string& end) const {
   for (const std::string& line : processes_.Lines()) PrintErrorLine("vorn:   " + line);
   PrintErrorLine(fmt::format("vorn: {} refused{}", refused_, refused_ ? ":" : ""));
   for (const auto& [what, count] : refusals_) PrintErrorLine(fmt::format("vorn:   {:>5} x {}", count, what));
-  if (crashes_) PrintErrorLine(fmt::format("vorn: {} crashed:", crashes_));
+  if (crashes_) PrintErrorLine(fmt::format("vorn: {} crash{}:", crashes_, crashes_ == 1 ? "" : "es"));
   for (const std::string& line : crash_lines_) PrintErrorLine("vorn:   " + line);
   if (policy_.document().has_network)
     PrintErrorLine(fmt::format("vorn: {} connections allowed", connections_));

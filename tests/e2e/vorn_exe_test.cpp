@@ -186,6 +186,43 @@ TEST_F(VornExe, LastsAsLongAsWhatTheProgramLeavesRunning) {
   EXPECT_TRUE(std::regex_search(session.text, std::regex(R"(ping\.exe \(\d+\)  confined)"))) << session.text;
 }
 
+TEST_F(VornExe, ShowsACrashAndWhereItsDumpLiesWhichNoConfinedProgramCanDelete) {
+  const std::string crash =
+      "\"" + host::ToUtf8(BuildPath("crash_probe.exe").wstring()) + "\" write \"" + Dos("work\\id") + "\"";
+  const std::string files = "[files]\nwrite = ['" + Dos("work") + "']\n[dump]\n";
+  Write("policy.toml", files + "directory = '" + Dos("made\\dumps") + "'\n");
+  const Session session = Run(crash, "--events \"" + Dos("events.jsonl") + "\"");
+  EXPECT_EQ(session.exit_code, 0xC0000005);
+  EXPECT_TRUE(session.Says("---- exit code 0xc0000005 ----")) << session.text;
+  std::smatch line;
+  const std::regex crashed(
+      R"(\[(\d+)\] crashed with exception 0xc0000005 \(access violation writing 0x10\) in crash_probe\.exe\+0x([0-9a-f]+) )"
+      R"(on thread \d+, dump (.+\.vrn\.dmp))");
+  ASSERT_TRUE(std::regex_search(session.text, line, crashed)) << session.text;
+  EXPECT_TRUE(session.Says("vorn: 1 crash:") && session.Says("vorn:   crash_probe.exe " + line.str()))
+      << session.text;
+  const std::string dump = line.str(3);
+  EXPECT_TRUE(dump.starts_with(Dos("made\\dumps\\")) && fs::exists(host::ToWide(dump))) << dump;
+
+  nlohmann::json event;
+  std::istringstream events(Read("events.jsonl"));
+  for (std::string text; std::getline(events, text);)
+    if (auto json = nlohmann::json::parse(text, nullptr, false); json["event"] == "crash") event = json;
+  EXPECT_EQ(event["dump"], dump);
+  EXPECT_EQ(event["module"], "crash_probe.exe");
+  EXPECT_EQ(event["offset"], std::stoull(line.str(2), nullptr, 16));
+
+  EXPECT_TRUE(Vorn("dump \"" + dump + "\"").Says("crash_probe.exe+0x" + line.str(2)));
+  EXPECT_EQ(Vorn("dump \"" + Dos("policy.toml") + "\"").exit_code, 1u);
+  Run("cmd /c del /f \"" + dump + "\"");
+  EXPECT_TRUE(fs::exists(host::ToWide(dump)));
+
+  Write("policy.toml", files + "enabled = false\ndirectory = '" + Dos("unwanted") + "'\n");
+  const Session without = Run(crash);
+  EXPECT_EQ(without.exit_code, 0xC0000005);
+  EXPECT_FALSE(without.Says("crashed") || fs::exists(Path("unwanted"))) << without.text;
+}
+
 TEST_F(VornExe, GivesTheProgramItsCommandLineAsTyped) {
   const Session session = Run("cmd /c \"echo one  \"two three\" & echo four\"");
   EXPECT_TRUE(session.Says("one  \"two three\"")) << session.text;
@@ -204,6 +241,10 @@ TEST_F(VornExe, SaysWhatIsWrongAndRunsNothing) {
   EXPECT_EQ(Vorn("run -p \"" + Dos("none.toml") + "\" -- cmd").exit_code, 125u);
   EXPECT_EQ(Vorn("run -p \"" + Dos("policy.toml") + "\"").exit_code, 125u);
   EXPECT_EQ(Run("no-such-program.exe").exit_code, 127u);
+  Write("bad.toml", "[dump]\ndirectory = '" + Dos("policy.toml\\x") + "'\n");
+  const Session no_directory = Vorn("run -p \"" + Dos("bad.toml") + "\" -- cmd /c echo ran");
+  EXPECT_EQ(no_directory.exit_code, 125u);
+  EXPECT_TRUE(no_directory.Says("of [dump] cannot be made: ")) << no_directory.text;
 
   // Without the library beside it nothing can be confined, so nothing runs.
   fs::copy_file(BuildPath("vorn.exe"), Path("vorn.exe"));
