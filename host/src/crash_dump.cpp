@@ -87,7 +87,7 @@ std::vector<Candidate> DumpsOf(const std::wstring& directory, std::uint32_t pid)
                                            policy::W(policy::kDumpExtension));
   std::vector<Candidate> candidates;
   WIN32_FIND_DATAW found;
-  const HANDLE search = FindFirstFileW(pattern.c_str(), &found);
+  HANDLE search = FindFirstFileW(pattern.c_str(), &found);
   if (search == INVALID_HANDLE_VALUE) return candidates;
   do {
     candidates.push_back({folder + found.cFileName, UnixMs(found.ftLastWriteTime)});
