@@ -171,6 +171,47 @@ TEST(SleepingConsumer, LeavesAfterTenErrorsInARow) {
   EXPECT_EQ(messages[9], "get data failed more than 10, and break");
 }
 
+// A process ends while its consumer waits for the host: the last thread goes on with that message.
+TEST(EndedConsumer, LeavesNothingUncounted) {
+  static MessageQueue queue;
+  static std::string taken;
+  static HANDLE standing;
+  ASSERT_TRUE(queue.InitRing(8));
+  ASSERT_TRUE(queue.InitEvent());
+  standing = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  HANDLE consumer = CreateThread(
+      nullptr, 0,
+      [](void*) -> DWORD {
+        queue.Consume([](const void*, std::uint32_t) {
+          SetEvent(standing);
+          Sleep(INFINITE);
+        });
+        return 0;
+      },
+      nullptr, 0, nullptr);
+  for (const char* message : {"1", "2", "3", "4", "5"}) ASSERT_TRUE(queue.Push(message, 1));
+  ASSERT_EQ(WaitForSingleObject(standing, 30'000), WAIT_OBJECT_0);
+  TerminateThread(consumer, 0);
+  ASSERT_EQ(WaitForSingleObject(consumer, 30'000), WAIT_OBJECT_0);
+  CloseHandle(consumer);
+  CloseHandle(standing);
+
+  EXPECT_FALSE(queue.IsAbandoned());
+  const auto take = [](const void* data, std::uint32_t) {
+    taken += *static_cast<const char*>(data);
+    return true;
+  };
+  const auto take_two = [](const void* data, std::uint32_t) {
+    if (taken.size() < 2) taken += *static_cast<const char*>(data);
+    return *static_cast<const char*>(data) < '3';
+  };
+  EXPECT_EQ(queue.Drain(take_two), 3u);
+  EXPECT_EQ(taken, "12");
+  EXPECT_EQ(queue.Drain(take), 0u) << "beginning with the one that was refused";
+  EXPECT_EQ(taken, "12345");
+  queue.Destroy();
+}
+
 // ---- Floods ----
 
 TEST(Flood, SlowRunIsNeverDroppedFrom) {

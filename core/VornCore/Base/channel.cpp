@@ -262,10 +262,15 @@ bool UnInit() noexcept {
 }
 
 void FlushAtProcessEnd() noexcept {
-  if (!gs_initialised.load() || gs_rqGameToHost.IsAbandoned()) return;
+  if (!gs_initialised.load()) return;
+  if (gs_rqGameToHost.IsAbandoned()) {
+    VORN_LOG_W("a thread ended inside Ring Queue %p, its messages are lost", &gs_rqGameToHost);
+    return;
+  }
   IpcStop();  // from here on, sending does not wait for the host
   SendProcessStart();
-  gs_rqGameToHost.Drain(IpcSend);
+  if (const std::uint32_t left = gs_rqGameToHost.Drain(IpcSend))
+    VORN_LOG_W("the process ended before %u messages were sent", left);
 }
 
 void SetPathConverter(PathConverter converter) noexcept { gs_path_converter.store(converter); }

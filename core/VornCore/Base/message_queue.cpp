@@ -36,9 +36,7 @@ void MessageQueue::Consume(Handler handle) noexcept {
     const RingNode* node = nullptr;
     switch (ring_.Pop(&node)) {
       case PopResult::kNode:
-        in_hand_.store(node, std::memory_order_relaxed);
         handle(node->data, node->length);
-        in_hand_.store(nullptr, std::memory_order_relaxed);
         failures = 0;
         break;
       case PopResult::kEmpty:
@@ -55,11 +53,12 @@ void MessageQueue::Consume(Handler handle) noexcept {
   }
 }
 
-void MessageQueue::Drain(bool (*handle)(const void* data, std::uint32_t bytes)) noexcept {
-  const RingNode* node = in_hand_.exchange(nullptr);
-  if (!node && ring_.Pop(&node) != PopResult::kNode) return;
-  while (handle(node->data, node->length) && ring_.Pop(&node) == PopResult::kNode) {
-  }
+std::uint32_t MessageQueue::Drain(bool (*handle)(const void* data, std::uint32_t bytes)) noexcept {
+  const RingNode* node = ring_.Taken();
+  if (node && !handle(node->data, node->length)) return 1 + ring_.Count();
+  while (ring_.Count() > 0)
+    if (ring_.Pop(&node) == PopResult::kNode && !handle(node->data, node->length)) return 1 + ring_.Count();
+  return 0;
 }
 
 void MessageQueue::WaitForSleepingConsumer(DWORD patience_ms) const noexcept {

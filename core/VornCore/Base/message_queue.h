@@ -33,9 +33,10 @@ class MessageQueue {
   // For the last thread of an ending process. Whether a thread was ended inside the queue: then nothing else
   // may be called.
   [[nodiscard]] bool IsAbandoned() const noexcept { return ring_.IsLocked(); }
-  // For that thread too: hands what is left to handle, until it answers false. The first may be the message
-  // that the consumer had in hand when it ended, and it may have got through.
-  void Drain(bool (*handle)(const void* data, std::uint32_t bytes)) noexcept;
+  // For that thread too: hands what is left to handle, until it answers false, and returns how many messages
+  // are left then. The first may be the message that the consumer had in hand when it ended, and it may have
+  // got through.
+  [[nodiscard]] std::uint32_t Drain(bool (*handle)(const void* data, std::uint32_t bytes)) noexcept;
 
   // Waits until the consumer sleeps, and so holds no lock; gives up when time is up.
   void WaitForSleepingConsumer(DWORD patience_ms) const noexcept;
@@ -46,7 +47,6 @@ class MessageQueue {
   RingQueue ring_;
   HANDLE event_ = nullptr;  // manual reset
   std::atomic<bool> sleeping_ = false;
-  std::atomic<const RingNode*> in_hand_ = nullptr;  // being handled by Consume
 };
 
 }  // namespace VornCore

@@ -79,8 +79,7 @@ bool RingQueue::Push(const void* data, std::uint32_t length) noexcept {
   std::memcpy(node.data, data, length);
   node.length = length;
 
-  const std::int32_t size =
-      static_cast<std::int32_t>(tail_ >= head_ ? tail_ - head_ : tail_ + capacity_ - head_);
+  const auto size = static_cast<std::int32_t>(Count());
   if (size >= static_cast<std::int32_t>(std::int64_t{capacity_} * 8 / 10))
     VORN_LOG_W("Ring Queue %p usage exceeds 80%%, nSize %d, nMaxSize %d", this, size, capacity_);
   Unlock();
@@ -91,14 +90,17 @@ PopResult RingQueue::Pop(const RingNode** node) noexcept {
   if (!nodes_ || !node || capacity_ <= 0) return PopResult::kError;
   Lock();
   if (head_ == tail_) {
+    taken_.store(nullptr, std::memory_order_relaxed);
     Unlock();
     return PopResult::kEmpty;
   }
   const RingNode& taken = nodes_[head_];
+  const bool valid = taken.length != 0 && taken.data;
   head_ = After(head_);
+  taken_.store(valid ? &taken : nullptr, std::memory_order_relaxed);
   *node = &taken;
   Unlock();
-  if (taken.length == 0 || !taken.data) {
+  if (!valid) {
     VORN_LOG_E("node invalid, pData %p, uDataLen %u", taken.data, taken.length);
     return PopResult::kError;
   }
@@ -126,6 +128,7 @@ bool RingQueue::Destroy() noexcept {
   nodes_ = nullptr;
   head_ = tail_ = 0;
   capacity_ = 0;
+  taken_.store(nullptr, std::memory_order_relaxed);
   lock_.store(0, std::memory_order_relaxed);
   return true;
 }

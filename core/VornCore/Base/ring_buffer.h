@@ -45,6 +45,13 @@ class RingQueue {
   // Takes the oldest message. The node stays the caller's until the next Pop.
   [[nodiscard]] PopResult Pop(const RingNode** node) noexcept;
 
+  // For a thread that goes on where the popping one ended: the node that this one still had, or null, and the
+  // number of messages behind it.
+  [[nodiscard]] const RingNode* Taken() const noexcept { return taken_.load(std::memory_order_relaxed); }
+  [[nodiscard]] std::uint32_t Count() const noexcept {
+    return tail_ >= head_ ? tail_ - head_ : tail_ + static_cast<std::uint32_t>(capacity_) - head_;
+  }
+
   // Whether a thread is inside the queue at this moment.
   [[nodiscard]] bool IsLocked() const noexcept { return lock_.load() != 0; }
   [[nodiscard]] bool IsEmpty() noexcept;
@@ -65,6 +72,7 @@ class RingQueue {
   std::uint32_t tail_ = 0;               // next to fill
   std::int32_t capacity_ = 0;
   RingNode* nodes_ = nullptr;
+  std::atomic<const RingNode*> taken_ = nullptr;  // by the last Pop; changes with head_, under the lock
 };
 
 }  // namespace VornCore
