@@ -26,28 +26,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   options.import_size_is_zero = data[0] & 16;
   if (data[0] & 32) options.dlls.clear();
   std::vector<uint8_t> bytes = pe_test::BuildImage(options);
+  constexpr size_t kTables[][2] = {{0, 0x240}, {pe_test::kSection, 0x80}, {pe_test::kClr, 24}};
   for (size_t at = 1; at + 6 <= size; at += 6) {
     uint16_t where;
     memcpy(&where, data + at, sizeof(where));
-    memcpy(bytes.data() + where % (bytes.size() - 3), data + at + 2, 4);
+    const auto& [begin, length] = kTables[where % 3];
+    memcpy(bytes.data() + begin + where / 3 % length, data + at + 2, 4);
   }
-  const std::vector<uint8_t> original = bytes;
-  pe_test::Memory memory(std::move(bytes));
-
-  const char* const dlls[] = {"C:\\one.dll", "two.dll"};
-  pe::Image image;
-  pe::ImportPlan plan;
-  pe::HeaderFields after;
-  if (pe::ReadImage(memory, &image) != pe::Status::kOk) return 0;
-  if (pe::PlanImports(memory, image, dlls, &plan) != pe::Status::kOk) return 0;
-  const uint32_t block_rva = image.size_of_image > 0x100000 ? image.size_of_image : 0x100000;
-  std::vector<uint8_t> block(plan.block_size);
-  if (pe::BuildImports(memory, image, plan, dlls, block_rva, block, &after) != pe::Status::kOk) return 0;
-  memory.Add(block_rva, std::move(block));
-  Require(memory.Write(image, after));
-  pe::BlockHeader header;
-  Require(pe::ReadImage(memory, &image) == pe::Status::kOk && pe::FindBlock(memory, image, &header));
-  Require(memory.Write(image, header.original));
-  Require(memory.image() == original);
+  pe_test::Memory memory(bytes);
+  const bool updated = pe_test::Inject(memory, {"C:\\one.dll", "two.dll"}) == pe::Status::kOk;
+  Require(!updated || pe_test::Restore(memory));
+  Require(memory.image() == bytes);
   return 0;
 }

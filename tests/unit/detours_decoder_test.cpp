@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstdint>
-#include <map>
 #include <random>
 #include <string>
 
@@ -59,16 +58,6 @@ struct Oracle {
   std::array<ZydisDecodedOperand, ZYDIS_MAX_OPERAND_COUNT> operands;
 };
 
-std::string Dump(std::span<const std::uint8_t> code) {
-  std::string text;
-  for (std::size_t i = 0; i < std::min<std::size_t>(code.size(), 15); ++i) {
-    char byte[4];
-    snprintf(byte, sizeof(byte), "%02X ", code[i]);
-    text += byte;
-  }
-  return text;
-}
-
 // What moving code depends on. True when both say the same.
 bool Agree(const Instruction& ours, const Oracle& oracle, std::span<const std::uint8_t> code) {
   const auto& theirs = oracle.instruction;
@@ -94,7 +83,7 @@ bool Agree(const Instruction& ours, const Oracle& oracle, std::span<const std::u
     default:
       break;
   }
-  EXPECT_TRUE(same) << ZydisMnemonicGetString(theirs.mnemonic) << ": " << Dump(code);
+  EXPECT_TRUE(same) << ZydisMnemonicGetString(theirs.mnemonic) << ": " << system_dlls::Hex(code);
   return same;
 }
 
@@ -106,34 +95,26 @@ TEST_P(Decoder, AgreesOnTheCodeOfEveryExportOfTheSystemDlls) {
   const auto files = system_dlls::Files(GetParam());
   if (files.empty()) GTEST_SKIP() << "no DLLs of this kind are installed (packages wine64, g++-mingw-w64)";
   Oracle oracle(GetParam());
-  std::size_t exports = 0;
   std::size_t instructions = 0;
   std::size_t refused = 0;
-  std::map<std::string, int> refusals;
   for (const auto& file : files) {
     const system_dlls::Dll dll(file);
     if (dll.mode() != GetParam()) continue;
     for (const auto& function : dll.exports()) {
-      ++exports;
       const auto code = function.code.first(std::min<std::size_t>(function.code.size(), 256));
       for (std::size_t at = 0; at < code.size();) {
         const auto rest = code.subspan(at);
         if (!oracle.Decode(rest)) break;
         ++instructions;
         const auto ours = Decode(rest, GetParam());
-        if (ours) {
+        if (ours)
           ASSERT_TRUE(Agree(*ours, oracle, rest)) << file << " +" << at;
-        } else {
+        else
           ++refused;
-          ++refusals[ZydisMnemonicGetString(oracle.instruction.mnemonic)];
-        }
         at += oracle.instruction.length;
       }
     }
   }
-  printf("%zu DLLs, %zu exports, %zu instructions, %zu refused\n", files.size(), exports, instructions,
-         refused);
-  for (const auto& [mnemonic, count] : refusals) printf("  refused %s: %d\n", mnemonic.c_str(), count);
   EXPECT_LT(refused * 10000, instructions) << "one in ten thousand";
 }
 
@@ -160,27 +141,7 @@ TEST_P(Decoder, AgreesOrRefusesOnRandomBytes) {
     ++both;
     ASSERT_TRUE(Agree(*ours, oracle, code));
   }
-  printf("%zu agreed, %zu refused\n", both, refused);
   EXPECT_LT(refused * 20, both);
-}
-
-TEST_P(Decoder, ReadsNothingBeyondTheInstruction) {
-  std::mt19937_64 random(7);
-  for (int i = 0; i < 20000; ++i) {
-    std::array<std::uint8_t, 15> code{};
-    for (auto& byte : code) byte = static_cast<std::uint8_t>(random());
-    const auto whole = Decode(code, GetParam());
-    if (!whole) continue;
-    // On the heap, so that a byte too far is found.
-    const std::vector<std::uint8_t> exact(code.begin(), code.begin() + whole->length);
-    const auto again = Decode(exact, GetParam());
-    ASSERT_TRUE(again.has_value());
-    EXPECT_EQ(again->length, whole->length);
-    const std::vector<std::uint8_t> less(code.begin(), code.begin() + whole->length - 1);
-    const auto cut = Decode(less, GetParam());
-    ASSERT_FALSE(cut.has_value());
-    EXPECT_EQ(cut.error(), CodeError::kTruncated);
-  }
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
-// Small images for the tests of the PE code, laid out as the loader maps them, and a reader that reads them.
+// Small images for the tests of the PE code, laid out as the loader maps them, and what an injection does to
+// them.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -19,7 +21,6 @@ struct BuildOptions {
   bool bound = false;  // a bound import directory and bound stamps in the descriptors
   bool with_iat_directory = true;
   uint32_t clr_flags = 0;  // not 0: the image has a CLR header
-  uint32_t directory_count = pe::kMaxDirectories;
 };
 
 // One section, ".idata", from kSection on; the headers before it.
@@ -44,7 +45,7 @@ class Builder {
     Put(kNt + 4, file);
     Put(optional, o.is_64 ? pe::kOptionalMagic64 : pe::kOptionalMagic32);
     Put(optional + pe::kSizeOfImageField, kImageSize);
-    Put(count_field, o.directory_count);
+    Put(count_field, uint32_t{pe::kMaxDirectories});
     pe::SectionHeader section = {};
     memcpy(section.name, ".idata", 6);
     section.virtual_size = kImageSize - kSection;
@@ -132,5 +133,32 @@ class Memory final : public pe::ImageReader {
 
   std::map<uint32_t, std::vector<uint8_t>> pieces_;
 };
+
+inline constexpr uint32_t kBlock = 0x10000;
+using Dlls = std::vector<const char*>;
+
+// What an injection does, in memory: plan, build, write the block and the header fields.
+inline pe::Status Inject(Memory& memory, const Dlls& dlls, uint32_t block_rva = kBlock,
+                         pe::ImportPlan* out = nullptr) {
+  pe::Image image;
+  pe::ImportPlan plan;
+  pe::HeaderFields after;
+  if (pe::Status s = pe::ReadImage(memory, &image); s != pe::Status::kOk) return s;
+  if (pe::Status s = pe::PlanImports(memory, image, dlls, &plan); s != pe::Status::kOk) return s;
+  std::vector<uint8_t> block(plan.block_size);
+  block_rva = std::max(block_rva, image.size_of_image);
+  pe::Status s = pe::BuildImports(memory, image, plan, dlls, block_rva, block, &after);
+  if (s != pe::Status::kOk) return s;
+  memory.Add(block_rva, std::move(block));
+  if (out) *out = plan;
+  return memory.Write(image, after) ? s : pe::Status::kUnreadable;
+}
+
+inline bool Restore(Memory& memory) {
+  pe::Image image;
+  pe::BlockHeader block;
+  if (pe::ReadImage(memory, &image) != pe::Status::kOk || !pe::FindBlock(memory, image, &block)) return false;
+  return memory.Write(image, block.original);
+}
 
 }  // namespace detours::pe_test

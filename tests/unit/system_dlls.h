@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -86,6 +87,17 @@ class Dll {
   std::vector<Export> exports_;
   detours::Mode mode_ = detours::Mode::kX64;
 };
+
+// The first bytes of a function, for messages.
+inline std::string Hex(std::span<const std::uint8_t> code) {
+  std::string text;
+  for (const std::uint8_t byte : code.first(std::min<std::size_t>(code.size(), 24))) {
+    char digits[4];
+    snprintf(digits, sizeof(digits), "%02X ", byte);
+    text += digits;
+  }
+  return text;
+}
 
 // Folders of DLLs on this machine; empty when the packages are not installed.
 inline std::vector<std::filesystem::path> Files(detours::Mode mode) {
