@@ -4,13 +4,13 @@
 
 #include <winternl.h>
 
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "build_paths.h"
 #include "detours/detours.h"
 #include "tests/probes/injection_record.h"
 
@@ -19,11 +19,7 @@ namespace {
 constexpr DWORD kProbeExit = 42;
 constexpr uint64_t kReach = uint64_t{1} << 32;
 
-std::string Sibling(const char* name) {
-  char path[MAX_PATH];
-  GetModuleFileNameA(nullptr, path, MAX_PATH);
-  return std::string(path, strrchr(path, '\\') - path + 1) + name;
-}
+std::string Sibling(const char* name) { return vorn::test::BuildPath(name).string(); }
 const std::string kProbe = Sibling("injection_probe.exe"), kBareProbe = Sibling("injection_bare_probe.exe"),
                   kDll = Sibling("injection_dll.dll");
 
@@ -162,10 +158,6 @@ class Child {
   char* base_ = nullptr;
 };
 
-ULONG DirectoryRva(ULONG nt, ULONG index) {
-  return nt + static_cast<ULONG>(offsetof(IMAGE_NT_HEADERS64, OptionalHeader.DataDirectory)) + index * 8;
-}
-
 // Texts that this thread sends to a debugger while the listener lives.
 class DebugTextListener {
  public:
@@ -203,34 +195,35 @@ TEST(Injection, DllsRunInOrderBeforeTheProgramAndPutItsHeaderBack) {
   EXPECT_EQ(record->header_protection, region.Protect);
 }
 
-TEST(Injection, ControlRunWithoutInjectionIsOnlyTheProgram) {
-  Child child(kProbe);
-  EXPECT_EQ(child.RunToEnd(), kProbeExit);
-  EXPECT_STREQ((*child.record)->order, "TM");
-}
-
 TEST(Injection, UnusualImportTablesWorkAndComeBack) {
-  struct Case {
+  using Headers = IMAGE_NT_HEADERS64*;
+  const struct {
+    const std::string& program;
     const char* name;
-    void (*change)(IMAGE_NT_HEADERS64*);
-  };
-  const Case cases[] = {
-      {"import_size_zero.exe", [](IMAGE_NT_HEADERS64* nt) { nt->OptionalHeader.DataDirectory[1].Size = 0; }},
-      {"import_size_lies.exe",
-       [](IMAGE_NT_HEADERS64* nt) { nt->OptionalHeader.DataDirectory[1].Size = 1u << 31; }},
-      {"bound_imports.exe",
-       [](IMAGE_NT_HEADERS64* nt) {
+    void (*change)(Headers);
+    const char* order;
+  } cases[] = {
+      {kProbe, "import_size_zero.exe", [](Headers nt) { nt->OptionalHeader.DataDirectory[1].Size = 0; },
+       "iTM"},
+      {kProbe, "import_size_lies.exe",
+       [](Headers nt) { nt->OptionalHeader.DataDirectory[1].Size = 1u << 31; }, "iTM"},
+      {kProbe, "bound_imports.exe",
+       [](Headers nt) {
          nt->OptionalHeader.DataDirectory[11] = {0x3f0, 0x10};
-       }},
-      {"no_iat_directory.exe", [](IMAGE_NT_HEADERS64* nt) { nt->OptionalHeader.DataDirectory[12] = {}; }},
+       },
+       "iTM"},
+      {kProbe, "no_iat_directory.exe", [](Headers nt) { nt->OptionalHeader.DataDirectory[12] = {}; }, "iTM"},
+      // The linker leaves a directory that names an empty table; the second copy has none at all.
+      {kBareProbe, "empty_table.exe", nullptr, "i"},
+      {kBareProbe, "no_imports.exe", [](Headers nt) { nt->OptionalHeader.DataDirectory[1] = {}; }, "i"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const ScratchFile program(kProbe, c.name, c.change);
+    const ScratchFile program(c.program, c.name, c.change);
     Child child(program.path());
     ASSERT_TRUE(child.Inject({kDll.c_str()})) << GetLastError();
     EXPECT_EQ(child.RunToEnd(), kProbeExit);
-    EXPECT_STREQ((*child.record)->order, "iTM");
+    EXPECT_STREQ((*child.record)->order, c.order);
     EXPECT_TRUE((*child.record)->header_is_the_files);
   }
 }
@@ -250,20 +243,6 @@ TEST(Injection, RepairOfAZeroImportSizeIsReportedWithoutTouchingTheLastError) {
       L"[This PE file has an import table, but the import table size is marked as 0. This is an error.If it "
       L"is not repaired, the launched program will not work properly, Detours has automatically repaired its "
       L"import table size for you! ! !]\r\n");
-}
-
-TEST(Injection, ProgramWithoutImportsGetsATableAndLosesItAgain) {
-  // The linker leaves a directory that names an empty table; the copy has none at all.
-  const ScratchFile no_directory(kBareProbe, "no_imports.exe",
-                                 [](IMAGE_NT_HEADERS64* nt) { nt->OptionalHeader.DataDirectory[1] = {}; });
-  for (const std::string& program : {kBareProbe, no_directory.path()}) {
-    SCOPED_TRACE(program);
-    Child child(program);
-    ASSERT_TRUE(child.Inject({kDll.c_str()})) << GetLastError();
-    EXPECT_EQ(child.RunToEnd(), kProbeExit);
-    EXPECT_STREQ((*child.record)->order, "i");
-    EXPECT_TRUE((*child.record)->header_is_the_files);
-  }
 }
 
 TEST(Injection, SecondUpdateBeforeTheFirstRunIsUndoneWithIt) {
@@ -293,8 +272,6 @@ TEST(Injection, RefusedUpdateLeavesTheProcessAsItWas) {
   } cases[] = {
       {"no room nearby", ERROR_NOT_ENOUGH_MEMORY, [](const Child& c, ULONG) { c.FillNeighbourhood(); }},
       {"no image", ERROR_INVALID_HANDLE, [](const Child& c, ULONG) { c.Overwrite(0, WORD{0x1234}); }},
-      {"headers beyond memory", ERROR_INVALID_HANDLE,
-       [](const Child& c, ULONG) { c.Overwrite(0x3c, DWORD{0x0fff0000}); }},
       {"headers behind the base", ERROR_BAD_EXE_FORMAT,
        [](const Child& c, ULONG) { c.Overwrite(0x3c, ~DWORD{0}); }},
       {"image of the other width in a process of ours", ERROR_NOT_SUPPORTED,
@@ -304,12 +281,6 @@ TEST(Injection, RefusedUpdateLeavesTheProcessAsItWas) {
        }},
       {"image of another processor", ERROR_INVALID_HANDLE,
        [](const Child& c, ULONG n) { c.Overwrite(n + 4, WORD{0xAA64}); }},
-      {"import table outside", ERROR_BAD_EXE_FORMAT,
-       [](const Child& c, ULONG n) { c.Overwrite(DirectoryRva(n, 1), DWORD{0x7fffff00}); }},
-      {"too few directories", ERROR_BAD_EXE_FORMAT,
-       [](const Child& c, ULONG n) { c.Overwrite(DirectoryRva(n, 0) - 4, DWORD{2}); }},
-      {"CLR header outside", ERROR_BAD_EXE_FORMAT,
-       [](const Child& c, ULONG n) { c.Overwrite(DirectoryRva(n, 14), DWORD{0x7fffff00}); }},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
