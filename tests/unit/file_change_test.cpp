@@ -22,27 +22,6 @@ class FileChange : public FileRoom {
     }
     return status;
   }
-  static NTSTATUS SetDisposition(HANDLE handle, bool remove) {
-    BOOLEAN info = remove;
-    const NTSTATUS status = Set(handle, nt::kFileDispositionInformation, &info, sizeof info);
-    EXPECT_FALSE(info) << "the request is taken out of the buffer";
-    return status;
-  }
-  static NTSTATUS SetDispositionEx(HANDLE handle, ULONG flags) {
-    nt::DispositionInformationEx info{flags};
-    const NTSTATUS status = Set(handle, nt::kFileDispositionInformationEx, &info, sizeof info);
-    EXPECT_EQ(info.Flags, flags & ~(nt::kDispositionDelete | nt::kDispositionOnClose));
-    return status;
-  }
-  static std::vector<std::byte> RenameBuffer(const std::wstring& target, ULONG flags, HANDLE root = nullptr) {
-    std::vector<std::byte> bytes(sizeof(nt::RenameInformation) + target.size() * sizeof(wchar_t));
-    auto* info = reinterpret_cast<nt::RenameInformation*>(bytes.data());
-    info->Flags = flags;
-    info->RootDirectory = root;
-    info->FileNameLength = static_cast<ULONG>(target.size() * sizeof(wchar_t));
-    memcpy(info->FileName, target.data(), info->FileNameLength);
-    return bytes;
-  }
   static NTSTATUS Rename(HANDLE handle, const std::wstring& target, ULONG flags = 0,
                          nt::FileClass number = nt::kFileRenameInformation, HANDLE root = nullptr) {
     auto bytes = RenameBuffer(target, flags, root);
@@ -54,12 +33,6 @@ class FileChange : public FileRoom {
     EXPECT_EQ(opened.status, STATUS_SUCCESS);
     return opened.handle;
   }
-  NTSTATUS DeleteByName(const wchar_t* name) const {
-    const std::wstring path = L"\\??\\" + Dos(name);
-    UNICODE_STRING text = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
-    OBJECT_ATTRIBUTES attributes = nt::NamedObject(&text);
-    return NtDeleteFile(&attributes);
-  }
 };
 
 TEST_F(FileChange, DispositionInUnwritableMemoryIsHonoured) {
@@ -70,16 +43,6 @@ TEST_F(FileChange, DispositionInUnwritableMemoryIsHonoured) {
   EXPECT_TRUE(Exists(L"\\write\\f.txt"));
   EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
   EXPECT_FALSE(Exists(L"\\write\\f.txt"));
-}
-
-TEST_F(FileChange, FileWithAReadOnlyNameElsewhereCanBeDeleted) {
-  Unconfined([&] {
-    ASSERT_TRUE(CreateHardLinkW(Dos(L"\\write\\both.txt").c_str(), Dos(L"\\read\\f.txt").c_str(), nullptr));
-  });
-  HANDLE file = OpenFor(L"\\write\\both.txt", DELETE, FILE_DELETE_ON_CLOSE);
-  EXPECT_EQ(NtClose(file), STATUS_SUCCESS);
-  EXPECT_FALSE(Exists(L"\\write\\both.txt"));
-  EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
 }
 
 TEST_F(FileChange, DeletionIsSkippedWhileTheLoaderRuns) {
@@ -161,17 +124,6 @@ TEST_F(FileChange, TagBitsOfAHandleDoNotHideItsRecord) {
   HANDLE file = OpenFor(L"\\read\\f.txt", DELETE);
   HANDLE tagged = reinterpret_cast<HANDLE>(reinterpret_cast<std::uintptr_t>(file) | 1);
   EXPECT_EQ(Rename(tagged, L"\\??\\" + Dos(L"\\write\\stolen.txt")), kRefused);
-  NtClose(file);
-}
-
-TEST_F(FileChange, TimesOfAReadOnlyFileSeemToBeSet) {
-  HANDLE file = OpenFor(L"\\read\\f.txt", GENERIC_READ | GENERIC_WRITE);
-  FILE_BASIC_INFO before, info;
-  ASSERT_TRUE(GetFileInformationByHandleEx(file, FileBasicInfo, &before, sizeof before));
-  info = before;
-  info.LastWriteTime.QuadPart = 125911584000000000;
-  // Wine sets them without asking for the right; Windows refuses, and the handler answers success.
-  EXPECT_EQ(Set(file, nt::kFileBasicInformation, &info, sizeof info), STATUS_SUCCESS);
   NtClose(file);
 }
 

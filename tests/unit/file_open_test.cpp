@@ -8,17 +8,6 @@ constexpr NTSTATUS kRefused = STATUS_ACCESS_DENIED;
 
 class FileOpen : public FileRoom {};
 
-TEST_F(FileOpen, RelativeNamesAreJudgedByTheirDirectory) {
-  const Opened folder =
-      Create(L"", FILE_LIST_DIRECTORY, FILE_OPEN, FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
-  ASSERT_EQ(folder.status, STATUS_SUCCESS);
-  EXPECT_EQ(Create(std::wstring(L"deny\\f.txt"), GENERIC_READ, FILE_OPEN, 0, folder.handle).status, kRefused);
-  const Opened allowed = Create(std::wstring(L"write\\f.txt"), GENERIC_WRITE, FILE_OPEN, 0, folder.handle);
-  EXPECT_EQ(allowed.status, STATUS_SUCCESS);
-  NtClose(allowed.handle);
-  NtClose(folder.handle);
-}
-
 TEST_F(FileOpen, FileWithAnotherNameInAReadOnlyFolderIsReadOnlyButMayBeDeleted) {
   Unconfined([&] {
     ASSERT_TRUE(CreateHardLinkW(Dos(L"\\write\\both.txt").c_str(), Dos(L"\\read\\f.txt").c_str(), nullptr));
@@ -63,14 +52,6 @@ TEST_F(FileOpen, DevicesAndPipesAreNotConfined) {
   EXPECT_EQ(client.status, STATUS_SUCCESS);
   NtClose(client.handle);
   NtClose(pipe);
-}
-
-TEST_F(FileOpen, InvalidRuleLeavesItsPathUnconfined) {
-  SetRules({{static_cast<FileACL>(7), Nt(L"\\deny")}});
-  const Opened opened = Create(L"\\deny\\f.txt", GENERIC_WRITE);
-  EXPECT_EQ(opened.status, STATUS_SUCCESS);
-  EXPECT_FALSE(GetFileMgr().model().handles().Has(opened.handle));
-  NtClose(opened.handle);
 }
 
 }  // namespace

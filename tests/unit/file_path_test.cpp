@@ -203,27 +203,6 @@ TEST_F(FilePath, LinksLeadToTheirTarget) {
   EXPECT_TRUE(links.GetFileSymbolicLink(Nt(L"\\read") + L"\\nowhere\\new.txt").empty());
 }
 
-TEST_F(FilePath, AllNamesOfAFileAreListed) {
-  Unconfined([&] {
-    ASSERT_TRUE(CreateHardLinkW(Dos(L"\\read\\second.txt").c_str(), Dos(L"\\write\\f.txt").c_str(), nullptr));
-    ASSERT_TRUE(CreateHardLinkW(Dos(L"\\write\\third.txt").c_str(), Dos(L"\\write\\f.txt").c_str(), nullptr));
-  });
-  ScratchLevel level(GetThreadState());
-  FileLinkHelper links;
-  const ListHead* names;
-  EXPECT_EQ(links.GetFileHardLinks(Dos(L"\\write\\f.txt").c_str(), &names), 3);
-  std::vector<std::wstring> found;
-  for (const ListNode* node = FirstNode(*names); node; node = NextNode(node))
-    found.push_back(static_cast<const LinkNode*>(node)->path.get());
-  std::sort(found.begin(), found.end());
-  EXPECT_EQ(found,
-            (std::vector{Nt(L"\\read\\second.txt"), Nt(L"\\write\\f.txt"), Nt(L"\\write\\third.txt")}));
-
-  FileLinkHelper single;
-  EXPECT_EQ(single.GetFileHardLinks(Dos(L"\\read\\f.txt").c_str(), &names), 0) << "one link";
-  EXPECT_EQ(single.GetFileHardLinks(L"\\\\srv\\share\\f", &names), 0);
-}
-
 TEST_F(FilePath, WebDavPathsNameTheirRootOnce) {
   const auto insert = [](const wchar_t* path) {
     wchar_t buffer[100];

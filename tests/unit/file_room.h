@@ -5,7 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,10 +39,10 @@ class FileRoom : public testing::Test {
     folder_ = L"C:\\vorn_file_test_" + std::to_wstring(now.QuadPart) + L"_" + std::to_wstring(++serial_);
     Unconfined([&] {
       ASSERT_TRUE(CreateDirectoryW(folder_.c_str(), nullptr));
-      for (const wchar_t* name : {L"\\deny", L"\\read", L"\\write"})
+      for (const std::wstring name : {L"\\deny", L"\\read", L"\\write"}) {
         ASSERT_TRUE(CreateDirectoryW((folder_ + name).c_str(), nullptr));
-      for (const wchar_t* name : {L"\\deny\\f.txt", L"\\read\\f.txt", L"\\write\\f.txt"})
-        WriteText(name, "old");
+        WriteText(name + L"\\f.txt", "old");
+      }
     });
     SetRules({{FileACL::kDeny, Nt(L"\\deny")},
               {FileACL::kRead, Nt(L"\\read")},
@@ -83,11 +84,7 @@ class FileRoom : public testing::Test {
   std::wstring Nt(const std::wstring& name) const { return vorn::host::ToNtPath(folder_ + name); }
 
   void WriteText(const std::wstring& name, const char* text) const {
-    HANDLE file = CreateFileW(Dos(name).c_str(), GENERIC_WRITE, 7, nullptr, CREATE_ALWAYS, 0, nullptr);
-    ASSERT_NE(file, INVALID_HANDLE_VALUE);
-    DWORD written;
-    WriteFile(file, text, static_cast<DWORD>(strlen(text)), &written, nullptr);
-    CloseHandle(file);
+    std::ofstream(std::filesystem::path(Dos(name)), std::ios::binary) << text;
   }
   // Content of a file; "(none)" when there is none.
   std::string Text(const std::wstring& name) const {
@@ -130,6 +127,16 @@ class FileRoom : public testing::Test {
                 ULONG options = FILE_SYNCHRONOUS_IO_NONALERT) const {
     return Create(L"\\??\\" + Dos(name), access, disposition, options);
   }
+  // A rename request and its target, as NtSetInformationFile takes them.
+  static std::vector<std::byte> RenameBuffer(const std::wstring& target, ULONG flags, HANDLE root = nullptr) {
+    std::vector<std::byte> bytes(sizeof(nt::RenameInformation) + target.size() * sizeof(wchar_t));
+    auto* info = reinterpret_cast<nt::RenameInformation*>(bytes.data());
+    info->Flags = flags;
+    info->RootDirectory = root;
+    info->FileNameLength = static_cast<ULONG>(target.size() * sizeof(wchar_t));
+    memcpy(info->FileName, target.data(), info->FileNameLength);
+    return bytes;
+  }
   static ACCESS_MASK GrantedAccess(HANDLE handle) {
     PUBLIC_OBJECT_BASIC_INFORMATION info = {};
     NtQueryObject(handle, ObjectBasicInformation, &info, sizeof info, nullptr);
@@ -137,21 +144,8 @@ class FileRoom : public testing::Test {
   }
 
   static void RemoveTree(const std::wstring& folder) {
-    WIN32_FIND_DATAW entry;
-    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &entry);
-    if (find != INVALID_HANDLE_VALUE) {
-      do {
-        const std::wstring name = entry.cFileName;
-        if (name == L"." || name == L"..") continue;
-        const std::wstring path = folder + L"\\" + name;
-        if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-          RemoveTree(path);
-        else
-          DeleteFileW(path.c_str());
-      } while (FindNextFileW(find, &entry));
-      FindClose(find);
-    }
-    RemoveDirectoryW(folder.c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
   }
 
   std::wstring folder_;

@@ -64,13 +64,9 @@ class FileStress : public FileRoom {
           break;
         case 4: {
           const Opened opened = Create(own.c_str(), DELETE, FILE_OPEN_IF);
-          const std::wstring target = L"\\??\\" + Dos(moved);
-          std::vector<std::byte> info(sizeof(nt::RenameInformation) + target.size() * sizeof(wchar_t));
-          auto* rename = reinterpret_cast<nt::RenameInformation*>(info.data());
-          rename->FileNameLength = static_cast<ULONG>(target.size() * sizeof(wchar_t));
-          memcpy(rename->FileName, target.data(), rename->FileNameLength);
+          auto info = RenameBuffer(L"\\??\\" + Dos(moved), 0);
           IO_STATUS_BLOCK io;
-          NtSetInformationFile(opened.handle, &io, rename, static_cast<ULONG>(info.size()),
+          NtSetInformationFile(opened.handle, &io, info.data(), static_cast<ULONG>(info.size()),
                                static_cast<FILE_INFORMATION_CLASS>(nt::kFileRenameInformation));
           close(opened);
           break;
