@@ -1,9 +1,6 @@
 // Domain rules decide connections by the name that the program resolved, on every way to resolve one. This
 // program is the name server of its own network (see with-own-resolver): it answers on 127.0.0.1:53, with
 // addresses of the loopback interface, where its TCP server listens.
-#include <winsock2.h>
-#include <ws2tcpip.h>
-
 #include <atomic>
 #include <map>
 #include <thread>
@@ -23,16 +20,11 @@ struct Entry {
 class NameServer {
  public:
   explicit NameServer(std::map<std::string, Entry> names) : names_(std::move(names)) {
-    socket_ = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in at{};
-    at.sin_family = AF_INET;
-    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    at.sin_port = htons(53);
-    working = bind(socket_, reinterpret_cast<sockaddr*>(&at), sizeof at) == 0;
+    working = socket_.Bind(Local(1, 53)).port() == 53;
     thread_ = std::thread([this] { Serve(); });
   }
   ~NameServer() {
-    closesocket(socket_);
+    socket_.Close();
     thread_.join();
   }
 
@@ -42,14 +34,13 @@ class NameServer {
   void Serve() {
     for (;;) {
       char data[512];
-      sockaddr_in from{};
+      Address from{};
       int length = sizeof from;
-      const int got = recvfrom(socket_, data, sizeof data, 0, reinterpret_cast<sockaddr*>(&from), &length);
+      const int got = recvfrom(socket_, data, sizeof data, 0, &from.any, &length);
       if (got < 12) return;
       const std::string answer = Answer(std::string(data, static_cast<std::size_t>(got)));
       if (!answer.empty())
-        sendto(socket_, answer.data(), static_cast<int>(answer.size()), 0, reinterpret_cast<sockaddr*>(&from),
-               length);
+        sendto(socket_, answer.data(), static_cast<int>(answer.size()), 0, &from.any, length);
     }
   }
 
@@ -99,7 +90,7 @@ class NameServer {
   }
 
   std::map<std::string, Entry> names_;
-  SOCKET socket_;
+  Socket socket_{AF_INET, SOCK_DGRAM};
   std::thread thread_;
 };
 
@@ -113,31 +104,21 @@ class NetNames : public ::testing::Test {
     ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
   }
   void SetUp() override {
-    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in at{};
-    at.sin_family = AF_INET;
-    int length = sizeof at;
-    ASSERT_EQ(bind(listener_, reinterpret_cast<sockaddr*>(&at), length), 0);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&at), &length);
-    port_ = ntohs(at.sin_port);
+    Address anywhere{};
+    anywhere.any.sa_family = AF_INET;
+    port_ = listener_.Bind(anywhere).port();
+    ASSERT_NE(port_, 0);
     listen(listener_, 100);
   }
-  void TearDown() override { closesocket(listener_); }
 
   std::vector<host::NetRule> Rules() const {
-    return {{.verdict = 1,
-             .kind = policy::NetRuleKind::kDomain,
-             .address = {},
-             .prefix = 0,
-             .ports = {port_},
-             .domain = L"*.allowed.test"},
-            host::NetRule{}};
+    return {DomainRule(1, L"*.allowed.test", {port_}), DefaultRule(0)};
   }
   std::string Resolve(const std::string& how, const std::string& name) const {
     return "resolve " + how + " " + name + " " + std::to_string(port_);
   }
 
-  SOCKET listener_ = INVALID_SOCKET;
+  Socket listener_{AF_INET, SOCK_STREAM};
   std::uint16_t port_ = 0;
 };
 

@@ -1,9 +1,12 @@
 // Runs a program confined on its network and keeps what it printed and what the host was told.
 #pragma once
 
+#include "tests/sockets.h"  // before <windows.h>
+
 #include <fstream>
 
 #include "tests/e2e/confinement.h"
+#include "tests/net_rules.h"
 
 namespace vorn::test {
 

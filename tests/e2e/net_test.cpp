@@ -1,8 +1,5 @@
 // A really confined process and real servers of another one, on 127.0.0.1 and ::1. Every list of calls runs
 // twice: under rules, and without any as the control.
-#include <winsock2.h>
-#include <ws2tcpip.h>
-
 #include <algorithm>
 #include <atomic>
 #include <thread>
@@ -17,36 +14,14 @@ const std::string kUnreachable = " 10051";
 
 std::string Text(std::uint16_t port) { return std::to_string(port); }
 
-// A bound socket of this process, and its port.
-class Listener {
- public:
-  Listener(int family, int type) {
-    socket_ = ::socket(family, type, 0);
-    sockaddr_in6 address{};
-    address.sin6_family = static_cast<short>(family);
-    if (family == AF_INET)
-      reinterpret_cast<sockaddr_in*>(&address)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    else
-      address.sin6_addr.s6_addr[15] = 1;
-    int length = family == AF_INET ? sizeof(sockaddr_in) : sizeof address;
-    EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr*>(&address), length), 0) << WSAGetLastError();
-    getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
-    port = ntohs(address.sin6_port);
-    if (type == SOCK_STREAM) listen(socket_, 100);
+// A bound socket of this process.
+struct Listener : Socket {
+  Listener(int family, int type)
+      : Socket(family, type), port(Bind(family == AF_INET ? Local(1) : Local6()).port()) {
+    EXPECT_NE(port, 0) << WSAGetLastError();
+    if (type == SOCK_STREAM) listen(*this, 100);
   }
-  ~Listener() { Close(); }
-  Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
-  void Close() {
-    if (socket_ != INVALID_SOCKET) closesocket(socket_);
-    socket_ = INVALID_SOCKET;
-  }
-  operator SOCKET() const { return socket_; }
-
-  std::uint16_t port = 0;
-
- private:
-  SOCKET socket_;
+  const std::uint16_t port;
 };
 
 // The servers of a test: "good" is allowed by the rules, "bad" is not. The datagram server answers "good" and
@@ -57,15 +32,14 @@ class Servers {
     responder_ = std::thread([this] {
       char data[64];
       for (;;) {
-        sockaddr_in from{};
+        Address from{};
         int length = sizeof from;
-        const int got = recvfrom(udp_good, data, sizeof data, 0, reinterpret_cast<sockaddr*>(&from), &length);
+        const int got = recvfrom(udp_good, data, sizeof data, 0, &from.any, &length);
         if (stop_) return;
         const std::string ask(data, got > 0 ? static_cast<std::size_t>(got) : 0);
         ++asked;
         if (ask != "good" && ask != "bad") continue;
-        sendto(ask == "good" ? udp_good : udp_bad, "secret", 6, 0, reinterpret_cast<sockaddr*>(&from),
-               length);
+        sendto(ask == "good" ? udp_good : udp_bad, "secret", 6, 0, &from.any, length);
       }
     });
   }
@@ -79,14 +53,8 @@ class Servers {
   std::vector<host::NetRule> Rules() const {
     std::vector<std::uint8_t> v6(16);
     v6[15] = 1;
-    const auto rule = [](std::uint32_t verdict, std::vector<std::uint8_t> address,
-                         std::vector<std::uint16_t> ports) {
-      const auto bits = static_cast<std::uint32_t>(address.size() * 8);
-      return host::NetRule{verdict, policy::NetRuleKind::kAddress, std::move(address), bits, std::move(ports),
-                           {}};
-    };
-    return {rule(0, {127, 0, 0, 1}, {udp_bad.port, tcp_bad.port}), rule(1, {127, 0, 0, 1}, {}),
-            rule(1, v6, {tcp6_good.port, udp6_good.port}), host::NetRule{}};
+    return {AddressRule(0, {127, 0, 0, 1}, {udp_bad.port, tcp_bad.port}), AddressRule(1, {127, 0, 0, 1}),
+            AddressRule(1, v6, {tcp6_good.port, udp6_good.port}), DefaultRule(0)};
   }
 
   Listener udp_good{AF_INET, SOCK_DGRAM}, udp_bad{AF_INET, SOCK_DGRAM};
@@ -220,16 +188,11 @@ TEST_F(Net, AServersTrafficIsItsOwnAffair) {
   reserved.Close();
   std::atomic<bool> answered = false;
   std::thread client([&] {  // asks from the refused socket until the server is there
-    const DWORD timeout = 100;
-    setsockopt(servers.udp_bad, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout),
-               sizeof timeout);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to.sin_port = htons(port);
+    servers.udp_bad.SetReceiveTimeout(100);
+    const Address to = Local(1, port);
     char data[16];
     for (int i = 0; i < 600 && !answered; ++i) {
-      sendto(servers.udp_bad, "ask", 3, 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+      sendto(servers.udp_bad, "ask", 3, 0, &to.any, to.length());
       answered = recv(servers.udp_bad, data, sizeof data, 0) == 6;
     }
   });

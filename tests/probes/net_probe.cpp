@@ -18,7 +18,7 @@
 //   serve PORT
 //       binds, receives, answers where it came from; prints bytes and data too
 //   unpatched
-//       prints how many functions of ws2_32 and dnsapi differ from their files
+//       prints how many functions of ws2_32 and dnsapi lead elsewhere
 //   resolve HOW NAME PORT
 //       asks for NAME, then connects; prints the error of each. HOW: hostent, addrinfo, addrinfo_narrow,
 //       addrinfoex, addrinfoex_event and addrinfoex_bare (overlapped, with and without an event), dns_a,
@@ -34,55 +34,43 @@
 #include <string>
 #include <vector>
 
+#include "tests/sockets.h"
+
 namespace {
 
+using vorn::test::Address;
+using vorn::test::Local;
+using vorn::test::Local6;
 using Arguments = std::vector<std::string>;
 
 constexpr DWORD kPatienceMs = 10'000;
 
-union Address {
-  sockaddr any;
-  sockaddr_in v4;
-  sockaddr_in6 v6;
-  int length() const { return any.sa_family == AF_INET ? sizeof v4 : sizeof v6; }
-};
-
 Address Parse(const std::string& text, const std::string& port) {
-  Address address{};
-  const auto number = htons(static_cast<u_short>(std::stoi(port)));
-  if (text.find(':') == text.npos) {
-    address.v4.sin_family = AF_INET;
-    address.v4.sin_port = number;
+  const auto number = static_cast<std::uint16_t>(std::stoi(port));
+  Address address = text.find(':') == text.npos ? Local(0, number) : Local6(number);
+  if (address.any.sa_family == AF_INET)
     address.v4.sin_addr.s_addr = inet_addr(text.c_str());
-  } else {
-    address.v6.sin6_family = AF_INET6;
-    address.v6.sin6_port = number;
+  else
     inet_pton(AF_INET6, text.c_str(), &address.v6.sin6_addr);
-  }
   return address;
 }
 
 int ErrorOf(bool success) { return success ? 0 : WSAGetLastError(); }
 
-class Socket {
+// For IPv4 as well as IPv6; waits for what it receives.
+class Socket : public vorn::test::Socket {
  public:
-  Socket(int family, int type) : handle_(socket(family, type, 0)) {
-    const DWORD off = 0, timeout = kPatienceMs;
+  Socket(int family, int type) : vorn::test::Socket(family, type) {
+    const DWORD off = 0;
     if (family == AF_INET6)
-      setsockopt(handle_, IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char*>(&off), sizeof off);
-    setsockopt(handle_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout), sizeof timeout);
+      setsockopt(*this, IPPROTO_IPV6, IPV6_V6ONLY, reinterpret_cast<const char*>(&off), sizeof off);
+    SetReceiveTimeout(kPatienceMs);
   }
-  ~Socket() { closesocket(handle_); }
-  operator SOCKET() const { return handle_; }
-  HANDLE handle() const { return reinterpret_cast<HANDLE>(handle_); }
   void BindAnywhere(int family) const {
     Address any{};
     any.any.sa_family = static_cast<u_short>(family);
-    bind(handle_, &any.any, any.length());
+    Bind(any);
   }
-
- private:
-  SOCKET handle_;
 };
 
 template <class Function>
@@ -246,7 +234,7 @@ std::string Converse(const Arguments& a) {  // HOW ADDRESS PORT ASK
 std::string Serve(const std::string& port) {
   const Socket s(AF_INET, SOCK_DGRAM);
   const Address at = Parse("127.0.0.1", port);
-  if (bind(s, &at.any, at.length()) != 0) return " " + std::to_string(WSAGetLastError());
+  if (!s.Bind(at).port()) return " " + std::to_string(WSAGetLastError());
   Receive receive;
   receive.Run(s, "recvfrom");
   if (!receive.error) receive.error = Send(s, "sendto", receive.from, "answer");
@@ -322,16 +310,9 @@ std::string ResolveAndConnect(const Arguments& a) {  // HOW NAME PORT
 
 // ---- Others ----
 
-// Every export of the module against its file, in the first 16 bytes.
+// Exports that begin with a jump out of the module.
 int CountPatched(const wchar_t* module_name) {
-  const auto* image = reinterpret_cast<const char*>(LoadLibraryW(module_name));
-  wchar_t path[MAX_PATH];
-  GetModuleFileNameW(reinterpret_cast<HMODULE>(const_cast<char*>(image)), path, MAX_PATH);
-  const HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-  std::vector<char> content(GetFileSize(file, nullptr));
-  DWORD read = 0;
-  if (!ReadFile(file, content.data(), static_cast<DWORD>(content.size()), &read, nullptr)) return -1;
-  CloseHandle(file);
+  const auto* image = reinterpret_cast<const std::uint8_t*>(LoadLibraryW(module_name));
   const auto* headers = reinterpret_cast<const IMAGE_NT_HEADERS*>(
       image + reinterpret_cast<const IMAGE_DOS_HEADER*>(image)->e_lfanew);
   const auto* exports = reinterpret_cast<const IMAGE_EXPORT_DIRECTORY*>(
@@ -339,15 +320,11 @@ int CountPatched(const wchar_t* module_name) {
   const auto* functions = reinterpret_cast<const DWORD*>(image + exports->AddressOfFunctions);
   int patched = 0;
   for (DWORD i = 0; i < exports->NumberOfFunctions; ++i) {
-    const auto* section = IMAGE_FIRST_SECTION(headers);
-    for (WORD j = 0; j < headers->FileHeader.NumberOfSections; ++j, ++section) {
-      const DWORD offset = functions[i] - section->VirtualAddress;
-      if (functions[i] < section->VirtualAddress || offset + 16 > section->SizeOfRawData ||
-          !(section->Characteristics & IMAGE_SCN_MEM_EXECUTE))
-        continue;
-      if (memcmp(image + functions[i], content.data() + section->PointerToRawData + offset, 16) != 0)
-        ++patched;
-    }
+    const std::uint8_t* code = image + functions[i];
+    std::int32_t distance;
+    memcpy(&distance, code + 1, sizeof distance);
+    const auto target = static_cast<std::uintptr_t>(code + 5 + distance - image);
+    patched += *code == 0xE9 && target >= headers->OptionalHeader.SizeOfImage;
   }
   return patched;
 }

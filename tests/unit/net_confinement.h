@@ -21,11 +21,21 @@
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/thread_state.h"
 #include "build_paths.h"
+#include "tests/net_rules.h"
+#include "tests/sockets.h"
 #include "vorn/message_server.h"
 #include "vorn/section.h"
 #include "vorn/text.h"
 
 namespace VornCore::test {
+
+using vorn::test::Address;
+using vorn::test::AddressRule;
+using vorn::test::DefaultRule;
+using vorn::test::DomainRule;
+using vorn::test::Local;
+using vorn::test::Local6;
+using vorn::test::Socket;
 
 struct Audit {
   std::uint32_t type, error, verdict, protocol, destination_port, source_port;
@@ -92,34 +102,6 @@ class HostMessages {
   vorn::host::MessageServer server_;
 };
 
-inline vorn::host::NetRule AddressRule(std::uint32_t verdict, std::vector<std::uint8_t> address,
-                                       std::vector<std::uint16_t> ports = {}) {
-  const auto prefix = static_cast<std::uint32_t>(address.size() * 8);
-  return {.verdict = verdict,
-          .kind = vorn::policy::NetRuleKind::kAddress,
-          .address = std::move(address),
-          .prefix = prefix,
-          .ports = std::move(ports),
-          .domain = {}};
-}
-inline vorn::host::NetRule DomainRule(std::uint32_t verdict, std::wstring domain,
-                                      std::vector<std::uint16_t> ports = {}) {
-  return {.verdict = verdict,
-          .kind = vorn::policy::NetRuleKind::kDomain,
-          .address = {},
-          .prefix = 0,
-          .ports = std::move(ports),
-          .domain = std::move(domain)};
-}
-inline vorn::host::NetRule DefaultRule(std::uint32_t verdict) {
-  return {.verdict = verdict,
-          .kind = vorn::policy::NetRuleKind::kDefault,
-          .address = {},
-          .prefix = 0,
-          .ports = {},
-          .domain = {}};
-}
-
 // Process-wide, made by the first test: the library cannot be taken out again.
 class Confinement {
  public:
@@ -156,28 +138,6 @@ class Confinement {
 
 // ---- Sockets ----
 
-union Address {
-  sockaddr any;
-  sockaddr_in v4;
-  sockaddr_in6 v6;
-  int length() const { return any.sa_family == AF_INET ? sizeof v4 : sizeof v6; }
-  std::uint16_t port() const { return ntohs(v4.sin_port); }
-};
-
-inline Address Local(std::uint8_t last, std::uint16_t port = 0) {  // 127.0.0.last
-  Address address{};
-  address.v4.sin_family = AF_INET;
-  address.v4.sin_port = htons(port);
-  address.v4.sin_addr.s_addr = htonl(0x7F000000u + last);
-  return address;
-}
-inline Address Local6(std::uint16_t port = 0) {
-  Address address{};
-  address.v6.sin6_family = AF_INET6;
-  address.v6.sin6_port = htons(port);
-  address.v6.sin6_addr.s6_addr[15] = 1;
-  return address;
-}
 inline Address Mapped(std::uint8_t last, std::uint16_t port) {  // ::ffff:127.0.0.last
   Address address = Local6(port);
   std::uint8_t* bytes = address.v6.sin6_addr.s6_addr;
@@ -186,30 +146,6 @@ inline Address Mapped(std::uint8_t last, std::uint16_t port) {  // ::ffff:127.0.
   bytes[15] = last;
   return address;
 }
-
-class Socket {
- public:
-  Socket(int family, int type) : handle_(socket(family, type, 0)) {}
-  ~Socket() { Close(); }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-
-  operator SOCKET() const { return handle_; }
-  HANDLE handle() const { return reinterpret_cast<HANDLE>(handle_); }
-  void Close() {
-    if (handle_ != INVALID_SOCKET) closesocket(handle_);
-    handle_ = INVALID_SOCKET;
-  }
-  Address Bind(Address to) {
-    EXPECT_EQ(bind(handle_, &to.any, to.length()), 0) << WSAGetLastError();
-    int length = sizeof to;
-    EXPECT_EQ(getsockname(handle_, &to.any, &length), 0);
-    return to;
-  }
-
- protected:
-  SOCKET handle_;
-};
 
 // While this lives, sockets that the thread creates stay unknown to the library, like a resolver's own.
 class Unrecorded {
@@ -222,22 +158,22 @@ class Unrecorded {
 class Peer : Unrecorded, public Socket {
  public:
   explicit Peer(Address at, int type = SOCK_DGRAM) : Socket(at.any.sa_family, type), address(Bind(at)) {
-    if (type == SOCK_STREAM) listen(handle_, 50);
-    const DWORD timeout = 3000;
-    setsockopt(handle_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout), sizeof timeout);
+    EXPECT_NE(address.port(), 0) << WSAGetLastError();
+    if (type == SOCK_STREAM) listen(*this, 50);
+    SetReceiveTimeout(3000);
     GetThreadState()->bInNetCall = 0;
   }
 
   void SendTo(const Address& to, const std::string& text) {
-    EXPECT_EQ(sendto(handle_, text.data(), static_cast<int>(text.size()), 0, &to.any, to.length()),
+    EXPECT_EQ(sendto(*this, text.data(), static_cast<int>(text.size()), 0, &to.any, to.length()),
               static_cast<int>(text.size()))
         << WSAGetLastError();
   }
   // The next datagram, or "" when none comes in time.
   std::string Receive(DWORD timeout = 3000) {
-    setsockopt(handle_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout), sizeof timeout);
+    SetReceiveTimeout(timeout);
     char buffer[1500];
-    const int got = ::recv(handle_, buffer, sizeof buffer, 0);
+    const int got = ::recv(*this, buffer, sizeof buffer, 0);
     return got > 0 ? std::string(buffer, static_cast<std::size_t>(got)) : std::string();
   }
 

@@ -138,8 +138,7 @@ struct Conversation {
     at = socket.Bind(Local(kAllowed));
     sendto(socket, "x", 1, 0, &allowed.address.any, allowed.address.length());
     EXPECT_EQ(allowed.Receive(), "x");
-    const DWORD timeout = 3000;
-    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&timeout), sizeof timeout);
+    socket.SetReceiveTimeout(3000);
   }
   Socket socket;
   Peer allowed, denied;

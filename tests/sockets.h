@@ -1,0 +1,62 @@
+// Sockets and loopback addresses for tests and their probes.
+#pragma once
+
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include <cstdint>
+
+namespace vorn::test {
+
+union Address {
+  sockaddr any;
+  sockaddr_in v4;
+  sockaddr_in6 v6;
+  int length() const { return any.sa_family == AF_INET ? sizeof v4 : sizeof v6; }
+  std::uint16_t port() const { return ntohs(v4.sin_port); }
+};
+
+inline Address Local(std::uint8_t last, std::uint16_t port = 0) {  // 127.0.0.last
+  Address address{};
+  address.v4.sin_family = AF_INET;
+  address.v4.sin_port = htons(port);
+  address.v4.sin_addr.s_addr = htonl(0x7F000000u + last);
+  return address;
+}
+inline Address Local6(std::uint16_t port = 0) {  // ::1
+  Address address{};
+  address.v6.sin6_family = AF_INET6;
+  address.v6.sin6_port = htons(port);
+  address.v6.sin6_addr.s6_addr[15] = 1;
+  return address;
+}
+
+class Socket {
+ public:
+  Socket(int family, int type) : handle_(socket(family, type, 0)) {}
+  ~Socket() { Close(); }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  operator SOCKET() const { return handle_; }
+  HANDLE handle() const { return reinterpret_cast<HANDLE>(handle_); }
+  void Close() {
+    if (handle_ != INVALID_SOCKET) closesocket(handle_);
+    handle_ = INVALID_SOCKET;
+  }
+  // The address with the port that it got; all zero when it cannot be bound.
+  Address Bind(Address to) const {
+    int length = to.length();
+    const bool bound = bind(handle_, &to.any, length) == 0 && getsockname(handle_, &to.any, &length) == 0;
+    return bound ? to : Address{};
+  }
+  void SetReceiveTimeout(DWORD milliseconds) const {
+    setsockopt(handle_, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&milliseconds),
+               sizeof milliseconds);
+  }
+
+ private:
+  SOCKET handle_;
+};
+
+}  // namespace vorn::test
