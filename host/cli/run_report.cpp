@@ -33,7 +33,7 @@ bool RunReport::WriteEventsTo(const std::string& file) {
 
 void RunReport::OnMessage(std::uint32_t pid, std::span<const std::byte> message) {
   host::Event event = host::DecodeEvent(message, pid);
-  if (std::holds_alternative<host::CrashEvent>(event.body) && !dump_directory_.empty())
+  if (std::holds_alternative<host::CrashEvent>(event.body))
     host::AddCrashDump(event, dump_directory_, started_at_ms_[pid]);
   if (events_.is_open()) events_ << host::EventJson(event) << '\n' << std::flush;
   std::visit([&](const auto& body) { On(event, body); }, event.body);

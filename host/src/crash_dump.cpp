@@ -135,7 +135,7 @@ std::optional<CrashDumpFile> FindCrashDump(const std::wstring& directory, const 
 
 void AddCrashDump(Event& event, const std::wstring& directory, std::uint64_t started_at_ms) {
   auto* crash = std::get_if<CrashEvent>(&event.body);
-  if (!crash) return;
+  if (!crash || directory.empty()) return;
   auto found = FindCrashDump(directory, {event.pid, crash->thread_id, event.time_ms, started_at_ms});
   if (!found) {
     crash->dump_problem = "no dump was written";

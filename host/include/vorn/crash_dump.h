@@ -34,12 +34,12 @@ struct CrashDumpFile {
   std::variant<Minidump, std::string> contents;  // or why they cannot be read (UTF-8)
 };
 
-// The newest dump of that process and thread; else the newest of that process that cannot be read, as a dump
+// The newest dump of that process and thread; else the newest of that process that cannot be read, as one
 // whose writing failed; else nothing.
 std::optional<CrashDumpFile> FindCrashDump(const std::wstring& directory, const CrashNoticeOrigin& notice);
 
-// Fills in what the dump says of a CrashEvent. Other events stay as they are. started_at_ms: as above, such
-// as the time of the process's ProcessStartEvent.
+// Fills in what the dump says of a CrashEvent. Other events stay as they are, and without a directory (no
+// dumps are written) every one. started_at_ms: as above, such as the time of the process's ProcessStartEvent.
 void AddCrashDump(Event& event, const std::wstring& directory, std::uint64_t started_at_ms = 0);
 
 // A dump as a file. The text says why it cannot be read (UTF-8).
