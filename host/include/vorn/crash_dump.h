@@ -2,12 +2,11 @@
 //
 //   Event event = DecodeEvent(message, peer.pid);
 //   AddCrashDump(event, section.contents().dump_directory);       // nothing to do for other events
-//   std::puts(EventLine(event).c_str());  // "… (access violation reading 0x10) in app.exe+0x1a2b …, dump
-//   C:\…"
+//   std::puts(EventLine(event).c_str());                          // "… in app.exe+0x1a2b …, dump C:\…"
 //
 // The library writes the dump before it sends the notice, and the process waits for a second behind the
 // notice. So the dump is complete when the notice arrives, or there is none. A handler of the message server
-// may call this: of a dump of any size it reads some tables, which takes about a millisecond. Any thread.
+// may call this: of a dump of any size it reads some tables, which takes milliseconds. Any thread.
 #pragma once
 
 #include <cstdint>
