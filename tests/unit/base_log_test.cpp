@@ -16,23 +16,6 @@ constexpr std::uintmax_t kSlotBytes = 52'428'800;
 const char kLine[] =
     R"(\[(\d{4})-(\d\d)-(\d\d)T(\d\d):(\d\d):(\d\d)\.(\d{3})([+-]\d\d:\d\d)\]\((\d+)\|(\d+)\)\[(\w)\]\[(.*):(\d+)\] (.*))";
 
-DWORD StartWithDirectory(const std::wstring& directory) {
-  vorn::host::SectionContents contents;
-  contents.log_directory = directory;
-  vorn::host::SharedSection section(contents);
-  EXPECT_EQ(OpenSharedData(section.name().c_str()), 0u);
-  return StartLog(L"vorn_core_");
-}
-
-// Runs first: a start that fails leaves the log closed.
-TEST(LogStart, FailsWithTheReason) {
-  EXPECT_EQ(StartLog(L"vorn_core_"), 87u) << "no section";
-  EXPECT_EQ(StartWithDirectory(L""), 87u);
-  EXPECT_EQ(StartWithDirectory(L"C:\\no such folder\\logs"), 3u);
-  EXPECT_EQ(StartWithDirectory(L"C:\\" + std::wstring(540, L'd')), 206u);
-  LogPrint("file", kLogError, 1, "E", "goes nowhere");
-}
-
 class Log : public testing::Test {
  protected:
   void SetUp() override {

@@ -6,18 +6,6 @@
 namespace VornCore::test {
 namespace {
 
-// Takes a function of the seam away, or replaces it, for one scope.
-template <class Function>
-class Replaced {
- public:
-  Replaced(Function& entry, Function with) : entry_(entry), original_(entry) { entry = with; }
-  ~Replaced() { entry_ = original_; }
-
- private:
-  Function& entry_;
-  Function original_;
-};
-
 TEST(SockaddrAdapter, PresentsMappedIPv4AsIPv4AndEverythingElseUnchanged) {
   const Address mapped = Mapped(9, 443), plain6 = Local6(443), plain4 = Local(9, 443);
   {
@@ -61,28 +49,6 @@ TEST(NetHelper, TextsOfAddresses) {
                                         {reinterpret_cast<const sockaddr*>(16), 16}})
     EXPECT_EQ(net_helper::SockaddrToText(address, length, text, &port), -1);
   EXPECT_EQ(port, 5);
-}
-
-TEST(NetHelper, AFunctionThatWinsockLacksAnswersAFixedValue) {
-  auto& winsock = platform::Winsock();
-  Address address = Local(1, 80);
-  int length = sizeof address;
-  {
-    Replaced none(winsock.getsockname, {});
-    EXPECT_EQ(net_helper::getsockname(1, &address.any, &length), -1);
-  }
-  {
-    Replaced none(winsock.inet_ntop, {});
-    char text[net_helper::kAddressTextBytes] = {};
-    std::uint16_t port = 0;
-    EXPECT_EQ(net_helper::SockaddrToText(&address.any, 16, text, &port), 0);
-    EXPECT_STREQ(text, "");
-    EXPECT_EQ(port, 80);
-  }
-  Replaced no_short(winsock.ntohs, {});
-  Replaced no_long(winsock.ntohl, {});
-  EXPECT_EQ(net_helper::ntohs(80), 0);
-  EXPECT_EQ(net_helper::ntohl(80), 0xFFFFFFFFu);
 }
 
 }  // namespace

@@ -50,15 +50,6 @@ class SocketModel : public ::testing::Test {
   SocketACLModel model;
 };
 
-TEST_F(SocketModel, UnreadableDestinationsAreLeftToTheDefaultRule) {
-  Confinement::Get().SetRules({AddressRule(0, {127, 0, 0, 1}), DefaultRule(1)});
-  EXPECT_EQ(model.CheckSocketACL(nullptr, reinterpret_cast<const sockaddr*>(16), 16, kProtocolTcp), 1u);
-  Address odd = Local(1, 1);
-  odd.any.sa_family = 99;
-  EXPECT_EQ(Check(odd, kProtocolTcp), 1u);
-  EXPECT_EQ(Check(Local(1, 1), kProtocolTcp), 0u);
-}
-
 TEST_F(SocketModel, AnOwnServersExactAddressIsAllowed) {
   model.AddSocket(kProtocolTcp, AF_INET, 10);
   model.AddSocket(kProtocolUdp, AF_INET, 20);

@@ -124,21 +124,5 @@ TEST(DevicePath, ShortNamesAreComponentsThatALongNameMayReplace) {
   EXPECT_EQ(first(u"\\v\\PROGRA~1\\LONGNA~1", 11), u"LONGNA~1");
 }
 
-TEST(DevicePath, QuietFailures) {
-  EXPECT_TRUE(IsQuietFailurePath(u""));
-  EXPECT_TRUE(IsQuietFailurePath(u"\\abc"));
-  EXPECT_TRUE(IsQuietFailurePath(u"\\device\\v\\app.exe.Local\\x"));
-  EXPECT_FALSE(IsQuietFailurePath(u"\\device\\v\\app.exe.local\\x"));
-  EXPECT_TRUE(IsQuietFailurePath(u"\\Device\\00000035"));
-  EXPECT_FALSE(IsQuietFailurePath(u"\\device\\v\\app.exe"));
-
-  for (const std::uint32_t quiet : {0u, 0x103u, 0xC0000034u, 0xC0000035u, 0xC000003Au, 0xC00000BAu}) {
-    EXPECT_TRUE(IsQuietFailureStatus(static_cast<std::int32_t>(quiet))) << std::hex << quiet;
-  }
-  for (const std::uint32_t loud : {0xC0000022u, 0x80000005u, 0xC000000Du}) {
-    EXPECT_FALSE(IsQuietFailureStatus(static_cast<std::int32_t>(loud))) << std::hex << loud;
-  }
-}
-
 }  // namespace
 }  // namespace vorn::policy

@@ -56,27 +56,6 @@ TEST(FileRules, TheMostSpecificRuleWins) {
     EXPECT_EQ(Access(builder, c.path), c.access) << std::string(c.path.begin(), c.path.end());
 }
 
-TEST(FileRules, AmongEqualRulesTheFirstInTheTableWins) {
-  SectionBuilder builder;
-  for (int i = 0; i < 40; ++i)
-    builder.FileRule(2, u"\\device\\other" + std::u16string(1, char16_t(u'0' + i)));
-  builder.FileRule(1, u"\\device\\v\\a").FileRule(3, u"\\DEVICE\\V\\A").FileRule(3, u"\\device\\v");
-  const FileRuleMatch match = Check(builder, u"\\device\\v\\a\\b");
-  EXPECT_EQ(match.access, FileACL::kDeny);
-  EXPECT_EQ(match.rule_index, 40u);
-}
-
-TEST(FileRules, AnInvalidAccessMatchesAndLeavesThePathUnconfined) {
-  SectionBuilder builder;
-  builder.FileRule(7, u"\\device\\v\\a").FileRule(1, u"\\device\\v").FileRule(0, u"\\device\\v\\b");
-  const FileRuleMatch invalid = Check(builder, u"\\device\\v\\a\\x");
-  EXPECT_TRUE(invalid.found && invalid.invalid_access);
-  EXPECT_EQ(invalid.access, FileACL::kUnknown);
-  const FileRuleMatch zero = Check(builder, u"\\device\\v\\b\\x");
-  EXPECT_TRUE(zero.found && !zero.invalid_access);
-  EXPECT_EQ(zero.access, FileACL::kUnknown);
-}
-
 TEST(FileRules, ARuleWithATrailingBackslashNeverMatches) {
   SectionBuilder builder;
   builder.FileRule(3, u"\\device\\v\\");

@@ -20,133 +20,79 @@ std::vector<std::byte> Encoded(const T& message) {
   return bytes;
 }
 
+// What lies between the header and the end: numbers, texts and the zero bytes behind the last field.
+class Payload {
+ public:
+  Payload& U8(std::uint8_t value) { return Put(&value, 1); }
+  Payload& U16(std::uint16_t value) { return Put(&value, 2); }
+  Payload& U32(std::initializer_list<std::uint32_t> values) {
+    for (const std::uint32_t value : values) Put(&value, 4);
+    return *this;
+  }
+  Payload& U64(std::uint64_t value) { return Put(&value, 8); }
+  Payload& Text(std::string_view text) { return Put(text.data(), text.size()); }
+  const std::vector<std::byte>& bytes() const { return bytes_; }
+
+ private:
+  Payload& Put(const void* data, std::size_t size) {
+    const auto* from = static_cast<const std::byte*>(data);
+    bytes_.insert(bytes_.end(), from, from + size);
+    return *this;
+  }
+  std::vector<std::byte> bytes_;
+};
+
+struct Row {
+  std::vector<std::byte> encoded, again;  // again: decoded and encoded once more
+  std::uint16_t type, subtype;
+  Payload payload;
+};
 template <typename T>
-T At(const std::vector<std::byte>& bytes, std::size_t offset) {
-  T value;
-  std::memcpy(&value, bytes.data() + offset, sizeof value);
-  return value;
-}
-std::uint32_t U32(const std::vector<std::byte>& bytes, std::size_t offset) {
-  return At<std::uint32_t>(bytes, offset);
+Row MakeRow(const T& message, std::uint16_t type, std::uint16_t subtype, const Payload& payload) {
+  Row row{Encoded(message), {}, type, subtype, payload};
+  row.again = Encoded(std::get<T>(DecodeMessage(row.encoded).body));
+  return row;
 }
 
-// Header, size rule and the zero bytes behind the last field.
-void ExpectFrame(const std::vector<std::byte>& bytes, std::uint16_t type, std::uint16_t subtype,
-                 std::size_t payload, std::size_t spare) {
-  EXPECT_EQ(At<std::uint64_t>(bytes, 0), 0x20251212C0DEDEADu);
-  EXPECT_EQ(At<std::uint64_t>(bytes, 8), kOrigin.time_ms);
-  EXPECT_EQ(At<std::uint16_t>(bytes, 16), type);
-  EXPECT_EQ(At<std::uint16_t>(bytes, 18), subtype);
-  EXPECT_EQ(At<std::uint8_t>(bytes, 20), 1);
-  EXPECT_EQ(U32(bytes, 21), kOrigin.pid);
-  EXPECT_EQ(U32(bytes, 25), payload);
-  ASSERT_EQ(bytes.size(), 30 + payload);
-  for (std::size_t i = bytes.size() - spare; i < bytes.size(); ++i) EXPECT_EQ(bytes[i], std::byte{0});
+// One of each kind, and with its texts left out.
+std::vector<Row> Rows() {
+  using namespace std::string_view_literals;
+  return {
+      MakeRow(ProcessStart{7, "a.exe", "a.exe -x"}, 2, 1,
+              Payload().U8(1).U32({7, 15}).Text("a.exe\0a.exe -x\0\0"sv)),
+      MakeRow(ProcessStart{7, "a.exe", {}}, 2, 1, Payload().U8(1).U32({7, 6}).Text("a.exe\0\0"sv)),
+      MakeRow(ProcessEvent{1, 2, 3, 1157, "child.exe"}, 2, 0,
+              Payload().U32({1, 2, 3, 1157, 10}).Text("child.exe\0\0"sv)),
+      MakeRow(ProcessEvent{1, 3, 3, 5, {}}, 2, 0, Payload().U32({1, 3, 3, 5, 0}).Text("\0"sv)),
+      MakeRow(CrashNotice{0xC0000005, 2, 99}, 2, 2, Payload().U64(0).U32({0xC0000005, 2, 99})),
+      MakeRow(FileAudit{5, 5, 2, 3, "C:\\a", "C:\\\xC3\xA4"}, 3, 0,
+              Payload().U32({5, 5, 2, 3, 5, 0, 6, 5, 11}).Text("C:\\a\0C:\\\xC3\xA4\0\0"sv)),
+      MakeRow(FileAudit{1, 5, 1, 0, "C:\\a", {}}, 3, 0,
+              Payload().U32({1, 5, 1, 0, 5, 0, 0, 5, 5}).Text("C:\\a\0\0"sv)),
+      MakeRow(FileAudit{}, 3, 0, Payload().U32({0, 0, 0, 0, 0, 0, 0, 0, 0}).Text("\0"sv)),
+      MakeRow(NetAudit{8, 5, 0, 6, 443, 50000, "192.0.2.1", "10.0.0.1", "a.example"}, 3, 2,
+              Payload()
+                  .U32({8, 5, 0, 6, 443, 50000, 10, 0, 9, 10, 10, 19, 29})
+                  .Text("192.0.2.1\00010.0.0.1\0a.example\0\0"sv)),
+      // Empty addresses keep their terminator, an empty domain is absent.
+      MakeRow(NetAudit{}, 3, 2, Payload().U32({0, 0, 0, 0, 0, 0, 1, 0, 1, 1, 0, 2, 2}).Text("\0\0\0"sv)),
+      MakeRow(Sample{1, 0x1122334455667788, 2, 3, "host"}, 4, 1,
+              Payload().U64(0x1122334455667788).U64(2).U32({3, 5}).Text("host\0\0"sv)),
+      MakeRow(Sample{3, 1, 0, 0, {}}, 4, 3, Payload().U64(1).U64(0).U32({0, 0}).Text("\0"sv)),
+  };
 }
 
-std::string Chars(const std::vector<std::byte>& bytes, std::size_t offset, std::size_t count) {
-  return {reinterpret_cast<const char*>(bytes.data()) + offset, count};
-}
-
-using namespace std::string_literals;
-
-TEST(Message, ProcessStart) {
-  auto bytes = Encoded(ProcessStart{7, "a.exe", "a.exe -x"});
-  ExpectFrame(bytes, 2, 1, 15 + 10, 2);
-  EXPECT_EQ(At<std::uint8_t>(bytes, 29), 1);
-  EXPECT_EQ(U32(bytes, 30), 7u);
-  EXPECT_EQ(U32(bytes, 34), 15u);
-  EXPECT_EQ(Chars(bytes, 38, 15), "a.exe\0a.exe -x\0"s);
-  const Decoded decoded = DecodeMessage(bytes);
-  const auto& start = std::get<ProcessStart>(decoded.body);
-  EXPECT_EQ(start.parent_pid, 7u);
-  EXPECT_EQ(start.image_name, "a.exe");
-  EXPECT_EQ(start.command_line, "a.exe -x");
-
-  bytes = Encoded(ProcessStart{7, "a.exe", {}});
-  ExpectFrame(bytes, 2, 1, 6 + 10, 2);
-  EXPECT_EQ(std::get<ProcessStart>(DecodeMessage(bytes).body).command_line, "");
-}
-
-TEST(Message, ProcessEvent) {
-  const auto bytes = Encoded(ProcessEvent{1, 2, 3, 1157, "child.exe"});
-  ExpectFrame(bytes, 2, 0, 10 + 21, 2);
-  EXPECT_EQ(U32(bytes, 29), 1u);
-  EXPECT_EQ(U32(bytes, 33), 2u);
-  EXPECT_EQ(U32(bytes, 37), 3u);
-  EXPECT_EQ(U32(bytes, 41), 1157u);
-  EXPECT_EQ(U32(bytes, 45), 10u);
-  EXPECT_EQ(Chars(bytes, 49, 10), "child.exe\0"s);
-  EXPECT_EQ(std::get<ProcessEvent>(DecodeMessage(bytes).body).image_name, "child.exe");
-  ExpectFrame(Encoded(ProcessEvent{1, 3, 3, 5, {}}), 2, 0, 21, 2);
-}
-
-TEST(Message, CrashNotice) {
-  const auto bytes = Encoded(CrashNotice{0xC0000005, 2, 99});
-  ExpectFrame(bytes, 2, 2, 20, 1);
-  EXPECT_EQ(At<std::uint64_t>(bytes, 29), 0u);
-  EXPECT_EQ(U32(bytes, 37), 0xC0000005u);
-  EXPECT_EQ(U32(bytes, 41), 2u);
-  EXPECT_EQ(U32(bytes, 45), 99u);
-  EXPECT_EQ(std::get<CrashNotice>(DecodeMessage(bytes).body).thread_id, 99u);
-}
-
-TEST(Message, FileAudit) {
-  auto bytes = Encoded(FileAudit{5, 5, 2, 3, "C:\\a", "C:\\\xC3\xA4"});
-  ExpectFrame(bytes, 3, 0, 5 + 6 + 37, 2);
-  const std::uint32_t fields[] = {5, 5, 2, 3, 5, 0, 6, 5, 11};
-  for (std::size_t i = 0; i < std::size(fields); ++i) EXPECT_EQ(U32(bytes, 29 + 4 * i), fields[i]) << i;
-  EXPECT_EQ(Chars(bytes, 65, 11), "C:\\a\0C:\\\xC3\xA4\0"s);
-  const Decoded decoded = DecodeMessage(bytes);
-  EXPECT_EQ(std::get<FileAudit>(decoded.body).source, "C:\\a");
-  EXPECT_EQ(std::get<FileAudit>(decoded.body).destination, "C:\\\xC3\xA4");
-
-  bytes = Encoded(FileAudit{1, 5, 1, 0, "C:\\a", {}});
-  EXPECT_EQ(U32(bytes, 53), 0u);
-  EXPECT_EQ(U32(bytes, 57), 5u);
-  ExpectFrame(Encoded(FileAudit{}), 3, 0, 37, 2);
-}
-
-TEST(Message, NetAudit) {
-  auto bytes = Encoded(NetAudit{8, 5, 0, 6, 443, 50000, "192.0.2.1", "10.0.0.1", "a.example"});
-  ExpectFrame(bytes, 3, 2, 29 + 53, 2);
-  const std::uint32_t fields[] = {8, 5, 0, 6, 443, 50000, 10, 0, 9, 10, 10, 19, 29};
-  for (std::size_t i = 0; i < std::size(fields); ++i) EXPECT_EQ(U32(bytes, 29 + 4 * i), fields[i]) << i;
-  EXPECT_EQ(Chars(bytes, 81, 29), "192.0.2.1\00010.0.0.1\0a.example\0"s);
-  const Decoded decoded = DecodeMessage(bytes);
-  EXPECT_EQ(std::get<NetAudit>(decoded.body).destination, "192.0.2.1");
-  EXPECT_EQ(std::get<NetAudit>(decoded.body).source, "10.0.0.1");
-  EXPECT_EQ(std::get<NetAudit>(decoded.body).domain, "a.example");
-
-  bytes = Encoded(NetAudit{});  // empty addresses keep their terminator, an empty domain is absent
-  ExpectFrame(bytes, 3, 2, 2 + 53, 2);
-  EXPECT_EQ(U32(bytes, 53), 1u);
-  EXPECT_EQ(U32(bytes, 61), 1u);
-  EXPECT_EQ(U32(bytes, 69), 0u);
-  EXPECT_TRUE(DecodeMessage(bytes).Ok());
-}
-
-TEST(Message, Sample) {
-  const auto bytes = Encoded(Sample{1, 0x1122334455667788, 2, 3, "host"});
-  ExpectFrame(bytes, 4, 1, 5 + 25, 2);
-  EXPECT_EQ(At<std::uint64_t>(bytes, 29), 0x1122334455667788u);
-  EXPECT_EQ(At<std::uint64_t>(bytes, 37), 2u);
-  EXPECT_EQ(U32(bytes, 45), 3u);
-  EXPECT_EQ(U32(bytes, 49), 5u);
-  EXPECT_EQ(Chars(bytes, 53, 5), "host\0"s);
-  const Decoded decoded = DecodeMessage(bytes);
-  EXPECT_EQ(std::get<Sample>(decoded.body).subtype, 1);
-  EXPECT_EQ(std::get<Sample>(decoded.body).text, "host");
-  ExpectFrame(Encoded(Sample{3, 1, 0, 0, {}}), 4, 3, 25, 2);
-}
-
-std::vector<std::vector<std::byte>> OneOfEach() {
-  return {Encoded(ProcessStart{7, "a.exe", "a.exe -x"}),
-          Encoded(ProcessEvent{1, 2, 3, 1157, "child.exe"}),
-          Encoded(CrashNotice{0xC0000005, 2, 99}),
-          Encoded(FileAudit{5, 5, 2, 3, "C:\\a", "C:\\b"}),
-          Encoded(NetAudit{8, 5, 0, 6, 443, 50000, "192.0.2.1", "10.0.0.1", "a.example"}),
-          Encoded(Sample{1, 1, 2, 3, "host"})};
+TEST(Message, IsLaidOutToTheByteAndReadBack) {
+  for (const Row& row : Rows()) {
+    Payload whole;
+    whole.U64(0x20251212C0DEDEAD).U64(kOrigin.time_ms).U16(row.type).U16(row.subtype).U8(1);
+    whole.U32({kOrigin.pid, static_cast<std::uint32_t>(row.encoded.size() - 30)});
+    std::vector<std::byte> expected = whole.bytes();
+    expected.insert(expected.end(), row.payload.bytes().begin(), row.payload.bytes().end());
+    expected.push_back(std::byte{0});
+    EXPECT_EQ(row.encoded, expected) << row.type << "/" << row.subtype;
+    EXPECT_EQ(row.again, row.encoded) << row.type << "/" << row.subtype;
+  }
 }
 
 DecodeError DecodeWith(std::vector<std::byte> bytes, std::size_t offset, std::uint32_t value) {
@@ -188,7 +134,8 @@ TEST(Message, DecodingSaysWhatIsWrongAndWhere) {
 }
 
 TEST(Message, EveryTruncationIsRefusedAlsoWithAMatchingHeader) {
-  for (const auto& whole : OneOfEach()) {
+  for (const Row& row : Rows()) {
+    const auto& whole = row.encoded;
     ASSERT_TRUE(DecodeMessage(whole).Ok());
     for (std::size_t size = 0; size < whole.size(); ++size) {
       std::vector<std::byte> cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
@@ -203,8 +150,10 @@ TEST(Message, EveryTruncationIsRefusedAlsoWithAMatchingHeader) {
 
 TEST(Message, WhatDecodesFromDamagedBytesStaysInsideTheMessage) {
   std::mt19937 random(3);
+  const std::vector<Row> rows = Rows();
   for (int i = 0; i < 20'000; ++i) {
-    for (auto bytes : OneOfEach()) {
+    for (const Row& row : rows) {
+      auto bytes = row.encoded;
       for (int k = 0; k < 3; ++k)
         bytes[29 + random() % (bytes.size() - 29)] = static_cast<std::byte>(random() % 12);
       const Decoded decoded = DecodeMessage(bytes);

@@ -195,16 +195,6 @@ TEST(NetRules, DomainPatterns) {
   }
 }
 
-TEST(NetRules, MappedAddressesAreUnwrapped) {
-  IpAddress mapped = V6({0, 0, 0, 0, 0, 0xFFFF, 0xC000, 0x0201}, 1, 443);
-  const IpAddress plain = UnwrapMappedIPv4(mapped);
-  EXPECT_EQ(plain.family, kFamilyIPv4);
-  EXPECT_EQ(plain.port, 443);
-  EXPECT_EQ(plain.bytes, V4(192, 0, 2, 1, 0).bytes);
-  mapped.bytes[11] = 0;
-  EXPECT_EQ(UnwrapMappedIPv4(mapped).family, kFamilyIPv6);
-}
-
 TEST(NetRules, AddressRulesGiveTheAnswerOfThePlainScan) {
   std::mt19937 random(7);
   const auto below = [&](std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); };

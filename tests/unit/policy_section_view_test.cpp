@@ -87,21 +87,6 @@ TEST(SectionView, StringsThatLeaveTheMappingAreAbsent) {
   }
 }
 
-TEST(SectionView, FlagsHaveTheirBitsAndOthersChangeNothing) {
-  SectionBuilder builder;
-  for (const std::uint32_t unused : {0u, 0xFFFFFC00u}) {
-    builder.header().flags = unused | 0x07;
-    auto memory = builder.Build();
-    EXPECT_EQ(View(memory).LogLevelMask(), 7u);
-    EXPECT_FALSE(View(memory).IsDebugLogEnabled() || View(memory).IsFileCreateCheckOff() ||
-                 View(memory).IsNetCheckOff());
-    builder.header().flags = unused | 0x308;
-    memory = builder.Build();
-    EXPECT_TRUE(View(memory).IsDebugLogEnabled() && View(memory).IsFileCreateCheckOff() &&
-                View(memory).IsNetCheckOff());
-  }
-}
-
 TEST(SectionView, RulesOutsideTheTableOrTheMappingDoNotExist) {
   SectionBuilder builder;
   builder.FileRule(3, u"\\device\\a").FileRule(1, u"");
