@@ -16,7 +16,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <span>
 #include <string>
@@ -63,6 +65,18 @@ class TestFolder {
   TestFolder(const TestFolder&) = delete;
   TestFolder& operator=(const TestFolder&) = delete;
   const std::filesystem::path& path() const { return path_; }
+  // What lies in it, by name ("sub\\f.txt").
+  std::filesystem::path Path(const std::string& name) const { return path_ / name; }
+  std::string Dos(const std::string& name) const { return host::ToUtf8(Path(name).wstring()); }
+  void Write(const std::string& name, const std::string& text) const {
+    std::ofstream(Path(name), std::ios::binary) << text;
+  }
+  // Content, or "(none)".
+  std::string Read(const std::string& name) const {
+    std::ifstream file(Path(name), std::ios::binary);
+    if (!file) return "(none)";
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
 
  private:
   std::filesystem::path path_;

@@ -93,14 +93,14 @@ TEST_F(FileChangeE2E, DeletionsCanBeTakenBack) {
 }
 
 TEST_F(FileChangeE2E, FolderWithEntriesStaysAndAnEmptyOneGoes) {
-  std::filesystem::create_directories(script.folder() / "write/empty");
+  std::filesystem::create_directories(script.path() / "write/empty");
   script.Add(Open("write", "10000", "1001")).Add("close 0");
   script.Add(Open("write\\empty", "10000", "1001")).Add("close 0");
   const ScriptRun run = script.Run(script.Rules());
   EXPECT_EQ(run.answers, (Answers{kOk, kOk, kOk, kOk}));
   EXPECT_EQ(run.audits, (Audits{Recycled("write"), Recycled("write\\empty")}));
   EXPECT_EQ(script.Read("write\\f.txt"), "old");
-  EXPECT_FALSE(std::filesystem::exists(script.folder() / "write/empty"));
+  EXPECT_FALSE(std::filesystem::exists(script.path() / "write/empty"));
   EXPECT_EQ(InRecycleBin("write"), 0);
 }
 
@@ -129,7 +129,7 @@ TEST_F(FileChangeE2E, RenamesAreJudgedByBothEnds) {
     EXPECT_EQ(script.Read(name), "(none)") << name;
 
   script.Write("write\\f.txt", "old");
-  std::filesystem::remove(script.folder() / "write/h.txt");
+  std::filesystem::remove(script.path() / "write/h.txt");
   const ScriptRun control = script.Run(script.NoRefusals());
   EXPECT_EQ(control.answers[7], kOk);
   EXPECT_TRUE(control.audits.empty());

@@ -30,11 +30,11 @@ TEST(FileOpenE2E, EveryDecisionAndStep) {
   const auto created = [&](FileACL access, const char* name) {
     return Refusal(AuditType::kCreate, access, script.Dos(name));
   };
-  std::filesystem::create_directory(script.folder() / "bad");
+  std::filesystem::create_directory(script.path() / "bad");
   script.Write("bad\\f.txt", "old");
   const auto link = [&] {
-    return CreateHardLinkW((script.folder() / "write/both.txt").c_str(),
-                           (script.folder() / "read/f.txt").c_str(), nullptr);
+    return CreateHardLinkW((script.path() / "write/both.txt").c_str(), (script.path() / "read/f.txt").c_str(),
+                           nullptr);
   };
   ASSERT_TRUE(link());
 
@@ -121,9 +121,9 @@ TEST(FileOpenE2E, EveryDecisionAndStep) {
 // The bytes of an audit, field by field, as they crossed the pipe.
 TEST(FileOpenE2E, AuditIsLaidOutAsTheHostExpects) {
   FileScript script;
-  std::filesystem::create_directory(script.folder() / L"deny\u00FC\u4E2D");
+  std::filesystem::create_directory(script.path() / L"deny\u00FC\u4E2D");
   script.Write("f", "");
-  const std::filesystem::path file = script.folder() / L"deny\u00FC\u4E2D" / L"f.txt";
+  const std::filesystem::path file = script.path() / L"deny\u00FC\u4E2D" / L"f.txt";
   const auto utf8 = host::ToUtf8(file.wstring());
   script.Add("create 0 80000000 1 20 \\??\\" + utf8);
   const ScriptRun run = script.Run({{FileACL::kDeny, host::ToNtPath(file.wstring())}}, 0);
@@ -160,7 +160,7 @@ TEST(FileOpenE2E, NoSpellingGetsAroundARule) {
   const std::vector<std::string> spellings = {
       "\\??\\" + file,       "\\??\\" + upper,
       "\\??\\" + doubled,    "\\DosDevices\\" + file,
-      "\\GLOBAL??\\" + file, host::ToUtf8(host::ToNtPath(script.folder().wstring())) + "\\deny\\f.txt"};
+      "\\GLOBAL??\\" + file, host::ToUtf8(host::ToNtPath(script.path().wstring())) + "\\deny\\f.txt"};
   for (const std::string& name : spellings) script.Add("create 0 80000000 1 20 " + name);
   script.Add("create 0 100001 1 21 " + script.Nt("")).Add("below 1 80000000 0 deny\\f.txt");
   script.Add("create 2 100001 1 21 " + script.Nt("write")).Add("below 3 80000000 2 f.txt");
@@ -208,8 +208,8 @@ TEST(FileOpenE2E, NoRefusalIsLostUnreported) {
   constexpr std::uint32_t kLogInfoAlone = 0x08;
   constexpr int kThreads = 8;
   FileScript script;
-  std::filesystem::create_directory(script.folder() / "denied");
-  std::filesystem::create_directory(script.folder() / "open");
+  std::filesystem::create_directory(script.path() / "denied");
+  std::filesystem::create_directory(script.path() / "open");
   const int count = LongForm("VORN_STORM", 300);
   script.Add("storm " + std::to_string(kThreads) + " " + std::to_string(count) + " " + script.Nt(""));
   script.KeepLogLines(" msg, pid ");

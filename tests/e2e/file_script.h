@@ -53,30 +53,18 @@ struct ScriptRun {
   }
 };
 
-class FileScript {
+class FileScript : public TestFolder {
  public:
   static constexpr std::uint32_t kEverythingLogged = 0x0F;
 
   FileScript() {
     for (const char* name : {"deny", "read", "write"}) {
-      std::filesystem::create_directory(folder() / name);
+      std::filesystem::create_directory(Path(name));
       Write(std::string(name) + "\\f.txt", "old");
     }
   }
 
-  const std::filesystem::path& folder() const { return folder_.path(); }
-  std::string Dos(const std::string& name) const { return (folder() / name).string(); }
   std::string Nt(const std::string& name) const { return "\\??\\" + Dos(name); }
-
-  void Write(const std::string& name, const std::string& text) const {
-    std::ofstream(folder() / name, std::ios::binary) << text;
-  }
-  // Content, or "(none)".
-  std::string Read(const std::string& name) const {
-    std::ifstream file(folder() / name, std::ios::binary);
-    if (!file) return "(none)";
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
 
   // The rules that the names of the folders say.
   std::vector<host::FileRule> Rules() const {
@@ -85,7 +73,7 @@ class FileScript {
   // Everything may be written.
   std::vector<host::FileRule> NoRefusals() const { return {Rule(FileACL::kReadWrite, "")}; }
   host::FileRule Rule(FileACL access, const std::string& name) const {
-    return {access, host::ToNtPath((folder() / name).wstring())};
+    return {access, host::ToNtPath(Path(name).wstring())};
   }
 
   FileScript& Add(const std::string& command) {
@@ -100,7 +88,7 @@ class FileScript {
   }
 
   ScriptRun Run(const std::vector<host::FileRule>& rules, std::uint32_t flags = kEverythingLogged) const {
-    const std::filesystem::path script = folder() / "script.txt", answers = folder() / "answers.txt";
+    const std::filesystem::path script = Path("script.txt"), answers = Path("answers.txt");
     {
       std::ofstream text(script, std::ios::binary);
       for (const std::string& command : commands_) text << command << "\n";
@@ -129,7 +117,7 @@ class FileScript {
       if (line.find(kept_log_lines_) != line.npos) run.log.append(line) += '\n';
     });
     run.exit_code = host.Run(Probe("file_probe.exe", L"\"" + script.wstring() + L"\" \"" +
-                                                         (folder() / last).wstring() + L"\" " + last),
+                                                         (path() / last).wstring() + L"\" " + last),
                              {.standard_output = output});
     CloseHandle(output);
     run.messages = host.Settle();
@@ -151,7 +139,6 @@ class FileScript {
   }
 
  private:
-  TestFolder folder_;
   std::vector<std::string> commands_;
   std::string kept_log_lines_;
 };

@@ -19,7 +19,7 @@ struct Session {
   bool Says(const std::string& part) const { return text.find(part) != std::string::npos; }
 };
 
-class VornExe : public testing::Test {
+class VornExe : public testing::Test, public TestFolder {
  protected:
   VornExe() {
     for (const char* name : {"denied", "protected", "work"}) {
@@ -27,16 +27,6 @@ class VornExe : public testing::Test {
       Write(std::string(name) + "\\f.txt", std::string("old ") + name);
     }
     Write("policy.toml", "[files]\ndeny = ['" + Dos("denied") + "']\nwrite = ['" + Dos("work") + "']\n");
-  }
-
-  fs::path Path(const std::string& name) const { return folder_.path() / name; }
-  std::string Dos(const std::string& name) const { return host::ToUtf8(Path(name).wstring()); }
-  void Write(const std::string& name, const std::string& text) const {
-    std::ofstream(Path(name), std::ios::binary) << text;
-  }
-  std::string Read(const std::string& name) const {
-    std::ifstream file(Path(name), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
   }
 
   // meanwhile: called while vorn runs, with its process.
@@ -84,8 +74,6 @@ class VornExe : public testing::Test {
     ADD_FAILURE() << program << " was not started";
     return 0;
   }
-
-  TestFolder folder_;
 };
 
 TEST_F(VornExe, ShowsWhatWasRefusedAndWhyAndReturnsTheProgramsCode) {
@@ -114,7 +102,7 @@ TEST_F(VornExe, ShowsWhatWasRefusedAndWhyAndReturnsTheProgramsCode) {
   EXPECT_EQ(refusals, 2);
 
   // The control run: the same batch file, nothing forbidden.
-  Write("policy.toml", "[files]\nwrite = ['" + host::ToUtf8(folder_.path().wstring()) + "']\n");
+  Write("policy.toml", "[files]\nwrite = ['" + host::ToUtf8(path().wstring()) + "']\n");
   const Session control = Run("cmd /c \"" + Dos("try.bat") + "\"");
   EXPECT_TRUE(control.Says("old denied"));
   EXPECT_TRUE(control.Says("0 refused")) << control.text;

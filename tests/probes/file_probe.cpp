@@ -17,7 +17,6 @@
 //   delete NAME                                   NtDeleteFile
 //   move FLAGS FROM|TO                            MoveFileExW, drive-letter paths; prints the Win32 error
 //   unreadable COUNT                              calls with unreadable pointers; prints how many failed
-//   denials COUNT NAME                            COUNT opens for reading; prints how many were refused
 //   storm THREADS COUNT FOLDER                    each thread opens and closes a file of FOLDER\open and is
 //                                                 refused THREAD_NUMBER of FOLDER\denied; prints how often
 //                                                 and failures, and on a line of its own how many handles
@@ -161,15 +160,6 @@ int Unreadable(int count) {
   return refused;
 }
 
-int Denials(int count, const std::wstring& name) {
-  int refused = 0;
-  for (int i = 0; i < count; ++i) {
-    HANDLE file = nullptr;
-    refused += Create(&file, GENERIC_READ, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, Name(name)) == kRefused;
-  }
-  return refused;
-}
-
 void Storm(int threads, int count, const std::wstring& folder) {
   std::atomic<int> refused = 0, failures = 0;
   const auto run = [&](int first, int end) {
@@ -257,9 +247,6 @@ void Execute(const std::string& line) {
     printf("%lu\n", moved ? 0 : GetLastError());
   } else if (command == "unreadable") {
     printf("%d\n", Unreadable(static_cast<int>(words.Decimal())));
-  } else if (command == "denials") {
-    const int count = static_cast<int>(words.Decimal());
-    printf("%d\n", Denials(count, words.Rest()));
   } else if (command == "storm") {
     const int threads = static_cast<int>(words.Decimal()), count = static_cast<int>(words.Decimal());
     Storm(threads, count, words.Rest());

@@ -20,6 +20,7 @@
 #include <cstring>
 #include <cwchar>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -72,43 +73,32 @@ DWORD SpawnWithEntry(const wchar_t* entry, const std::wstring& command) {
   return Spawn(command, &block);
 }
 
-DWORD SpawnTwice(const std::wstring& command) {
+DWORD SpawnSuspended(const std::wstring& command, bool twice) {
   PROCESS_INFORMATION process{};
   if (const DWORD error = Start(command, CREATE_SUSPENDED, nullptr, process)) return error;
-  SuspendThread(process.hThread);
-  if (ResumeThread(process.hThread) != 2 || ResumeThread(process.hThread) != 1) return ERROR_INVALID_STATE;
-  return ExitCode(process.hProcess);
-}
-
-DWORD SpawnClosed(const std::wstring& command) {
-  PROCESS_INFORMATION process{};
-  if (const DWORD error = Start(command, CREATE_SUSPENDED, nullptr, process)) return error;
-  CloseHandle(process.hProcess);
+  if (twice) {
+    SuspendThread(process.hThread);
+    if (ResumeThread(process.hThread) != 2) return ERROR_INVALID_STATE;
+  } else {
+    CloseHandle(process.hProcess);
+  }
   if (ResumeThread(process.hThread) != 1) return ERROR_INVALID_STATE;
-  HANDLE again = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, process.dwProcessId);
-  return again ? ExitCode(again) : GetLastError();
-}
-
-struct StormState {
-  std::wstring command;
-  std::atomic<int> left;
-  std::atomic<int> lost{0};
-};
-
-DWORD WINAPI StormThread(void* context) {
-  auto& state = *static_cast<StormState*>(context);
-  while (state.left.fetch_sub(1) > 0)
-    if (Spawn(state.command) != 0) ++state.lost;
-  return 0;
+  if (!twice)
+    process.hProcess =
+        OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, process.dwProcessId);
+  return process.hProcess ? ExitCode(process.hProcess) : GetLastError();
 }
 
 DWORD Storm(int threads, int count, const std::wstring& command) {
-  StormState state{command, count};
-  std::vector<HANDLE> running;
+  std::atomic<int> left = count;
+  std::atomic<DWORD> lost = 0;
+  std::vector<std::thread> running;
   for (int i = 0; i < threads; ++i)
-    running.push_back(CreateThread(nullptr, 0, StormThread, &state, 0, nullptr));
-  WaitForMultipleObjects(static_cast<DWORD>(threads), running.data(), TRUE, INFINITE);
-  return static_cast<DWORD>(state.lost);
+    running.emplace_back([&] {
+      while (left.fetch_sub(1) > 0) lost += Spawn(command) != 0;
+    });
+  for (std::thread& thread : running) thread.join();
+  return lost;
 }
 
 DWORD Open(const wchar_t* path) {
@@ -126,8 +116,8 @@ int Do(int argc, wchar_t** argv) {
   if (verb == L"load") return LoadLibraryW(first) ? 0 : static_cast<int>(GetLastError());
   if (verb == L"spawn") return static_cast<int>(Spawn(After(2)));
   if (verb == L"spawn_env") return static_cast<int>(SpawnWithEntry(first, After(3)));
-  if (verb == L"spawn_twice") return static_cast<int>(SpawnTwice(After(2)));
-  if (verb == L"spawn_closed") return static_cast<int>(SpawnClosed(After(2)));
+  if (verb == L"spawn_twice") return static_cast<int>(SpawnSuspended(After(2), true));
+  if (verb == L"spawn_closed") return static_cast<int>(SpawnSuspended(After(2), false));
   if (verb == L"storm" && argc > 4)
     return static_cast<int>(Storm(static_cast<int>(wcstol(first, nullptr, 10)),
                                   static_cast<int>(wcstol(argv[3], nullptr, 10)), After(4)));

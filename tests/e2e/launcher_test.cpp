@@ -1,16 +1,9 @@
-// The launcher with real processes and real injection. The injected DLL stands in the library's place, so
-// that a start can go wrong in every way; the started program is this one, as "probe".
-#include <gtest/gtest.h>
-
-#include <cstdio>
+// The launcher with real processes, the real library and real injection. The started program is this one, as
+// "probe".
 #include <string>
-#include <thread>
 
-#include "Platform/nt.h"
-#include "build_paths.h"
 #include "ipc/port/unique_handle.h"
-#include "vorn/launcher.h"
-#include "vorn/text.h"
+#include "tests/e2e/confinement.h"
 
 namespace {
 
@@ -61,24 +54,14 @@ int ProbeMain(const std::string& job, const std::string& argument) {
 
 class HostLauncher : public testing::Test {
  protected:
-  static SectionContents Contents() {
+  SectionContents Contents() const {
     SectionContents contents;
-    contents.core_x64 = vorn::test::BuildPath("start_dll.dll").wstring();
+    contents.UseLibrariesIn(vorn::test::ThisProgram().parent_path().wstring());
+    contents.log_directory = folder.path().wstring();
+    contents.server_port = server.port_name();
     return contents;
   }
 
-  LaunchFailure FailureOf(const LaunchOptions& options) {
-    auto result = launcher.Start(options);
-    if (auto* failure = std::get_if<LaunchFailure>(&result)) return *failure;
-    ADD_FAILURE() << "the program was started";
-    return {};
-  }
-  // The failure of a start whose library does what VORN_TEST_START says.
-  LaunchFailure FailureOfStart(const std::wstring& mode) {
-    return FailureOf({.command_line = ProbeCommand(L"exit 0"),
-                      .environment = {{L"VORN_TEST_START", mode}},
-                      .start_timeout = mode == L"hang" ? 500ms : 30'000ms});
-  }
   std::uint32_t ExitCodeOf(const LaunchOptions& options) {
     auto result = launcher.Start(options);
     if (auto* failure = std::get_if<LaunchFailure>(&result)) {
@@ -88,6 +71,8 @@ class HostLauncher : public testing::Test {
     return std::get<ConfinedProcess>(result).Wait(30s).value_or(~0u);
   }
 
+  vorn::test::TestFolder folder;
+  MessageServer server{RandomName(L"vorn_launcher"), {}};
   SharedSection section{Contents()};
   Launcher launcher{section};
 };
@@ -135,44 +120,60 @@ TEST_F(HostLauncher, EnvironmentAndFolderAreTheProgramsOwn) {
 }
 
 TEST_F(HostLauncher, AFailedStartNamesItsStageAndLeavesNothingRunning) {
-  const auto expect = [&](const std::wstring& mode, LaunchStage stage, std::uint32_t code,
-                          std::string_view part) {
-    const LaunchFailure failure = FailureOfStart(mode);
+  const auto expect = [&](void (*spoil)(SectionContents&), LaunchOptions options, LaunchStage stage,
+                          std::uint32_t code, std::string_view part) {
+    SectionContents contents = Contents();
+    spoil(contents);
+    if (options.command_line.empty()) options.command_line = ProbeCommand(L"sleep x");
+    const SharedSection spoiled(contents);
+    if (options.start_timeout == 500ms)  // the library has no event to set
+      reinterpret_cast<vorn::policy::SharedDataHeader*>(spoiled.bytes().data())
+          ->create_process_event_prefix = {};
+    Launcher other(spoiled);
+    const auto result = other.Start(options);
+    ASSERT_TRUE(std::holds_alternative<LaunchFailure>(result)) << part;
+    const auto& failure = std::get<LaunchFailure>(result);
+    EXPECT_TRUE(other.WaitForAll(0ms));
     EXPECT_EQ(failure.stage, stage) << failure.text;
     EXPECT_EQ(failure.code, code) << failure.text;
     EXPECT_NE(failure.text.find(part), std::string::npos) << failure.text;
   };
-  expect(L"100000cb", LaunchStage::kSectionName, ERROR_ENVVAR_NOT_FOUND,
-         "variable is missing (exit code 0x100000cb)");
-  expect(L"1000000a", LaunchStage::kSectionName, ERROR_BAD_ENVIRONMENT, "too long");
-  expect(L"20000666", LaunchStage::kSection, ERROR_PRODUCT_VERSION, "magic number or version");
-  expect(L"20000002", LaunchStage::kSection, ERROR_FILE_NOT_FOUND, Win32ErrorText(ERROR_FILE_NOT_FOUND));
-  expect(L"40000008", LaunchStage::kThreadStorage, ERROR_NOT_ENOUGH_MEMORY, "thread storage");
-  expect(L"80000003", LaunchStage::kLog, ERROR_PATH_NOT_FOUND, "log files");
-  expect(L"45a", LaunchStage::kManagers, ERROR_DLL_INIT_FAILED, "hooks");
-  expect(L"eed00a4d", LaunchStage::kScratch, 0xEED00A4D, "scratch");
-  expect(L"5", LaunchStage::kExited, 5, "exit code 5");
-  expect(L"false", LaunchStage::kLoad, static_cast<std::uint32_t>(STATUS_DLL_INIT_FAILED),
-         "failed to initialise");
-  expect(L"hang", LaunchStage::kTimeout, 0, "500 ms");
-  EXPECT_TRUE(launcher.WaitForAll(0ms));
+  const auto nothing = [](SectionContents&) {};
+  expect(nothing, {.command_line = L"C:\\windows\\no_such_program.exe --flag"}, LaunchStage::kCreate,
+         ERROR_FILE_NOT_FOUND, "program.exe");
+  expect([](SectionContents& c) { c.core_x64 = L"C:\\no\\such\\vorn_core.dll"; }, {}, LaunchStage::kInject,
+         ERROR_MOD_NOT_FOUND, "vorn_core.dll");
+  expect([](SectionContents& c) { c.log_directory += L"\\missing"; }, {}, LaunchStage::kLog,
+         ERROR_PATH_NOT_FOUND, "log files");
+  expect([](SectionContents& c) { c.server_port = L"vorn_no_such_port"; }, {}, LaunchStage::kManagers,
+         ERROR_DLL_INIT_FAILED, "hooks");
+  expect(nothing, {.start_timeout = 500ms}, LaunchStage::kTimeout, 0, "500 ms");
 }
 
-TEST_F(HostLauncher, WhatCannotBeStartedOrInjectedSaysWhy) {
-  LaunchFailure failure = FailureOf({.command_line = L"C:\\no\\such\\program.exe --flag"});
-  EXPECT_EQ(failure.stage, LaunchStage::kCreate);
-  EXPECT_NE(failure.text.find("program.exe"), std::string::npos) << failure.text;
-
-  SectionContents contents = Contents();
-  contents.core_x64 = L"C:\\no\\such\\vorn_core.dll";
-  const SharedSection without_library(contents);
-  Launcher other(without_library);
-  auto result = other.Start({.command_line = ProbeCommand(L"exit 0")});
-  ASSERT_TRUE(std::holds_alternative<LaunchFailure>(result));
-  failure = std::get<LaunchFailure>(result);
-  EXPECT_EQ(failure.stage, LaunchStage::kInject);
-  EXPECT_NE(failure.text.find("vorn_core.dll"), std::string::npos) << failure.text;
-  EXPECT_TRUE(other.WaitForAll(0ms)) << "it was ended";
+TEST(StartUpExit, CodeSaysStageAndReason) {
+  const struct {
+    std::uint32_t exit_code;
+    LaunchStage stage;
+    std::uint32_t code;
+    std::string part;
+  } cases[] = {
+      {0x100000CB, LaunchStage::kSectionName, ERROR_ENVVAR_NOT_FOUND,
+       "variable is missing (exit code 0x100000cb)"},
+      {0x1000000A, LaunchStage::kSectionName, ERROR_BAD_ENVIRONMENT, "too long"},
+      {0x20000666, LaunchStage::kSection, ERROR_PRODUCT_VERSION, "magic number or version"},
+      {0x20000002, LaunchStage::kSection, ERROR_FILE_NOT_FOUND, Win32ErrorText(ERROR_FILE_NOT_FOUND)},
+      {0x40000008, LaunchStage::kThreadStorage, ERROR_NOT_ENOUGH_MEMORY, "thread storage"},
+      {0xEED00A4D, LaunchStage::kScratch, 0xEED00A4D, "scratch"},
+      {5, LaunchStage::kExited, 5, "exit code 5"},
+      {static_cast<std::uint32_t>(STATUS_DLL_INIT_FAILED), LaunchStage::kLoad,
+       static_cast<std::uint32_t>(STATUS_DLL_INIT_FAILED), "failed to initialise"},
+  };
+  for (const auto& c : cases) {
+    const LaunchFailure failure = DescribeStartUpExit(c.exit_code);
+    EXPECT_EQ(failure.stage, c.stage) << failure.text;
+    EXPECT_EQ(failure.code, c.code) << failure.text;
+    EXPECT_NE(failure.text.find(c.part), std::string::npos) << failure.text;
+  }
 }
 
 TEST_F(HostLauncher, TheTreeBelongsToTheLauncherAndEndsWithIt) {
