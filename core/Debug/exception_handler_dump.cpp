@@ -17,6 +17,7 @@ using vorn::policy::kDumpTagUnits;
 
 constexpr std::size_t kPathUnits = 520;
 constexpr DWORD kDumpThreadStack = 0x10000;
+constexpr DWORD kLoadDelayMs = 500;          // a process that ends before that need not load anything
 constexpr DWORD kStartPatienceMs = 10'000;   // for a dump thread that has not started yet
 constexpr DWORD kOthersPatienceMs = 60'000;  // for the dumps of other threads that crashed meanwhile
 constexpr DWORD kPollMs = 10;
@@ -137,9 +138,12 @@ bool ExceptionHandlerDump::WaitUntilDone() noexcept {
 // The dump thread.
 
 DWORD WINAPI ExceptionHandlerDump::DumpThreadProc(void* self) noexcept {
+  auto* const writer = static_cast<ExceptionHandlerDump*>(self);
   const std::uintptr_t started = thread_start ? thread_start() : 0;
-  if (const auto dump = platform::Native().LoadMiniDumpWriteDump())
-    static_cast<ExceptionHandlerDump*>(self)->ServeRequests(dump);
+  // The start of a program is not slowed by a library that only crashes need; a request does not wait for it.
+  if (WaitForSingleObject(writer->hRequest_, kLoadDelayMs) == WAIT_OBJECT_0)
+    ReleaseSemaphore(writer->hRequest_, 1, nullptr);
+  if (const auto dump = platform::Native().LoadMiniDumpWriteDump()) writer->ServeRequests(dump);
   if (thread_end) thread_end(started);
   return 0;
 }
