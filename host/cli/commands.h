@@ -11,8 +11,8 @@ namespace vorn::cli {
 
 // Exit codes of vorn itself; `run` otherwise returns the program's.
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitMistake =
-    1;  // check: mistakes found; restore: something was left; dump: unreadable
+// check: mistakes found; restore: something was left in the bin; dump: the file cannot be read.
+inline constexpr int kExitMistake = 1;
 inline constexpr int kExitCannotRun = 125;  // policy, section or confinement failed
 inline constexpr int kExitNotFound = 127;   // the program was not found
 
