@@ -245,17 +245,6 @@ TEST(Injection, RepairOfAZeroImportSizeIsReportedWithoutTouchingTheLastError) {
       L"import table size for you! ! !]\r\n");
 }
 
-TEST(Injection, SecondUpdateBeforeTheFirstRunIsUndoneWithIt) {
-  const ScratchFile second(kDll, "twice_injection.dll");
-  Child child(kProbe);
-  ASSERT_TRUE(child.Inject({kDll.c_str()}));
-  ASSERT_TRUE(child.Inject({kDll.c_str()}));
-  ASSERT_TRUE(child.Inject({second.path().c_str()}));
-  EXPECT_EQ(child.RunToEnd(), kProbeExit);
-  EXPECT_STREQ((*child.record)->order, "tiTM");
-  EXPECT_TRUE((*child.record)->header_is_the_files);
-}
-
 TEST(Injection, MissingDllKeepsTheProgramFromRunning) {
   Child child(kProbe);
   ASSERT_TRUE(child.Inject({"C:\\no\\such.dll"}));

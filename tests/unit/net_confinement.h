@@ -23,6 +23,7 @@
 #include "build_paths.h"
 #include "tests/net_rules.h"
 #include "tests/sockets.h"
+#include "vorn/event.h"
 #include "vorn/message_server.h"
 #include "vorn/section.h"
 #include "vorn/text.h"
@@ -37,15 +38,14 @@ using vorn::test::Local;
 using vorn::test::Local6;
 using vorn::test::Socket;
 
-struct Audit {
-  std::uint32_t type, error, verdict, protocol, destination_port, source_port;
-  std::string destination, source, domain;
-};
-
 // What arrived at the host.
 class HostMessages {
  public:
-  HostMessages() : server_(vorn::host::RandomName(L"vorn_net"), Handlers()) {}
+  HostMessages()
+      : server_(vorn::host::RandomName(L"vorn_net"),
+                {.on_message = [this](const vorn::host::Peer& peer, std::span<const std::byte> message) {
+                  Take(vorn::host::DecodeEvent(message, peer.pid));
+                }}) {}
 
   const std::wstring& port() const { return server_.port_name(); }
 
@@ -54,8 +54,8 @@ class HostMessages {
     audits_.clear();
   }
 
-  // The audits that have arrived when there are at least count of them, or after three seconds.
-  std::vector<Audit> Audits(std::size_t count) {
+  // The lines of the audits that have arrived when there are at least count of them, or after three seconds.
+  std::vector<std::string> Audits(std::size_t count) {
     std::unique_lock lock(mutex_);
     arrived_.wait_for(lock, std::chrono::seconds(3), [&] { return audits_.size() >= count; });
     return audits_;
@@ -74,22 +74,11 @@ class HostMessages {
   }
 
  private:
-  vorn::host::MessageHandlers Handlers() {
-    vorn::host::MessageHandlers handlers;
-    handlers.on_message = [this](const vorn::host::Peer&, std::span<const std::byte> message) {
-      Take(message);
-    };
-    return handlers;
-  }
-
-  void Take(std::span<const std::byte> message) {
-    const auto decoded = vorn::policy::DecodeMessage(message);
+  void Take(const vorn::host::Event& event) {
     std::lock_guard lock(mutex_);
-    if (const auto* audit = std::get_if<vorn::policy::NetAudit>(&decoded.body))
-      audits_.push_back({audit->type, audit->error, audit->verdict, audit->protocol, audit->destination_port,
-                         audit->source_port, std::string(audit->destination), std::string(audit->source),
-                         std::string(audit->domain)});
-    if (const auto* sample = std::get_if<vorn::policy::Sample>(&decoded.body)) {
+    if (std::holds_alternative<vorn::host::NetEvent>(event.body))
+      audits_.push_back(vorn::host::EventLine(event));
+    if (const auto* sample = std::get_if<vorn::host::SampleEvent>(&event.body)) {
       if (sample->subtype == 3) marker_ = sample->first;
     }
     arrived_.notify_all();
@@ -97,7 +86,7 @@ class HostMessages {
 
   std::mutex mutex_;
   std::condition_variable arrived_;
-  std::vector<Audit> audits_;
+  std::vector<std::string> audits_;
   std::uint64_t marker_ = 0;
   vorn::host::MessageServer server_;
 };

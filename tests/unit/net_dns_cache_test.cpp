@@ -57,10 +57,6 @@ class Records {
     Add(owner, DNS_TYPE_CNAME).Data.CNAME.pNameHost = const_cast<PWSTR>(target);
     return *this;
   }
-  Records& Other(const wchar_t* owner, WORD type) {
-    Add(owner, type);
-    return *this;
-  }
   DNS_RECORDW* list() { return list_.empty() ? nullptr : &list_.front(); }
 
  private:
@@ -128,16 +124,6 @@ TEST(DnsCache, MappedAddressesAreIPv4AndZeroAddressesAreNoAnswer) {
   AddInfo(cache, L"zero.test", {V4(0), zero6});
   EXPECT_EQ(NameOf(cache, V4(0)), L"");
   EXPECT_EQ(NameOf(cache, zero6), L"");
-}
-
-TEST(DnsCache, ARecordListFilesEveryAddressUnderTheAskedName) {
-  DnsCache cache;
-  Records records;
-  records.CNAME(L"www.test", L"cdn.test").Other(L"x", DNS_TYPE_MX).A(L"cdn.test", 7).AAAA(L"cdn.test", V6(7));
-  cache.AddDnsRecords(L"www.test", reinterpret_cast<DNS_RECORD*>(records.list()));
-  EXPECT_EQ(NameOf(cache, V4(7)), L"www.test");
-  EXPECT_EQ(NameOf(cache, V6(7)), L"www.test");
-  cache.AddDnsRecords("ansi.test", reinterpret_cast<DNS_RECORD*>(Records().A(L"", 8).list()));
 }
 
 TEST(DnsCache, NullMembersAndShortAddressesAddNothing) {

@@ -23,7 +23,6 @@ NTSTATUS NTAPI LdrUnlockLoaderLock(ULONG flags, ULONG_PTR cookie);
 namespace VornCore::test {
 namespace {
 
-constexpr std::uint32_t kConnect = 8, kSend = 9, kRecv = 10, kTcp = 6, kUdp = 17;
 constexpr std::uint8_t kAllowed = 1, kDenied = 2;
 
 class NetHooks : public ::testing::Test {
@@ -59,19 +58,17 @@ class NetHooks : public ::testing::Test {
     EXPECT_EQ(GetThreadState()->bInNetCall, 0);
   }
 
-  static std::vector<Audit> Audits(std::size_t count) { return Confinement::Get().host().Audits(count); }
+  static std::vector<std::string> Audits(std::size_t count) {
+    return Confinement::Get().host().Audits(count);
+  }
 
-  // Exactly one audit came, with these facts.
-  static void ExpectAudit(std::uint32_t type, std::uint32_t verdict, const std::string& destination,
-                          std::uint16_t port, std::uint32_t protocol) {
+  // Exactly one audit came, and says this of a destination at 127.0.0.last.
+  static void ExpectAudit(const std::string& what, std::uint8_t last, std::uint16_t port) {
     const auto audits = Audits(1);
     ASSERT_EQ(audits.size(), 1u);
-    EXPECT_EQ(audits[0].type, type);
-    EXPECT_EQ(audits[0].verdict, verdict);
-    EXPECT_EQ(audits[0].error, verdict ? 0u : static_cast<std::uint32_t>(ERROR_ACCESS_DENIED));
-    EXPECT_EQ(audits[0].destination, destination);
-    EXPECT_EQ(audits[0].destination_port, port);
-    EXPECT_EQ(audits[0].protocol, protocol);
+    const std::string text =
+        "] " + what + " 127.0.0." + std::to_string(last) + ":" + std::to_string(port) + " ";
+    EXPECT_NE(audits[0].find(text), std::string::npos) << audits[0];
     Confinement::Get().host().Forget();
   }
   static void ExpectNoAudit() {
@@ -98,7 +95,7 @@ TEST_F(NetHooks, AnOwnServerIsReachedWhateverTheRulesSay) {
   listen(server, 5);
   Socket client(AF_INET, SOCK_STREAM);
   EXPECT_EQ(connect(client, &at.any, at.length()), 0) << WSAGetLastError();
-  ExpectAudit(kConnect, 1, "127.0.0.2", at.port(), kTcp);
+  ExpectAudit("connect tcp", kDenied, at.port());
 }
 
 TEST_F(NetHooks, SocketsThatTheLibraryDidNotSeeCreatedAreNotChecked) {
@@ -122,12 +119,12 @@ TEST_F(NetHooks, WithoutAnAddressThePeerDecides) {
   ExpectNoAudit();
 
   EXPECT_EQ(connect(client, &peer.address.any, peer.address.length()), 0);
-  ExpectAudit(kConnect, 1, "127.0.0.1", peer.address.port(), kUdp);
+  ExpectAudit("connect udp", kAllowed, peer.address.port());
   EXPECT_EQ(Send(client, nullptr), 5);
   Confinement::Get().SetRules({DefaultRule(0)});
   EXPECT_EQ(Send(client, nullptr), -1);
   EXPECT_EQ(WSAGetLastError(), WSAENETUNREACH);
-  ExpectAudit(kSend, 0, "127.0.0.1", peer.address.port(), kUdp);
+  ExpectAudit("refused send udp", kAllowed, peer.address.port());
 }
 
 // A client socket that has sent, so that it is no server, and a peer on each side.
