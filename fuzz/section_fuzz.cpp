@@ -81,10 +81,17 @@ void CheckNetRules(const SectionView& section) {
       address.bytes[k] = static_cast<std::uint8_t>(own.bytes[k]);
     const NetRulePorts ports = section.PortsOf(*rule);
     for (std::uint32_t k = 0; k < ports.size(); ++k) address.port = ports[k];
-    const AddressRuleMatch match = MatchAddressRules(section, address);
-    const NetRuleMatch literal = test::LiteralMatchAddressRules(section, address);
-    Require(match.decided == literal.decided && match.verdict == literal.verdict &&
-            match.rule_index == literal.rule_index);
+    constexpr std::uint32_t kNone = 128;
+    const std::uint32_t prefix = rule->prefix_length;
+    // Also where one bit differs, just inside and just behind the prefix.
+    for (const std::uint32_t bit : {kNone, prefix - 1, prefix}) {
+      IpAddress near = address;
+      if (bit < kNone) near.bytes[bit / 8] ^= static_cast<std::uint8_t>(0x80 >> bit % 8);
+      const AddressRuleMatch match = MatchAddressRules(section, near);
+      const NetRuleMatch literal = test::LiteralMatchAddressRules(section, near);
+      Require(match.decided == literal.decided && match.verdict == literal.verdict &&
+              match.rule_index == literal.rule_index);
+    }
 
     const std::u16string domain = u"a." + Copy(section.DomainOf(*rule));
     const NetDecision decision = DecideDestination(section, domain, &address);

@@ -64,31 +64,32 @@ struct Client {
   Client() : Client(RandomName(L"client")) {}
   explicit Client(std::wstring name) : local(std::move(name)) {
     callbacks.OnRecvData = [](void* self, const void* data, std::uint32_t bytes) {
-      auto& client = *static_cast<Client*>(self);
-      std::lock_guard lock(client.mutex);
-      client.received.emplace_back(static_cast<const char*>(data), bytes);
-      client.changed.notify_all();
+      Note(self, [&](Client& c) { c.received.emplace_back(static_cast<const char*>(data), bytes); });
     };
     callbacks.OnIpcError = [](void* self, const char* text) {
-      std::lock_guard lock(static_cast<Client*>(self)->mutex);
-      static_cast<Client*>(self)->errors.emplace_back(text);
+      Note(self, [&](Client& c) { c.errors.emplace_back(text); });
     };
     callbacks.OnConnectAuth = [](void* self, std::uint32_t pid, std::uint32_t, const char* port) {
-      auto& client = *static_cast<Client*>(self);
-      client.auth_pid = pid;
-      client.auth_port = port;
-      return client.accept;
+      Note(self, [&](Client& c) {
+        c.auth_pid = pid;
+        c.auth_port = port;
+      });
+      return static_cast<Client*>(self)->accept;
     };
     callbacks.OnDisconnectNotify = [](void* self, std::uint32_t, std::uint32_t, const char*) {
-      auto& client = *static_cast<Client*>(self);
-      std::lock_guard lock(client.mutex);
-      ++client.disconnects;
-      client.changed.notify_all();
+      Note(self, [&](Client& c) { ++c.disconnects; });
     };
     callbacks.context = this;
   }
   ~Client() { StopLoop(); }
 
+  template <class Change>
+  static void Note(void* self, Change change) {
+    auto& client = *static_cast<Client*>(self);
+    std::lock_guard lock(client.mutex);
+    change(client);
+    client.changed.notify_all();
+  }
   bool Init(const std::wstring& server) {
     return library.ipc->Init(local.c_str(), server.c_str(), &callbacks);
   }
@@ -125,31 +126,20 @@ struct Client {
 // The host's side, recorded.
 struct Host {
   explicit Host(bool accept = true)
-      : server(RandomName(L"host"), {.on_message =
-                                         [this](const Peer& peer, std::span<const std::byte> message) {
-                                           std::lock_guard lock(mutex);
-                                           received.emplace_back(peer.pid, Text(message));
-                                           changed.notify_all();
-                                         },
-                                     .on_connect =
-                                         [this, accept](const Peer& peer) {
-                                           std::lock_guard lock(mutex);
-                                           connected.push_back(peer);
-                                           changed.notify_all();
-                                           return accept;
-                                         },
-                                     .on_disconnect =
-                                         [this](const Peer& peer) {
-                                           std::lock_guard lock(mutex);
-                                           gone.push_back(peer.pid);
-                                           changed.notify_all();
-                                         },
-                                     .on_error =
-                                         [this](const std::string& text) {
-                                           std::lock_guard lock(mutex);
-                                           errors.push_back(text);
-                                           changed.notify_all();
-                                         }}) {}
+      : server(RandomName(L"host"),
+               {.on_message =
+                    [this](const Peer& peer, std::span<const std::byte> message) {
+                      Note(received, std::pair(peer.pid, Text(message)));
+                    },
+                .on_connect = [this, accept](const Peer& peer) { return Note(connected, peer), accept; },
+                .on_disconnect = [this](const Peer& peer) { Note(gone, peer.pid); },
+                .on_error = [this](const std::string& text) { Note(errors, text); }}) {}
+  template <class List, class Item>
+  void Note(List& list, Item item) {
+    std::lock_guard lock(mutex);
+    list.push_back(std::move(item));
+    changed.notify_all();
+  }
   ~Host() { server.Stop(); }
   template <class Predicate>
   bool WaitFor(Predicate predicate) {
@@ -188,8 +178,7 @@ struct Process {
   PROCESS_INFORMATION info{};
 };
 
-// ---- what the client process does
-// ------------------------------------------------------------------------------
+// ---- What the client process does ----
 
 int SendNumbered(Client& client, int count) {
   for (int i = 0; i < count; ++i) {
@@ -236,8 +225,7 @@ int ClientMain(const std::wstring& job, const std::wstring& port, int count) {
   return 6;
 }
 
-// ---- tests
-// -----------------------------------------------------------------------------------------------------
+// ---- Tests ----
 
 TEST(IpcPort, ThousandsOfMessagesOfAProcessArriveWholeAndInOrderThoughItHasEnded) {
   Host host;

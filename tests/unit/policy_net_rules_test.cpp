@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "Policy/net_rules.h"
-#include "literal_rules.h"
 #include "section_builder.h"
 
 namespace vorn::policy {
@@ -193,43 +190,6 @@ TEST(NetRules, DomainPatterns) {
   for (const auto& c : cases) {
     EXPECT_EQ(DomainMatches(c.pattern, c.domain), c.matches) << "case " << &c - cases;
   }
-}
-
-TEST(NetRules, AddressRulesGiveTheAnswerOfThePlainScan) {
-  std::mt19937 random(7);
-  const auto below = [&](std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); };
-  const auto address = [&](std::uint32_t family) {
-    IpAddress result{.family = family, .port = static_cast<std::uint16_t>(below(3))};
-    for (std::uint8_t& byte : result.bytes) byte = below(8) ? 0 : static_cast<std::uint8_t>(below(256));
-    return result;
-  };
-  const auto family = [&] { return below(2) ? kFamilyIPv4 : kFamilyIPv6; };
-  int decided = 0;
-  for (int i = 0; i < 3'000; ++i) {
-    SectionBuilder builder;
-    if (below(2)) builder.Misalign();
-    for (std::uint32_t rules = below(12); rules > 0; --rules) {
-      NetRuleFields fields = AddressRule(below(3), address(family()), below(140));
-      for (std::uint32_t ports = below(3); ports > 0; --ports)
-        fields.ports.push_back(static_cast<std::uint16_t>(below(3)));
-      if (below(10) == 0) fields.address.resize(below(40));
-      if (below(10) == 0) fields.kind = static_cast<NetRuleKind>(below(5));
-      builder.NetRule(fields);
-      if (below(20) == 0) builder.net_rules().back().address.offset = below(2) ? below(2000) : random();
-      if (below(20) == 0) builder.net_rules().back().ports.offset = below(2) ? below(2000) : random();
-    }
-    const auto memory = builder.Build();
-    for (int k = 0; k < 20; ++k) {
-      const IpAddress destination = address(family());
-      const AddressRuleMatch match = MatchAddressRules(SectionView{memory}, destination);
-      const NetRuleMatch literal = test::LiteralMatchAddressRules(SectionView{memory}, destination);
-      ASSERT_EQ(match.decided, literal.decided) << i;
-      ASSERT_EQ(match.verdict, literal.verdict) << i;
-      ASSERT_EQ(match.rule_index, literal.rule_index) << i;
-      decided += match.decided ? 1 : 0;
-    }
-  }
-  EXPECT_GT(decided, 10'000);
 }
 
 }  // namespace
