@@ -22,11 +22,10 @@ namespace {
 using vorn::policy::ClassifyDevicePath;
 using vorn::policy::DeviceKind;
 using vorn::policy::kDevicePrefix;
+using vorn::policy::kDriveUnits;
 using vorn::policy::kMupPrefix;
 using vorn::policy::StartsWithNoCase;
 using vorn::policy::U16;
-
-constexpr std::size_t kDriveUnits = 6;  // \??\C:
 
 const wchar_t* temp_nt_path;       // with a trailing backslash; never freed
 std::wstring_view temp_directory;  // the same, counted

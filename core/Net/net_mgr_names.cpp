@@ -23,6 +23,16 @@ const DNS_RECORD* Answer(DNS_STATUS status, PDNS_RECORD* results) noexcept {
   return status == ERROR_SUCCESS && platform::ReadGuarded(results, list) ? list : nullptr;
 }
 
+// The three forms of DnsQuery_*, which differ in the encoding of the name.
+template <class Name, class Query>
+DNS_STATUS RunDnsQuery(const Name* name, PDNS_RECORD* results, const Query& query) {
+  NetHandler handler;
+  const DNS_STATUS status = handler.RealInNetCall(query);
+  platform::LastErrorKeeper keep;
+  GetDnsCache().AddDnsRecords(name, Answer(status, results));
+  return status;
+}
+
 // An overlapped GetAddrInfoExW that runs on storage of the library's own: the caller's OVERLAPPED and result
 // may be gone when a query ends that nobody waits for any more.
 struct OverlappedQuery {
@@ -176,35 +186,23 @@ INT CNetMgr::GetAddrInfoExW(PCWSTR pName, PCWSTR pServiceName, DWORD dwNameSpace
 
 DNS_STATUS CNetMgr::DnsQuery_A(PCSTR pszName, WORD wType, DWORD Options, PVOID pExtra,
                                PDNS_RECORD* ppQueryResults, PVOID* pReserved, bool*) {
-  NetHandler handler;
-  const DNS_STATUS status = handler.RealInNetCall([&] {
+  return RunDnsQuery(pszName, ppQueryResults, [&] {
     return Dnsapi::CallOriginalDnsQuery_A(pszName, wType, Options, pExtra, ppQueryResults, pReserved);
   });
-  platform::LastErrorKeeper keep;
-  GetDnsCache().AddDnsRecords(pszName, Answer(status, ppQueryResults));
-  return status;
 }
 
 DNS_STATUS CNetMgr::DnsQuery_UTF8(PCSTR pszName, WORD wType, DWORD Options, PVOID pExtra,
                                   PDNS_RECORD* ppQueryResults, PVOID* pReserved, bool*) {
-  NetHandler handler;
-  const DNS_STATUS status = handler.RealInNetCall([&] {
+  return RunDnsQuery(pszName, ppQueryResults, [&] {
     return Dnsapi::CallOriginalDnsQuery_UTF8(pszName, wType, Options, pExtra, ppQueryResults, pReserved);
   });
-  platform::LastErrorKeeper keep;
-  GetDnsCache().AddDnsRecords(pszName, Answer(status, ppQueryResults));
-  return status;
 }
 
 DNS_STATUS CNetMgr::DnsQuery_W(PCWSTR pszName, WORD wType, DWORD Options, PVOID pExtra,
                                PDNS_RECORD* ppQueryResults, PVOID* pReserved, bool*) {
-  NetHandler handler;
-  const DNS_STATUS status = handler.RealInNetCall([&] {
+  return RunDnsQuery(pszName, ppQueryResults, [&] {
     return Dnsapi::CallOriginalDnsQuery_W(pszName, wType, Options, pExtra, ppQueryResults, pReserved);
   });
-  platform::LastErrorKeeper keep;
-  GetDnsCache().AddDnsRecords(pszName, Answer(status, ppQueryResults));
-  return status;
 }
 
 DNS_STATUS CNetMgr::DnsQueryEx(PDNS_QUERY_REQUEST pQueryRequest, PDNS_QUERY_RESULT pQueryResults,

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Platform/wine_paths.h"
+#include "Policy/device_path.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
 
@@ -13,12 +14,12 @@ namespace VornCore::platform::wine {
 namespace {
 
 using vorn::policy::EqualsNoCase;
+using vorn::policy::kDriveUnits;
 using vorn::policy::U16;
 using vorn::policy::W;
 
 constexpr std::size_t kMaxEntries = 20000;  // directory entries looked at for one file
 constexpr ULONGLONG kMaxMilliseconds = 250;
-constexpr std::size_t kDriveUnits = 6;     // \??\C:
 constexpr std::size_t kPageBytes = 16384;  // one directory query
 constexpr std::size_t kMaxNameUnits = 32767;
 

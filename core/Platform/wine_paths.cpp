@@ -13,6 +13,7 @@
 namespace VornCore::platform::wine {
 namespace {
 
+using vorn::policy::kDriveUnits;
 using vorn::policy::StartsWithNoCase;
 using vorn::policy::U16;
 
@@ -21,8 +22,7 @@ constexpr std::wstring_view kVolumePrefix = L"\\Device\\HarddiskVolume";
 constexpr std::wstring_view kMup = L"\\Device\\Mup";
 constexpr std::wstring_view kUnc = L"\\??\\UNC";
 constexpr std::wstring_view kUnix = L"\\??\\unix";
-constexpr std::size_t kDriveUnits = 6;  // \??\C:
-constexpr wchar_t kUnixDrive = L'Z';    // Wine maps it to the root of the Unix file system
+constexpr wchar_t kUnixDrive = L'Z';  // Wine maps it to the root of the Unix file system
 
 bool StartsWith(std::wstring_view text, std::wstring_view prefix) {
   return StartsWithNoCase(U16(text), U16(prefix));

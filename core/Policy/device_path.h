@@ -19,6 +19,8 @@ inline constexpr std::u16string_view kLanmanRedirectorPrefix = u"\\device\\mup\\
 inline constexpr std::u16string_view kHardDiskVolumePrefix = u"\\device\\harddiskvolume";
 inline constexpr std::u16string_view kRecycleBinFolder = u"\\$recycle.bin\\";
 
+inline constexpr std::size_t kDriveUnits = 6;  // \??\C:
+
 enum class DeviceKind : std::uint32_t {
   kNone = 0,  // an ordinary file-system path
   kPipe = 1,
