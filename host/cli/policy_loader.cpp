@@ -6,19 +6,15 @@
 #include <iterator>
 
 #include "commands.h"
+#include "vorn/environment.h"
 #include "vorn/text.h"
 
 namespace vorn::cli {
 namespace {
 
 std::optional<std::string> EnvironmentVariable(std::string_view name) {
-  std::wstring value(32767, L'\0');
-  SetLastError(ERROR_SUCCESS);
-  const DWORD length =
-      GetEnvironmentVariableW(host::ToWide(name).c_str(), value.data(), static_cast<DWORD>(value.size()));
-  if (length == 0 && GetLastError() == ERROR_ENVVAR_NOT_FOUND) return {};
-  value.resize(length);
-  return host::ToUtf8(value);
+  const std::wstring value = host::EnvironmentValue(host::ToWide(name).c_str());
+  return value.empty() ? std::nullopt : std::optional(host::ToUtf8(value));
 }
 
 void PrintTo(std::FILE* stream, const std::string& text) {

@@ -9,6 +9,7 @@
 
 #include "commands.h"
 #include "run_report.h"
+#include "vorn/environment.h"
 #include "vorn/launcher.h"
 #include "vorn/message_server.h"
 #include "vorn/text.h"
@@ -59,8 +60,7 @@ std::wstring OwnFolder() {
 std::wstring Directory(const std::string& from_policy, const char* table, const wchar_t* name) {
   std::filesystem::path path(host::ToWide(from_policy));
   if (path.empty()) {
-    std::wstring base(32767, L'\0');
-    base.resize(GetEnvironmentVariableW(L"LOCALAPPDATA", base.data(), static_cast<DWORD>(base.size())));
+    const std::wstring base = host::EnvironmentValue(L"LOCALAPPDATA");
     if (base.empty())
       throw std::runtime_error(
           fmt::format("%LOCALAPPDATA% is not set: name a directory under [{}] in the policy", table));

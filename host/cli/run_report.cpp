@@ -167,11 +167,12 @@ void RunReport::PrintSummary(const std::string& end) const {
   if (crashes_) PrintErrorLine(fmt::format("vorn: {} crash{}:", crashes_, crashes_ == 1 ? "" : "es"));
   for (const std::string& line : crash_lines_) PrintErrorLine("vorn:   " + line);
   if (policy_.document().has_network)
-    PrintErrorLine(fmt::format("vorn: {} connections allowed", connections_));
+    PrintErrorLine(fmt::format("vorn: {} connection{} allowed", connections_, connections_ == 1 ? "" : "s"));
   if (journal_.count() != 0)
     PrintErrorLine(fmt::format("vorn: {} moved to the recycle bin; put back with: vorn restore {}",
                                journal_.count(), journal_.run()));
-  if (malformed_) PrintErrorLine(fmt::format("vorn: {} malformed messages", malformed_));
+  if (malformed_)
+    PrintErrorLine(fmt::format("vorn: {} malformed message{}", malformed_, malformed_ == 1 ? "" : "s"));
 }
 
 }  // namespace vorn::cli

@@ -1,4 +1,4 @@
-#include "environment.h"
+#include "vorn/environment.h"
 
 #include <algorithm>
 #include <memory>

@@ -10,9 +10,9 @@
 #include <thread>
 
 #include "detours/detours.h"
-#include "environment.h"
 #include "ipc/port/unique_handle.h"
 #include "ipc/port/user_only_security.h"
+#include "vorn/environment.h"
 #include "vorn/text.h"
 
 namespace vorn::host {

@@ -10,8 +10,8 @@
 #include <memory>
 
 #include "Policy/file_time.h"
-#include "environment.h"
 #include "ipc/port/unique_handle.h"
+#include "vorn/environment.h"
 #include "vorn/recycle_info.h"
 
 namespace vorn::host {

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "environment.h"
+#include "vorn/environment.h"
 #include "vorn/text.h"
 
 namespace vorn::host {
