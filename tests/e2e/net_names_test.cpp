@@ -97,12 +97,8 @@ class NameServer {
 const char* const kWays[] = {"hostent",          "addrinfo", "addrinfo_narrow", "addrinfoex",
                              "addrinfoex_event", "dns_a",    "dns_w",           "dns_utf8"};
 
-class NetNames : public ::testing::Test {
+class NetNames : public NetTest {
  protected:
-  static void SetUpTestSuite() {
-    WSADATA data;
-    ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
-  }
   void SetUp() override {
     Address anywhere{};
     anywhere.any.sa_family = AF_INET;

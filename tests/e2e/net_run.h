@@ -16,6 +16,14 @@ struct NetRun {
   std::vector<Received> messages;
 };
 
+class NetTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    WSADATA data;
+    ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+  }
+};
+
 // A program, with its standard output kept. Without rules, nothing of the network is confined.
 inline NetRun RunProgram(const std::wstring& command_line, const std::vector<host::NetRule>& rules) {
   TestFolder folder;

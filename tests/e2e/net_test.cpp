@@ -110,12 +110,8 @@ void Check(const std::vector<Case>& cases, const std::vector<host::NetRule>& rul
   EXPECT_EQ(next, confined.audits.size());
 }
 
-class Net : public ::testing::Test {
+class Net : public NetTest {
  protected:
-  static void SetUpTestSuite() {
-    WSADATA data;
-    ASSERT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
-  }
   Servers servers;
 };
 

@@ -33,18 +33,6 @@ TEST(Strings, NothingConvertsToNothing) {
   EXPECT_EQ(CopyBytesZ("x", 0), nullptr);
 }
 
-TEST(Strings, NumbersInEveryBase) {
-  wchar_t buffer[33];
-  EXPECT_STREQ(UIntToWide(255, 16, buffer), L"ff");
-  EXPECT_STREQ(UIntToWide(0, 10, buffer), L"0");
-  EXPECT_STREQ(UIntToWide(UINT32_MAX, 10, buffer), L"4294967295");
-  EXPECT_STREQ(UIntToWide(UINT32_MAX, 2, buffer), std::wstring(32, L'1').c_str());
-  EXPECT_STREQ(UIntToWide(35, 36, buffer), L"z");
-  EXPECT_EQ(UIntToWide(1, 1, buffer), nullptr);
-  EXPECT_EQ(UIntToWide(1, 37, buffer), nullptr);
-  EXPECT_EQ(UIntToWide(1, 10, nullptr), nullptr);
-}
-
 TEST(ProcessFacts, AreNothingForWhatIsNoProcess) {
   HANDLE no_process = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   EXPECT_EQ(GetProcessMachine(no_process), 0u);

@@ -188,34 +188,31 @@ TEST(Interception, AFunctionThatSomebodyElsePatchedKeepsTheirPatchBelowOurs) {
   Byte* target = code.Put(0, {RETURNS(7)});
   Byte* their_detour = theirs.Put(0, {RETURNS(9)});
   const auto distance = static_cast<std::int32_t>(their_detour - (target + 5));
-  Byte jump[5] = {0xE9};
-  memcpy(jump + 1, &distance, 4);
-  code.Put(0, {jump[0], jump[1], jump[2], jump[3], jump[4]});
-  const auto before = Bytes(target);
+  Byte d[4];
+  memcpy(d, &distance, 4);
   const auto their_code = Bytes(their_detour);
-
-  real = target;
-  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
-  EXPECT_EQ(Call(target), 109);
-  EXPECT_EQ(Bytes(their_detour), their_code);
-  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
-  EXPECT_EQ(Bytes(target), before);
-
+  const auto expect_ours_above = [&] {
+    const auto before = Bytes(target);
+    real = target;
+    ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+    EXPECT_EQ(Call(target), 109);
+    EXPECT_EQ(Bytes(their_detour), their_code);
+    ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+    EXPECT_EQ(Bytes(target), before);
+  };
+  code.Put(0, {0xE9, d[0], d[1], d[2], d[3]});
+  expect_ours_above();
   // The same with an address behind the jump: jmp [rip+0]; address. That is no import stub to follow.
   code.Put(0, {0xFF, 0x25, 0, 0, 0, 0});
   code.Put(6, their_detour);
-  real = target;
-  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
-  EXPECT_EQ(Call(target), 109);
-  EXPECT_EQ(Bytes(their_detour), their_code);
-  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+  expect_ours_above();
 
   // And the other way round: what lies over ours is not taken away.
   code.Put(0, {RETURNS(7)});
   real = target;
   ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
   const auto ours = Bytes(target, 5);
-  code.Put(0, {jump[0], jump[1], jump[2], jump[3], jump[4]});
+  code.Put(0, {0xE9, d[0], d[1], d[2], d[3]});
   void* const trampoline = real;
   EXPECT_EQ(Detach(real, Address(PlusHundred)), ERROR_INVALID_BLOCK);
   EXPECT_EQ(real, trampoline);

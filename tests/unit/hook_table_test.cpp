@@ -8,7 +8,6 @@
 #include "VornCore/Hook/dnsapi.h"
 #include "VornCore/Hook/hook_entry.h"
 #include "VornCore/Hook/hook_table.h"
-#include "VornCore/Hook/kernel_base.h"
 #include "VornCore/Hook/ntdll.h"
 #include "VornCore/Hook/ws2_32.h"
 
@@ -116,25 +115,6 @@ TEST_F(NtdllHooks, OperationThatIsNotOverriddenPerformsTheRealCallAndDecides) {
   EXPECT_EQ(DeleteByName(), unhooked_status_);
   EXPECT_EQ(calls, "");
   Ntdll::UnregisterNtDeleteFileListener(&without_opinion);
-}
-
-TEST(KernelBaseHooks, ExceptionFilterIsInterceptedAndGivenBack) {
-  class Filter : public IKernelBaseApiListener {
-   public:
-    LPTOP_LEVEL_EXCEPTION_FILTER SetUnhandledExceptionFilter(LPTOP_LEVEL_EXCEPTION_FILTER, bool*) override {
-      ++calls;
-      return nullptr;
-    }
-    int calls = 0;
-  } filter;
-  ASSERT_TRUE(KernelBase::Init());
-  ASSERT_TRUE(KernelBase::RegisterSetUnhandledExceptionFilterListener(&filter));
-  ::SetUnhandledExceptionFilter(nullptr);
-  EXPECT_EQ(filter.calls, 1);
-  KernelBase::UnInit();
-  ::SetUnhandledExceptionFilter(nullptr);
-  EXPECT_EQ(filter.calls, 1);
-  KernelBase::UnregisterSetUnhandledExceptionFilterListener(&filter);
 }
 
 TEST(NeverInstalled, CallOriginalFailsAsTheFunctionWould) {

@@ -47,22 +47,6 @@ TEST(DevicePath, PipesMailslotsAndNetworkDevicesAreToldApart) {
   for (const auto& c : cases) EXPECT_EQ(ClassifyDevicePath(c.path), c.kind) << Narrow(c.path);
 }
 
-TEST(DevicePath, RunsOfBackslashesCollapse) {
-  const struct {
-    std::u16string path, collapsed;
-  } cases[] = {
-      {u"\\Device\\HarddiskVolume3\\\\a\\\\\\b", u"\\Device\\HarddiskVolume3\\a\\b"},
-      {u"\\\\\\\\", u"\\"},
-      {u"a\\\\", u"a\\"},
-      {u"aa", u"aa"},
-      {u"", u""},
-  };
-  for (auto c : cases) {
-    c.path.resize(CollapseBackslashes(c.path));
-    EXPECT_EQ(c.path, c.collapsed);
-  }
-}
-
 TEST(DevicePath, NothingButTheDirectoryAndWhatIsBelowItIsUnderIt) {
   constexpr std::u16string_view kTemp = u"\\Device\\HarddiskVolume3\\Temp\\";
   EXPECT_TRUE(IsUnder(u"\\device\\harddiskvolume3\\TEMP", kTemp));
@@ -107,21 +91,6 @@ TEST(DevicePath, NetworkDrivesMatchUpToTheirShare) {
   EXPECT_EQ(MatchNetworkDrive(u"\\device\\x\\server", u"\\device\\x\\server"), kNotFound);
   EXPECT_EQ(MatchNetworkDrive(u"\\device\\x\\", u"\\device\\x\\;"), kNotFound);
   EXPECT_EQ(MatchNetworkDrive(u"\\device\\x", u"\\device\\x"), kNotFound);
-}
-
-TEST(DevicePath, ShortNamesAreComponentsThatALongNameMayReplace) {
-  const auto first = [](std::u16string_view path, std::size_t from = 0) {
-    const ShortNameComponent component = FindShortName(path, from);
-    return component.Found() ? std::u16string(path.substr(component.begin, component.end - component.begin))
-                             : std::u16string();
-  };
-  EXPECT_EQ(first(u"\\v\\PROGRA~1\\x"), u"PROGRA~1");
-  EXPECT_EQ(first(u"\\v\\PROGRA~1.TXT"), u"PROGRA~1.TXT");
-  EXPECT_EQ(first(u"\\v\\~tmp\\x"), u"");
-  EXPECT_EQ(first(u"\\v\\A~B.C.D"), u"");
-  EXPECT_EQ(first(u"\\v\\ABCDEFGHIJK~1"), u"");
-  EXPECT_EQ(first(u"\\v\\~tmp\\LONGNA~1"), u"LONGNA~1");
-  EXPECT_EQ(first(u"\\v\\PROGRA~1\\LONGNA~1", 11), u"LONGNA~1");
 }
 
 }  // namespace
