@@ -3,12 +3,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <span>
 
 #include "detours/code/jump_chain.h"
 #include "detours/code/prologue.h"
 #include "detours/code/relocator.h"
+#include "fuzz/require.h"
 
 using namespace detours;
 
@@ -16,10 +16,6 @@ namespace {
 
 constexpr std::uint64_t kFrom = 0x6000'0000;
 constexpr std::uint64_t kTo = 0x5F00'0000;
-
-void Require(bool holds) {
-  if (!holds) abort();
-}
 
 }  // namespace
 

@@ -1,20 +1,16 @@
 // Any bytes as a message: what decodes lies inside the message and survives being encoded again.
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <variant>
 #include <vector>
 
 #include "Policy/message.h"
+#include "fuzz/require.h"
 
 namespace {
 
 using namespace vorn::policy;
-
-void Require(bool condition) {
-  if (!condition) std::abort();
-}
 
 template <typename... Views>
 std::string Joined(Views... views) {

@@ -1,20 +1,12 @@
 // Input: how to build an image, then changes to it (offset, value). Whatever results ends with a status, or
 // with an update whose block names exactly the bytes that it replaces.
-#include <cstdlib>
 #include <vector>
 
 #include "detours/code/pe_import_plan.h"
+#include "fuzz/require.h"
 #include "tests/unit/pe_builder.h"
 
 using namespace detours;
-
-namespace {
-
-void Require(bool condition) {
-  if (!condition) abort();
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;

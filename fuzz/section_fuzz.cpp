@@ -1,21 +1,17 @@
 // Any bytes as a configuration section: every accessor stays inside it, and the rules read from it give the
 // answers of the plain scan.
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "Policy/file_rules.h"
 #include "Policy/net_rules.h"
+#include "fuzz/require.h"
 #include "tests/unit/literal_rules.h"
 
 namespace {
 
 using namespace vorn::policy;
-
-void Require(bool condition) {
-  if (!condition) std::abort();
-}
 
 // A copy, which reads the text to its last unit.
 std::u16string Copy(SectionText text) {

@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -131,31 +130,6 @@ class Confinement {
     return codes;
   }
 
-  // The same for a program that reads its standard input before it ends, which is closed once a message for
-  // which arrived(message) is true has come in. What a program sends in its last moments may be lost with it.
-  std::int64_t RunUntil(const std::wstring& command_line,
-                        const std::function<bool(const Received&)>& arrived) {
-    HANDLE read_end = nullptr, write_end = nullptr;
-    if (!CreatePipe(&read_end, &write_end, nullptr, 0)) {
-      ADD_FAILURE() << "no pipe: " << GetLastError();
-      return -1;
-    }
-    std::int64_t code = -1;
-    auto started = launcher_.Start({.command_line = command_line, .standard_input = read_end});
-    CloseHandle(read_end);
-    if (const auto* failure = std::get_if<host::LaunchFailure>(&started)) {
-      ADD_FAILURE() << failure->text;
-    } else {
-      std::unique_lock lock(mutex_);
-      EXPECT_TRUE(changed_.wait_for(lock, kPatience, [&] { return std::ranges::any_of(received_, arrived); }))
-          << "the message does not arrive";
-    }
-    CloseHandle(write_end);
-    if (auto* process = std::get_if<host::ConfinedProcess>(&started))
-      if (const auto ended = process->Wait(kPatience)) code = *ended;
-    return code;
-  }
-
   // Waits for everything that was started, then gives the messages so far.
   std::vector<Received> Settle() {
     EXPECT_TRUE(launcher_.WaitForAll(kPatience));
@@ -183,12 +157,10 @@ class Confinement {
     if (watcher_) watcher_(message);
     std::lock_guard lock(mutex_);
     received_.push_back(std::move(message));
-    changed_.notify_all();
   }
 
   TestFolder folder_;
   std::mutex mutex_;
-  std::condition_variable changed_;
   std::vector<Received> received_;
   std::function<void(const Received&)> watcher_;
   host::MessageServer server_;

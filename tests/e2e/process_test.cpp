@@ -16,14 +16,6 @@ constexpr char kProbe[] = "process_probe.exe";
 
 std::wstring Self(const std::wstring& arguments) { return Probe(kProbe, arguments); }
 
-// Whether a message is a process event of this kind.
-auto Event(ProcessEventKind kind) {
-  return [kind](const Received& message) {
-    const auto* event = message.As<ProcessEvent>();
-    return event && event->kind == static_cast<std::uint32_t>(kind);
-  };
-}
-
 struct Counts {
   int injected = 0, failed = 0, exited = 0, starts = 0;
   std::vector<std::uint32_t> failed_codes, exited_codes;
@@ -115,9 +107,7 @@ TEST(Children, AreFollowedWhenTheirHandleIsClosedBeforeTheResume) {
 TEST(Children, ThatEndDuringTheirStartAreReportedWithTheirCode) {
   Confinement host;
   // The child finds no section: its library ends it before it signals.
-  const std::int64_t code =
-      host.RunUntil(Self(L"hold spawn_env VORN_SHARED_DATA_NAME=\\nowhere " + Self(L"exit 0")),
-                    Event(ProcessEventKind::kExitedImmediately));
+  const std::int64_t code = host.Run(Self(L"spawn_env VORN_SHARED_DATA_NAME=\\nowhere " + Self(L"exit 0")));
   const Counts counts = Count(host.Settle());
   EXPECT_EQ(counts.exited_codes, std::vector<std::uint32_t>{static_cast<std::uint32_t>(code)});
 }
@@ -138,16 +128,14 @@ TEST(Children, EndWhenTheLibraryCannotBeLoaded) {
     section.core_x86 = L"C:\\no\\such\\library.dll";  // takes the other path's place below
   });
   host.header().biz_dll_path_x64 = host.header().biz_dll_path_x86;
-  EXPECT_EQ(
-      host.RunUntil(Self(L"hold spawn " + Self(L"exit 0")), Event(ProcessEventKind::kExitedImmediately)),
-      kDllNotFound);
+  EXPECT_EQ(host.Run(Self(L"spawn " + Self(L"exit 0"))), kDllNotFound);
   EXPECT_EQ(Count(host.Settle()).exited_codes, std::vector<std::uint32_t>{kDllNotFound});
 }
 
 TEST(Children, OfAForeignKindAreReportedAsNotFollowed) {
   if (!GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version")) GTEST_SKIP() << "no such programs";
   Confinement host;
-  EXPECT_EQ(host.RunUntil(Self(L"hold spawn Z:\\bin\\true"), Event(ProcessEventKind::kInjectionFailed)), 0);
+  EXPECT_EQ(host.Run(Self(L"spawn Z:\\bin\\true")), 0);
   const Counts counts = Count(host.Settle());
   EXPECT_EQ(counts.failed_codes, std::vector<std::uint32_t>{ERROR_NOT_SUPPORTED});
   EXPECT_EQ(counts.failed_names, std::vector<std::string>{"true"});

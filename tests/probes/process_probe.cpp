@@ -11,7 +11,6 @@
 //   takes
 //                         two resumes
 //   spawn_closed COMMAND… the same, with the process handle closed before the resume
-//   hold VERB…            does what the rest says, then reads its standard input to the end
 //   storm THREADS COUNT COMMAND…   COUNT children from THREADS threads; the number that did not end with 0
 #include <windows.h>
 
@@ -27,12 +26,10 @@ namespace {
 
 constexpr DWORD kPatienceMs = 100'000;
 
-int skipped = 0;  // words before the verb, beyond the program's name
-
 // What follows the verb and count - 2 arguments in the command line, as it stands there.
 std::wstring After(int count) {
   const wchar_t* at = GetCommandLineW();
-  for (count += skipped; count > 0; --count) {
+  for (; count > 0; --count) {
     const wchar_t end = *at == L'"' ? *at++ : L' ';
     while (*at && *at != end) ++at;
     if (*at == L'"') ++at;
@@ -107,7 +104,9 @@ DWORD Open(const wchar_t* path) {
   return file == INVALID_HANDLE_VALUE ? GetLastError() : (CloseHandle(file), NO_ERROR);
 }
 
-int Do(int argc, wchar_t** argv) {
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
   const std::wstring verb = argc > 1 ? argv[1] : L"";
   const wchar_t* first = argc > 2 ? argv[2] : L"";
   if (verb == L"confined") return GetModuleHandleW(L"vorn_core.dll") ? 0 : 1;
@@ -122,21 +121,4 @@ int Do(int argc, wchar_t** argv) {
     return static_cast<int>(Storm(static_cast<int>(wcstol(first, nullptr, 10)),
                                   static_cast<int>(wcstol(argv[3], nullptr, 10)), After(4)));
   return ERROR_INVALID_FUNCTION;
-}
-
-void ReadInputToTheEnd() {
-  char byte;
-  DWORD read = 0;
-  while (ReadFile(GetStdHandle(STD_INPUT_HANDLE), &byte, 1, &read, nullptr) && read) {
-  }
-}
-
-}  // namespace
-
-int wmain(int argc, wchar_t** argv) {
-  if (argc < 2 || wcscmp(argv[1], L"hold") != 0) return Do(argc, argv);
-  skipped = 1;
-  const int result = Do(argc - 1, argv + 1);
-  ReadInputToTheEnd();
-  return result;
 }
