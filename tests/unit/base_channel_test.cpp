@@ -118,19 +118,13 @@ TEST_F(Channel, TransportThatFailsIsTakenDownAgain) {
 }
 
 TEST_F(Channel, ProcessStartIsTheFirstMessage) {
-  const std::uint64_t before = GetPreciseTimeMicros() / 1000;
   ASSERT_TRUE(channel::Init(kServer, false));
   EXPECT_TRUE(channel::Init(kServer, false)) << "it runs already";
   ASSERT_TRUE(WaitForSent(1));
   const policy::Decoded decoded = policy::DecodeMessage(sent[0]);
-  const auto* start = std::get_if<policy::ProcessStart>(&decoded.body);
-  ASSERT_NE(start, nullptr);
-  EXPECT_EQ(start->image_name, "base_channel_test.exe");
-  EXPECT_NE(start->command_line.find("base_channel_test"), std::string::npos);
-  EXPECT_EQ(decoded.header.pid, GetCurrentProcessId());
-  EXPECT_EQ(decoded.header.flag, 1);
-  EXPECT_GE(decoded.header.time_ms, before);
-  EXPECT_LE(decoded.header.time_ms, GetPreciseTimeMicros() / 1000);
+  EXPECT_TRUE(std::holds_alternative<policy::ProcessStart>(decoded.body));
+  const std::uint64_t now = GetPreciseTimeMicros() / 1000;
+  EXPECT_TRUE(decoded.header.time_ms <= now && now < decoded.header.time_ms + 60'000);
 
   EXPECT_EQ(calls, std::vector<std::string>{"Init"});
   EXPECT_STREQ(transport.server_port, kServer);
@@ -146,21 +140,6 @@ TEST_F(Channel, StopsWhatItStarted) {
   EXPECT_EQ(GetModuleHandleW(L"fake_transport.dll"), nullptr);
   EXPECT_FALSE(Send(Message(3, 0)));
   Start();  // and starts again
-}
-
-TEST_F(Channel, MessagesArriveWholeAndInOrder) {
-  Start();
-  std::vector<std::vector<std::byte>> messages;
-  for (std::uint16_t n = 0; n < 200; ++n) {
-    messages.push_back(Message(3, n, 30u + n * 37u));
-    for (std::size_t i = sizeof(policy::TIPHeader); i < messages.back().size(); ++i)
-      messages.back()[i] = static_cast<std::byte>(n + i);
-    auto copy = messages.back();
-    EXPECT_TRUE(Send(copy));
-    std::fill(copy.begin(), copy.end(), std::byte{0xEE});  // the channel has its own copy
-  }
-  ASSERT_TRUE(WaitForSent(messages.size()));
-  EXPECT_EQ(sent, messages);
 }
 
 TEST_F(Channel, RefusesWhatIsNoMessage) {
