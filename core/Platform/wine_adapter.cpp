@@ -34,17 +34,18 @@ NTSTATUS RespellName(UNICODE_STRING* name, ULONG bytes, ULONG* returned) {
 // A device path is longer than Wine's spelling of it by at most this much.
 constexpr ULONG kLongerByBytes = 64;
 
+// What a query for a name answers, on Windows; needed in and out.
+NTSTATUS RespellAnswer(NTSTATUS status, PVOID info, ULONG bytes, ULONG* needed) {
+  if (nt::Success(status)) return RespellName(static_cast<UNICODE_STRING*>(info), bytes, needed);
+  if (*needed) *needed += kLongerByBytes;
+  return status;
+}
+
 NTSTATUS NTAPI QueryObject(HANDLE handle, OBJECT_INFORMATION_CLASS info_class, PVOID info, ULONG bytes,
                            PULONG returned) {
   ULONG needed = 0;
   NTSTATUS status = ::NtQueryObject(handle, info_class, info, bytes, &needed);
-  if (info_class == nt::kObjectNameInformation) {
-    if (nt::Success(status)) {
-      status = RespellName(static_cast<UNICODE_STRING*>(info), bytes, &needed);
-    } else if (needed) {
-      needed += kLongerByBytes;
-    }
-  }
+  if (info_class == nt::kObjectNameInformation) status = RespellAnswer(status, info, bytes, &needed);
   if (returned) *returned = needed;
   return status;
 }
@@ -54,12 +55,8 @@ NTSTATUS NTAPI QueryInformationProcess(HANDLE process, PROCESSINFOCLASS info_cla
   ULONG needed = 0;
   NTSTATUS status = ::NtQueryInformationProcess(process, info_class, info, bytes, &needed);
   if (info_class == nt::kProcessImageFileName) {
-    if (nt::Success(status)) {
-      status = RespellName(static_cast<UNICODE_STRING*>(info), bytes, &needed);
-      if (status == STATUS_BUFFER_OVERFLOW) status = STATUS_INFO_LENGTH_MISMATCH;
-    } else if (needed) {
-      needed += kLongerByBytes;
-    }
+    status = RespellAnswer(status, info, bytes, &needed);
+    if (status == STATUS_BUFFER_OVERFLOW) status = STATUS_INFO_LENGTH_MISMATCH;
   }
   if (returned) *returned = needed;
   return status;
