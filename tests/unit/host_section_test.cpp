@@ -27,17 +27,9 @@ using policy::FileACL;
 
 SectionContents Example() {
   SectionContents contents;
-  contents.UseLibrariesIn(L"C:\\vorn");
-  contents.log_directory = L"C:\\logs";
-  contents.server_port = L"port";
-  contents.init_event_prefix = L"\\Sessions\\1\\BaseNamedObjects\\init_";
-  contents.flags = 0x20F;
-  contents.file_rules = {{FileACL::kDeny, L"\\Device\\HarddiskVolume1\\Users"},
-                         {FileACL::kReadWrite, L"\\Device\\HarddiskVolume1\\Users\\a\\"}};
-  contents.net_rules = {
-      {policy::kVerdictAllow, policy::NetRuleKind::kAddress, {10, 1, 0, 0}, 16, {80, 443}, L""},
-      {policy::kVerdictAllow, policy::NetRuleKind::kDomain, {}, 0, {}, L"example.com"},
-      {policy::kVerdictDeny, policy::NetRuleKind::kDefault, {}, 0, {}, L""}};
+  contents.file_rules = {{FileACL::kDeny, L"\\Device\\HarddiskVolume1\\Users"}};
+  contents.net_rules = {{policy::kVerdictAllow, policy::NetRuleKind::kAddress, {10, 1, 0, 0}, 16},
+                        {policy::kVerdictAllow, policy::NetRuleKind::kDomain, {}, 0, {}, L"example.com"}};
   return contents;
 }
 

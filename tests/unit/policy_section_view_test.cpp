@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "Policy/section_view.h"
 #include "section_builder.h"
 
@@ -104,36 +102,6 @@ TEST(SectionView, RulesOutsideTheTableOrTheMappingDoNotExist) {
   EXPECT_TRUE(view.HasNetRules()) << "rules that cannot be read must not lift the confinement";
   header->net_rule_count = 0;
   EXPECT_FALSE(view.HasNetRules());
-}
-
-TEST(SectionView, PartsOfANetworkRuleNeedLengthAndOffset) {
-  SectionBuilder builder;
-  builder.NetRule({.kind = NetRuleKind::kAddress,
-                   .family = kFamilyIPv4,
-                   .prefix = 8,
-                   .address = {10, 0, 0, 1},
-                   .ports = {80, 443},
-                   .domain = u"x.example"});
-  const auto memory = builder.Build();
-  const SectionView view{memory};
-  const NetRuleRecord whole = *view.NetRuleAt(0);
-  EXPECT_EQ(view.AddressOf(whole).bytes.size(), 4u);
-  EXPECT_EQ(view.PortsOf(whole).size(), 2u);
-  EXPECT_EQ(view.PortsOf(whole)[1], 443);
-  EXPECT_TRUE(view.DomainOf(whole).Present());
-
-  NetRuleRecord without_offset = whole;
-  without_offset.address.offset = without_offset.ports.offset = without_offset.domain.offset = 0;
-  EXPECT_EQ(view.AddressOf(without_offset).bytes.data(), nullptr);
-  EXPECT_EQ(view.AddressOf(without_offset).length, 4u);
-  EXPECT_TRUE(view.PortsOf(without_offset).Admit(1));
-  EXPECT_FALSE(view.DomainOf(without_offset).Present());
-
-  NetRuleRecord outside = whole;
-  outside.address.length = outside.ports.length = outside.domain.length = 0x7FFFFFFF;
-  EXPECT_EQ(view.AddressOf(outside).bytes.data(), nullptr);
-  EXPECT_FALSE(view.PortsOf(outside).Admit(80)) << "ports that cannot be read must not mean every port";
-  EXPECT_FALSE(view.DomainOf(outside).Present());
 }
 
 }  // namespace
