@@ -5,6 +5,7 @@
 
 #include "File/object_link.h"
 #include "File/scratch_path.h"
+#include "Platform/native.h"
 #include "Policy/device_path.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
@@ -32,11 +33,12 @@ void BuildDriveTable() noexcept {
   ThreadState* state = GetThreadState();
   if (!state) return;
   ScratchLevel level(state);
+  const DWORD letters = platform::Native().GetLogicalDrives();
   wchar_t link_name[] = L"\\??\\A:";
   for (int i = 0; i < kLetters; ++i) {
     const wchar_t letter = static_cast<wchar_t>(L'A' + i);
     link_name[4] = letter;
-    if (drive_table[i]) continue;  // records are never freed: somebody may be reading one
+    if (drive_table[i] || !(letters & (1u << i))) continue;  // records live for ever: somebody may read one
     const auto target = TranslateSymlinksToTargetPath(link_name);
     if (target && target->translated) drive_table[i] = MakeRecord(letter, target->path);
   }

@@ -12,6 +12,7 @@ NativeApi RealFunctions() noexcept {
   api.NtOpenSymbolicLinkObject = &::NtOpenSymbolicLinkObject;
   api.NtQuerySymbolicLinkObject = &::NtQuerySymbolicLinkObject;
   api.NtQueryInformationProcess = &::NtQueryInformationProcess;
+  api.GetLogicalDrives = &::GetLogicalDrives;
   api.NtQueryFullAttributesFile = &::NtQueryFullAttributesFile;
   api.NtQueryDirectoryFile = &::NtQueryDirectoryFile;
   api.GetFinalPathNameByHandleW = &::GetFinalPathNameByHandleW;

@@ -22,6 +22,7 @@ struct NativeApi {
   decltype(&::NtOpenSymbolicLinkObject) NtOpenSymbolicLinkObject;
   decltype(&::NtQuerySymbolicLinkObject) NtQuerySymbolicLinkObject;
   decltype(&::NtQueryInformationProcess) NtQueryInformationProcess;
+  decltype(&::GetLogicalDrives) GetLogicalDrives;
   // Files.
   decltype(&::NtQueryFullAttributesFile) NtQueryFullAttributesFile;
   decltype(&::NtQueryDirectoryFile) NtQueryDirectoryFile;

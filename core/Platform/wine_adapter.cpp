@@ -223,6 +223,7 @@ void* Bridge(Function& real, Function bridge, void* original) {
 void Adapt(NativeApi& api) noexcept {
   api.NtQueryObject = &QueryObject;
   api.NtQueryInformationProcess = &QueryInformationProcess;
+  api.GetLogicalDrives = &LogicalDrives;
   api.NtQueryFullAttributesFile = &QueryFullAttributesFile;
   api.GetFinalPathNameByHandleW = &GetFinalPathNameByHandle;
   api.AliasTarget = &AliasTarget;

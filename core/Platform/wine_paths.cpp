@@ -39,9 +39,11 @@ class DriveDevices {
     wchar_t link_name[] = L"\\??\\A:";
     for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
       link_name[4] = letter;
-      Read(link_name, devices_[letter - L'A']);
+      if (Read(link_name, devices_[letter - L'A'])) letters_ |= 1u << (letter - L'A');
     }
   }
+
+  DWORD letters() const { return letters_; }  // bit 0: A
 
   std::wstring_view Of(wchar_t letter) const {
     const wchar_t upper = letter & ~0x20;
@@ -63,19 +65,22 @@ class DriveDevices {
     std::size_t units;
   };
 
-  static void Read(wchar_t* link_name, Device& device) {
+  // False when the letter means nothing.
+  static bool Read(wchar_t* link_name, Device& device) {
     UNICODE_STRING name = nt::CountedString(link_name, kDriveUnits * sizeof(wchar_t));
     OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
     HANDLE link;
-    if (!nt::Success(::NtOpenSymbolicLinkObject(&link, SYMBOLIC_LINK_QUERY, &attributes))) return;
+    if (!nt::Success(::NtOpenSymbolicLinkObject(&link, SYMBOLIC_LINK_QUERY, &attributes))) return false;
     UNICODE_STRING target{0, sizeof device.text, device.text};
     if (nt::Success(::NtQuerySymbolicLinkObject(link, &target, nullptr)) &&
         StartsWith({device.text, target.Length / sizeof(wchar_t)}, kVolumePrefix))
       device.units = target.Length / sizeof(wchar_t);
     ::NtClose(link);
+    return true;
   }
 
   Device devices_[26] = {};
+  DWORD letters_ = 0;
 };
 
 const DriveDevices& Drives() {
@@ -99,6 +104,8 @@ std::size_t ReplaceHead(wchar_t* text, std::size_t units, std::size_t count, std
 }
 
 }  // namespace
+
+DWORD WINAPI LogicalDrives() noexcept { return Drives().letters(); }
 
 std::size_t ToWineSpelling(std::wstring_view path, wchar_t* out) noexcept {
   wchar_t* end = out;

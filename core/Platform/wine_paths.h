@@ -23,6 +23,9 @@ std::size_t ToWineSpelling(std::wstring_view path, wchar_t* out) noexcept;
 // it is above capacity, nothing has been written. Names that are spelled alike keep their length.
 std::size_t ToDevicePath(wchar_t* text, std::size_t units, std::size_t capacity) noexcept;
 
+// As GetLogicalDrives, which asks Wine's server for every entry of the directory again.
+DWORD WINAPI LogicalDrives() noexcept;
+
 // What \??\UNC and \??\unix names mean (see NativeApi::AliasTarget).
 std::size_t AliasTarget(std::wstring_view name, wchar_t* target, std::size_t units) noexcept;
 
