@@ -79,7 +79,7 @@ void BenchSend() {
   const auto plain = [&] {
     Ws2_32::CallOriginalsendto(s, "datagram", 8, 0, reinterpret_cast<sockaddr*>(&to), length);
   };
-  const auto [confined_ns, plain_ns] = SideBySide(40, 500, confined, plain);
+  const auto [confined_ns, plain_ns] = SideBySide(400, 50, confined, plain);
   allocations = winsock_calls = 0;
   for (int i = 0; i < 1000; ++i) confined();
   std::printf("sendto, 100 address rules: %.0f ns, plain %.0f ns, ratio %.3f\n", confined_ns, plain_ns,
