@@ -1,5 +1,5 @@
-// Any bytes as a function: it is read to its end and no further, and what is accepted can be moved. (The
-// emulator's test runs what was moved.)
+// Any bytes as a function: it is read to its end and no further, and what is accepted can be moved, decodes
+// again where it went, and branches to where it branched.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -17,6 +17,29 @@ namespace {
 constexpr std::uint64_t kFrom = 0x6000'0000;
 constexpr std::uint64_t kTo = 0x5F00'0000;
 
+void CheckMoved(const Prologue& prologue, const RelocatedCode& moved, Mode mode) {
+  std::int64_t source = 0;
+  for (std::size_t i = 0; i < prologue.count; ++i) {
+    const Instruction& instruction = prologue.instructions[i];
+    source += instruction.length;
+    const std::size_t at = moved.begins[i];
+    const auto again = Decode(moved.Bytes().subspan(at), mode);
+    Require(again.has_value());
+    const std::uint64_t old_end = Advance(kFrom, source, mode);
+    const std::uint64_t new_end = Advance(kTo, static_cast<std::int64_t>(at + again->length), mode);
+    if (instruction.rip_relative) {
+      Require(Advance(old_end, instruction.displacement, mode) ==
+              Advance(new_end, again->displacement, mode));
+    }
+    const bool branch = instruction.flow == Flow::kJump || instruction.flow == Flow::kConditional;
+    if (!branch) continue;
+    Require(again->flow == instruction.flow);
+    const std::uint64_t target = Advance(new_end, again->distance, mode);
+    const bool stays = target - kTo < moved.size;
+    Require(stays || target == Advance(old_end, instruction.distance, mode));
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -33,6 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!prologue) return 0;
   Require(prologue->size >= kJumpSize || !prologue->falls_through);
   const auto moved = Relocate(*prologue, code, kFrom, kTo, mode);
+  if (moved) CheckMoved(*prologue, *moved, mode);
   // Near enough, only the operands' own reach can be missing.
   if (!moved) Require(moved.error() == CodeError::kOutOfReach);
   return 0;

@@ -3,6 +3,8 @@
 #include <atomic>
 
 #include "Debug/exception_handler_dump.h"
+#include "Policy/crash_dump.h"
+#include "Policy/wide.h"
 #include "VornCore/Base/channel.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
@@ -63,14 +65,15 @@ bool SetupCrashDump() {
   const wchar_t* directory = GetDumpDirectory(&bytes);
   if (!directory || bytes == 0) return false;
   const auto terminated = CopyBytesZ(directory, bytes);  // the section counts it
-  const DumpConfig config{.dumpDirectory = static_cast<const wchar_t*>(terminated.get()),
-                          .dumpType = kDumpType,
-                          .fileTag = L"vrn",
-                          .context = nullptr,
-                          .pfnOnDumped = OnCrashDumped,
-                          .pfnThreadStart = OnDumpThreadStart,
-                          .pfnThreadEnd = OnDumpThreadEnd,
-                          .pfnGetFlag = GetCrashHookDepth};
+  DumpConfig config{.dumpDirectory = static_cast<const wchar_t*>(terminated.get()),
+                    .dumpType = kDumpType,
+                    .fileTag = {},
+                    .context = nullptr,
+                    .pfnOnDumped = OnCrashDumped,
+                    .pfnThreadStart = OnDumpThreadStart,
+                    .pfnThreadEnd = OnDumpThreadEnd,
+                    .pfnGetFlag = GetCrashHookDepth};
+  vorn::policy::kDumpFileTag.copy(vorn::policy::U16(config.fileTag), vorn::policy::kDumpTagUnits);
   (void)ExceptionHandlerDump::Install(config);
   return true;
 }

@@ -33,7 +33,8 @@ void BuildDriveTable() noexcept {
   ThreadState* state = GetThreadState();
   if (!state) return;
   ScratchLevel level(state);
-  const DWORD letters = platform::Native().GetLogicalDrives();
+  DWORD letters = platform::Native().GetLogicalDrives();
+  if (letters == 0) letters = ~DWORD{0};  // no answer: a drive that is not known would not be confined
   wchar_t link_name[] = L"\\??\\A:";
   for (int i = 0; i < kLetters; ++i) {
     const wchar_t letter = static_cast<wchar_t>(L'A' + i);

@@ -24,8 +24,8 @@ NativeApi RealFunctions() noexcept {
   api.FindNextFileNameW =
       reinterpret_cast<decltype(&::FindNextFileNameW)>(GetProcAddress(kernel32, "FindNextFileNameW"));
   api.FindClose = &::FindClose;
-  api.LoadMiniDumpWriteDump = &LoadMiniDumpWriteDump;
   api.AliasTarget = [](std::wstring_view, wchar_t*, std::size_t) -> std::size_t { return 0; };
+  api.LoadMiniDumpWriteDump = &LoadMiniDumpWriteDump;
   if (IsWine()) wine::Adapt(api);
   return api;
 }

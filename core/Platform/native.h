@@ -32,11 +32,11 @@ struct NativeApi {
   decltype(&::FindFirstFileNameW) FindFirstFileNameW;
   decltype(&::FindNextFileNameW) FindNextFileNameW;
   decltype(&::FindClose) FindClose;  // of a FindFirstFileNameW handle
-  // Crashes.
-  decltype(&platform::LoadMiniDumpWriteDump) LoadMiniDumpWriteDump;
   // The path that a name means which the system accepts although no symbolic-link object stands for it:
   // writes it (at most units UTF-16 units, not terminated) and returns its length, 0 when there is none.
   std::size_t (*AliasTarget)(std::wstring_view name, wchar_t* target, std::size_t units);
+  // Crashes.
+  decltype(&platform::LoadMiniDumpWriteDump) LoadMiniDumpWriteDump;
 };
 
 // The table in force. Filled on first use.
