@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "tests/unit/build_paths.h"
+#include "vorn/create_process.h"
 #include "vorn/launcher.h"
 #include "vorn/message_server.h"
 #include "vorn/section.h"
@@ -45,8 +46,8 @@ void RunPlain(std::wstring command) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION process{};
-  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                      &process))
+  if (!vorn::host::CreateProcessAgain(nullptr, command.data(), FALSE, 0, nullptr, nullptr, &startup,
+                                      &process))
     Fail(vorn::host::Win32ErrorText(GetLastError()));
   WaitForSingleObject(process.hProcess, 120'000);
   DWORD code = 1;

@@ -4,6 +4,7 @@
 
 #include "ipc/port/unique_handle.h"
 #include "tests/e2e/confinement.h"
+#include "vorn/create_process.h"
 
 namespace {
 
@@ -43,10 +44,7 @@ int ProbeMain(const std::string& job, const std::string& argument) {
     startup.cb = sizeof startup;
     PROCESS_INFORMATION child{};
     std::wstring command = ProbeCommand(L"sleep x");
-    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                        &child)) {
-      return 1;
-    }
+    if (!CreateProcessAgain(nullptr, command.data(), FALSE, 0, nullptr, nullptr, &startup, &child)) return 1;
     return static_cast<int>(child.dwProcessId);
   }
   return 99;

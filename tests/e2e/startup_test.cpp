@@ -20,6 +20,7 @@
 #include "ipc/port/unique_handle.h"
 #include "tests/unit/build_paths.h"
 #include "tests/unit/long_form.h"
+#include "vorn/create_process.h"
 #include "vorn/message_server.h"
 #include "vorn/section.h"
 #include "vorn/text.h"
@@ -47,13 +48,8 @@ class InjectedProcess {
     startup.cb = sizeof startup;
     PROCESS_INFORMATION process{};
     SetEnvironmentVariableW(kVariable, value ? value->c_str() : nullptr);
-    // Wine may have no process for a moment while it takes many down.
-    BOOL created = FALSE;
-    for (int attempt = 0; attempt < 20 && !created; ++attempt) {
-      if (attempt > 0) Sleep(100);
-      created = CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr,
-                               nullptr, &startup, &process);
-    }
+    const BOOL created = CreateProcessAgain(nullptr, command.data(), FALSE, CREATE_SUSPENDED, nullptr,
+                                            nullptr, &startup, &process);
     SetEnvironmentVariableW(kVariable, nullptr);
     if (!created) throw std::runtime_error("no process: error " + std::to_string(GetLastError()));
     process_ = UniqueHandle(process.hProcess);

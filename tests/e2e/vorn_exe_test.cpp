@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "confinement.h"
+#include "vorn/create_process.h"
 
 namespace vorn::test {
 namespace {
@@ -44,8 +45,7 @@ class VornExe : public testing::Test, public TestFolder {
     std::wstring line = L"\"" + program.wstring() + L"\" " + host::ToWide(arguments);
     PROCESS_INFORMATION process{};
     Session session;
-    EXPECT_TRUE(
-        CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &start, &process));
+    EXPECT_TRUE(host::CreateProcessAgain(nullptr, line.data(), TRUE, 0, nullptr, nullptr, &start, &process));
     if (meanwhile) meanwhile(process.hProcess);
     if (WaitForSingleObject(process.hProcess, 60'000) != WAIT_OBJECT_0) {
       ADD_FAILURE() << "vorn " << arguments << " does not end";

@@ -22,6 +22,8 @@
 #include <thread>
 #include <vector>
 
+#include "vorn/create_process.h"
+
 namespace {
 
 constexpr DWORD kPatienceMs = 100'000;
@@ -43,8 +45,8 @@ DWORD Start(std::wstring command, DWORD flags, const std::wstring* environment,
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   wchar_t* block = environment ? const_cast<wchar_t*>(environment->c_str()) : nullptr;
-  return CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, flags | CREATE_UNICODE_ENVIRONMENT,
-                        block, nullptr, &startup, &process)
+  return vorn::host::CreateProcessAgain(nullptr, command.data(), FALSE, flags | CREATE_UNICODE_ENVIRONMENT,
+                                        block, nullptr, &startup, &process)
              ? NO_ERROR
              : GetLastError();
 }

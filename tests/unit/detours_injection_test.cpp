@@ -13,6 +13,7 @@
 #include "build_paths.h"
 #include "detours/detours.h"
 #include "tests/probes/injection_record.h"
+#include "vorn/create_process.h"
 
 namespace {
 
@@ -68,10 +69,10 @@ class Record {
 class Child {
  public:
   explicit Child(const std::string& program) {
-    STARTUPINFOA startup = {};
+    STARTUPINFOW startup = {};
     startup.cb = sizeof(startup);
-    if (!CreateProcessA(program.c_str(), nullptr, nullptr, nullptr, FALSE, CREATE_SUSPENDED, nullptr, nullptr,
-                        &startup, &info_)) {
+    if (!vorn::host::CreateProcessAgain(std::wstring(program.begin(), program.end()).c_str(), nullptr, FALSE,
+                                        CREATE_SUSPENDED, nullptr, nullptr, &startup, &info_)) {
       ADD_FAILURE() << program << ": error " << GetLastError();
       return;
     }
@@ -278,12 +279,12 @@ struct HelperWatch {
   static inline std::unique_ptr<Record> record;
   static inline const wchar_t* command_line_suffix = L"";
 
-  static BOOL WINAPI Create(LPCWSTR image, LPWSTR command, LPSECURITY_ATTRIBUTES process,
-                            LPSECURITY_ATTRIBUTES thread, BOOL inherit, DWORD flags, LPVOID environment,
-                            LPCWSTR directory, LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) {
+  static BOOL WINAPI Create(LPCWSTR image, LPWSTR command, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES,
+                            BOOL inherit, DWORD flags, LPVOID environment, LPCWSTR directory,
+                            LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) {
     std::wstring line = std::wstring(command) + command_line_suffix;
-    if (!CreateProcessW(image, line.data(), process, thread, inherit, flags | CREATE_SUSPENDED, environment,
-                        directory, startup, info)) {
+    if (!vorn::host::CreateProcessAgain(image, line.data(), inherit, flags | CREATE_SUSPENDED, environment,
+                                        directory, startup, info)) {
       return FALSE;
     }
     record = std::make_unique<Record>(info->dwProcessId);

@@ -14,6 +14,7 @@
 #include "ipc/ipc_interface.h"
 #include "ipc/port/handshake.h"
 #include "ipc/port/pipe.h"
+#include "vorn/create_process.h"
 #include "vorn/message_server.h"
 #include "vorn/text.h"
 
@@ -163,7 +164,7 @@ struct Process {
                            L" " + std::to_wstring(count);
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
-    CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info);
+    vorn::host::CreateProcessAgain(nullptr, command.data(), FALSE, 0, nullptr, nullptr, &startup, &info);
   }
   ~Process() {
     TerminateProcess(info.hProcess, 1);
