@@ -244,6 +244,7 @@ class MessageServer::Impl {
     Peer& peer = connection.peer;
     peer.tid = hello.tid;
     peer.port.assign(hello.local_port, hello.name_units);
+    if (!ipc::PipePath(peer.port.c_str()).valid()) return RefuseGreeting(connection);
     const bool accepted = !handlers_.on_connect || handlers_.on_connect(peer);
     if (accepted) {
       connection.state = Connection::State::kOpen;

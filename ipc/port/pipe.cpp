@@ -27,7 +27,7 @@ PipePath::PipePath(const wchar_t* port_name) noexcept {
   path_[0] = 0;
   if (!port_name) return;
   const size_t units = wcslen(port_name);
-  if (units == 0 || units > kMaxNameUnits || wcschr(port_name, L'\\')) return;
+  if (units == 0 || units > kMaxNameUnits || wcspbrk(port_name, L"\\/")) return;
   std::copy_n(kPrefix, std::size(kPrefix) - 1, path_);
   std::copy_n(port_name, units + 1, path_ + std::size(kPrefix) - 1);
 }

@@ -1,7 +1,8 @@
 // Named pipes in message mode with overlapped I/O: what both ends of a port are made of.
 //
-// A port name is the part of the pipe's name after "\\.\pipe\" (UTF-16, 1 to 240 units, no backslash). All
-// handles are overlapped. Results are Win32 error codes, 0 for success.
+// A port name is the part of the pipe's name after "\\.\pipe\" (UTF-16, 1 to 240 units, no slash of either
+// kind: the system takes both for separators, and "../C:/file" would leave the pipes). All handles are
+// overlapped. Results are Win32 error codes, 0 for success.
 #pragma once
 
 #include <cstddef>

@@ -288,16 +288,21 @@ TEST(IpcPort, OversizedAndMalformedMessagesOfAStrangerDoNotHarmTheServer) {
   vorn::ipc::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   const vorn::ipc::PipePath path(host.server.port_name().c_str());
   std::size_t expected_errors = 0;
-  for (const std::size_t bytes : {std::size_t{3}, std::size_t{4000}, std::size_t{3} << 20}) {
+  // A local port that the host would look for outside of the pipes.
+  const vorn::ipc::Hello elsewhere{vorn::ipc::kHandshakeMagic, vorn::ipc::kHandshakeVersion, 0, 10,
+                                   L"../C:/file"};
+  for (const std::string& junk :
+       {std::string(3, '\x7f'), std::string(4000, '\x7f'), std::string(3 << 20, '\x7f'),
+        std::string(reinterpret_cast<const char*>(&elsewhere), vorn::ipc::Hello::Bytes(10))}) {
     vorn::ipc::UniqueHandle pipe;
     ASSERT_EQ(vorn::ipc::OpenPipe(path, vorn::ipc::Direction::kBoth, 5000, pipe), 0u);
-    const std::string junk(bytes, '\x7f');
-    const DWORD error = vorn::ipc::WriteMessage(pipe.get(), junk.data(), static_cast<std::uint32_t>(bytes),
-                                                event.get(), nullptr, 20'000);
-    EXPECT_EQ(error, 0u) << bytes;
+    const DWORD error = vorn::ipc::WriteMessage(
+        pipe.get(), junk.data(), static_cast<std::uint32_t>(junk.size()), event.get(), nullptr, 20'000);
+    EXPECT_EQ(error, 0u) << junk.size();
     ++expected_errors;
-    EXPECT_TRUE(host.WaitFor([&] { return host.errors.size() == expected_errors; })) << bytes;
+    EXPECT_TRUE(host.WaitFor([&] { return host.errors.size() == expected_errors; })) << junk.size();
   }
+  EXPECT_TRUE(host.connected.empty());
   Client client;
   EXPECT_TRUE(client.Init(host.server.port_name()));
   EXPECT_TRUE(client.Send("still here"));

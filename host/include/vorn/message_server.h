@@ -38,8 +38,8 @@ struct MessageHandlers {
 
 class MessageServer {
  public:
-  // Opens the port for processes of the current user and starts the thread. name: 1 to 240 units, no
-  // backslash. Throws std::system_error when the port cannot be opened (taken name, bad name).
+  // Opens the port for processes of the current user and starts the thread. name: 1 to 240 units, no slash of
+  // either kind. Throws std::system_error when the port cannot be opened (taken name, bad name).
   MessageServer(std::wstring name, MessageHandlers handlers);
   ~MessageServer();  // as Stop
   MessageServer(const MessageServer&) = delete;
