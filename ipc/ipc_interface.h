@@ -42,9 +42,9 @@ struct IpcCallbacks {
 class IPC {
  public:
   // Connects to the server port and opens the local port, through which the host reaches this process. Names:
-  // UTF-16, terminated, copied; callbacks are copied too. Waits at most a few seconds for a busy server and
-  // for no thread of its own process, so that it may be called during process attach. True: messages can be
-  // sent.
+  // UTF-16, terminated, copied; callbacks are copied too. Waits at most ten seconds for each step of a busy
+  // server (free instance, greeting, answer) and for no thread of its own process, so that it may be called
+  // during process attach. True: messages can be sent.
   virtual bool __stdcall Init(const wchar_t* local_port, const wchar_t* server_port,
                               const IpcCallbacks* callbacks) = 0;
   // Closes both ports. Not while RecvLoop or Send runs: call Stop first and let them return (or end their

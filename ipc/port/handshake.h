@@ -15,7 +15,7 @@ inline constexpr uint32_t kHandshakeMagic = 0x43504956;  // "VIPC"
 inline constexpr uint32_t kHandshakeVersion = 1;
 inline constexpr size_t kMaxPortNameUnits = 240;
 
-// How long either side waits for the other's part.
+// How long the client waits for the server, in each step of the connection.
 inline constexpr uint32_t kHandshakeTimeoutMs = 10'000;
 
 struct Hello {
