@@ -9,11 +9,20 @@
 namespace VornCore {
 namespace {
 
-// Not ended yet: ERROR_IO_INCOMPLETE and ERROR_IO_PENDING, which Winsock numbers alike.
+// A wait that ended before the operation did. (Winsock has the same numbers for the first two.)
 bool IsUnfinished(BOOL result) noexcept {
   if (result) return false;
   const DWORD error = GetLastError();
-  return error == ERROR_IO_INCOMPLETE || error == ERROR_IO_PENDING;
+  return error == ERROR_IO_INCOMPLETE || error == ERROR_IO_PENDING || error == WAIT_TIMEOUT ||
+         error == WAIT_IO_COMPLETION;
+}
+
+// The system's own word. A call with a bad handle fails while the operation goes on, and a wait on the handle
+// succeeds when another operation of that handle ends.
+bool IsPending(const OVERLAPPED* overlapped) noexcept {
+  ULONG_PTR status = 0;
+  return platform::ReadGuarded(&overlapped->Internal, status) &&
+         status == static_cast<ULONG_PTR>(STATUS_PENDING);
 }
 
 }  // namespace
@@ -23,6 +32,7 @@ void CNetMgr::FinishCompletion(SOCKET s, LPOVERLAPPED overlapped, LPDWORD bytes)
   platform::LastErrorKeeper keep;
   OverlappedContext* context = contexts_.FindContext(overlapped);
   if (!context) return;
+  if (IsPending(overlapped)) return contexts_.LeaveContext(overlapped);
   HandBackMessage(context);
   FinishReceive(s == INVALID_SOCKET ? context->socket : s, context, bytes);
   context->caller_routine ? contexts_.LeaveContext(overlapped) : contexts_.ReleaseContext(overlapped);

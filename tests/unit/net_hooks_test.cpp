@@ -207,8 +207,14 @@ TEST_F(NetHooks, AnOverlappedThatIsUsedAgainUncollectedWorks) {
   while (!HasOverlappedIoCompleted(&receive.overlapped)) SleepEx(1, FALSE);
   ASSERT_TRUE(receive.Start(talk.socket));
   EXPECT_EQ(GetNetMgr().contexts().live_count(), 1);
-  talk.allowed.SendTo(talk.at, "hello");
+  // Asking too early, or wrongly, does not end it.
   DWORD bytes = 0;
+  EXPECT_FALSE(GetOverlappedResultEx(talk.socket.handle(), &receive.overlapped, &bytes, 10, FALSE));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(WAIT_TIMEOUT));
+  EXPECT_FALSE(WSAGetOverlappedResult(INVALID_SOCKET, &receive.overlapped, &bytes, FALSE, &receive.flags));
+  EXPECT_EQ(WSAGetLastError(), WSAENOTSOCK);
+  EXPECT_EQ(GetNetMgr().contexts().live_count(), 1);
+  talk.allowed.SendTo(talk.at, "hello");
   EXPECT_TRUE(WSAGetOverlappedResult(talk.socket, &receive.overlapped, &bytes, TRUE, &receive.flags));
   EXPECT_EQ(bytes, 5u);
   EXPECT_EQ(receive.from.port(), talk.allowed.address.port());
