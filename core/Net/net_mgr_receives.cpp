@@ -26,6 +26,10 @@ void WipeBuffers(const WSABUF* buffers, DWORD count) noexcept {
   }
 }
 
+// A datagram that did not fit: the call fails as it always does, but its beginning lies in the caller's
+// buffers.
+bool IsCutShort(int result) noexcept { return result == SOCKET_ERROR && GetLastError() == WSAEMSGSIZE; }
+
 // The source to the caller, when there is room for it.
 void HandOverSource(const SocketAddress& source, int length, sockaddr* from, int* fromlen) noexcept {
   int capacity = length;
@@ -52,11 +56,13 @@ int CNetMgr::recvfrom(SOCKET s, char* buf, int len, int flags, sockaddr* from, i
   int source_length = sizeof source.bytes;
   const int result = handler.Real(
       [&] { return Ws2_32::CallOriginalrecvfrom(s, buf, len, flags, source.get(), &source_length); });
-  if (result <= 0) return result;
+  const bool cut = IsCutShort(result);
+  if (result <= 0 && !cut) return result;
   if (!CheckTraffic(s, source.get(), static_cast<std::uint32_t>(source_length), AuditType::kRecv)) {
-    platform::WipeGuarded(buf, static_cast<std::size_t>(result));
-    return Fail(SOCKET_ERROR, WSAEADDRNOTAVAIL);
+    platform::WipeGuarded(buf, static_cast<std::size_t>(cut ? len : result));
+    return cut ? result : Fail(SOCKET_ERROR, WSAEADDRNOTAVAIL);
   }
+  if (cut) return result;
   HandOverSource(source, source_length, from, fromlen);
   return result;
 }
@@ -94,12 +100,14 @@ int CNetMgr::WSARecvFrom(SOCKET s, LPWSABUF lpBuffers, DWORD dwBufferCount, LPDW
     return Ws2_32::CallOriginalWSARecvFrom(s, lpBuffers, dwBufferCount, lpNumberOfBytesRecvd, lpFlags,
                                            source.get(), &source_length, nullptr, lpCompletionRoutine);
   });
-  if (result != 0) return result;
+  const bool cut = IsCutShort(result);
+  if (result != 0 && !cut) return result;
   if (!CheckTraffic(s, source.get(), static_cast<std::uint32_t>(source_length), AuditType::kRecv)) {
     if (lpNumberOfBytesRecvd) platform::WriteGuarded(lpNumberOfBytesRecvd, DWORD{0});
     WipeBuffers(lpBuffers, dwBufferCount);
-    return Fail(SOCKET_ERROR, WSAEADDRNOTAVAIL);
+    return cut ? result : Fail(SOCKET_ERROR, WSAEADDRNOTAVAIL);
   }
+  if (cut) return result;
   HandOverSource(source, source_length, lpFrom, lpFromlen);
   return result;
 }
@@ -144,6 +152,11 @@ int CNetMgr::AfterReceiveCall(int result, LPWSAOVERLAPPED overlapped, std::uint6
   OverlappedContext* context = contexts_.FindContext(overlapped, ticket);
   if (!context) return result;
   if (result != 0) {
+    HandBackMessage(context);
+    if (error == WSAEMSGSIZE &&
+        !CheckTraffic(context->socket, context->source.get(),
+                      static_cast<std::uint32_t>(context->source_length), AuditType::kRecv))
+      context->buffers.Wipe();
     contexts_.ReleaseContext(overlapped);
     return Fail(result, static_cast<int>(error));
   }
@@ -186,12 +199,14 @@ int CNetMgr::ReceiveMessage(SOCKET s, LPWSAMSG message, LPDWORD bytes) {
     message->namelen = name_length;
     return received;
   });
-  if (result != 0) return result;
+  const bool cut = IsCutShort(result);
+  if (result != 0 && !cut) return result;
   if (!CheckTraffic(s, source.get(), static_cast<std::uint32_t>(source_length), AuditType::kRecv)) {
     platform::WriteGuarded(bytes, DWORD{0});
     WipeBuffers(message->lpBuffers, message->dwBufferCount);
-    return Fail(SOCKET_ERROR, WSAEADDRNOTAVAIL);
+    return cut ? result : Fail(SOCKET_ERROR, WSAEADDRNOTAVAIL);
   }
+  if (cut) return result;
   HandOverSource(source, source_length, name, &message->namelen);
   return result;
 }

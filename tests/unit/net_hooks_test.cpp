@@ -184,6 +184,32 @@ void CALLBACK Routine(DWORD error, DWORD bytes, LPWSAOVERLAPPED, DWORD) {
   if (routine_call.then) routine_call.then();
 }
 
+// The call fails in any case; what lies in the buffers depends on the source.
+TEST_F(NetHooks, TheBeginningOfADatagramThatDoesNotFitIsWipedToo) {
+  Conversation talk;
+  const auto recv_msg = Extension<LPFN_WSARECVMSG>(talk.socket, WSAID_WSARECVMSG);
+  for (Peer* from : {&talk.allowed, &talk.denied}) {
+    for (int call = 0; call < 5; ++call) {
+      from->SendTo(talk.at, "longer than the buffer");
+      fd_set readable{1, {talk.socket}};
+      timeval patience{3, 0};
+      select(0, &readable, nullptr, nullptr, &patience);
+      Receive receive;
+      WSAMSG message{&receive.from.any, receive.from_length, &receive.buffer, 1, {}, 0};
+      OVERLAPPED* const with = call % 2 ? &receive.overlapped : nullptr;
+      EXPECT_EQ(call == 0  ? recvfrom(talk.socket, receive.data, 8, 0, nullptr, nullptr)
+                : call < 3 ? WSARecvFrom(talk.socket, &receive.buffer, 1, &receive.bytes, &receive.flags,
+                                         nullptr, nullptr, with, nullptr)
+                           : recv_msg(talk.socket, &message, &receive.bytes, with, nullptr),
+                -1);
+      EXPECT_EQ(WSAGetLastError(), WSAEMSGSIZE) << call;
+      EXPECT_STREQ(receive.data, from == &talk.allowed ? "longer t" : "") << call;
+      EXPECT_EQ(receive.data[7], from == &talk.allowed ? 't' : 0) << call;
+    }
+  }
+  EXPECT_EQ(Audits(5).size(), 5u);
+}
+
 TEST_F(NetHooks, ARoutineMayStartTheNextReceiveWithTheSameOverlapped) {
   Conversation talk;
   routine_call = {};
