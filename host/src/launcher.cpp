@@ -93,6 +93,14 @@ AttributeList HandleList(InheritedStreams& streams) {
 }
 
 // Whether a process runs 32-bit code: under a 64-bit system, or because the system knows nothing else.
+// Full path of its program, or "".
+std::wstring ImageOf(HANDLE process) {
+  std::wstring image(32768, L'\0');
+  DWORD units = static_cast<DWORD>(image.size());
+  image.resize(QueryFullProcessImageNameW(process, 0, image.data(), &units) ? units : 0);
+  return image;
+}
+
 bool IsX86(HANDLE process) {
   const auto under_wow64 = [](HANDLE p) {
     BOOL wow64 = FALSE;
@@ -228,13 +236,7 @@ class Launcher::Impl {
       const std::uint64_t fence = ++fences_posted_;
       changed_.wait(lock, [&] { return fences_passed_ >= fence; });
     }
-    std::vector<LaunchedProcess> processes = processes_;
-    lock.unlock();
-    // A process that was asked in its first moments may not have had a name yet.
-    for (LaunchedProcess& process : processes)
-      if (process.image.empty())
-        if (LaunchedProcess now = Describe(process.pid); !now.image.empty()) process = std::move(now);
-    return processes;
+    return processes_;
   }
 
   bool WaitForAll(std::optional<std::chrono::milliseconds> timeout) {
@@ -258,23 +260,39 @@ class Launcher::Impl {
   void TerminateAll(std::uint32_t exit_code) { TerminateJobObject(job_.get(), exit_code); }
 
  private:
+  // A process that had no name yet when its notice came: Wine's tells its image once it has loaded it.
+  struct Nameless {
+    std::size_t index;  // in processes_
+    UniqueHandle process;
+    ULONGLONG give_up = GetTickCount64() + 10'000;
+  };
+
   // Of the thread that reads the job's notices: a process that lives for a moment is asked for its name while
   // it can be.
   void Watch() {
+    constexpr DWORD kAskAgainMs = 2;
+    std::vector<Nameless> nameless;
     for (;;) {
       DWORD message = 0;
       ULONG_PTR key = 0;
       OVERLAPPED* pid = nullptr;  // where the notice is about a process
-      if (!GetQueuedCompletionStatus(notices_.get(), &message, &key, &pid, INFINITE)) return;
+      const bool got = GetQueuedCompletionStatus(notices_.get(), &message, &key, &pid,
+                                                 nameless.empty() ? INFINITE : kAskAgainMs);
+      if (!got && GetLastError() != WAIT_TIMEOUT) return;
+      std::erase_if(nameless, [this](Nameless& process) { return AskAgain(process); });
+      if (!got) continue;
       if (key == kStopKey) return;
       if (key == kFenceKey) {
         std::lock_guard lock(mutex_);
         ++fences_passed_;
         changed_.notify_all();
       } else if (message == JOB_OBJECT_MSG_NEW_PROCESS) {
-        LaunchedProcess process = Describe(static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(pid)));
+        UniqueHandle process;
+        LaunchedProcess described = Describe(static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(pid)), process);
         std::lock_guard lock(mutex_);
-        processes_.push_back(std::move(process));
+        if (process && described.image.empty())
+          nameless.push_back({.index = processes_.size(), .process = std::move(process)});
+        processes_.push_back(std::move(described));
       } else if (message == JOB_OBJECT_MSG_ACTIVE_PROCESS_ZERO) {
         std::lock_guard lock(mutex_);
         changed_.notify_all();
@@ -282,22 +300,32 @@ class Launcher::Impl {
     }
   }
 
-  LaunchedProcess Describe(DWORD pid) const {
+  // Opens the process, unless the id is another process's by now.
+  LaunchedProcess Describe(DWORD pid, UniqueHandle& process) const {
     LaunchedProcess description{.pid = pid};
-    const UniqueHandle process(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, pid));
-    BOOL inside = FALSE;  // the id may be another process's by now
-    if (!process || !IsProcessInJob(process.get(), job_.get(), &inside) || !inside) return description;
+    process.reset(OpenProcess(PROCESS_QUERY_INFORMATION | SYNCHRONIZE, FALSE, pid));
+    BOOL inside = FALSE;
+    if (!process || !IsProcessInJob(process.get(), job_.get(), &inside) || !inside) {
+      process.reset();
+      return description;
+    }
     PROCESS_BASIC_INFORMATION basic{};
     if (nt::Success(
             NtQueryInformationProcess(process.get(), ProcessBasicInformation, &basic, sizeof basic, nullptr)))
       description.parent_pid = static_cast<std::uint32_t>(basic.InheritedFromUniqueProcessId);
-    std::wstring image(32768, L'\0');
-    DWORD units = static_cast<DWORD>(image.size());
-    if (QueryFullProcessImageNameW(process.get(), 0, image.data(), &units)) {
-      image.resize(units);
-      description.image = std::move(image);
-    }
+    description.image = ImageOf(process.get());
     return description;
+  }
+
+  // True when there is no more to ask: it is named, or has ended, or does not tell.
+  bool AskAgain(Nameless& nameless) {
+    std::wstring image = ImageOf(nameless.process.get());
+    if (image.empty())
+      return WaitForSingleObject(nameless.process.get(), 0) == WAIT_OBJECT_0 ||
+             GetTickCount64() >= nameless.give_up;
+    std::lock_guard lock(mutex_);
+    processes_[nameless.index].image = std::move(image);
+    return true;
   }
 
   DWORD ActiveProcesses() const {
