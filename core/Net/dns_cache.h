@@ -5,10 +5,9 @@
 //   domains_ ─► DomainEntry "example.org" ─► AddressEntry 192.0.2.10 ─► AddressEntry 2001:db8::10
 //           ─► DomainEntry "cdn.test"    ─► AddressEntry 192.0.2.10
 //
-//   by name      hash of the name                → DomainEntry      (a name is held once, but for alias
-//   passes) by pair      domain and address              → AddressEntry     (an address is held once in its
-//   domain) by address   family and address bytes        → AddressEntry of the domain that stands first in
-//   the list
+//   by name      hash of the name           → DomainEntry    (a name is held once, but for alias passes)
+//   by pair      domain and address         → AddressEntry   (an address is held once in its domain)
+//   by address   family and address bytes   → AddressEntry of the domain that stands first in the list
 //
 // The list's order decides when several names have an address: the one that was added first wins. The indexes
 // give that answer without the walk. IPv4-mapped addresses are kept as IPv4; the all-zero addresses are not

@@ -3,9 +3,9 @@
 //
 //   offset  0       2      4            8                        24
 //   IPv4   | family | port | address    | zero          | 16
-//   IPv6   | family | port | flow info  | address (16)   | scope id | 28        port and address: network
-//   order
+//   IPv6   | family | port | flow info  | address (16)   | scope id | 28
 //
+// Port and address are in network order.
 // Addresses come from the application and may be unreadable, short or of any family: nothing here faults on
 // them. Any thread; nothing allocates.
 #pragma once

@@ -1,12 +1,10 @@
 // The network manager: listens to Winsock, name resolution and completions, decides each call, and follows
 // every TCP and UDP socket of the process.
 //
-//   checked   every connection attempt; every datagram that a UDP socket sends; every datagram that a UDP
-//   client
-//             socket receives
-//   not       TCP traffic once connected; the traffic of UDP sockets that act as servers; sockets that the
-//   library
-//             did not see created
+//   checked   every connection attempt; every datagram that a UDP socket sends; every datagram that a
+//             UDP client socket receives
+//   not       TCP traffic once connected; the traffic of UDP sockets that act as servers; sockets that
+//             the library did not see created
 //
 //   net_mgr.cpp              life cycle, modules
 //   net_mgr_checks.cpp       destination → verdict, audit

@@ -8,9 +8,8 @@
 //   by socket    handle                       → the first record of the handle
 //   by queue     registered-I/O request queue → its record
 //   by bound     protocol, bound address      → a record of that server address
-//   touched_     the records without a port that an operation has touched lately: it may have bound them
-//   without
-//                bind, so a check asks Winsock about these, and only these
+//   touched_     the records without a port that an operation has touched lately: it may have bound
+//                them without bind, so a check asks Winsock about these, and only these
 //
 // Any thread. One lock guards the records; it is held across getsockname.
 #pragma once
