@@ -94,7 +94,8 @@ std::variant<PolicyNetRule, std::string> ParseDestination(std::string_view text)
 
   std::uint8_t bytes[16];
   const std::string name(host);
-  const bool is_address = inet_pton(family, name.c_str(), bytes) == 1;
+  // (a NUL would hide what follows it)
+  const bool is_address = name.find('\0') == std::string::npos && inet_pton(family, name.c_str(), bytes) == 1;
   if (is_address) {
     rule.address.assign(bytes, bytes + (family == AF_INET ? 4 : 16));
     rule.prefix = static_cast<std::uint32_t>(rule.address.size() * 8);
