@@ -89,6 +89,8 @@ void FollowChild(ThreadState* state, HANDLE process, HANDLE thread, const wchar_
   }
   state->hPendingThread = thread;
   state->hPendingProcess = process;
+  state->pendingProcessId = GetProcessId(process);
+  if (!state->pendingProcessId) state->pendingProcessId = GetProcessIdOfThread(thread);
 }
 
 // Returns when the child's library is ready, the child has ended, or time is up.
@@ -117,11 +119,11 @@ class PendingChild {
   PendingChild(const ThreadState& state, HANDLE thread) noexcept {
     if (!thread || thread != state.hPendingThread) return;
     const DWORD owner = GetProcessIdOfThread(thread);  // 0: the handle may not be asked
-    const DWORD pending = GetProcessId(state.hPendingProcess);
-    if (owner == pending || !owner)
+    if (owner && owner != state.pendingProcessId) return;
+    if (GetProcessId(state.hPendingProcess) == state.pendingProcessId)
       process_ = state.hPendingProcess;
-    else if (!pending && owner != GetCurrentProcessId())
-      process_ = opened_ = OpenProcess(PROCESS_ALL_ACCESS, FALSE, owner);
+    else
+      process_ = opened_ = OpenProcess(PROCESS_ALL_ACCESS, FALSE, state.pendingProcessId);
   }
   ~PendingChild() {
     if (opened_) Ntdll::CallOriginalNtClose(opened_);

@@ -11,6 +11,7 @@
 //   takes
 //                         two resumes
 //   spawn_closed COMMAND… the same, with the process handle closed before the resume
+//   spawn_reused COMMAND… the same, with another process opened in its place
 //   storm THREADS COUNT COMMAND…   COUNT children from THREADS threads; the number that did not end with 0
 #include <windows.h>
 
@@ -72,17 +73,27 @@ DWORD SpawnWithEntry(const wchar_t* entry, const std::wstring& command) {
   return Spawn(command, &block);
 }
 
-DWORD SpawnSuspended(const std::wstring& command, bool twice) {
+// Opens this process until one of the handles has the value.
+bool TakeHandleValue(HANDLE value) {
+  for (int i = 0; i < 1000; ++i)
+    if (OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, GetCurrentProcessId()) == value) return true;
+  return false;
+}
+
+enum class Resume { kTwice, kClosed, kReused };
+
+DWORD SpawnSuspended(const std::wstring& command, Resume how) {
   PROCESS_INFORMATION process{};
   if (const DWORD error = Start(command, CREATE_SUSPENDED, nullptr, process)) return error;
-  if (twice) {
+  if (how == Resume::kTwice) {
     SuspendThread(process.hThread);
     if (ResumeThread(process.hThread) != 2) return ERROR_INVALID_STATE;
   } else {
     CloseHandle(process.hProcess);
+    if (how == Resume::kReused && !TakeHandleValue(process.hProcess)) return ERROR_INVALID_HANDLE;
   }
   if (ResumeThread(process.hThread) != 1) return ERROR_INVALID_STATE;
-  if (!twice)
+  if (how != Resume::kTwice)
     process.hProcess =
         OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, process.dwProcessId);
   return process.hProcess ? ExitCode(process.hProcess) : GetLastError();
@@ -117,8 +128,9 @@ int wmain(int argc, wchar_t** argv) {
   if (verb == L"load") return LoadLibraryW(first) ? 0 : static_cast<int>(GetLastError());
   if (verb == L"spawn") return static_cast<int>(Spawn(After(2)));
   if (verb == L"spawn_env") return static_cast<int>(SpawnWithEntry(first, After(3)));
-  if (verb == L"spawn_twice") return static_cast<int>(SpawnSuspended(After(2), true));
-  if (verb == L"spawn_closed") return static_cast<int>(SpawnSuspended(After(2), false));
+  if (verb == L"spawn_twice") return static_cast<int>(SpawnSuspended(After(2), Resume::kTwice));
+  if (verb == L"spawn_closed") return static_cast<int>(SpawnSuspended(After(2), Resume::kClosed));
+  if (verb == L"spawn_reused") return static_cast<int>(SpawnSuspended(After(2), Resume::kReused));
   if (verb == L"storm" && argc > 4)
     return static_cast<int>(Storm(static_cast<int>(wcstol(first, nullptr, 10)),
                                   static_cast<int>(wcstol(argv[3], nullptr, 10)), After(4)));

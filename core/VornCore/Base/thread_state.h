@@ -38,6 +38,7 @@ struct ThreadState {
   std::uint32_t hookDepth;     // listener operations active on this thread
   HANDLE hPendingThread;       // child whose injection waits for its first resume
   HANDLE hPendingProcess;
+  DWORD pendingProcessId;  // tells the child from what its handles' values stand for later
 };
 
 // Allocates the thread-local storage index. 0 or the error of TlsAlloc.
