@@ -4,7 +4,23 @@
 
 #include <algorithm>
 
+#include "vorn/event.h"
+
 namespace vorn::cli {
+namespace {
+
+std::string Line(const ProcessNode& node, std::size_t depth) {
+  const std::string state = node.confined         ? "confined"
+                            : node.failed         ? fmt::format("NOT CONFINED (error {})", node.code)
+                            : node.exited_at_once ? fmt::format("exited at once (code {:#x})", node.code)
+                            : node.console_host   ? "console host of the system"
+                            : node.injected       ? "confined, ended before it reported"
+                                                  : "NOT CONFINED (never reported)";
+  return fmt::format("{:{}}{} ({})  {}", "", depth * 2, node.name.empty() ? "?" : host::Printable(node.name),
+                     node.pid, state);
+}
+
+}  // namespace
 
 ProcessNode& ProcessTree::Node(std::uint32_t pid, std::uint32_t parent) {
   // Searched from the end: a process id that is used again names the newest process.
@@ -46,9 +62,13 @@ void ProcessTree::ExitedAtOnce(std::uint32_t parent, std::uint32_t pid, std::uin
 }
 
 void ProcessTree::Ran(std::uint32_t pid, std::uint32_t parent, std::string name, bool console_host) {
-  ProcessNode& node = Node(pid, parent);
-  node.console_host = console_host;
-  if (node.name.empty()) node.name = std::move(name);
+  // Of the processes that had this id, the one that was spoken of as the same in number.
+  std::size_t before = ran_[pid]++;
+  auto node =
+      std::ranges::find_if(nodes_, [&](const ProcessNode& n) { return n.pid == pid && before-- == 0; });
+  if (node == nodes_.end()) node = nodes_.emplace(node, pid, parent);
+  node->console_host = console_host;
+  if (node->name.empty()) node->name = std::move(name);
 }
 
 std::size_t ProcessTree::unconfined() const {
@@ -63,25 +83,34 @@ const ProcessNode* ProcessTree::Find(std::uint32_t pid) const {
   return found == nodes_.rend() ? nullptr : &*found;
 }
 
-void ProcessTree::AddLines(std::uint32_t parent, std::size_t depth, std::vector<std::string>& lines) const {
-  for (const ProcessNode& node : nodes_) {
-    const bool is_root = depth == 0 && !Find(node.parent);
-    if (depth == 0 ? !is_root : node.parent != parent || node.pid == parent) continue;
-    const std::string state = node.confined         ? "confined"
-                              : node.failed         ? fmt::format("NOT CONFINED (error {})", node.code)
-                              : node.exited_at_once ? fmt::format("exited at once (code {:#x})", node.code)
-                              : node.console_host   ? "console host of the system"
-                              : node.injected       ? "confined, ended before it reported"
-                                                    : "NOT CONFINED (never reported)";
-    lines.push_back(
-        fmt::format("{:{}}{} ({})  {}", "", depth * 2, node.name.empty() ? "?" : node.name, node.pid, state));
-    if (depth < 64) AddLines(node.pid, depth + 1, lines);
-  }
-}
-
 std::vector<std::string> ProcessTree::Lines() const {
+  std::unordered_map<std::uint32_t, std::vector<std::size_t>> with_id;
+  for (std::size_t i = 0; i < nodes_.size(); ++i) with_id[nodes_[i].pid].push_back(i);
+  std::vector<std::size_t> roots;
+  std::vector<std::vector<std::size_t>> children(nodes_.size());
+  for (std::size_t i = 0; i < nodes_.size(); ++i) {
+    const auto parents = with_id.find(nodes_[i].parent);
+    if (parents == with_id.end() || nodes_[i].parent == nodes_[i].pid) {
+      roots.push_back(i);
+      continue;
+    }
+    // The last before it; a parent may also speak after its child.
+    const auto later = std::ranges::upper_bound(parents->second, i);
+    children[later == parents->second.begin() ? *later : *(later - 1)].push_back(i);
+  }
+
   std::vector<std::string> lines;
-  AddLines(0, 0, lines);
+  std::vector<bool> shown(nodes_.size());
+  const auto show = [&](const auto& self, std::size_t i, std::size_t depth) -> void {
+    constexpr std::size_t kDeepest = 64;
+    if (shown[i] || depth > kDeepest) return;
+    shown[i] = true;
+    lines.push_back(Line(nodes_[i], depth));
+    for (const std::size_t child : children[i]) self(self, child, depth + 1);
+  };
+  for (const std::size_t root : roots) show(show, root, 0);
+  // What lies too deep, or in a circle of processes that claim each other as parents.
+  for (std::size_t i = 0; i < nodes_.size(); ++i) show(show, i, 0);
   return lines;
 }
 

@@ -3,8 +3,8 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace vorn::cli {
@@ -31,21 +31,22 @@ class ProcessTree {
   void Injected(std::uint32_t parent, std::uint32_t pid, std::string name);
   void NotInjected(std::uint32_t parent, std::uint32_t pid, std::string name, std::uint32_t error);
   void ExitedAtOnce(std::uint32_t parent, std::uint32_t pid, std::uint32_t exit_code);
-  // The system tells that it ran, whoever else spoke of it. console_host: it is the system's own, which the
-  // system starts for a program that has a console.
+  // The system tells that it ran, once for every process in the order of their start, whoever else spoke of
+  // it. console_host: it is the system's own, which the system starts for a program that has a console.
   void Ran(std::uint32_t pid, std::uint32_t parent, std::string name, bool console_host);
 
   std::size_t size() const { return nodes_.size(); }
   std::size_t unconfined() const;
   const ProcessNode* Find(std::uint32_t pid) const;
-  // One line per process, children indented below their parent, in the order of their start.
+  // One line per process, children indented below their parent, in the order of their start. A process id
+  // that was used again names the process that had it last.
   std::vector<std::string> Lines() const;
 
  private:
   ProcessNode& Node(std::uint32_t pid, std::uint32_t parent);
-  void AddLines(std::uint32_t parent, std::size_t depth, std::vector<std::string>& lines) const;
 
   std::vector<ProcessNode> nodes_;
+  std::unordered_map<std::uint32_t, std::size_t> ran_;  // by process id: how many have run
 };
 
 }  // namespace vorn::cli
