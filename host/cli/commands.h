@@ -35,7 +35,7 @@ int Dump(const std::string& file);
 // Reads, parses and compiles a policy; on failure prints every mistake and returns nothing.
 std::optional<host::CompiledPolicy> LoadPolicy(const std::string& file);
 
-// Writes a line of UTF-8 to standard output or standard error, and flushes it.
+// Writes a line of UTF-8 to standard output or standard error.
 void PrintLine(const std::string& text);
 void PrintErrorLine(const std::string& text);
 

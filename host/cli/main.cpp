@@ -5,7 +5,7 @@
 #include <shellapi.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
+#include <sstream>
 
 #include "command_line.h"
 #include "commands.h"
@@ -25,10 +25,10 @@ std::vector<std::string> Arguments() {
 }
 
 int Main() {
-  SetConsoleOutputCP(CP_UTF8);
   CLI::App app("Runs programs confined: a policy says which files and network destinations they may use.",
                "vorn");
   app.require_subcommand(1);
+  app.allow_windows_style_options(false);  // "/c/x" is a path
   app.set_version_flag("--version", kVersion);
   app.set_help_all_flag("--help-all", "Print the help of all commands");
 
@@ -67,19 +67,30 @@ int Main() {
   dump->add_option("file", dump_file, "Crash dump (.dmp)")->required();
 
   std::vector<std::string> arguments = Arguments();
-  // Words behind "--" are the program's; the parser must not look for options among them.
-  const std::optional<std::wstring> tail = vorn::cli::TailAfterDashes(GetCommandLineW());
-  if (const auto dashes = std::find(arguments.begin(), arguments.end(), "--");
-      dashes != arguments.end() && tail) {
-    arguments.erase(dashes, arguments.end());
-    if (!tail->empty()) arguments.push_back("program");
-    run_arguments.program_command_line = *tail;
+  // Words behind the "--" of run are the program's; the parser must not look for options among them.
+  if (!arguments.empty() && arguments.front() == "run") {
+    const std::optional<std::wstring> tail = vorn::cli::TailAfterDashes(GetCommandLineW());
+    if (const auto dashes = std::find(arguments.begin(), arguments.end(), "--");
+        dashes != arguments.end() && tail) {
+      arguments.erase(dashes, arguments.end());
+      if (!tail->empty()) arguments.push_back("program");
+      run_arguments.program_command_line = *tail;
+    }
   }
   try {
     std::reverse(arguments.begin(), arguments.end());
     app.parse(arguments);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? vorn::cli::kExitOk : vorn::cli::kExitCannotRun;
+    std::ostringstream output, errors;
+    std::string line;
+    const int code = app.exit(error, output, errors);
+    for (std::istringstream lines(output.str()); std::getline(lines, line);) vorn::cli::PrintLine(line);
+    if (code == 0) return vorn::cli::kExitOk;
+    if (dynamic_cast<const CLI::RequiredError*>(&error))  // perhaps because another word is misspelt
+      for (const std::string& word : app.remaining(true))
+        vorn::cli::PrintErrorLine("not understood: " + word);
+    for (std::istringstream lines(errors.str()); std::getline(lines, line);) vorn::cli::PrintErrorLine(line);
+    return vorn::cli::kExitCannotRun;
   }
   if (*check) return vorn::cli::Check(policy_file);
   if (*explain) return vorn::cli::Explain(policy_file, questions);
@@ -99,7 +110,7 @@ int main() {
   try {
     return Main();
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "vorn: %s\n", error.what());
+    vorn::cli::PrintErrorLine(std::string("vorn: ") + error.what());
     return vorn::cli::kExitCannotRun;
   }
 }

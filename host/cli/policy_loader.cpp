@@ -1,6 +1,5 @@
 #include <windows.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -17,16 +16,24 @@ std::optional<std::string> EnvironmentVariable(std::string_view name) {
   return value.empty() ? std::nullopt : std::optional(host::ToUtf8(value));
 }
 
-void PrintTo(std::FILE* stream, const std::string& text) {
-  std::fwrite(text.data(), 1, text.size(), stream);
-  std::fputc('\n', stream);
-  std::fflush(stream);
+// One call a line, so that the lines of the confined programs do not come in between. The console's code page
+// is left as it is: it is the confined programs' too, and stays when vorn has ended.
+void PrintTo(DWORD stream, const std::string& text) {
+  HANDLE handle = GetStdHandle(stream);
+  const std::string line = text + "\r\n";
+  DWORD done = 0;
+  if (GetConsoleMode(handle, &done)) {
+    const std::wstring wide = host::ToWide(line);
+    WriteConsoleW(handle, wide.data(), static_cast<DWORD>(wide.size()), &done, nullptr);
+  } else {
+    WriteFile(handle, line.data(), static_cast<DWORD>(line.size()), &done, nullptr);
+  }
 }
 
 }  // namespace
 
-void PrintLine(const std::string& text) { PrintTo(stdout, text); }
-void PrintErrorLine(const std::string& text) { PrintTo(stderr, text); }
+void PrintLine(const std::string& text) { PrintTo(STD_OUTPUT_HANDLE, text); }
+void PrintErrorLine(const std::string& text) { PrintTo(STD_ERROR_HANDLE, text); }
 
 std::optional<host::CompiledPolicy> LoadPolicy(const std::string& file) {
   std::ifstream stream(std::filesystem::path(host::ToWide(file)), std::ios::binary);
