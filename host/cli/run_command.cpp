@@ -66,12 +66,23 @@ std::wstring Directory(const std::string& from_policy, const char* table, const 
           fmt::format("%LOCALAPPDATA% is not set: name a directory under [{}] in the policy", table));
     path = std::filesystem::path(base) / L"Vorn" / name;
   }
+  if (!path.has_root_directory()) path /= L"\\";  // a drive alone would be its current folder
   std::error_code error;
   std::filesystem::create_directories(path, error);
   if (error)
     throw std::runtime_error(fmt::format("the directory \"{}\" of [{}] cannot be made: {}",
                                          host::ToUtf8(path.wstring()), table, error.message()));
   return path.wstring();
+}
+
+void OpenEvents(RunReport& report, const RunArguments& arguments) {
+  std::error_code ignored;  // a file that does not exist yet
+  if (std::filesystem::equivalent(host::ToWide(arguments.events_file), host::ToWide(arguments.policy_file),
+                                  ignored))
+    throw std::runtime_error("the events would overwrite the policy");
+  if (!report.WriteEventsTo(arguments.events_file))
+    throw std::runtime_error(fmt::format("cannot write the events file \"{}\": {}", arguments.events_file,
+                                         host::Win32ErrorText(GetLastError())));
 }
 
 // Codes of the system, such as that of a crash, are known by their hexadecimal form.
@@ -92,10 +103,7 @@ int Run(const RunArguments& arguments) {
         document.write_dumps ? Directory(document.dump_directory, "dump", L"dumps") : std::wstring();
     host::RunJournal journal(host::RunJournal::NewRunName());
     RunReport report(*policy, journal, dump_directory, arguments.quiet);
-    if (!arguments.events_file.empty() && !report.WriteEventsTo(arguments.events_file)) {
-      PrintErrorLine(fmt::format("vorn: cannot write the events file \"{}\"", arguments.events_file));
-      return kExitCannotRun;
-    }
+    if (!arguments.events_file.empty()) OpenEvents(report, arguments);
     host::MessageServer server(
         host::RandomName(L"vorn"),
         {.on_message = [&](const host::Peer& peer,
@@ -118,6 +126,10 @@ int Run(const RunArguments& arguments) {
     auto started = launcher.Start(options);
     if (auto* failure = std::get_if<host::LaunchFailure>(&started)) {
       server.WaitUntilIdle(kLastMessages);
+      if (g_interrupted) {
+        PrintErrorLine("vorn: not run: ended by Ctrl-C");
+        return static_cast<int>(kExitByControlC);
+      }
       PrintErrorLine("vorn: not run: " + failure->text);
       const bool not_found = failure->stage == host::LaunchStage::kCreate &&
                              (failure->code == ERROR_FILE_NOT_FOUND || failure->code == ERROR_PATH_NOT_FOUND);

@@ -35,7 +35,11 @@ void RunReport::OnMessage(std::uint32_t pid, std::span<const std::byte> message)
   host::Event event = host::DecodeEvent(message, pid);
   if (std::holds_alternative<host::CrashEvent>(event.body))
     host::AddCrashDump(event, dump_directory_, started_at_ms_[pid]);
-  if (events_.is_open()) events_ << host::EventJson(event) << '\n' << std::flush;
+  if (events_.is_open() && !(events_ << host::EventJson(event) << '\n' << std::flush)) {
+    PrintErrorLine("vorn: the events file is incomplete, it cannot be written any more: " +
+                   host::Win32ErrorText(GetLastError()));
+    events_.close();
+  }
   std::visit([&](const auto& body) { On(event, body); }, event.body);
 }
 
