@@ -3,9 +3,11 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "Policy/file_time.h"
 #include "commands.h"
+#include "vorn/event.h"
 #include "vorn/recycle_bin.h"
 #include "vorn/run_journal.h"
 #include "vorn/text.h"
@@ -69,14 +71,23 @@ int Restore(const std::string& run, bool list, const std::vector<std::string>& p
   }
   std::vector<host::RecycledFile> bin = host::ListRecycleBin();
   int result = kExitOk;
+  std::vector<std::wstring> wanted;
+  for (const std::string& path : paths) {
+    std::error_code error;
+    const std::filesystem::path full = std::filesystem::absolute(host::ToWide(path), error).make_preferred();
+    wanted.push_back(full.wstring());
+    if (std::ranges::none_of(*entries,
+                             [&](const auto& entry) { return SamePath(wanted.back(), entry.path); })) {
+      PrintErrorLine(fmt::format("vorn: run {} has not deleted \"{}\"", run, path));
+      result = kExitMistake;
+    }
+  }
   // The last deletion of a path is the one that its user remembers: it is put back first.
   for (auto entry = entries->rbegin(); entry != entries->rend(); ++entry) {
-    const bool wanted =
-        paths.empty() || std::any_of(paths.begin(), paths.end(), [&](const std::string& path) {
-          return SamePath(host::ToWide(path), entry->path);
-        });
-    if (!wanted) continue;
-    const std::string name = host::ToUtf8(entry->path);
+    if (!wanted.empty() &&
+        std::ranges::none_of(wanted, [&](const std::wstring& path) { return SamePath(path, entry->path); }))
+      continue;
+    const std::string name = host::Printable(host::ToUtf8(entry->path));
     const auto file = TakeFromBin(bin, *entry);
     if (list) {
       PrintLine(
