@@ -67,7 +67,10 @@ int Explain(const std::string& policy_file, const std::vector<std::string>& ques
       }
       auto destination = host::ParseDestination(question);
       if (auto* error = std::get_if<std::string>(&destination)) throw std::invalid_argument(*error);
-      PrintLine(ExplainDestination(*policy, std::get<host::PolicyNetRule>(destination)));
+      const auto& asked = std::get<host::PolicyNetRule>(destination);
+      if (asked.ports.size() > 1 || asked.prefix < asked.address.size() * 8 || asked.domain.starts_with("*."))
+        throw std::invalid_argument("that is many destinations: ask for one address or name, with one port");
+      PrintLine(ExplainDestination(*policy, asked));
     } catch (const std::exception& error) {
       PrintErrorLine(fmt::format("vorn: cannot explain \"{}\": {}", question, error.what()));
       result = kExitMistake;
