@@ -8,6 +8,7 @@
 #define TOML_ENABLE_FORMATTERS 0
 #include <toml++/toml.h>
 
+#include "vorn/event.h"
 #include "vorn/section.h"
 
 namespace vorn::host {
@@ -213,9 +214,9 @@ class PolicyReader {
                 " is not a full path: it must begin with a drive (C:\\…) or a share (\\\\server\\share\\…)");
       return {};
     }
-    const std::size_t bad = path.find_first_of("*?<>|\"", 0);
-    if (bad != std::string::npos || path.find(':', 2) != std::string::npos ||
-        path.find('\0') != std::string::npos) {
+    if (path.find(':', 2) != std::string::npos || std::ranges::any_of(path, [](unsigned char c) {
+          return c < 0x20 || std::string_view("*?<>|\"").find(static_cast<char>(c)) != std::string_view::npos;
+        })) {
       Error(place, Quoted(path) +
                        " contains a character that no path has (a rule covers everything below its path; "
                        "wildcards are not needed)");
@@ -299,7 +300,7 @@ std::variant<PolicyDocument, std::vector<PolicyError>> ParsePolicy(std::string_v
 
 std::string FormatPolicyError(std::string_view file, const PolicyError& error) {
   return std::string(file) + ":" + std::to_string(error.place.line) + ":" +
-         std::to_string(error.place.column) + ": error: " + error.message;
+         std::to_string(error.place.column) + ": error: " + Printable(error.message);
 }
 
 }  // namespace vorn::host
