@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <system_error>
+#include <unordered_map>
 
 #include "Policy/device_path.h"
+#include "Policy/text.h"
 #include "Policy/wide.h"
 #include "vorn/nt_path.h"
 #include "vorn/text.h"
@@ -25,6 +27,12 @@ const char* AccessName(FileAccess access) {
   return "";
 }
 
+// Places that the kernel takes for the same have the same folded path.
+std::wstring Folded(std::wstring path) {
+  for (wchar_t& unit : path) unit = static_cast<wchar_t>(policy::FoldCase(static_cast<char16_t>(unit)));
+  return path;
+}
+
 std::wstring TempDirectory() {
   wchar_t path[MAX_PATH + 1];
   const DWORD length = GetTempPathW(MAX_PATH + 1, path);
@@ -41,10 +49,16 @@ std::wstring TempDirectory() {
 std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(PolicyDocument document) {
   CompiledPolicy compiled(std::move(document));
   std::vector<PolicyError> errors;
+  std::unordered_map<std::wstring, const PolicyFileRule*> rule_of;  // by place
   for (const PolicyFileRule& rule : compiled.document_.files) {
     try {
-      compiled.file_rules_.push_back(
-          {static_cast<policy::FileACL>(rule.access), ToNtPath(ToWide(rule.path))});
+      std::wstring path = ToNtPath(ToWide(rule.path));
+      const auto [first, added] = rule_of.emplace(Folded(path), &rule);
+      if (!added && first->second->access != rule.access)
+        errors.push_back({rule.place, "\"" + rule.path + "\" is the same place as \"" + first->second->path +
+                                          "\" in line " + std::to_string(first->second->place.line) +
+                                          ", which has another access"});
+      compiled.file_rules_.push_back({static_cast<policy::FileACL>(rule.access), std::move(path)});
     } catch (const std::system_error& error) {
       errors.push_back({rule.place, "\"" + rule.path + "\" cannot be used: " +
                                         Win32ErrorText(static_cast<std::uint32_t>(error.code().value()))});
