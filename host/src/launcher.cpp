@@ -109,29 +109,11 @@ bool IsX86(HANDLE process) {
   return under_wow64(process) || (sizeof(void*) == 4 && !under_wow64(GetCurrentProcess()));
 }
 
-// The path in the ANSI code page, which import tables are written in; where that cannot express it, the short
-// form of the path. Empty when neither can.
-std::string ToAnsiPath(const std::wstring& path) {
-  const auto convert = [](const std::wstring& text) -> std::string {
-    const bool utf8 = GetACP() == CP_UTF8;  // expresses everything, and does not take the two arguments
-    BOOL lossy = FALSE;
-    char buffer[MAX_PATH * 3];
-    const int bytes = WideCharToMultiByte(CP_ACP, utf8 ? 0 : WC_NO_BEST_FIT_CHARS, text.c_str(), -1, buffer,
-                                          sizeof buffer, nullptr, utf8 ? nullptr : &lossy);
-    return bytes && !lossy ? buffer : "";
-  };
-  std::string ansi = convert(path);
-  if (!ansi.empty()) return ansi;
-  wchar_t shorter[MAX_PATH];
-  const DWORD units = GetShortPathNameW(path.c_str(), shorter, MAX_PATH);
-  return units && units < MAX_PATH ? convert(shorter) : "";
-}
-
 // 0 or a Win32 error.
 DWORD Inject(HANDLE process, DWORD pid, const std::wstring& library) {
   if (library.empty() || GetFileAttributesW(library.c_str()) == INVALID_FILE_ATTRIBUTES)
     return ERROR_MOD_NOT_FOUND;
-  const std::string path = ToAnsiPath(library);
+  const std::string path = ToAnsi(PathForAnsi(library));
   if (path.empty()) return ERROR_NO_UNICODE_TRANSLATION;
   LPCSTR dlls[] = {path.c_str()};
   if (DetourUpdateProcessWithDll(process, dlls, 1)) return 0;

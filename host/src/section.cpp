@@ -96,7 +96,9 @@ policy::NetRuleRecord LayOut(const NetRule& rule, Layout& layout) {
 }  // namespace
 
 void SectionContents::UseLibrariesIn(const std::wstring& folder) {
-  const std::wstring prefix = folder.ends_with(L'\\') ? folder : folder + L'\\';
+  // The library gives its path to children by their import tables too.
+  std::wstring prefix = PathForAnsi(folder);
+  if (!prefix.ends_with(L'\\')) prefix += L'\\';
   core_x64 = prefix + L"vorn_core.dll";
   core_x86 = prefix + L"vorn_core32.dll";
   ipc_x64 = prefix + L"vorn_ipc.dll";

@@ -25,6 +25,22 @@ std::wstring ToWide(std::string_view text) {
   return result;
 }
 
+std::string ToAnsi(const std::wstring& text) {
+  const bool utf8 = GetACP() == CP_UTF8;  // expresses everything, and does not take the two arguments
+  BOOL lossy = FALSE;
+  char buffer[MAX_PATH * 3];
+  const int bytes = WideCharToMultiByte(CP_ACP, utf8 ? 0 : WC_NO_BEST_FIT_CHARS, text.c_str(), -1, buffer,
+                                        sizeof buffer, nullptr, utf8 ? nullptr : &lossy);
+  return bytes && !lossy ? buffer : "";
+}
+
+std::wstring PathForAnsi(const std::wstring& path) {
+  if (!ToAnsi(path).empty()) return path;
+  wchar_t shorter[MAX_PATH];
+  const DWORD units = GetShortPathNameW(path.c_str(), shorter, MAX_PATH);
+  return units && units < MAX_PATH ? shorter : path;
+}
+
 std::string Win32ErrorText(std::uint32_t error) {
   wchar_t* text = nullptr;
   const DWORD units = FormatMessageW(
@@ -34,7 +50,11 @@ std::string Win32ErrorText(std::uint32_t error) {
   std::wstring_view sentence(text ? text : L"", units);
   const auto end = sentence.find_last_not_of(L".\r\n ");
   if (end == sentence.npos) return fmt::format("error {}", error);
-  return ToUtf8(sentence.substr(0, end + 1));
+  std::string message = ToUtf8(sentence.substr(0, end + 1));
+  // What the system leaves for its caller to fill in.
+  if (const std::size_t insert = message.find("%1"); insert != message.npos)
+    message.replace(insert, 2, "the file");
+  return message;
 }
 
 std::wstring RandomName(std::wstring_view prefix) {

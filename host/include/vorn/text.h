@@ -11,6 +11,12 @@ namespace vorn::host {
 std::string ToUtf8(std::wstring_view text);
 std::wstring ToWide(std::string_view text);
 
+// A path's text in the ANSI code page, which import tables are written in; empty when that cannot express it
+// or it has no room in MAX_PATH * 3 bytes.
+std::string ToAnsi(const std::wstring& text);
+// The path, or its short form where the ANSI code page cannot express it and there is one.
+std::wstring PathForAnsi(const std::wstring& path);
+
 // The system's sentence for a Win32 error, without full stop or line end: "The system cannot find the file
 // specified"; "error N" when it has none.
 std::string Win32ErrorText(std::uint32_t error);
