@@ -141,6 +141,7 @@ TEST_F(VornExe, FollowsATreeOfProgramsAndPutsBackWhatTheDeepestDeleted) {
   ASSERT_TRUE(std::regex_search(session.text, run, std::regex(R"(vorn restore (\S+))"))) << session.text;
   const Session listed = Vorn("restore --list " + run.str(1));
   EXPECT_TRUE(listed.Says("in recycle bin  " + Dos("work\\f.txt"))) << listed.text;
+  EXPECT_EQ(Vorn("restore " + run.str(1) + " \"" + Dos("work\\g.txt") + '"').exit_code, 1u);
   Write("work\\f.txt", "in the way");
   EXPECT_EQ(Vorn("restore " + run.str(1)).exit_code, 1u);
   EXPECT_EQ(Read("work\\f.txt"), "in the way");
@@ -243,12 +244,30 @@ TEST_F(VornExe, SaysWhatIsWrongAndRunsNothing) {
   EXPECT_EQ(no_directory.exit_code, 125u);
   EXPECT_TRUE(no_directory.Says("of [dump] cannot be made: ")) << no_directory.text;
 
+  Write("bad.toml", "[files]\ndeny = ['" + Dos("work") + "']\nwrite = ['" + Dos("work") + ".']\n");
+  EXPECT_TRUE(Vorn("check \"" + Dos("bad.toml") + "\"").Says("bad.toml:3:10: error: "))
+      << "one place, two accesses";
+  const Session lost = Run("cmd /c echo ran", "--events \"" + Dos("policy.toml") + "\"");
+  EXPECT_TRUE(lost.exit_code == 125u && lost.Says("overwrite the policy")) << lost.text;
+  EXPECT_NE(Read("policy.toml"), "");
+  EXPECT_TRUE(Vorn("frobnicate").Says("not understood: frobnicate"));
+
   // Without the library beside it nothing can be confined, so nothing runs.
   fs::copy_file(BuildPath("vorn.exe"), Path("vorn.exe"));
   const Session alone = Vorn("run -p \"" + Dos("policy.toml") + "\" -- cmd /c echo ran", Path("vorn.exe"));
   EXPECT_EQ(alone.exit_code, 125u);
   EXPECT_TRUE(alone.Says("not run: ")) << alone.text;
   EXPECT_FALSE(alone.Says("\nran"));
+}
+
+TEST_F(VornExe, ConfinesChildrenAlsoFromAFolderThatTheAnsiCodePageCannotExpress) {
+  const fs::path folder = Path("") / L"\u0416\u4e2d\u00fc";
+  fs::create_directory(folder);
+  for (const char* file : {"vorn.exe", "vorn_core.dll", "vorn_ipc.dll"})
+    fs::copy_file(BuildPath(file), folder / file);
+  const Session session =
+      Vorn("run -p \"" + Dos("policy.toml") + "\" -- cmd /c cmd /c echo ran", folder / "vorn.exe");
+  EXPECT_TRUE(session.Says("ran\r\n") && session.Says("2 processes\r\n")) << session.text;
 }
 
 TEST_F(VornExe, ExplainsPathsAndDestinations) {
@@ -264,7 +283,9 @@ TEST_F(VornExe, ExplainsPathsAndDestinations) {
   EXPECT_EQ(verdicts, (std::vector<std::string>{"deny", "read", "allow", "deny", "allow", "deny"}))
       << session.text;
   EXPECT_TRUE(session.Says("(allow *.example.com:443 (line 4))")) << session.text;
-  EXPECT_EQ(Vorn("explain -p \"" + Dos("policy.toml") + "\" \"a b\"").exit_code, 1u);
+  for (const char* nothing_to_decide : {"\"a b\"", "a.example.com:443,80", "10.0.0.0/7", "*.example.com"})
+    EXPECT_EQ(Vorn("explain -p \"" + Dos("policy.toml") + "\" " + nothing_to_decide).exit_code, 1u);
+  EXPECT_TRUE(Vorn("explain -p \"" + Dos("policy.toml") + "\" -- \"" + Dos("denied") + '"').Says("deny  "));
 }
 
 }  // namespace
