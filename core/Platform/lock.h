@@ -1,7 +1,12 @@
 // Owners of a critical section and of the time it is held. Usable from any thread; the lock is recursive.
+//
+// The end of a process takes its other threads away with the locks that they hold, and then runs the DLLs'
+// detach code, which closes handles and logs. Who waited for such a lock would not come back: Windows ends
+// the process on the spot, with an exit code that is not the program's and without the detach code that is
+// left. So the last thread does not wait: it goes on without the lock, which nobody else can want any more.
 #pragma once
 
-#include <windows.h>
+#include "Platform/nt.h"
 
 namespace VornCore::platform {
 
@@ -12,8 +17,12 @@ class CriticalSection {
   CriticalSection(const CriticalSection&) = delete;
   CriticalSection& operator=(const CriticalSection&) = delete;
 
-  void Enter() { EnterCriticalSection(&section_); }
-  void Leave() { LeaveCriticalSection(&section_); }
+  void Enter() {
+    if (!TryEnterCriticalSection(&section_) && !RtlDllShutdownInProgress()) EnterCriticalSection(&section_);
+  }
+  void Leave() {
+    if (section_.OwningThread == ULongToHandle(GetCurrentThreadId())) LeaveCriticalSection(&section_);
+  }
 
  private:
   CRITICAL_SECTION section_;

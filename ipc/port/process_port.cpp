@@ -6,8 +6,6 @@
 
 #include "ipc/port/handshake.h"
 
-extern "C" NTSYSAPI BOOLEAN NTAPI RtlDllShutdownInProgress(VOID);
-
 namespace vorn::ipc {
 
 namespace {

@@ -8,8 +8,6 @@
 
 #include "Platform/nt.h"
 
-extern "C" NTSYSAPI BOOLEAN NTAPI RtlDllShutdownInProgress(VOID);
-
 extern "C" {
 __attribute__((noreturn)) void abort(void) {
   // FAST_FAIL_FATAL_APP_EXIT: ends the process at once, past every handler.
