@@ -48,3 +48,8 @@ extern "C" __declspec(dllexport) bool __stdcall CreateIPCInterface2(vorn::ipc::I
 extern "C" __declspec(dllexport) void __stdcall DestroyIPCInterface(vorn::ipc::IPC*) {
   State().on_call("Destroy");
 }
+
+BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID process_ends) {
+  if (reason == DLL_PROCESS_DETACH && process_ends && State().at_process_end) State().at_process_end();
+  return TRUE;
+}

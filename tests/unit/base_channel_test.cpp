@@ -243,6 +243,33 @@ TEST_F(Channel, HostsMessagesAreCheckedAndNoticesLogged) {
             "recv disconnect notify, it's pid:33, tid:44, port name:a port\n");
 }
 
+// DLLs that detach after a thread has ended inside the queue still send.
+TEST_F(Channel, QueueOfAThreadThatEndedInsideKeepsNoProcessFromEnding) {
+  const auto end_inside_push = [] {
+    if (!channel::Init(kServer, false) || !WaitForSent(1)) ExitProcess(1);
+    static HANDLE inside = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    AddVectoredExceptionHandler(1, [](PEXCEPTION_POINTERS) -> LONG {
+      SetEvent(inside);
+      Sleep(INFINITE);
+      return EXCEPTION_CONTINUE_SEARCH;
+    });
+    constexpr std::size_t kPage = 4096;
+    auto* pages = static_cast<char*>(VirtualAlloc(nullptr, 2 * kPage, MEM_RESERVE, PAGE_NOACCESS));
+    VirtualAlloc(pages, kPage, MEM_COMMIT, PAGE_READWRITE);
+    void* unreadable_behind_its_header = pages + kPage - sizeof(policy::TIPHeader);
+    InitTipHeader(unreadable_behind_its_header, 3, 0, 10, 1);
+    std::thread([=] { SendToHost(unreadable_behind_its_header, 40); }).detach();
+    WaitForSingleObject(inside, INFINITE);
+    transport.at_process_end = [] {
+      if (Send(Message(3, 1))) TerminateProcess(GetCurrentProcess(), 2);
+      channel::FlushAtProcessEnd();
+      TerminateProcess(GetCurrentProcess(), 7);
+    };
+    ExitProcess(3);
+  };
+  EXPECT_EXIT(end_inside_push(), testing::ExitedWithCode(7), "");
+}
+
 TEST_F(Channel, DisconnectEndsTheProcessOnlyWhenAskedTo) {
   const auto disconnect = [](bool terminate) {
     if (!channel::Init(kServer, terminate)) ExitProcess(1);

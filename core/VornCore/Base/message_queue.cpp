@@ -17,6 +17,7 @@ void MessageQueue::Destroy() noexcept {
 }
 
 bool MessageQueue::Push(const void* data, std::uint32_t bytes) noexcept {
+  if (IsAbandoned()) return false;  // nobody would give the lock back
   const bool queued = ring_.Push(data, bytes);
   if (sleeping_.load(std::memory_order_relaxed) && sleeping_.exchange(false)) SetEvent(event_);
   return queued;

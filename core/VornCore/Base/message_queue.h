@@ -30,12 +30,12 @@ class MessageQueue {
   // errors in a row.
   void Consume(Handler handle) noexcept;
 
-  // For the last thread of an ending process. Whether a thread was ended inside the queue: then nothing else
-  // may be called.
-  [[nodiscard]] bool IsAbandoned() const noexcept { return ring_.IsLocked(); }
-  // For that thread too: hands what is left to handle, until it answers false, and returns how many messages
-  // are left then. The first may be the message that the consumer had in hand when it ended, and it may have
-  // got through.
+  // Whether the end of the process took away a thread inside the queue. Then nothing is pushed any more, and
+  // nothing may be drained.
+  [[nodiscard]] bool IsAbandoned() const noexcept { return ring_.IsLocked() && RtlDllShutdownInProgress(); }
+  // For the last thread of an ending process: hands what is left to handle, until it answers false, and
+  // returns how many messages are left then. The first may be the message that the consumer had in hand when
+  // it ended, and it may have got through.
   [[nodiscard]] std::uint32_t Drain(bool (*handle)(const void* data, std::uint32_t bytes)) noexcept;
 
   // Waits until the consumer sleeps, and so holds no lock; gives up when time is up.
