@@ -125,14 +125,13 @@ bool ExceptionHandlerDump::WaitForDump(const DumpRequest& request) noexcept {
 // Whether the dump thread has served the request.
 bool ExceptionHandlerDump::WaitUntilDone() noexcept {
   const HANDLE done_or_ended[] = {hDone_, hThread_};
-  const DWORD patience = serving_ ? INFINITE : kStartPatienceMs;
-  DWORD answer = WaitForMultipleObjects(2, done_or_ended, FALSE, patience);
-  if (answer == WAIT_TIMEOUT) {
+  for (;;) {
+    const DWORD patience = serving_ ? INFINITE : kStartPatienceMs;
+    const DWORD answer = WaitForMultipleObjects(2, done_or_ended, FALSE, patience);
+    if (answer != WAIT_TIMEOUT) return answer == WAIT_OBJECT_0;
     // Take the request back, unless it is being served by now.
     if (WaitForSingleObject(hRequest_, 0) == WAIT_OBJECT_0) return false;
-    answer = WaitForMultipleObjects(2, done_or_ended, FALSE, INFINITE);
   }
-  return answer == WAIT_OBJECT_0;
 }
 
 // The dump thread.
