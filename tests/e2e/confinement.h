@@ -18,7 +18,9 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <mutex>
+#include <set>
 #include <span>
 #include <string>
 #include <variant>
@@ -135,6 +137,7 @@ class Confinement {
     EXPECT_TRUE(launcher_.WaitForAll(kPatience));
     EXPECT_TRUE(server_.WaitUntilIdle(kPatience));
     std::lock_guard lock(mutex_);
+    DropRepetitions();
     return std::move(received_);
   }
 
@@ -148,6 +151,23 @@ class Confinement {
     contents.server_port = server_.port_name();
     if (adjust) adjust(contents);
     return contents;
+  }
+
+  // The message that was on its way when a process ended is sent again rather than lost: it may come twice,
+  // before those that waited behind it.
+  void DropRepetitions() {
+    std::map<std::uint32_t, std::vector<std::size_t>> by_sender;
+    for (std::size_t i = 0; i < received_.size(); ++i) by_sender[received_[i].sender()].push_back(i);
+    std::set<std::size_t> repeated;
+    for (const auto& [sender, indexes] : by_sender) {
+      const auto twice = std::adjacent_find(
+          indexes.rbegin(), indexes.rend(),
+          [&](std::size_t a, std::size_t b) { return received_[a].bytes == received_[b].bytes; });
+      if (twice != indexes.rend()) repeated.insert(*twice);
+    }
+    std::erase_if(received_, [&](const Received& each) {
+      return repeated.contains(static_cast<std::size_t>(&each - received_.data()));
+    });
   }
 
   void Keep(std::span<const std::byte> bytes) {

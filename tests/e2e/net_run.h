@@ -39,9 +39,6 @@ inline NetRun RunProgram(const std::wstring& command_line, const std::vector<hos
     run.messages = confinement.Settle();
   }
   CloseHandle(file);
-  // The message that was on its way when a process ended is sent again rather than lost: it may come twice.
-  if (run.messages.size() > 1 && run.messages.back().bytes == run.messages[run.messages.size() - 2].bytes)
-    run.messages.pop_back();
   std::ifstream stream(output);
   for (std::string line; std::getline(stream, line);) {
     if (!line.empty() && line.back() == '\r') line.pop_back();

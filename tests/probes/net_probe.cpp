@@ -361,6 +361,7 @@ int main(int count, char** words) {
     if (command.empty()) continue;
     printf("%s%s\n", command[0].c_str(), Run(command).c_str());
     fflush(stdout);
+    Sleep(1);  // messages of one kind that come faster are a flood, of which some are dropped
   }
   return 0;
 }
