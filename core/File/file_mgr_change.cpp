@@ -6,6 +6,7 @@
 #include "File/recycle_bin.h"
 #include "File/scratch_path.h"
 #include "Platform/last_error.h"
+#include "Policy/device_path.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
 #include "VornCore/Base/log.h"
@@ -46,13 +47,30 @@ RenameRequest ReadRename(const nt::RenameInformation* information, ULONG length,
   return request;
 }
 
-// Where a rename leads: canonical, in scratch slot 0. Empty when that cannot be told.
-std::wstring_view GetRenameTargetPath(const RenameRequest& request) {
+// A bare name leaves the file in its folder: that folder and name, in scratch slot 2. Empty when the folder
+// cannot be told.
+std::wstring_view InFolderOf(HANDLE file, std::wstring_view name) {
+  std::wstring_view path;
+  if (!nt::Success(GetPath(file, nullptr, &path))) return {};
+  const std::size_t last = vorn::policy::FindLastComponent(U16(path));
+  if (last == vorn::policy::kNotFound) return {};
+  wchar_t* joined = ScratchPath(2, last + name.size());
+  return joined ? TerminatedCopy(joined, path.substr(0, last), name) : std::wstring_view();
+}
+
+// Where a rename of file leads: canonical, in scratch slot 0. Empty when that cannot be told, and for another
+// name of a stream, which stays in its file.
+std::wstring_view GetRenameTargetPath(HANDLE file, const RenameRequest& request) {
   if (request.name_bytes < sizeof(wchar_t) || request.name[0] == 0) return {};
   UNICODE_STRING name;
   name.Length = static_cast<USHORT>(request.name_bytes);
   name.MaximumLength = name.Length;
   name.Buffer = const_cast<wchar_t*>(request.name);
+  if (!request.root && request.name[0] != L'\\' && request.name[0] != L':') {
+    const std::wstring_view joined = InFolderOf(file, {name.Buffer, name.Length / sizeof(wchar_t)});
+    if (joined.empty()) return {};
+    name = nt::CountedString(joined.data(), joined.size() * sizeof(wchar_t));
+  }
   std::wstring_view path;
   return nt::Success(GetPath(request.root, &name, &path)) ? path : std::wstring_view();
 }
@@ -129,7 +147,7 @@ CFileMgr::Outcome CFileMgr::HandleRename(HANDLE handle, const void* information,
   const ScratchLevel level(state);
   const RenameRequest request =
       ReadRename(static_cast<const nt::RenameInformation*>(information), length, extended);
-  const std::wstring_view target = GetRenameTargetPath(request);
+  const std::wstring_view target = GetRenameTargetPath(handle, request);
   const HandleRecordPtr record = model_.handles().Find(handle);
   const std::wstring_view source = record ? record->path : std::wstring_view();
   const FileACL source_access = record ? record->own_access : FileACL::kUnknown;

@@ -64,6 +64,8 @@ TEST_F(FileChange, RenameTargetsAreUnderstoodInEveryForm) {
             STATUS_SUCCESS);
   EXPECT_EQ(Text(L"\\write\\c.txt"), "old");
   EXPECT_EQ(Rename(file, Nt(L"\\read\\d.txt")), kRefused);
+  SetRules({{FileACL::kReadWrite, Nt(L"\\write")}, {FileACL::kRead, Nt(L"\\write\\e.txt")}});
+  EXPECT_EQ(Rename(file, L"e.txt", nt::kRenameReplaceIfExists), kRefused) << "in the folder of the file";
   NtClose(file);
   NtClose(folder);
 }
