@@ -29,6 +29,12 @@ bool IsDavFile(HANDLE file) {
          (info.Protocol & 0xFFFF0000) == kDavProvider;
 }
 
+// The device alone: a substituted drive stands for a folder, and names of links are told from the volume's
+// root.
+std::wstring_view VolumeOf(std::wstring_view device_path) {
+  return device_path.substr(0, device_path.find(L'\\', vorn::policy::kDevicePrefix.size()));
+}
+
 }  // namespace
 
 FileLinkHelper::~FileLinkHelper() {
@@ -131,7 +137,7 @@ int FileLinkHelper::GetFileHardLinks(const wchar_t* path, const ListHead** names
     BY_HANDLE_FILE_INFORMATION info;
     if (platform::Native().GetFileInformationByHandle(file, &info) && info.nNumberOfLinks >= 2)
       if (const DriveRecord* drive = GetDriveForLetter(path[0]))
-        count = FindHardLinks(path, drive->device_path);
+        count = FindHardLinks(path, VolumeOf(drive->device_path));
     CloseHandle(file);
   } else if (IsDebugLogEnabled()) {
     VORN_LOG_I("FileLinkHelper::GetFileHardLinks error:%d path:%s", static_cast<int>(error),
