@@ -63,7 +63,12 @@ FileDecision FileACLModel::DecideFileACL(std::wstring_view path) const noexcept 
         }
         decision.in_recycle_bin = vorn::policy::IsRecycleBinPath(U16(target));
         const bool free_place = decision.in_recycle_bin || IsTempPath(target);
-        decision.access = decision.own_access = free_place ? FileACL::kReadWrite : CheckFileACL(target);
+        decision.access = free_place ? FileACL::kReadWrite : CheckFileACL(target);
+        // A stream is no more open than its file.
+        const std::size_t file_units = target.find(L':', target.rfind(L'\\') + 1);
+        if (!free_place && file_units != target.npos)
+          decision.access = std::min(decision.access, CheckFileACL(target.substr(0, file_units)));
+        decision.own_access = decision.access;
         if (free_place || decision.access != FileACL::kReadWrite || links.LinkCount() < 2) return;
         if (CheckFileACLAdapterHardLinks(target, FileACL::kReadWrite) != FileACL::kReadWrite)
           decision.access = FileACL::kRead;

@@ -29,6 +29,12 @@ TEST_F(FileOpen, FileWithAnotherNameInAReadOnlyFolderIsReadOnlyButMayBeDeleted) 
   EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
 }
 
+TEST_F(FileOpen, StreamIsNoWayAroundTheRuleOfItsFile) {
+  SetRules({{FileACL::kReadWrite, Nt(L"\\write")}, {FileACL::kDeny, Nt(L"\\write\\f.txt")}});
+  EXPECT_EQ(Create(L"\\write\\f.txt:notes", GENERIC_WRITE, FILE_OPEN_IF).status, kRefused);
+  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\g.txt:notes")).access, FileACL::kReadWrite);
+}
+
 TEST_F(FileOpen, TempDirectoryIsWritableWhateverTheRulesSay) {
   wchar_t temp[MAX_PATH];
   GetTempPathW(MAX_PATH, temp);
