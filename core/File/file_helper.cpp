@@ -63,7 +63,8 @@ NTSTATUS RootPath(HANDLE root, std::size_t extra, wchar_t** text, std::size_t* u
   return status;
 }
 
-// root's name, a backslash unless name names a stream of it, and name. Not yet collapsed.
+// root's name, a backslash unless name names a stream of it, and name. Not yet collapsed. What is named below
+// a directory of the object manager, such as that of the drive letters, leads on by links.
 NTSTATUS JoinRoot(HANDLE root, std::wstring_view name, wchar_t** text, std::size_t* units) {
   const NTSTATUS status = RootPath(root, name.size() + 1, text, units);
   if (!nt::Success(status)) return status;
@@ -72,6 +73,15 @@ NTSTATUS JoinRoot(HANDLE root, std::wstring_view name, wchar_t** text, std::size
     memcpy(*text + *units, name.data(), name.size() * sizeof(wchar_t));
     *units += name.size();
   }
+  const std::wstring_view joined(*text, *units);
+  if (StartsWithNoCase(U16(joined), kDevicePrefix)) return status;
+  const auto target = TranslateSymlinksToTargetPath(joined);
+  if (!target) {
+    LogPath("TranslateSymlinksToTargetPath Error:%s ", name);
+    return STATUS_OBJECT_PATH_SYNTAX_BAD;
+  }
+  *text = const_cast<wchar_t*>(target->path.data());
+  *units = target->path.size();
   return status;
 }
 

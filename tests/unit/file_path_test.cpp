@@ -7,6 +7,8 @@
 #include "VornCore/Base/strings.h"
 #include "file_room.h"
 
+extern "C" NTSYSAPI NTSTATUS NTAPI NtOpenDirectoryObject(PHANDLE, ACCESS_MASK, POBJECT_ATTRIBUTES);
+
 namespace VornCore {
 namespace {
 
@@ -101,6 +103,15 @@ TEST_F(FilePath, HandlesNameTheirFileAndWhatLiesBelow) {
   EXPECT_EQ(PathOf(L"x", event).status, STATUS_OBJECT_PATH_SYNTAX_BAD) << "an object without a name";
   CloseHandle(event);
   EXPECT_EQ(PathOf(L"x", reinterpret_cast<HANDLE>(0x7FFC)).status, STATUS_INVALID_HANDLE);
+
+  UNICODE_STRING text = nt::CountedString(L"\\??", 3 * sizeof(wchar_t));
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&text);
+  HANDLE drives;
+  constexpr ACCESS_MASK kQueryAndTraverse = 3;
+  ASSERT_EQ(NtOpenDirectoryObject(&drives, kQueryAndTraverse, &attributes), STATUS_SUCCESS);
+  EXPECT_EQ(PathOf(L"C:\\a", drives).path, C(L"\\a"));
+  EXPECT_EQ(PathOf(L"no such link", drives).status, STATUS_OBJECT_PATH_SYNTAX_BAD);
+  NtClose(drives);
 }
 
 TEST_F(FilePath, LongNamesOfHandlesAreAskedForAgainWithRoom) {
