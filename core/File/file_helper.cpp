@@ -176,7 +176,12 @@ void InitTempPath() {
     temp[units + 1] = 0;
   }
   VORN_LOG_N("InitTempPath 1 %s", OrNull(WideToAnsi(temp)));
-  temp_nt_path = DosPathToNtPath(temp).release();
+  const platform::HeapString path = DosPathToNtPath(temp);
+  ThreadState* state = GetThreadState();
+  if (!path || !state) return;
+  // TEMP is often given by short names, files are decided by their long ones.
+  ScratchLevel level(state);
+  temp_nt_path = WideDup(ExpandShortNames(path.get()).data()).release();
   if (!temp_nt_path) return;
   temp_directory = temp_nt_path;
   VORN_LOG_N("InitTempPath 2 %s", OrNull(WideToAnsi(temp_nt_path)));

@@ -163,6 +163,14 @@ TEST_F(FilePath, ShortNamesAreExpandedWhereTheyNameSomething) {
             Nt(L"\\read\\a long folder") + L"\\~tmp");
   for (const wchar_t* rest : {L"\\no~such", L"\\A~B.C.D", L"\\thirteen~unit"})
     EXPECT_EQ(PathOf(L"\\??\\C:" + std::wstring(rest)).path, C(rest));
+
+  wchar_t temp[MAX_PATH];
+  ASSERT_TRUE(GetEnvironmentVariableW(L"TMP", temp, MAX_PATH));
+  SetEnvironmentVariableW(L"TMP", folder);
+  InitFileHelper();
+  SetEnvironmentVariableW(L"TMP", temp);
+  EXPECT_TRUE(IsTempPath(Nt(L"\\read\\a long folder") + L"\\x"));
+  InitFileHelper();
 }
 
 TEST_F(FilePath, FilesOpenedByIdAreNamed) {
