@@ -13,7 +13,9 @@
 //   write SLOT TEXT                               NtWriteFile
 //   close SLOT                                    NtClose
 //   disposition SLOT CLASS FLAGS                  NtSetInformationFile; prints what the buffer holds then,
-//   too rename SLOT CLASS FLAGS NAME times SLOT                                    sets the last write time
+//                                                 too
+//   rename SLOT CLASS FLAGS NAME                  NtSetInformationFile; FLAGS 1 replaces an existing file
+//   times SLOT                                    sets the last write time
 //   delete NAME                                   NtDeleteFile
 //   move FLAGS FROM|TO                            MoveFileExW, drive-letter paths; prints the Win32 error
 //   unreadable COUNT                              calls with unreadable pointers; prints how many failed
