@@ -101,10 +101,11 @@ std::variant<PolicyNetRule, std::string> ParseDestination(std::string_view text)
     rule.prefix = static_cast<std::uint32_t>(rule.address.size() * 8);
   } else if (family == AF_INET6) {
     return "\"" + name + "\" is not an IPv6 address";
-  } else if (!IsHostName(host.starts_with("*.") ? host.substr(2) : host)) {
+  } else if (const std::size_t star = host.starts_with("*.") ? 2 : 0, dot = host.ends_with('.') ? 1 : 0;
+             !IsHostName(host.substr(star, host.size() - star - dot))) {
     return "\"" + name + "\" is neither an address nor a name (names may begin with \"*.\")";
   } else {
-    rule.domain = name;
+    rule.domain = host.ends_with('.') ? host.substr(0, host.size() - 1) : host;
   }
 
   if (rest.starts_with('/')) {

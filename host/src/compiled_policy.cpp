@@ -65,6 +65,8 @@ std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(Poli
     }
   }
   if (!errors.empty()) return errors;
+  for (std::size_t i = 0; i < compiled.document_.network.size(); ++i)
+    if (!compiled.document_.network[i].domain.empty()) compiled.domain_rules_.push_back(i);
   compiled.temp_directory_ = TempDirectory();
   SectionContents contents;
   compiled.FillIn(contents);
@@ -87,6 +89,12 @@ void CompiledPolicy::FillIn(SectionContents& contents) const {
     out.prefix = rule.prefix;
     out.ports = rule.ports;
     out.domain = ToWide(rule.domain);
+  }
+  // A name that ends with a dot is the same name.
+  for (const std::size_t index : domain_rules_) {
+    NetRule rooted = contents.net_rules[index];
+    rooted.domain += L'.';
+    contents.net_rules.push_back(std::move(rooted));
   }
   NetRule& last = contents.net_rules.emplace_back();
   last.kind = policy::NetRuleKind::kDefault;
@@ -143,8 +151,13 @@ DestinationDecision CompiledPolicy::DecideDestination(const PolicyNetRule& desti
   decision.allow = kernel.verdict == policy::kVerdictAllow;
   decision.decider = kernel.decider;
   if (kernel.decider == policy::NetDecider::kAddressRule || kernel.decider == policy::NetDecider::kDomainRule)
-    decision.rule = &document_.network[kernel.rule_index];
+    decision.rule = &NetworkRule(kernel.rule_index);
   return decision;
+}
+
+const PolicyNetRule& CompiledPolicy::NetworkRule(std::size_t index) const {
+  const std::size_t count = document_.network.size();
+  return document_.network[index < count ? index : domain_rules_[index - count]];
 }
 
 std::string CompiledPolicy::Describe(const PathDecision& decision) {

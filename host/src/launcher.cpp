@@ -92,7 +92,6 @@ AttributeList HandleList(InheritedStreams& streams) {
   return list;
 }
 
-// Whether a process runs 32-bit code: under a 64-bit system, or because the system knows nothing else.
 // Full path of its program, or "".
 std::wstring ImageOf(HANDLE process) {
   std::wstring image(32768, L'\0');
@@ -101,6 +100,7 @@ std::wstring ImageOf(HANDLE process) {
   return image;
 }
 
+// Whether a process runs 32-bit code: under a 64-bit system, or because the system knows nothing else.
 bool IsX86(HANDLE process) {
   const auto under_wow64 = [](HANDLE p) {
     BOOL wow64 = FALSE;

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "tests/e2e/net_run.h"
+#include "vorn/compiled_policy.h"
 
 namespace vorn::test {
 namespace {
@@ -97,6 +98,12 @@ class NameServer {
 const char* const kWays[] = {"hostent",          "addrinfo", "addrinfo_narrow", "addrinfoex",
                              "addrinfoex_event", "dns_a",    "dns_w",           "dns_utf8"};
 
+// A dot at the end makes no difference.
+std::string Unrooted(std::string name) {
+  if (name.ends_with('.')) name.pop_back();
+  return name;
+}
+
 class NetNames : public NetTest {
  protected:
   void SetUp() override {
@@ -108,7 +115,12 @@ class NetNames : public NetTest {
   }
 
   std::vector<host::NetRule> Rules() const {
-    return {DomainRule(1, L"*.allowed.test", {port_}), DefaultRule(0)};
+    auto document = host::ParsePolicy("[network]\nallow = ['*.allowed.test:" + std::to_string(port_) + "']\n",
+                                      [](auto) { return std::nullopt; });
+    auto policy = host::CompiledPolicy::Make(std::get<host::PolicyDocument>(std::move(document)));
+    host::SectionContents contents;
+    std::get<host::CompiledPolicy>(policy).FillIn(contents);
+    return contents.net_rules;
   }
   std::string Resolve(const std::string& how, const std::string& name) const {
     return "resolve " + how + " " + name + " " + std::to_string(port_);
@@ -124,7 +136,7 @@ TEST_F(NetNames, EveryWayToResolveANameLetsItsRuleDecide) {
   std::uint8_t last = 10;
   for (const std::string way : kWays) {
     const auto add = [&](const std::string& name, const std::string& alias_of, bool allowed) {
-      names[name] = {alias_of, last++};
+      names[Unrooted(name)] = {alias_of, last++};
       commands.push_back(Resolve(way, name));
       asked.push_back(name);
       confined.push_back(allowed ? "resolve 0 0" : "resolve 0 10051");
@@ -132,6 +144,7 @@ TEST_F(NetNames, EveryWayToResolveANameLetsItsRuleDecide) {
     };
     add(way + ".allowed.test", "", true);
     add(way + ".other.test", "", false);
+    add(way + "-rooted.allowed.test.", "", true);
     add(way + "-alias.allowed.test", way + ".cdn.test", true);  // filed under the name that was asked for
     add(way + "-alias.other.test", way + ".allowed.test.cdn.test", false);
   }
@@ -144,7 +157,7 @@ TEST_F(NetNames, EveryWayToResolveANameLetsItsRuleDecide) {
   ASSERT_EQ(run.audits.size(), commands.size());
   for (std::size_t i = 0; i < commands.size(); ++i) {
     EXPECT_EQ(run.audits[i].domain, asked[i]) << commands[i];
-    EXPECT_EQ(run.audits[i].destination, "127.0.0." + std::to_string(names[asked[i]].last));
+    EXPECT_EQ(run.audits[i].destination, "127.0.0." + std::to_string(names[Unrooted(asked[i])].last));
     EXPECT_EQ(run.audits[i].verdict, confined[i] == "resolve 0 0" ? 1u : 0u);
   }
 }

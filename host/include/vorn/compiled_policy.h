@@ -56,10 +56,15 @@ class CompiledPolicy {
  private:
   explicit CompiledPolicy(PolicyDocument document) : document_(std::move(document)) {}
 
+  // The rule behind a network rule of the section: first those of the document, then the names among them
+  // once more, with a dot at the end.
+  const PolicyNetRule& NetworkRule(std::size_t index) const;
+
   PolicyDocument document_;
-  std::vector<FileRule> file_rules_;  // same order as document_.files
-  std::wstring temp_directory_;       // canonical NT form, empty when unknown
-  std::vector<std::byte> section_;    // the rule tables as confined processes see them
+  std::vector<FileRule> file_rules_;       // same order as document_.files
+  std::vector<std::size_t> domain_rules_;  // indexes into document_.network
+  std::wstring temp_directory_;            // canonical NT form, empty when unknown
+  std::vector<std::byte> section_;         // the rule tables as confined processes see them
 };
 
 }  // namespace vorn::host
