@@ -62,7 +62,7 @@ class CFileMgr : public INtdllApiListener, public IKernelBaseApiListener {
   };
   void* HandleDisposition(HANDLE handle, void* information, ULONG length, bool extended,
                           DispositionBuffer* substitute) noexcept;
-  Outcome HandleRename(HANDLE handle, const void* information, ULONG length, bool extended) noexcept;
+  Outcome HandleRename(HANDLE handle, const void* information, ULONG length, ULONG info_class) noexcept;
   NTSTATUS HandleSetInformationFailure(NTSTATUS status, HANDLE handle, ULONG info_class) noexcept;
   NTSTATUS CloseFileHandle(HANDLE handle) noexcept;
   NTSTATUS DeleteFileToRecycleBin(std::wstring_view path, FileACL own_access) noexcept;

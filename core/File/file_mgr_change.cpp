@@ -29,7 +29,14 @@ NTSTATUS Answer(PIO_STATUS_BLOCK io, NTSTATUS status) {
   return status;
 }
 
-// What a rename asks for, read from the caller's buffer.
+bool IsLink(ULONG info_class) {
+  return info_class == nt::kFileLinkInformation || info_class == nt::kFileLinkInformationEx;
+}
+bool IsRename(ULONG info_class) {
+  return info_class == nt::kFileRenameInformation || info_class == nt::kFileRenameInformationEx;
+}
+
+// What a rename or a new hard link asks for, read from the caller's buffer.
 struct RenameRequest {
   HANDLE root;
   ULONG name_bytes;
@@ -37,8 +44,10 @@ struct RenameRequest {
   bool replace;
 };
 
-RenameRequest ReadRename(const nt::RenameInformation* information, ULONG length, bool extended) {
+RenameRequest ReadRename(const nt::RenameInformation* information, ULONG length, ULONG info_class) {
   constexpr ULONG kHead = offsetof(nt::RenameInformation, FileName);
+  const bool extended =
+      info_class == nt::kFileRenameInformationEx || info_class == nt::kFileLinkInformationEx;
   RenameRequest request{
       information->RootDirectory, information->FileNameLength, information->FileName,
       extended ? (information->Flags & nt::kRenameReplaceIfExists) != 0 : information->ReplaceIfExists != 0};
@@ -94,10 +103,8 @@ NTSTATUS CFileMgr::NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoSt
       if (info_class == nt::kFileDispositionInformation || info_class == nt::kFileDispositionInformationEx)
         information = HandleDisposition(FileHandle, FileInformation, Length,
                                         info_class == nt::kFileDispositionInformationEx, &substitute);
-      else if ((info_class == nt::kFileRenameInformation || info_class == nt::kFileRenameInformationEx) &&
-               !(state && state->bOwnCall))
-        outcome =
-            HandleRename(FileHandle, FileInformation, Length, info_class == nt::kFileRenameInformationEx);
+      else if ((IsRename(info_class) || IsLink(info_class)) && !(state && state->bOwnCall))
+        outcome = HandleRename(FileHandle, FileInformation, Length, info_class);
     }
     if (outcome.decided) {
       status = Answer(IoStatusBlock, outcome.status);
@@ -138,21 +145,23 @@ void* CFileMgr::HandleDisposition(HANDLE handle, void* information, ULONG length
   return cleared ? information : substitute;
 }
 
+// A rename gives a file another name, a hard link one name more: both are judged by the place of that name. A
+// link leaves its file alone, which stays as protected under the new name as it was.
 CFileMgr::Outcome CFileMgr::HandleRename(HANDLE handle, const void* information, ULONG length,
-                                         bool extended) noexcept {
+                                         ULONG info_class) noexcept {
   constexpr Outcome kRealCall{};
   constexpr Outcome kRefused{true, STATUS_ACCESS_DENIED};
   ThreadState* state = GetThreadState();
   if (length < sizeof(nt::RenameInformation) || !state) return kRealCall;
   const ScratchLevel level(state);
   const RenameRequest request =
-      ReadRename(static_cast<const nt::RenameInformation*>(information), length, extended);
+      ReadRename(static_cast<const nt::RenameInformation*>(information), length, info_class);
   const std::wstring_view target = GetRenameTargetPath(handle, request);
   const HandleRecordPtr record = model_.handles().Find(handle);
   const std::wstring_view source = record ? record->path : std::wstring_view();
   const FileACL source_access = record ? record->own_access : FileACL::kUnknown;
 
-  if (record && source_access != FileACL::kReadWrite) {
+  if (record && source_access != FileACL::kReadWrite && !IsLink(info_class)) {
     SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, source_access, source, FileACL::kUnknown, target);
     return kRefused;
   }
@@ -163,8 +172,11 @@ CFileMgr::Outcome CFileMgr::HandleRename(HANDLE handle, const void* information,
   const FileDecision decision = model_.DecideFileACL(target);
   if (decision.in_recycle_bin) return kRealCall;
   if (decision.own_access != FileACL::kReadWrite) {
-    SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, source_access, source, decision.own_access,
-                  target);
+    if (IsLink(info_class))
+      SendFileAudit(AuditType::kCreate, STATUS_ACCESS_DENIED, decision.own_access, target);
+    else
+      SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, source_access, source, decision.own_access,
+                    target);
     return kRefused;
   }
   // What the rename would replace can be restored afterwards. A file that only gets another spelling of its

@@ -87,11 +87,13 @@ enum FileClass : ULONG {
   kFileBothDirectoryInformation = 3,
   kFileBasicInformation = 4,           // set: FILE_WRITE_ATTRIBUTES
   kFileRenameInformation = 10,         // set: DELETE
+  kFileLinkInformation = 11,           // set: laid out as a rename
   kFileDispositionInformation = 13,    // set: DELETE
   kFilePositionInformation = 14,       // set: FILE_READ_DATA or FILE_WRITE_DATA
   kFileEndOfFileInformation = 20,      // set: FILE_WRITE_DATA
   kFileDispositionInformationEx = 64,  // set: DELETE; Windows 10 1709
   kFileRenameInformationEx = 65,       // set: DELETE; Windows 10 1709
+  kFileLinkInformationEx = 72,         // set; Windows 10 1803
 };
 struct BothDirectoryEntry {
   ULONG NextEntryOffset, FileIndex;

@@ -64,6 +64,10 @@ TEST_F(FileChange, RenameTargetsAreUnderstoodInEveryForm) {
             STATUS_SUCCESS);
   EXPECT_EQ(Text(L"\\write\\c.txt"), "old");
   EXPECT_EQ(Rename(file, Nt(L"\\read\\d.txt")), kRefused);
+  for (const auto link : {nt::kFileLinkInformation, nt::kFileLinkInformationEx})
+    EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\read\\f.txt"), nt::kRenameReplaceIfExists, link), kRefused);
+  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\link.txt"), 0, nt::kFileLinkInformation), STATUS_SUCCESS);
+  EXPECT_EQ(Text(L"\\write\\link.txt"), "old");
   SetRules({{FileACL::kReadWrite, Nt(L"\\write")}, {FileACL::kRead, Nt(L"\\write\\e.txt")}});
   EXPECT_EQ(Rename(file, L"e.txt", nt::kRenameReplaceIfExists), kRefused) << "in the folder of the file";
   NtClose(file);
