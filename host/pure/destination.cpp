@@ -94,6 +94,8 @@ std::variant<PolicyNetRule, std::string> ParseDestination(std::string_view text)
 
   std::uint8_t bytes[16];
   const std::string name(host);
+  const std::string_view domain =
+      host.ends_with('.') ? host.substr(0, host.size() - 1) : host;  // the same name
   // (a NUL would hide what follows it)
   const bool is_address = name.find('\0') == std::string::npos && inet_pton(family, name.c_str(), bytes) == 1;
   if (is_address) {
@@ -101,11 +103,10 @@ std::variant<PolicyNetRule, std::string> ParseDestination(std::string_view text)
     rule.prefix = static_cast<std::uint32_t>(rule.address.size() * 8);
   } else if (family == AF_INET6) {
     return "\"" + name + "\" is not an IPv6 address";
-  } else if (const std::size_t star = host.starts_with("*.") ? 2 : 0, dot = host.ends_with('.') ? 1 : 0;
-             !IsHostName(host.substr(star, host.size() - star - dot))) {
+  } else if (!IsHostName(domain.starts_with("*.") ? domain.substr(2) : domain)) {
     return "\"" + name + "\" is neither an address nor a name (names may begin with \"*.\")";
   } else {
-    rule.domain = host.ends_with('.') ? host.substr(0, host.size() - 1) : host;
+    rule.domain = domain;
   }
 
   if (rest.starts_with('/')) {

@@ -65,8 +65,6 @@ std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(Poli
     }
   }
   if (!errors.empty()) return errors;
-  for (std::size_t i = 0; i < compiled.document_.network.size(); ++i)
-    if (!compiled.document_.network[i].domain.empty()) compiled.domain_rules_.push_back(i);
   compiled.temp_directory_ = TempDirectory();
   SectionContents contents;
   compiled.FillIn(contents);
@@ -91,8 +89,9 @@ void CompiledPolicy::FillIn(SectionContents& contents) const {
     out.domain = ToWide(rule.domain);
   }
   // A name that ends with a dot is the same name.
-  for (const std::size_t index : domain_rules_) {
-    NetRule rooted = contents.net_rules[index];
+  for (std::size_t i = 0; i < document_.network.size(); ++i) {
+    if (document_.network[i].domain.empty()) continue;
+    NetRule rooted = contents.net_rules[i];
     rooted.domain += L'.';
     contents.net_rules.push_back(std::move(rooted));
   }
@@ -156,8 +155,10 @@ DestinationDecision CompiledPolicy::DecideDestination(const PolicyNetRule& desti
 }
 
 const PolicyNetRule& CompiledPolicy::NetworkRule(std::size_t index) const {
-  const std::size_t count = document_.network.size();
-  return document_.network[index < count ? index : domain_rules_[index - count]];
+  if (index < document_.network.size()) return document_.network[index];
+  index -= document_.network.size();
+  return *std::ranges::find_if(
+      document_.network, [&](const PolicyNetRule& rule) { return !rule.domain.empty() && index-- == 0; });
 }
 
 std::string CompiledPolicy::Describe(const PathDecision& decision) {

@@ -12,8 +12,7 @@
 //   openid SLOT ACCESS FOLDER_SLOT FILE_SLOT      NtCreateFile by the id of an open file
 //   write SLOT TEXT                               NtWriteFile
 //   close SLOT                                    NtClose
-//   disposition SLOT CLASS FLAGS                  NtSetInformationFile; prints what the buffer holds then,
-//                                                 too
+//   disposition SLOT CLASS FLAGS                  NtSetInformationFile; prints the buffer afterwards too
 //   rename SLOT CLASS FLAGS NAME                  NtSetInformationFile; FLAGS 1 replaces an existing file
 //   times SLOT                                    sets the last write time
 //   delete NAME                                   NtDeleteFile

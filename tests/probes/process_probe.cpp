@@ -7,9 +7,8 @@
 //   load PATH             loads the module
 //   spawn COMMAND…        starts COMMAND and waits for it
 //   spawn_env ENTRY COMMAND…   the same with an environment that consists of SystemRoot and ENTRY
-//   spawn_twice COMMAND…  the same with a suspended child whose suspend count is raised to 2, so that it
-//   takes
-//                         two resumes
+//   spawn_twice COMMAND…  the same with a suspended child whose suspend count is raised to 2, so that
+//                         it takes two resumes
 //   spawn_closed COMMAND… the same, with the process handle closed before the resume
 //   spawn_reused COMMAND… the same, with another process opened in its place
 //   storm THREADS COUNT COMMAND…   COUNT children from THREADS threads; the number that did not end with 0

@@ -8,7 +8,6 @@
 
 #include "Policy/file_rules.h"
 #include "Policy/message.h"
-#include "host/cli/process_tree.h"
 
 namespace {
 
@@ -150,19 +149,6 @@ TEST(HostEvent, TextsOfAProcessCannotControlTheTerminalOrBreakTheJson) {
   const std::string json = host::EventJson(event);
   EXPECT_EQ(json.find('\n'), std::string::npos);
   EXPECT_TRUE(nlohmann::json::accept(json)) << json;
-}
-
-TEST(HostEvent, AProcessIdThatIsUsedAgainNamesAnotherProcess) {
-  cli::ProcessTree tree;
-  const std::pair<std::uint32_t, std::uint32_t> started[] = {{10, 1}, {20, 10}, {10, 20}};
-  for (const auto& [pid, parent] : started) tree.Started(pid, parent, "a\x1b.exe");
-  for (const auto& [pid, parent] : started) tree.Ran(pid, parent, "a.exe", false);
-  tree.Ran(20, 10, "silent.exe", false);
-  EXPECT_EQ(tree.unconfined(), 1u);
-  EXPECT_EQ(tree.Lines(),
-            (std::vector<std::string>{"a\\x1b.exe (10)  confined", "  a\\x1b.exe (20)  confined",
-                                      "    a\\x1b.exe (10)  confined",
-                                      "      silent.exe (20)  NOT CONFINED (never reported)"}));
 }
 
 TEST(HostEvent, AnyStatedTimeHasAText) {

@@ -61,10 +61,9 @@ class CompiledPolicy {
   const PolicyNetRule& NetworkRule(std::size_t index) const;
 
   PolicyDocument document_;
-  std::vector<FileRule> file_rules_;       // same order as document_.files
-  std::vector<std::size_t> domain_rules_;  // indexes into document_.network
-  std::wstring temp_directory_;            // canonical NT form, empty when unknown
-  std::vector<std::byte> section_;         // the rule tables as confined processes see them
+  std::vector<FileRule> file_rules_;  // same order as document_.files
+  std::wstring temp_directory_;       // canonical NT form, empty when unknown
+  std::vector<std::byte> section_;    // the rule tables as confined processes see them
 };
 
 }  // namespace vorn::host
