@@ -11,7 +11,6 @@
 #include "File/file_mgr.h"
 #include "Load/load_dll_mgr.h"
 #include "Net/net_mgr.h"
-#include "Platform/nt.h"
 #include "Policy/exit_code.h"
 #include "Proc/init_event.h"
 #include "Proc/proc_mgr.h"
@@ -25,6 +24,7 @@
 #include "VornCore/Hook/mod.h"
 #include "VornCore/Hook/ntdll.h"
 #include "detours/detours.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 namespace {

@@ -3,9 +3,9 @@
 
 #include <string_view>
 
-#include "Platform/nt.h"
 #include "Policy/file_rules.h"
 #include "Policy/message.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

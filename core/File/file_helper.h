@@ -12,7 +12,7 @@
 #include <string_view>
 
 #include "Platform/heap.h"
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -12,8 +12,8 @@
 #include <string_view>
 
 #include "Platform/heap.h"
-#include "Platform/nt.h"
 #include "VornCore/Base/list.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -13,10 +13,10 @@
 
 #include "Platform/heap.h"
 #include "Platform/lock.h"
-#include "Platform/nt.h"
 #include "Policy/file_rules.h"
 #include "VornCore/Base/hash_index.h"
 #include "VornCore/Base/list.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

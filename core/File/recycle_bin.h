@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -6,7 +6,7 @@
 // left. So the last thread does not wait: it goes on without the lock, which nobody else can want any more.
 #pragma once
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore::platform {
 

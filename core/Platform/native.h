@@ -12,7 +12,7 @@
 #include <string_view>
 
 #include "Platform/debug_help.h"
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore::platform {
 

@@ -2,7 +2,7 @@
 // imported.
 #pragma once
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 // (the Winsock headers come after nt.h, which fixes their order)
 #include <mswsock.h>
 #include <windns.h>

@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore::platform::wine {
 

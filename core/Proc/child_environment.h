@@ -1,7 +1,7 @@
 // The environment of a child process: it names the configuration section.
 #pragma once
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -1,7 +1,7 @@
 // Making a child process that has not run yet load the library of its bitness.
 #pragma once
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -3,7 +3,7 @@
 // the child's process id in decimal.
 #pragma once
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -3,8 +3,8 @@
 
 #include <string_view>
 
-#include "Platform/nt.h"
 #include "Policy/message.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

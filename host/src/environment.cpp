@@ -4,7 +4,7 @@
 #include <memory>
 #include <string_view>
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace vorn::host {
 

@@ -1,6 +1,6 @@
 #include "vorn/recycle_bin.h"
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 // (sddl.h needs it)
 #include <sddl.h>
 

@@ -1,10 +1,10 @@
 // What the exit code of a process says that ended before the library reported.
 #include <fmt/format.h>
 
-#include "Platform/nt.h"
 #include "Policy/exit_code.h"
 #include "vorn/launcher.h"
 #include "vorn/text.h"
+#include "windows/nt.h"
 
 namespace vorn::host {
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <random>
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace vorn::host {
 

@@ -9,8 +9,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "Platform/nt.h"
 #include "ipc/port/unique_handle.h"
+#include "windows/nt.h"
 
 namespace vorn::ipc {
 

@@ -1,7 +1,7 @@
 // Owner of a kernel handle. Null and INVALID_HANDLE_VALUE both count as none.
 #pragma once
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace vorn::ipc {
 

@@ -5,7 +5,7 @@
 // outlive the call that creates the protected object, no longer.
 #pragma once
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace vorn::ipc {
 

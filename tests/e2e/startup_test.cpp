@@ -14,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "Platform/nt.h"
 #include "Policy/message.h"
 #include "detours/detours.h"
 #include "ipc/port/unique_handle.h"
@@ -24,6 +23,7 @@
 #include "vorn/message_server.h"
 #include "vorn/section.h"
 #include "vorn/text.h"
+#include "windows/nt.h"
 
 namespace {
 

@@ -7,11 +7,11 @@
 #include <string>
 #include <vector>
 
-#include "Platform/nt.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
 #include "build_paths.h"
 #include "vorn/section.h"
+#include "windows/nt.h"
 
 namespace VornCore::test {
 

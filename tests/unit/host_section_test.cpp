@@ -7,7 +7,6 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "Platform/nt.h"
 #include "Policy/file_rules.h"
 #include "Policy/net_rules.h"
 #include "Policy/section_view.h"
@@ -18,6 +17,7 @@
 #include "vorn/nt_path.h"
 #include "vorn/section.h"
 #include "vorn/text.h"
+#include "windows/nt.h"
 
 namespace {
 

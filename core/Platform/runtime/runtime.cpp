@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <new>
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 extern "C" {
 __attribute__((noreturn)) void abort(void) {

@@ -10,8 +10,8 @@
 #include <cstdint>
 
 #include "Platform/heap.h"
-#include "Platform/nt.h"
 #include "Policy/message.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

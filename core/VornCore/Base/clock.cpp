@@ -1,7 +1,7 @@
 #include "VornCore/Base/clock.h"
 
-#include "Platform/nt.h"
 #include "Policy/file_time.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -1,9 +1,9 @@
 #include "VornCore/Base/ipc.h"
 
-#include "Platform/nt.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/process_info.h"
 #include "VornCore/Base/shared_data.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 namespace {

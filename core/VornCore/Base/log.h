@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -9,8 +9,8 @@
 #include <atomic>
 #include <cstdint>
 
-#include "Platform/nt.h"
 #include "VornCore/Base/ring_buffer.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "Platform/heap.h"
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -8,8 +8,8 @@
 
 #include <cstdint>
 
-#include "Platform/nt.h"
 #include "Policy/section_view.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "Platform/heap.h"
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -12,7 +12,7 @@
 
 #include <cstdint>
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

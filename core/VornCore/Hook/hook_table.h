@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <span>
 
-#include "Platform/nt.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

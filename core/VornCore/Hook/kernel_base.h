@@ -2,9 +2,9 @@
 // as ntdll.h.
 #pragma once
 
-#include "Platform/nt.h"
 #include "VornCore/Hook/api_list.h"
 #include "VornCore/Hook/api_list_kernelbase.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 

@@ -9,9 +9,9 @@
 // real function runs. Any thread; the dispatcher takes no lock.
 #pragma once
 
-#include "Platform/nt.h"
 #include "VornCore/Hook/api_list.h"
 #include "VornCore/Hook/api_list_ntdll.h"
+#include "windows/nt.h"
 
 namespace VornCore {
 
