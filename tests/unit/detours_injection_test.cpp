@@ -4,6 +4,7 @@
 
 #include <winternl.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -24,16 +25,18 @@ std::string Sibling(const char* name) { return vorn::test::BuildPath(name).strin
 const std::string kProbe = Sibling("injection_probe.exe"), kBareProbe = Sibling("injection_bare_probe.exe"),
                   kDll = Sibling("injection_dll.dll");
 
+using Headers = IMAGE_NT_HEADERS64*;
+
 // A file of this test, gone with it.
 class ScratchFile {
  public:
-  ScratchFile(const std::string& from, const char* name, void (*change)(IMAGE_NT_HEADERS64*) = nullptr)
+  ScratchFile(const std::string& from, const char* name, void (*change)(Headers) = nullptr)
       : path_(Sibling(name)) {
     std::ifstream in(from, std::ios::binary);
     std::string bytes(std::istreambuf_iterator<char>(in), {});
     if (change) {
       const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(bytes.data());
-      change(reinterpret_cast<IMAGE_NT_HEADERS64*>(bytes.data() + dos->e_lfanew));
+      change(reinterpret_cast<Headers>(bytes.data() + dos->e_lfanew));
     }
     std::ofstream(path_, std::ios::binary) << bytes;
   }
@@ -89,11 +92,9 @@ class Child {
 
   HANDLE process() const { return info_.hProcess; }
   DWORD pid() const { return info_.dwProcessId; }
-  char* base() const { return base_; }
 
-  bool Inject(std::vector<LPCSTR> dlls) const { return InjectThrough(info_.hProcess, std::move(dlls)); }
-  static bool InjectThrough(HANDLE process, std::vector<LPCSTR> dlls) {
-    return DetourUpdateProcessWithDll(process, dlls.data(), static_cast<DWORD>(dlls.size()));
+  bool Inject(std::vector<LPCSTR> dlls) const {
+    return DetourUpdateProcessWithDll(info_.hProcess, dlls.data(), static_cast<DWORD>(dlls.size()));
   }
 
   DWORD RunToEnd() const {
@@ -104,7 +105,7 @@ class Child {
     return code;
   }
 
-  IMAGE_NT_HEADERS64 Headers(ULONG* offset = nullptr) const {
+  IMAGE_NT_HEADERS64 NtHeaders(ULONG* offset = nullptr) const {
     IMAGE_DOS_HEADER dos = {};
     IMAGE_NT_HEADERS64 nt = {};
     ReadProcessMemory(process(), base_, &dos, sizeof(dos), nullptr);
@@ -121,17 +122,24 @@ class Child {
     VirtualProtectEx(process(), base_ + rva, sizeof(value), protection, &protection);
   }
 
-  // Everything in reach of the image: each region's start, size and protection, and the bytes of the image.
-  std::string Snapshot() const {
-    std::string all;
+  // Each region in reach of the image.
+  template <class Look>
+  void ForEachRegion(Look look) const {
     MEMORY_BASIC_INFORMATION r;
     for (char* at = base_; at < base_ + kReach && VirtualQueryEx(process(), at, &r, sizeof(r));
-         at = static_cast<char*>(r.BaseAddress) + r.RegionSize) {
+         at = static_cast<char*>(r.BaseAddress) + r.RegionSize)
+      look(r);
+  }
+
+  // What lies in reach of the image: each region's start, size and protection, and the bytes of the image.
+  std::string Snapshot() const {
+    std::string all;
+    ForEachRegion([&](const MEMORY_BASIC_INFORMATION& r) {
       const uintptr_t facts[] = {reinterpret_cast<uintptr_t>(r.BaseAddress), r.RegionSize, r.State,
                                  r.Protect};
       all.append(reinterpret_cast<const char*>(facts), sizeof(facts));
-    }
-    std::string image(Headers().OptionalHeader.SizeOfImage, 0);
+    });
+    std::string image(NtHeaders().OptionalHeader.SizeOfImage, 0);
     SIZE_T done = 0;
     if (ReadProcessMemory(process(), base_, image.data(), image.size(), &done)) all += image;
     return all;
@@ -139,17 +147,14 @@ class Child {
 
   // Leaves no free place between the image and the end of its reach.
   void FillNeighbourhood() const {
-    MEMORY_BASIC_INFORMATION r;
-    for (char* at = base_; at < base_ + kReach && VirtualQueryEx(process(), at, &r, sizeof(r));
-         at = static_cast<char*>(r.BaseAddress) + r.RegionSize) {
-      if (r.State != MEM_FREE) continue;
-      auto* start =
-          reinterpret_cast<char*>((reinterpret_cast<uintptr_t>(r.BaseAddress) + 0xffff) & ~0xffffull);
-      char* end = static_cast<char*>(r.BaseAddress) + r.RegionSize;
-      if (end > base_ + kReach) end = base_ + kReach;
+    ForEachRegion([&](const MEMORY_BASIC_INFORMATION& r) {
+      if (r.State != MEM_FREE) return;
+      const auto base = reinterpret_cast<uintptr_t>(r.BaseAddress),
+                 start = (base + 0xffff) & ~uintptr_t{0xffff};
+      const uintptr_t end = std::min(base + r.RegionSize, reinterpret_cast<uintptr_t>(base_) + kReach);
       if (start < end)
-        VirtualAllocEx(process(), start, static_cast<SIZE_T>(end - start), MEM_RESERVE, PAGE_NOACCESS);
-    }
+        VirtualAllocEx(process(), reinterpret_cast<void*>(start), end - start, MEM_RESERVE, PAGE_NOACCESS);
+    });
   }
 
   std::unique_ptr<Record> record;
@@ -159,11 +164,9 @@ class Child {
   char* base_ = nullptr;
 };
 
-TEST(Injection, DllsRunInOrderBeforeTheProgramAndPutItsHeaderBack) {
+TEST(Injection, DllsRunInOrderBeforeTheProgramAndRestoreItsHeader) {
   const ScratchFile second(kDll, "second_injection.dll");
   Child child(kProbe);
-  MEMORY_BASIC_INFORMATION region = {};
-  VirtualQueryEx(child.process(), child.base(), &region, sizeof(region));
   ASSERT_TRUE(child.Inject({kDll.c_str(), second.path().c_str()})) << GetLastError();
   EXPECT_EQ(child.RunToEnd(), kProbeExit);
   const Record& record = *child.record;
@@ -171,11 +174,10 @@ TEST(Injection, DllsRunInOrderBeforeTheProgramAndPutItsHeaderBack) {
   EXPECT_TRUE(record->restored);
   EXPECT_FALSE(record->restored_again);
   EXPECT_TRUE(record->header_is_the_files);
-  EXPECT_EQ(record->header_protection, region.Protect);
+  EXPECT_EQ(record->header_protection, DWORD{PAGE_READONLY});
 }
 
 TEST(Injection, UnusualImportTablesWorkAndComeBack) {
-  using Headers = IMAGE_NT_HEADERS64*;
   const struct {
     const std::string& program;
     const char* name;
@@ -207,7 +209,7 @@ TEST(Injection, UnusualImportTablesWorkAndComeBack) {
   }
 }
 
-TEST(Injection, RepairOfAZeroImportSizeIsReportedWithoutTouchingTheLastError) {
+TEST(Injection, RepairedImportSizeIsReportedToTheDebugger) {
   static std::string text;  // what this thread sends to a debugger, in its narrow form
   void* const listener = AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS* e) -> LONG {
     const EXCEPTION_RECORD& r = *e->ExceptionRecord;
@@ -216,7 +218,7 @@ TEST(Injection, RepairOfAZeroImportSizeIsReportedWithoutTouchingTheLastError) {
     return EXCEPTION_CONTINUE_SEARCH;
   });
   const ScratchFile program(kProbe, "zero_size_report.exe",
-                            [](IMAGE_NT_HEADERS64* nt) { nt->OptionalHeader.DataDirectory[1].Size = 0; });
+                            [](Headers nt) { nt->OptionalHeader.DataDirectory[1].Size = 0; });
   Child repaired(program.path()), sound(kProbe);
   SetLastError(1234);
   ASSERT_TRUE(sound.Inject({kDll.c_str()}));
@@ -260,7 +262,7 @@ TEST(Injection, RefusedUpdateLeavesTheProcessAsItWas) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     Child child(kProbe);
-    child.Headers(&nt);
+    child.NtHeaders(&nt);
     c.prepare(child, nt);
     const std::string before = child.Snapshot();
     SetLastError(NO_ERROR);
@@ -277,13 +279,11 @@ TEST(Restoration, ProcessThatWasNotInjectedHasNothingToRestore) { EXPECT_FALSE(D
 // A creation routine that watches the helper: what the DLL records there, and how the helper ends.
 struct HelperWatch {
   static inline std::unique_ptr<Record> record;
-  static inline const wchar_t* command_line_suffix = L"";
 
   static BOOL WINAPI Create(LPCWSTR image, LPWSTR command, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES,
                             BOOL inherit, DWORD flags, LPVOID environment, LPCWSTR directory,
                             LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) {
-    std::wstring line = std::wstring(command) + command_line_suffix;
-    if (!vorn::host::CreateProcessAgain(image, line.data(), inherit, flags | CREATE_SUSPENDED, environment,
+    if (!vorn::host::CreateProcessAgain(image, command, inherit, flags | CREATE_SUSPENDED, environment,
                                         directory, startup, info)) {
       return FALSE;
     }
@@ -293,13 +293,7 @@ struct HelperWatch {
   }
 };
 
-class HelperProcess : public testing::Test {
- protected:
-  void SetUp() override { HelperWatch::command_line_suffix = L""; }
-  void TearDown() override { HelperWatch::record.reset(); }
-};
-
-TEST_F(HelperProcess, UpdatesTheTargetAndDoesNothingElse) {
+TEST(HelperProcess, UpdatesTheTargetAndDoesNothingElse) {
   Child child(kProbe);
   ASSERT_TRUE(DetourProcessViaHelperW(child.pid(), kDll.c_str(), HelperWatch::Create)) << GetLastError();
   EXPECT_STREQ((*HelperWatch::record)->order, "") << "the DLL must not start up in the helper";
@@ -308,22 +302,16 @@ TEST_F(HelperProcess, UpdatesTheTargetAndDoesNothingElse) {
   EXPECT_TRUE((*child.record)->header_is_the_files);
 }
 
-TEST_F(HelperProcess, ErrorOfTheUpdateComesBackThroughTheHelper) {
-  Child child(kProbe);
-  child.FillNeighbourhood();
-  const std::string before = child.Snapshot();
-  EXPECT_FALSE(DetourProcessViaHelperW(child.pid(), kDll.c_str(), CreateProcessW));
-  EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
-  EXPECT_TRUE(child.Snapshot() == before);
-}
-
-TEST_F(HelperProcess, HelperThatCannotLoadTheDllIsAFailure) {
+TEST(HelperProcess, ErrorsComeBackThroughTheHelper) {
   Child child(kProbe);
   EXPECT_FALSE(DetourProcessViaHelperW(child.pid(), "C:\\no\\such.dll", CreateProcessW));
   EXPECT_NE(GetLastError(), DWORD{NO_ERROR});
+  child.FillNeighbourhood();
+  EXPECT_FALSE(DetourProcessViaHelperW(child.pid(), kDll.c_str(), CreateProcessW));
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
 }
 
-TEST_F(HelperProcess, CommandLineAloneMakesNoHelper) {
+TEST(HelperProcess, CommandLineAloneMakesNoHelper) {
   std::wstring line = L"rundll32.exe \"" + std::wstring(kDll.begin(), kDll.end()) + L"\",#1";
   STARTUPINFOW startup = {};
   startup.cb = sizeof(startup);

@@ -63,17 +63,15 @@ void* Address(F* function) {
   return reinterpret_cast<void*>(function);
 }
 
-LONG Attach(void*& pointer, void* detour) {
-  DetourTransactionBegin();
-  DetourAttach(&pointer, detour);
-  return DetourTransactionCommit();
-}
+using Change = LONG(WINAPI*)(void**, void*);
 
-LONG Detach(void*& pointer, void* detour) {
+LONG Apply(Change change, void*& pointer) {
   DetourTransactionBegin();
-  DetourDetach(&pointer, detour);
+  change(&pointer, Address(PlusHundred));
   return DetourTransactionCommit();
 }
+LONG Attach(void*& pointer) { return Apply(DetourAttach, pointer); }
+LONG Detach(void*& pointer) { return Apply(DetourDetach, pointer); }
 
 std::vector<Byte> Bytes(const void* address, std::size_t size = 64) {
   const auto* bytes = static_cast<const Byte*>(address);
@@ -86,56 +84,42 @@ DWORD Protection(const void* address) {
   return info.Protect;
 }
 
-TEST(Interception, CallsReachTheDetourAndItsPointerTheFunctionUntilTheDetach) {
+TEST(Interception, CodeAndTrampolineStayExecutableAndReadOnly) {
   Code code;
   Byte* target = code.Put(0, {RETURNS(7)});
-  const auto before = Bytes(target);
   real = target;
-  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
-  EXPECT_NE(real, target);
+  ASSERT_EQ(Attach(real), NO_ERROR);
   EXPECT_EQ(Call(target), 107);
   EXPECT_EQ(Call(real), 7);
   EXPECT_EQ(Protection(target), DWORD{PAGE_EXECUTE_READ});
   EXPECT_EQ(Protection(real), DWORD{PAGE_EXECUTE_READ});
-
-  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
-  EXPECT_EQ(real, target);
-  EXPECT_EQ(Bytes(target), before);
-  EXPECT_EQ(Call(target), 7);
+  ASSERT_EQ(Detach(real), NO_ERROR);
   EXPECT_EQ(Protection(target), DWORD{PAGE_EXECUTE_READ});
 }
 
-TEST(Interception, NothingChangesBeforeTheCommitOrAfterAnAbort) {
+TEST(Interception, RefusedOrAbortedTransactionChangesNothing) {
   Code code;
-  Byte* target = code.Put(0, {RETURNS(7)});
-  const auto before = Bytes(target);
-  real = target;
-  ASSERT_EQ(DetourTransactionBegin(), NO_ERROR);
-  ASSERT_EQ(DetourAttach(&real, Address(PlusHundred)), NO_ERROR);
-  EXPECT_EQ(Bytes(target), before);
-  EXPECT_EQ(real, target);
-  ASSERT_EQ(DetourTransactionAbort(), NO_ERROR);
-  EXPECT_EQ(Bytes(target), before);
-  EXPECT_EQ(real, target);
-}
-
-TEST(Interception, OneRefusedAttachFailsTheWholeTransaction) {
-  Code code;
-  Byte* good = code.Put(0, {RETURNS(7)});
-  Byte* short_function = code.Put(16, {0xC3, RETURNS(1)});
+  Byte* const good = code.Put(0, {RETURNS(7)});
+  Byte* const short_function = code.Put(16, {0xC3, RETURNS(1)});
   const auto before = Bytes(good);
   void* first = good;
   void* second = short_function;
-  DetourTransactionBegin();
-  EXPECT_EQ(DetourAttach(&first, Address(PlusHundred)), NO_ERROR);
-  EXPECT_EQ(DetourAttach(&second, Address(PlusHundred)), ERROR_INVALID_BLOCK);
-  EXPECT_EQ(DetourTransactionCommit(), ERROR_INVALID_BLOCK);
-  EXPECT_EQ(first, good);
-  EXPECT_EQ(second, short_function);
-  EXPECT_EQ(Bytes(good), before);
+  for (const bool abort : {false, true}) {
+    DetourTransactionBegin();
+    EXPECT_EQ(DetourAttach(&first, Address(PlusHundred)), NO_ERROR);
+    EXPECT_EQ(Bytes(good), before) << "before the commit";
+    if (!abort) {
+      EXPECT_EQ(DetourAttach(&second, Address(PlusHundred)), ERROR_INVALID_BLOCK);
+    }
+    EXPECT_EQ(abort ? DetourTransactionAbort() : DetourTransactionCommit(),
+              abort ? NO_ERROR : ERROR_INVALID_BLOCK);
+    EXPECT_EQ(first, good);
+    EXPECT_EQ(second, short_function);
+    EXPECT_EQ(Bytes(good), before);
+  }
 }
 
-TEST(Interception, MisuseHasItsOwnErrors) {
+TEST(Interception, MisuseIsReported) {
   Code code;
   Byte* target = code.Put(0, {RETURNS(7)});
   void* pointer = target;
@@ -160,7 +144,7 @@ TEST(Interception, MisuseHasItsOwnErrors) {
   EXPECT_EQ(DetourTransactionCommit(), ERROR_INVALID_HANDLE) << "the first error of the transaction";
 }
 
-TEST(Interception, StubsAndThunksAreFollowedToTheCodeBehindThem) {
+TEST(Interception, StubsAreFollowedToTheFunction) {
   Code module;
   Code other;
   void* function = other.Put(0, {RETURNS(5)});
@@ -172,17 +156,17 @@ TEST(Interception, StubsAndThunksAreFollowedToTheCodeBehindThem) {
   const auto stub_before = Bytes(import_stub, 128);
 
   real = hop;
-  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  ASSERT_EQ(Attach(real), NO_ERROR);
   EXPECT_EQ(Bytes(import_stub, 128), stub_before);
   EXPECT_EQ(Call(function), 105) << "callers that do not go through the stub are reached too";
   EXPECT_EQ(Call(thunk), 105);
   EXPECT_EQ(Call(real), 5);
-  ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+  ASSERT_EQ(Detach(real), NO_ERROR);
   EXPECT_EQ(real, hop) << "the caller's own address comes back";
   EXPECT_EQ(Call(hop), 5);
 }
 
-TEST(Interception, AFunctionThatSomebodyElsePatchedKeepsTheirPatchBelowOurs) {
+TEST(Interception, PatchOfSomebodyElseStaysBelowOurs) {
   Code code;
   Code theirs;
   Byte* target = code.Put(0, {RETURNS(7)});
@@ -194,10 +178,10 @@ TEST(Interception, AFunctionThatSomebodyElsePatchedKeepsTheirPatchBelowOurs) {
   const auto expect_ours_above = [&] {
     const auto before = Bytes(target);
     real = target;
-    ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+    ASSERT_EQ(Attach(real), NO_ERROR);
     EXPECT_EQ(Call(target), 109);
     EXPECT_EQ(Bytes(their_detour), their_code);
-    ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+    ASSERT_EQ(Detach(real), NO_ERROR);
     EXPECT_EQ(Bytes(target), before);
   };
   code.Put(0, {0xE9, d[0], d[1], d[2], d[3]});
@@ -210,15 +194,15 @@ TEST(Interception, AFunctionThatSomebodyElsePatchedKeepsTheirPatchBelowOurs) {
   // And the other way round: what lies over ours is not taken away.
   code.Put(0, {RETURNS(7)});
   real = target;
-  ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+  ASSERT_EQ(Attach(real), NO_ERROR);
   const auto ours = Bytes(target, 5);
   code.Put(0, {0xE9, d[0], d[1], d[2], d[3]});
   void* const trampoline = real;
-  EXPECT_EQ(Detach(real, Address(PlusHundred)), ERROR_INVALID_BLOCK);
+  EXPECT_EQ(Detach(real), ERROR_INVALID_BLOCK);
   EXPECT_EQ(real, trampoline);
   EXPECT_EQ(Call(target), 9);
   code.Put(0, {ours[0], ours[1], ours[2], ours[3], ours[4]});
-  EXPECT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+  EXPECT_EQ(Detach(real), NO_ERROR);
 }
 
 // A thread that runs through a function all the time, and can be stopped.
@@ -253,7 +237,7 @@ class Caller {
 class CallersDuringAttach : public testing::TestWithParam<std::size_t> {};
 INSTANTIATE_TEST_SUITE_P(EntryOffset, CallersDuringAttach, testing::Values(0, 6, 15, 61, 62));
 
-TEST_P(CallersDuringAttach, AlwaysMeetTheOldOrTheNewFunction) {
+TEST_P(CallersDuringAttach, SeeTheOldOrTheNewFunction) {
   Code code;
   Byte* target = code.Put(GetParam(), {RETURNS(7)});
   real = target;
@@ -261,15 +245,15 @@ TEST_P(CallersDuringAttach, AlwaysMeetTheOldOrTheNewFunction) {
   Caller two(target);
   while (one.calls() == 0 || two.calls() == 0) SwitchToThread();
   for (int i = 0; i < 300; ++i) {
-    ASSERT_EQ(Attach(real, Address(PlusHundred)), NO_ERROR);
+    ASSERT_EQ(Attach(real), NO_ERROR);
     if (i % 16 == 0) SwitchToThread();
-    ASSERT_EQ(Detach(real, Address(PlusHundred)), NO_ERROR);
+    ASSERT_EQ(Detach(real), NO_ERROR);
   }
   EXPECT_TRUE(one.Stop());
   EXPECT_TRUE(two.Stop());
 }
 
-TEST(Interception, AnEnlistedThreadInsideTheReplacedBytesGoesOnInTheTrampolineAlsoAfterTheDetach) {
+TEST(Interception, ThreadInsidePatchedBytesIsMovedToTheTrampoline) {
   Code code;
   // pushfq; nop; nop; nop; inc dword [rip → data]; popfq; ret
   Byte* target = code.Put(0, {0x9C, 0x90, 0x90, 0x90, 0xFF, 0x05, 0xF6, 0x0F, 0, 0, 0x9D, 0xC3});
@@ -294,7 +278,7 @@ TEST(Interception, AnEnlistedThreadInsideTheReplacedBytesGoesOnInTheTrampolineAl
   context.Rsp = reinterpret_cast<DWORD64>(stack);
   context.Rip = reinterpret_cast<DWORD64>(target + 2);
   ASSERT_TRUE(SetThreadContext(thread, &context));
-  const auto update = [&](LONG(WINAPI * how)(void**, void*)) {
+  const auto update = [&](Change how) {
     DetourTransactionBegin();
     ASSERT_EQ(DetourUpdateThread(thread), NO_ERROR);
     ASSERT_EQ(how(&real, Address(PlusHundred)), NO_ERROR);
@@ -314,7 +298,7 @@ TEST(Interception, AnEnlistedThreadInsideTheReplacedBytesGoesOnInTheTrampolineAl
 }
 
 // As the whole hook tables are, but many more: every trampoline lies in reach and holds its own function.
-TEST(Interception, ThousandsAreAttachedTogetherAndRestoredToTheByte) {
+TEST(Interception, ThousandsOfFunctionsAreAttachedTogetherAndRestored) {
   constexpr std::size_t kFunctions = 2000, kApart = 32, kFit = Code::kPage / kApart;
   std::vector<std::unique_ptr<Code>> pages;
   std::vector<void*> targets, pointers;

@@ -1,9 +1,10 @@
-// Prologue analysis and jump chains on small pieces of annotated code. (What relocated code does is shown in
-// the emulator.)
+// Prologue analysis and jump chains on small pieces of annotated code. (That moved code does what it did
+// is shown in fuzz/decoder_fuzz.cpp.)
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 #include "detours/code/jump_chain.h"
@@ -13,7 +14,10 @@
 namespace detours {
 namespace {
 
+using namespace std::string_view_literals;
 using Bytes = std::vector<std::uint8_t>;
+
+Bytes Of(std::string_view code) { return {code.begin(), code.end()}; }
 
 constexpr std::uint64_t kFrom = 0x40'0000;
 
@@ -29,49 +33,35 @@ TEST(Prologue, IsRefusedWithTheReason) {
     const char* what;
     Mode mode;
     CodeError reason;
-    Bytes code;
+    std::string_view code;
   } cases[] = {
-      {"return without padding", Mode::kX64, CodeError::kTooShort, {0xC3, 0x55, 0x55, 0x55, 0x55}},
-      {"return before another function", Mode::kX64, CodeError::kTooShort, {0x89, 0xC8, 0xC3, 0xCC, 0x55}},
-      {"breakpoint", Mode::kX64, CodeError::kBreakpoint, {0x55, 0xCC, 0x90, 0x90, 0x90}},
-      {"end of readable code", Mode::kX64, CodeError::kTruncated, {0x55, 0x48, 0x8B}},
-      {"undefined opcode", Mode::kX64, CodeError::kUnknownInstruction, {0x06, 0x90, 0x90, 0x90, 0x90}},
-      {"fifteen prefixes", Mode::kX64, CodeError::kTooLong, Bytes(20, 0x66)},
+      {"return without padding", Mode::kX64, CodeError::kTooShort, "\xC3\x55\x55\x55\x55"sv},
+      {"return before another function", Mode::kX64, CodeError::kTooShort, "\x89\xC8\xC3\xCC\x55"sv},
+      {"breakpoint", Mode::kX64, CodeError::kBreakpoint, "\x55\xCC\x90\x90\x90"sv},
+      {"end of readable code", Mode::kX64, CodeError::kTruncated, "\x55\x48\x8B"sv},
+      {"undefined opcode", Mode::kX64, CodeError::kUnknownInstruction, "\x06\x90\x90\x90\x90"sv},
+      {"fifteen prefixes", Mode::kX64, CodeError::kTooLong,
+       "\x66\x66\x66\x66\x66\x66\x66\x66\x66\x66\x66\x66\x66\x66\x66\x66\x66\x66\x66\x66"sv},
       // xor eax, eax; L: inc rax (3); jnz L
-      {"loop into the first bytes",
-       Mode::kX64,
-       CodeError::kBranchIntoPatch,
-       {0x31, 0xC0, 0x48, 0xFF, 0xC0, 0x75, 0xFB, 0xC3}},
+      {"loop into the first bytes", Mode::kX64, CodeError::kBranchIntoPatch,
+       "\x31\xC0\x48\xFF\xC0\x75\xFB\xC3"sv},
       // jz into the middle of mov eax, imm32
-      {"branch into an instruction",
-       Mode::kX64,
-       CodeError::kBranchIntoPatch,
-       {0x74, 0x01, 0xB8, 0x90, 0x90, 0x90, 0x90, 0xC3}},
+      {"branch into an instruction", Mode::kX64, CodeError::kBranchIntoPatch,
+       "\x74\x01\xB8\x90\x90\x90\x90\xC3"sv},
       // mov eax, [rip-6]: its own first byte
-      {"reads its own code", Mode::kX64, CodeError::kReadsPatch, {0x8B, 0x05, 0xFA, 0xFF, 0xFF, 0xFF, 0xC3}},
+      {"reads its own code", Mode::kX64, CodeError::kReadsPatch, "\x8B\x05\xFA\xFF\xFF\xFF\xC3"sv},
       // mov eax, [start+1]
-      {"reads its own code by address",
-       Mode::kX86,
-       CodeError::kReadsPatch,
-       {0x8B, 0x05, 0x01, 0x00, 0x40, 0x00, 0xC3}},
+      {"reads its own code by address", Mode::kX86, CodeError::kReadsPatch, "\x8B\x05\x01\x00\x40\x00\xC3"sv},
       // call rax; mov eax, 1: the call comes back into the jump
-      {"returns into the first bytes",
-       Mode::kX64,
-       CodeError::kReturnsIntoPatch,
-       {0xFF, 0xD0, 0xB8, 0x01, 0x00, 0x00, 0x00, 0xC3}},
+      {"returns into the first bytes", Mode::kX64, CodeError::kReturnsIntoPatch,
+       "\xFF\xD0\xB8\x01\x00\x00\x00\xC3"sv},
       // call next; pop rax
-      {"learns its address",
-       Mode::kX64,
-       CodeError::kReadsOwnAddress,
-       {0xE8, 0x00, 0x00, 0x00, 0x00, 0x58, 0xC3}},
+      {"learns its address", Mode::kX64, CodeError::kReadsOwnAddress, "\xE8\x00\x00\x00\x00\x58\xC3"sv},
       // xbegin is a relative branch too
-      {"transactional branch",
-       Mode::kX64,
-       CodeError::kUnknownInstruction,
-       {0xC7, 0xF8, 0x00, 0x00, 0x00, 0x00, 0xC3}},
+      {"transactional branch", Mode::kX64, CodeError::kUnknownInstruction, "\xC7\xF8\x00\x00\x00\x00\xC3"sv},
   };
   for (const auto& c : cases) {
-    const auto prologue = AnalyzePrologue(c.code, kFrom, c.mode);
+    const auto prologue = AnalyzePrologue(Of(c.code), kFrom, c.mode);
     ASSERT_FALSE(prologue.has_value()) << c.what;
     EXPECT_EQ(prologue.error(), c.reason) << c.what << ": " << Text(prologue.error());
   }
@@ -129,28 +119,24 @@ TEST(JumpChain, EntriesLeadOnOrNot) {
   const struct {
     const char* what;
     Mode mode;
-    Bytes code;
+    std::string_view code;
     std::optional<Link> link;
   } cases[] = {
-      {"import stub", Mode::kX64, {0xFF, 0x25, 0x00, 0x10, 0, 0}, Link{kSlot, kFrom + 0x1006}},
-      {"import stub with rex", Mode::kX64, {0x48, 0xFF, 0x25, 0x00, 0x10, 0, 0}, Link{kSlot, kFrom + 0x1007}},
-      {"import stub behind filler",
-       Mode::kX64,
-       {0x48, 0x8D, 0xA4, 0x24, 0, 0, 0, 0, 0xFF, 0x25, 0xF2, 0x0F, 0, 0},
+      {"import stub", Mode::kX64, "\xFF\x25\x00\x10\x00\x00"sv, Link{kSlot, kFrom + 0x1006}},
+      {"import stub with rex", Mode::kX64, "\x48\xFF\x25\x00\x10\x00\x00"sv, Link{kSlot, kFrom + 0x1007}},
+      {"import stub behind filler", Mode::kX64, "\x48\x8D\xA4\x24\x00\x00\x00\x00\xFF\x25\xF2\x0F\x00\x00"sv,
        Link{kSlot, kFrom + 0x1000}},
-      {"import stub x86",
-       Mode::kX86,
-       {0x8B, 0xFF, 0x55, 0x8B, 0xEC, 0x5D, 0xFF, 0x25, 0x00, 0x20, 0x41, 0x00},
+      {"import stub x86", Mode::kX86, "\x8B\xFF\x55\x8B\xEC\x5D\xFF\x25\x00\x20\x41\x00"sv,
        Link{kSlot, 0x412000}},
-      {"hot patched", Mode::kX86, {0xEB, 0xF9}, Link{kDirect, kFrom - 5}},
-      {"thunk", Mode::kX64, {0xE9, 0x00, 0x01, 0, 0}, Link{kDirect, kFrom + 0x105}},
-      {"jump through the thread block", Mode::kX86, {0x64, 0xFF, 0x25, 0xC0, 0, 0, 0}, std::nullopt},
-      {"jump through a register", Mode::kX64, {0xFF, 0xE0}, std::nullopt},
-      {"far jump", Mode::kX64, {0xFF, 0x2D, 0, 0, 0, 0}, std::nullopt},
-      {"ordinary function", Mode::kX64, {0x55, 0x48, 0x89, 0xE5}, std::nullopt},
+      {"hot patched", Mode::kX86, "\xEB\xF9"sv, Link{kDirect, kFrom - 5}},
+      {"thunk", Mode::kX64, "\xE9\x00\x01\x00\x00"sv, Link{kDirect, kFrom + 0x105}},
+      {"jump through the thread block", Mode::kX86, "\x64\xFF\x25\xC0\x00\x00\x00"sv, std::nullopt},
+      {"jump through a register", Mode::kX64, "\xFF\xE0"sv, std::nullopt},
+      {"far jump", Mode::kX64, "\xFF\x2D\x00\x00\x00\x00"sv, std::nullopt},
+      {"ordinary function", Mode::kX64, "\x55\x48\x89\xE5"sv, std::nullopt},
   };
   for (const auto& c : cases) {
-    const auto link = LeadingJump(c.code, kFrom, c.mode);
+    const auto link = LeadingJump(Of(c.code), kFrom, c.mode);
     ASSERT_EQ(link.has_value(), c.link.has_value()) << c.what;
     if (!link) continue;
     EXPECT_EQ(link->kind, c.link->kind) << c.what;
