@@ -1,12 +1,8 @@
-// Which dump belongs to a crash notice; and a dump of the system's own making, read back.
+// Which dump belongs to a crash notice. (tests/e2e/crash_test.cpp reads dumps of the system's making.)
 #include "vorn/crash_dump.h"
 
-#include <windows.h>
-
-#include <dbghelp.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -52,7 +48,7 @@ class CrashDumps : public testing::Test {
 };
 
 // A dump's time below is its age in seconds.
-TEST_F(CrashDumps, ANoticeGetsTheNewestDumpOfItsProcessAndThread) {
+TEST_F(CrashDumps, NoticeGetsTheNewestDumpOfItsThread) {
   EXPECT_EQ(Found(), L"");
   Write(kPid + 1, 1, {.time = 0});
   Write(kPid, 2, {.time = 0, .crash = {kThread + 1, 13, 0}});
@@ -68,7 +64,7 @@ TEST_F(CrashDumps, ANoticeGetsTheNewestDumpOfItsProcessAndThread) {
   EXPECT_EQ(Found(), newest);
 }
 
-TEST_F(CrashDumps, TheEventOfACrashIsCompletedOrSaysWhyNot) {
+TEST_F(CrashDumps, CrashEventNamesItsDumpOrSaysWhyNot) {
   const auto line = [&](const std::wstring& directory) {
     Event event;
     event.pid = event.stated_pid = kPid;
@@ -86,59 +82,6 @@ TEST_F(CrashDumps, TheEventOfACrashIsCompletedOrSaysWhyNot) {
   const std::string whole = ToUtf8(Write(kPid, 2, {.time = 0}));
   EXPECT_EQ(line(folder_.wstring() + L"\\"),
             start + " reading 0x10) in app.exe+0x1a2b on thread 12, dump " + whole);
-}
-
-// The system writes a dump of this process, as a handler of its access violation asks it to.
-struct SystemDump {
-  std::wstring path;
-  char* page = nullptr;  // reserved; the handler commits it, so that the program goes on
-  bool written = false;
-};
-SystemDump g_dump;
-
-LONG CALLBACK WriteSystemDump(EXCEPTION_POINTERS* pointers) {
-  if (pointers->ExceptionRecord->ExceptionCode != EXCEPTION_ACCESS_VIOLATION)
-    return EXCEPTION_CONTINUE_SEARCH;
-  const auto write = reinterpret_cast<decltype(&MiniDumpWriteDump)>(
-      GetProcAddress(LoadLibraryW(L"dbghelp.dll"), "MiniDumpWriteDump"));
-  const HANDLE file = CreateFileW(g_dump.path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
-  MINIDUMP_EXCEPTION_INFORMATION exception{GetCurrentThreadId(), pointers, FALSE};
-  policy::DumpUserStream crash{GetCurrentThreadId(), 99, 1};
-  MINIDUMP_USER_STREAM stream{policy::kDumpUserStream, sizeof crash, &crash};
-  MINIDUMP_USER_STREAM_INFORMATION streams{1, &stream};
-  g_dump.written = write(GetCurrentProcess(), GetCurrentProcessId(), file, static_cast<MINIDUMP_TYPE>(0x1975),
-                         &exception, &streams, nullptr);
-  CloseHandle(file);
-  VirtualAlloc(g_dump.page, 1, MEM_COMMIT, PAGE_READWRITE);
-  return EXCEPTION_CONTINUE_EXECUTION;
-}
-
-TEST_F(CrashDumps, ADumpOfTheSystemsMakingIsReadBack) {
-  const auto name = policy::DumpFileName(GetCurrentProcessId(), 99, 1);
-  g_dump.path = (folder_ / std::u16string(name.begin(), name.end())).wstring();
-  g_dump.page = static_cast<char*>(VirtualAlloc(nullptr, 1, MEM_RESERVE, PAGE_NOACCESS));
-  void* handler = AddVectoredExceptionHandler(1, WriteSystemDump);
-  *static_cast<volatile char*>(g_dump.page) = 1;
-  RemoveVectoredExceptionHandler(handler);
-  ASSERT_TRUE(g_dump.written);
-
-  const std::uint64_t before = GetTickCount64();
-  const auto found =
-      FindCrashDump(folder_.wstring(), {GetCurrentProcessId(), GetCurrentThreadId(), now_ + 5000});
-  RecordProperty("find_ms", static_cast<int>(GetTickCount64() - before));
-  ASSERT_TRUE(found && std::holds_alternative<Minidump>(found->contents));
-  const auto& dump = std::get<Minidump>(found->contents);
-  ASSERT_TRUE(dump.exception && dump.crash);
-  EXPECT_TRUE(PlaceText(dump, dump.exception->address).starts_with("host_crash_dump_test.exe+0x"));
-  char writing[40];
-  std::snprintf(writing, sizeof writing, "writing 0x%llx", reinterpret_cast<unsigned long long>(g_dump.page));
-  EXPECT_EQ(FaultText(*dump.exception), writing);
-  EXPECT_EQ(dump.exception->thread_id, GetCurrentThreadId());
-  EXPECT_EQ(dump.crash->flag, 1u);
-  EXPECT_EQ(std::ranges::count(dump.thread_ids, GetCurrentThreadId()), 1);
-  const auto here =
-      reinterpret_cast<std::uint64_t>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtClose"));
-  EXPECT_TRUE(PlaceText(dump, here).starts_with("ntdll.dll+0x"));
 }
 
 }  // namespace
