@@ -13,7 +13,7 @@
 
 #include "Policy/file_rules.h"
 #include "bench/bench_clock.h"
-#include "tests/unit/literal_rules.h"
+#include "tests/unit/reference_rules.h"
 #include "tests/unit/section_builder.h"
 
 namespace {
@@ -83,7 +83,7 @@ int main() {
       const int calls = static_cast<int>(200000 / (rules + 500));
       const auto nanos = vorn::bench::SideBySide(
           60, calls, [&] { vorn::bench::Keep(CheckFileACL(section, path)); },
-          [&] { vorn::bench::Keep(test::LiteralCheckFileACL(section, path)); },
+          [&] { vorn::bench::Keep(test::ReferenceCheckFileACL(section, path)); },
           [&] { vorn::bench::Keep(ReadTable(section)); });
       std::printf("%8zu %6zu %12.0f %12.0f %12.0f %14.1f %14.2f\n", rules, depth, nanos[0], nanos[1],
                   nanos[2], nanos[1] / nanos[0], nanos[0] / nanos[2]);

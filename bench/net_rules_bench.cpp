@@ -7,7 +7,7 @@
 
 #include "Policy/net_rules.h"
 #include "bench/bench_clock.h"
-#include "tests/unit/literal_rules.h"
+#include "tests/unit/reference_rules.h"
 #include "tests/unit/section_builder.h"
 
 namespace {
@@ -47,7 +47,7 @@ int main() {
       const int calls = static_cast<int>(200000 / (rules + 500));
       const auto nanos = vorn::bench::SideBySide(
           60, calls, [&] { vorn::bench::Keep(MatchAddressRules(section, address)); },
-          [&] { vorn::bench::Keep(test::LiteralMatchAddressRules(section, address)); });
+          [&] { vorn::bench::Keep(test::ReferenceMatchAddressRules(section, address)); });
       std::printf("%8zu %6s %12.0f %12.0f %14.2f\n", rules, family == kFamilyIPv4 ? "v4" : "v6", nanos[0],
                   nanos[1], nanos[1] / nanos[0]);
     }

@@ -7,7 +7,7 @@
 #include "Policy/file_rules.h"
 #include "Policy/net_rules.h"
 #include "fuzz/require.h"
-#include "tests/unit/literal_rules.h"
+#include "tests/unit/reference_rules.h"
 
 namespace {
 
@@ -61,7 +61,7 @@ void CheckFileRules(const SectionView& section) {
     const std::u16string rule = Copy(section.FileRuleAt(i).path);
     for (const std::u16string& path : {rule, rule + u"\\x", rule + u"x", rule + u'\\' + rule}) {
       const FileRuleMatch match = CheckFileACL(section, path);
-      const FileRuleMatch literal = test::LiteralCheckFileACL(section, path);
+      const FileRuleMatch literal = test::ReferenceCheckFileACL(section, path);
       Require(match.found == literal.found && match.access == literal.access &&
               match.rule_index == literal.rule_index);
     }
@@ -84,7 +84,7 @@ void CheckNetRules(const SectionView& section) {
       IpAddress near = address;
       if (bit < kNone) near.bytes[bit / 8] ^= static_cast<std::uint8_t>(0x80 >> bit % 8);
       const AddressRuleMatch match = MatchAddressRules(section, near);
-      const NetRuleMatch literal = test::LiteralMatchAddressRules(section, near);
+      const NetRuleMatch literal = test::ReferenceMatchAddressRules(section, near);
       Require(match.decided == literal.decided && match.verdict == literal.verdict &&
               match.rule_index == literal.rule_index);
     }

@@ -4,14 +4,14 @@
 #include "File/file_helper.h"
 #include "File/recycle_bin.h"
 #include "Platform/native.h"
-#include "file_room.h"
+#include "file_fixture.h"
 
 namespace VornCore {
 namespace {
 
 constexpr NTSTATUS kRefused = STATUS_ACCESS_DENIED;
 
-class FileChange : public FileRoom {
+class FileChange : public FileFixture {
  protected:
   static NTSTATUS Set(HANDLE handle, nt::FileClass number, void* info, ULONG bytes) {
     IO_STATUS_BLOCK io = {};
@@ -81,7 +81,7 @@ TEST_F(FileChange, FileCanGetAnotherSpellingOfItsName) {
   EXPECT_EQ(Text(L"\\write\\F.TXT"), "old");
 }
 
-TEST_F(FileChange, RecycleBinTakesEverythingAndGivesNothingUp) {
+TEST_F(FileChange, RecycleBinAcceptsFilesAndKeepsThem) {
   const std::wstring bin = L"C:\\$Recycle.Bin",
                      folder = bin + L"\\vorn_test_" + std::to_wstring(GetCurrentProcessId());
   Unconfined([&] {
@@ -99,7 +99,7 @@ TEST_F(FileChange, RecycleBinTakesEverythingAndGivesNothingUp) {
   Unconfined([&] { RemoveTree(folder); });
 }
 
-TEST_F(FileChange, RenameBuffersThatLieAreRefusedByTheSystem) {
+TEST_F(FileChange, MalformedRenameBuffersAreRefusedByTheSystem) {
   const std::wstring target = L"\\??\\" + Dos(L"\\read\\x.txt");
   HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
   const auto with = [&](auto change, ULONG bytes) {

@@ -1,14 +1,14 @@
 // Opening and creating under rules, in this process: what the caller gets, and what is on disk.
-#include "file_room.h"
+#include "file_fixture.h"
 
 namespace VornCore {
 namespace {
 
 constexpr NTSTATUS kRefused = STATUS_ACCESS_DENIED;
 
-class FileOpen : public FileRoom {};
+class FileOpen : public FileFixture {};
 
-TEST_F(FileOpen, FileWithAnotherNameInAReadOnlyFolderIsReadOnlyButMayBeDeleted) {
+TEST_F(FileOpen, SecondNameInAReadOnlyFolderMakesAFileReadOnly) {
   Unconfined([&] {
     ASSERT_TRUE(CreateHardLinkW(Dos(L"\\write\\both.txt").c_str(), Dos(L"\\read\\f.txt").c_str(), nullptr));
     ASSERT_TRUE(CreateHardLinkW(Dos(L"\\write\\twin.txt").c_str(), Dos(L"\\write\\f.txt").c_str(), nullptr));

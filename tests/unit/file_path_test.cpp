@@ -5,22 +5,22 @@
 #include "File/object_link.h"
 #include "Platform/native.h"
 #include "VornCore/Base/strings.h"
-#include "file_room.h"
+#include "file_fixture.h"
 
 extern "C" NTSYSAPI NTSTATUS NTAPI NtOpenDirectoryObject(PHANDLE, ACCESS_MASK, POBJECT_ATTRIBUTES);
 
 namespace VornCore {
 namespace {
 
-class FilePath : public FileRoom {
+class FilePath : public FileFixture {
  protected:
   static void SetUpTestSuite() {
-    FileRoom::SetUpTestSuite();
+    FileFixture::SetUpTestSuite();
     real_ = platform::Native();
   }
   void TearDown() override {
     platform::Native() = real_;
-    FileRoom::TearDown();
+    FileFixture::TearDown();
   }
 
   struct Result {
@@ -114,7 +114,7 @@ TEST_F(FilePath, HandlesNameTheirFileAndWhatLiesBelow) {
   NtClose(drives);
 }
 
-TEST_F(FilePath, LongNamesOfHandlesAreAskedForAgainWithRoom) {
+TEST_F(FilePath, LongHandleNamesAreQueriedAgainWithMoreRoom) {
   platform::Native().NtQueryObject = [](HANDLE, OBJECT_INFORMATION_CLASS, PVOID info, ULONG bytes,
                                         PULONG returned) -> NTSTATUS {
     constexpr std::size_t kUnits = 9000;

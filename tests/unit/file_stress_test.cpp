@@ -1,11 +1,11 @@
 // Many threads at once: nothing that a call takes is left behind.
 #include <atomic>
 #include <barrier>
-#include <cstdlib>
+#include <functional>
 #include <random>
 #include <thread>
 
-#include "file_room.h"
+#include "file_fixture.h"
 #include "tests/unit/long_form.h"
 #include "tests/unit/open_handles.h"
 
@@ -39,53 +39,42 @@ namespace {
 constexpr int kThreads = 8;
 const int kRounds = vorn::test::LongForm("VORN_STORM", 300);  // of each thread
 
-class FileStress : public FileRoom {
+class FileStress : public FileFixture {
  protected:
   // One thread's calls, on files of its own: allowed, narrowed, refused, faulting and deferred ones.
   void Work(int number) {
     std::mt19937 random(static_cast<unsigned>(number));
     const std::wstring own = L"\\write\\" + std::to_wstring(number), moved = own + L"m";
-    for (int i = 0; i < kRounds; ++i) {
-      const auto close = [&](const Opened& opened) {
-        if (opened.handle) NtClose(opened.handle);
-      };
-      switch (random() % 8) {
-        case 0:
-          close(Create(L"\\deny\\f.txt", GENERIC_READ));
-          break;
-        case 1:
-          close(Create(L"\\read\\f.txt", GENERIC_WRITE));
-          break;
-        case 2:
-          close(Create(L"\\read\\f.txt", GENERIC_READ, FILE_OVERWRITE));
-          break;
-        case 3:
-          close(Create(own.c_str(), GENERIC_WRITE, FILE_OPEN_IF));
-          break;
-        case 4: {
-          const Opened opened = Create(own.c_str(), DELETE, FILE_OPEN_IF);
-          auto info = RenameBuffer(L"\\??\\" + Dos(moved), 0);
-          IO_STATUS_BLOCK io;
-          NtSetInformationFile(opened.handle, &io, info.data(), static_cast<ULONG>(info.size()),
-                               static_cast<FILE_INFORMATION_CLASS>(nt::kFileRenameInformation));
-          close(opened);
-          break;
-        }
-        case 5: {
-          HANDLE file;
-          IO_STATUS_BLOCK io;
-          NtCreateFile(&file, GENERIC_READ, reinterpret_cast<OBJECT_ATTRIBUTES*>(16), &io, nullptr, 0, 7,
-                       FILE_OPEN, 0, nullptr, 0);
-          break;
-        }
-        case 6:
-          close(Create(L"\\write\\both.txt", GENERIC_WRITE));
-          break;
-        case 7:
+    const auto close = [](const Opened& opened) {
+      if (opened.handle) NtClose(opened.handle);
+    };
+    const auto rename = [&] {
+      const Opened opened = Create(own.c_str(), DELETE, FILE_OPEN_IF);
+      auto info = RenameBuffer(L"\\??\\" + Dos(moved), 0);
+      IO_STATUS_BLOCK io;
+      NtSetInformationFile(opened.handle, &io, info.data(), static_cast<ULONG>(info.size()),
+                           static_cast<FILE_INFORMATION_CLASS>(nt::kFileRenameInformation));
+      close(opened);
+    };
+    const auto fault = [] {
+      HANDLE file;
+      IO_STATUS_BLOCK io;
+      NtCreateFile(&file, GENERIC_READ, reinterpret_cast<OBJECT_ATTRIBUTES*>(16), &io, nullptr, 0, 7,
+                   FILE_OPEN, 0, nullptr, 0);
+    };
+    const std::function<void()> calls[] = {
+        [&] { close(Create(L"\\deny\\f.txt", GENERIC_READ)); },
+        [&] { close(Create(L"\\read\\f.txt", GENERIC_WRITE)); },
+        [&] { close(Create(L"\\read\\f.txt", GENERIC_READ, FILE_OVERWRITE)); },
+        [&] { close(Create(own.c_str(), GENERIC_WRITE, FILE_OPEN_IF)); },
+        [&] { close(Create(L"\\write\\both.txt", GENERIC_WRITE)); },
+        [&] {
           if (random() % 20 == 0) close(Create(moved.c_str(), DELETE, FILE_OPEN, FILE_DELETE_ON_CLOSE));
-          break;
-      }
-    }
+        },
+        rename,
+        fault,
+    };
+    for (int i = 0; i < kRounds; ++i) calls[random() % std::size(calls)]();
   }
 
   void RunThreads() {
@@ -112,7 +101,7 @@ TEST_F(FileStress, NoHandleRecordOrBlockIsLeftBehind) {
   Unconfined([&] {
     ASSERT_TRUE(CreateHardLinkW(Dos(L"\\write\\both.txt").c_str(), Dos(L"\\read\\f.txt").c_str(), nullptr));
   });
-  RunThreads();  // what is made once, is made here
+  RunThreads();  // one-time allocations
   const int handles = vorn::test::OpenHandles();
   const long blocks = live_blocks;
   RunThreads();

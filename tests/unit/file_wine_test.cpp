@@ -3,19 +3,19 @@
 #include "Platform/native.h"
 #include "Platform/wine_paths.h"
 #include "VornCore/Base/process_info.h"
-#include "file_room.h"
+#include "file_fixture.h"
 
 namespace VornCore {
 namespace {
 
-class FileWine : public FileRoom {
+class FileWine : public FileFixture {
  protected:
   void SetUp() override {
     if (!platform::IsWine()) GTEST_SKIP() << "this is Windows";
-    FileRoom::SetUp();
+    FileFixture::SetUp();
   }
   void TearDown() override {
-    if (platform::IsWine()) FileRoom::TearDown();
+    if (platform::IsWine()) FileFixture::TearDown();
   }
   // The Unix path of a file, with forward slashes.
   std::wstring UnixName(const std::wstring& name) const {

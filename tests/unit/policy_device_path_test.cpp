@@ -47,7 +47,7 @@ TEST(DevicePath, PipesMailslotsAndNetworkDevicesAreToldApart) {
   for (const auto& c : cases) EXPECT_EQ(ClassifyDevicePath(c.path), c.kind) << Narrow(c.path);
 }
 
-TEST(DevicePath, NothingButTheDirectoryAndWhatIsBelowItIsUnderIt) {
+TEST(DevicePath, OnlyTheDirectoryAndItsContentsAreUnderIt) {
   constexpr std::u16string_view kTemp = u"\\Device\\HarddiskVolume3\\Temp\\";
   EXPECT_TRUE(IsUnder(u"\\device\\harddiskvolume3\\TEMP", kTemp));
   EXPECT_TRUE(IsUnder(u"\\device\\harddiskvolume3\\temp\\", kTemp));

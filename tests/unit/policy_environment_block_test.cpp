@@ -24,7 +24,7 @@ TEST(EnvironmentBlock, FindsAnEntryInAnyLetterCase) {
   }
 }
 
-TEST(EnvironmentBlock, ABlockThatDoesNotEndWithinItsSizeIsRefused) {
+TEST(EnvironmentBlock, UnterminatedBlockIsRefused) {
   const std::u16string block = u"A=1\0B=2\0\0"s;
   EXPECT_EQ(ScanEnvironment(block, kName).status, EnvironmentStatus::kMissing);
   for (std::size_t size = 0; size < block.size(); ++size) {
@@ -36,7 +36,7 @@ TEST(EnvironmentBlock, ABlockThatDoesNotEndWithinItsSizeIsRefused) {
   }
 }
 
-TEST(EnvironmentBlock, ExtendingKeepsTheEntriesAndRoundsUpToEight) {
+TEST(EnvironmentBlock, ExtendedBlockKeepsItsEntriesAndIsRoundedUpToEightBytes) {
   for (const auto& old : {u"\0"s, u"A=1\0\0"s, u"A=1\0=C:=C:\\x\0\0junk"s}) {
     for (std::u16string value; value.size() < 9; value += u'v') {
       const EnvironmentScan scan = ScanEnvironment(old, kName);

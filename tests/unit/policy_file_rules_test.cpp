@@ -3,7 +3,7 @@
 #include <random>
 
 #include "Policy/file_rules.h"
-#include "literal_rules.h"
+#include "reference_rules.h"
 #include "section_builder.h"
 
 namespace vorn::policy {
@@ -54,7 +54,7 @@ TEST(FileRules, ARuleWithATrailingBackslashNeverMatches) {
   EXPECT_FALSE(Check(builder, u"\\device\\v\\").found);
 }
 
-TEST(FileRules, AnEqualHashIsNotEnough) {
+TEST(FileRules, EqualHashIsNotEnough) {
   ASSERT_EQ(HashPathNoCase(u"\\device\\a_"), HashPathNoCase(u"\\device\\b>"));
   SectionBuilder builder;
   builder.FileRule(1, u"\\device\\b>").FileRule(3, u"\\device\\a_");
@@ -139,7 +139,7 @@ TEST(FileRules, GiveTheAnswerOfTheScanPrefixByPrefix) {
     for (int k = 0; k < 50; ++k) {
       const std::u16string path = rules.Path(rules.Chance(10) ? 90 : 12);
       const FileRuleMatch match = CheckFileACL(section, path);
-      const FileRuleMatch literal = test::LiteralCheckFileACL(section, path);
+      const FileRuleMatch literal = test::ReferenceCheckFileACL(section, path);
       ASSERT_EQ(match.found, literal.found) << i << "/" << k;
       ASSERT_EQ(match.access, literal.access);
       ASSERT_EQ(match.invalid_access, literal.invalid_access);

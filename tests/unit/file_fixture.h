@@ -21,7 +21,7 @@
 
 namespace VornCore {
 
-class FileRoom : public testing::Test {
+class FileFixture : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     static bool started = false;

@@ -15,8 +15,8 @@
 
 namespace vorn::policy::test {
 
-inline FileRuleMatch LiteralCheckConfigPermission(const SectionView& section, std::u16string_view path,
-                                                  std::size_t length) {
+inline FileRuleMatch ReferenceCheckConfigPermission(const SectionView& section, std::u16string_view path,
+                                                    std::size_t length) {
   const std::uint32_t hash = HashPathNoCase(path.substr(0, length));
   if (hash == 0) return {};
   const auto rules = section.FileRules();
@@ -32,11 +32,11 @@ inline FileRuleMatch LiteralCheckConfigPermission(const SectionView& section, st
   return {};
 }
 
-inline FileRuleMatch LiteralCheckFileACL(const SectionView& section, std::u16string_view path) {
+inline FileRuleMatch ReferenceCheckFileACL(const SectionView& section, std::u16string_view path) {
   if (path.empty()) return {};
   std::size_t length = path.size() - (path.back() == u'\\' ? 1 : 0);
   for (;;) {
-    const FileRuleMatch match = LiteralCheckConfigPermission(section, path, length);
+    const FileRuleMatch match = ReferenceCheckConfigPermission(section, path, length);
     if (match.found) return match;
     do {
       if (length == 0) return {};
@@ -52,7 +52,7 @@ inline std::uint32_t HostOrder(const void* bytes) {
   return __builtin_bswap32(value);
 }
 
-inline bool LiteralAddressMatches(const NetRuleAddress& rule, const IpAddress& address) {
+inline bool ReferenceAddressMatches(const NetRuleAddress& rule, const IpAddress& address) {
   const std::uint32_t prefix = rule.prefix_length;
   if (prefix == 0) return true;
   if (address.family == kFamilyIPv4) {
@@ -67,7 +67,7 @@ inline bool LiteralAddressMatches(const NetRuleAddress& rule, const IpAddress& a
   return (static_cast<std::uint8_t>(rule.bytes[whole]) & mask) == (address.bytes[whole] & mask);
 }
 
-inline NetRuleMatch LiteralMatchAddressRules(const SectionView& section, const IpAddress& address) {
+inline NetRuleMatch ReferenceMatchAddressRules(const SectionView& section, const IpAddress& address) {
   const std::uint32_t needed = address.family == kFamilyIPv4 ? 4 : 16;
   const auto rules = section.NetRules();
   for (std::uint32_t i = 0; i < rules.size(); ++i) {
@@ -75,7 +75,7 @@ inline NetRuleMatch LiteralMatchAddressRules(const SectionView& section, const I
     if (rule.kind != static_cast<std::uint32_t>(NetRuleKind::kAddress)) continue;
     const NetRuleAddress rule_address = section.AddressOf(rule);
     if (!rule_address.bytes.data() || rule_address.length < needed || rule_address.length > 128) continue;
-    if (rule_address.family != address.family || !LiteralAddressMatches(rule_address, address)) continue;
+    if (rule_address.family != address.family || !ReferenceAddressMatches(rule_address, address)) continue;
     const NetRulePorts ports = section.PortsOf(rule);
     bool admitted = ports.Readable() && ports.size() == 0;
     for (std::uint32_t p = 0; p < ports.size(); ++p) admitted = admitted || ports[p] == address.port;
