@@ -133,16 +133,7 @@ TEST_F(Channel, ProcessStartIsTheFirstMessage) {
   EXPECT_TRUE(std::regex_match(transport.local_port, name));
 }
 
-TEST_F(Channel, StopsWhatItStarted) {
-  Start();
-  channel::UnInit();
-  EXPECT_EQ(calls, (std::vector<std::string>{"Init", "Stop", "UnInit", "Destroy"}));
-  EXPECT_EQ(GetModuleHandleW(L"fake_transport.dll"), nullptr);
-  EXPECT_FALSE(Send(Message(3, 0)));
-  Start();  // and starts again
-}
-
-TEST_F(Channel, RefusesWhatIsNoMessage) {
+TEST_F(Channel, RefusesWhatIsNoMessageAndStopsWhatItStarted) {
   Start();
   auto message = Message(3, 0);
   EXPECT_FALSE(SendToHost(message.data(), 29));
@@ -150,6 +141,10 @@ TEST_F(Channel, RefusesWhatIsNoMessage) {
   message[0] ^= std::byte{1};
   EXPECT_FALSE(Send(message));
   EXPECT_EQ(log.NewText(), "");
+  channel::UnInit();
+  EXPECT_EQ(calls, (std::vector<std::string>{"Init", "Stop", "UnInit", "Destroy"}));
+  EXPECT_FALSE(Send(Message(3, 0)));
+  Start();  // and starts again
 }
 
 TEST_F(Channel, FullQueueRefusesAndSaysSo) {
@@ -244,7 +239,7 @@ TEST_F(Channel, HostsMessagesAreCheckedAndNoticesLogged) {
 }
 
 // DLLs that detach after a thread has ended inside the queue still send.
-TEST_F(Channel, QueueOfAThreadThatEndedInsideKeepsNoProcessFromEnding) {
+TEST_F(Channel, ThreadKilledInsideTheQueueDoesNotBlockProcessEnd) {
   const auto end_inside_push = [] {
     if (!channel::Init(kServer, false) || !WaitForSent(1)) ExitProcess(1);
     static HANDLE inside = CreateEventW(nullptr, TRUE, FALSE, nullptr);

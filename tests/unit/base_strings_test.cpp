@@ -18,7 +18,7 @@ TEST(Strings, AnsiConversionsFollowTheCodePage) {
   EXPECT_STREQ(AnsiToWide("").get(), L"");
 }
 
-TEST(Strings, NothingConvertsToNothing) {
+TEST(Strings, EmptyOrOversizedInputGivesNull) {
   const UNICODE_STRING empty{};
   EXPECT_EQ(WideToAnsi(nullptr), nullptr);
   EXPECT_EQ(WideToAnsi(L""), nullptr);
@@ -33,7 +33,7 @@ TEST(Strings, NothingConvertsToNothing) {
   EXPECT_EQ(CopyBytesZ("x", 0), nullptr);
 }
 
-TEST(ProcessFacts, AreNothingForWhatIsNoProcess) {
+TEST(ProcessFacts, HandleOfAnotherKindGivesNull) {
   HANDLE no_process = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   EXPECT_EQ(GetProcessMachine(no_process), 0u);
   EXPECT_EQ(GetProcessImageFileName(no_process), nullptr);

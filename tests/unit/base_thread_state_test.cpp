@@ -51,7 +51,7 @@ TEST_F(ThreadStateTest, ScratchBuffersHaveRoomToSpareInWholePages) {
   EXPECT_EQ(buffer.data, before);
 }
 
-TEST_F(ThreadStateTest, NestedLevelsAndDynamicSlotsHaveBuffersOfTheirOwn) {
+TEST_F(ThreadStateTest, EachScratchLevelHasItsOwnBuffers) {
   ThreadState* state = GetThreadState();
   std::set<void*> buffers;
   void* first_dynamic = nullptr;

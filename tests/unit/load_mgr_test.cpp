@@ -80,7 +80,7 @@ TEST_F(LoadMark, FailureReachesTheCallerUnchanged) {
   EXPECT_EQ(state_->hookDepth, 0u);
 }
 
-TEST_F(LoadMark, FaultThatLeavesTheLoaderGivesTheDepthBackButKeepsTheMark) {
+TEST_F(LoadMark, FaultInTheLoaderRestoresTheDepthButNotTheMark) {
   // The delay-load resolver reads its descriptor: a bad one faults inside the real function.
   DWORD code = 0;
   auto* const nowhere = reinterpret_cast<IMAGE_DELAYLOAD_DESCRIPTOR*>(0x10);
