@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "Platform/guard.h"
+#include "Platform/last_error.h"
 #include "Platform/wine_addr_info.h"
 #include "Platform/wine_link_names.h"
 #include "Platform/wine_nested_calls.h"
@@ -212,6 +213,21 @@ bool HasTransactedMove() {
   return GetProcAddress(GetModuleHandleW(L"KernelBase.dll"), kMoveTransacted.data()) != nullptr;
 }
 
+// Some versions export functions that do nothing but say so: the answer decides, not the export.
+bool CanListLinks(decltype(&::FindFirstFileNameW) find_first) {
+  if (!find_first) return false;
+  const LastErrorKeeper keep;
+  DWORD error = NO_ERROR, units = 0, code;
+  return Guarded(
+             [&] {
+               wchar_t name[1];
+               const HANDLE find = find_first(L"", 0, &units, name);
+               if (find == INVALID_HANDLE_VALUE) error = GetLastError();
+             },
+             &code) &&
+         error != ERROR_CALL_NOT_IMPLEMENTED;
+}
+
 template <class Function>
 void* Bridge(Function& real, Function bridge, void* original) {
   real = reinterpret_cast<Function>(original);
@@ -227,7 +243,7 @@ void Adapt(NativeApi& api) noexcept {
   api.NtQueryFullAttributesFile = &QueryFullAttributesFile;
   api.GetFinalPathNameByHandleW = &GetFinalPathNameByHandle;
   api.AliasTarget = &AliasTarget;
-  if (!api.FindFirstFileNameW) {
+  if (!CanListLinks(api.FindFirstFileNameW)) {
     api.FindFirstFileNameW = &FindFirstLinkName;
     api.FindNextFileNameW = &FindNextLinkName;
     api.FindClose = &CloseLinkNames;

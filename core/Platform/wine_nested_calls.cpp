@@ -81,6 +81,8 @@ using ResultEx = Bridged<3, decltype(&::GetOverlappedResultEx)>;
 using QueryA = Bridged<4, decltype(&::DnsQuery_A)>;
 using QueryW = Bridged<5, decltype(&::DnsQuery_W)>;
 using QueryUtf8 = Bridged<6, decltype(&::DnsQuery_UTF8)>;
+using SendTo = Bridged<7, decltype(&::sendto)>;
+using WsaSendTo = Bridged<8, decltype(&::WSASendTo)>;
 
 }  // namespace
 
@@ -89,6 +91,8 @@ void* MarkNestedCall(const char* name, void* original) noexcept {
   if (api == "connect") return Connect::Reached(original);
   if (api == "GetOverlappedResultEx") return ResultEx::Reached(original);
   if (api == "DnsQuery_UTF8") return QueryUtf8::Reached(original);
+  if (api == "WSASendTo") return WsaSendTo::Reached(original);
+  if (api == "sendto") return SendTo::Reaching<WsaSendTo>(original);
   if (api == "WSAConnect") return WsaConnect::Reaching<Connect>(original);
   if (api == "GetOverlappedResult") return Result::Reaching<ResultEx>(original);
   if (api == "DnsQuery_W") return QueryW::Reaching<QueryUtf8>(original);
@@ -100,6 +104,7 @@ void* PassNestedCall(const char* name, void* dispatcher) noexcept {
   const std::string_view api(name);
   if (api == "connect") return Connect::Thunk(dispatcher);
   if (api == "GetOverlappedResultEx") return ResultEx::Thunk(dispatcher);
+  if (api == "WSASendTo") return WsaSendTo::Thunk(dispatcher);
   if (api == "DnsQuery_W") return QueryW::Thunk(dispatcher);
   if (api == "DnsQuery_UTF8") return QueryUtf8::Thunk(dispatcher);
   return dispatcher;

@@ -3,11 +3,12 @@
 // reported or finished twice.
 //
 //   WSAConnect → connect      GetOverlappedResult → GetOverlappedResultEx      DnsQuery_A → DnsQuery_W →
-//   DnsQuery_UTF8
+//   DnsQuery_UTF8             sendto → WSASendTo (Wine 10; Wine 8 has them apart)
 //
 // The real outer function runs with a mark on its thread that names the inner one. The inner function's thunk
 // takes the mark off and goes to the real function; without it, to the dispatcher. Code of the application
-// that runs meanwhile (completion routines) finds no mark.
+// that runs meanwhile (completion routines) finds no mark. An outer function that does not call the inner one
+// after all leaves no mark either.
 #pragma once
 
 namespace VornCore::platform::wine {

@@ -87,6 +87,7 @@ DWORD SpawnSuspended(const std::wstring& command, Resume how) {
   if (how == Resume::kTwice) {
     SuspendThread(process.hThread);
     if (ResumeThread(process.hThread) != 2) return ERROR_INVALID_STATE;
+    Sleep(2);  // two reports of one millisecond could not be told from one that was sent twice
   } else {
     CloseHandle(process.hProcess);
     if (how == Resume::kReused && !TakeHandleValue(process.hProcess)) return ERROR_INVALID_HANDLE;

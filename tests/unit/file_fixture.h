@@ -143,9 +143,14 @@ class FileFixture : public testing::Test {
     return info.GrantedAccess;
   }
 
-  static void RemoveTree(const std::wstring& folder) {
+  // Tries each entry once: remove_all comes back without end to a file that a failed test has left open.
+  static void RemoveTree(const std::filesystem::path& folder) {
     std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
+    for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+      if (entry.is_directory(ignored)) RemoveTree(entry.path());
+      std::filesystem::remove(entry.path(), ignored);
+    }
+    std::filesystem::remove(folder, ignored);
   }
 
   std::wstring folder_;
