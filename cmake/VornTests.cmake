@@ -6,13 +6,27 @@
 # options. NEEDS names programs and DLLs that it starts or loads. win-x86 has none of them: nothing 32-bit runs on the
 # build machine, so its DLLs are inspected as files.
 
+# Windows programs run through Wine, or by themselves where the toolchain names no emulator.
+set(VORN_UNDER_WINE FALSE)
+if(WIN32 AND CMAKE_CROSSCOMPILING_EMULATOR)
+  set(VORN_UNDER_WINE TRUE)
+endif()
+
 # One ctest entry per program: a process start under Wine costs more than a test.
 function(vorn_test_entry name)
   add_test(NAME ${name} COMMAND ${name} WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
   set_tests_properties(${name} PROPERTIES TIMEOUT 300)
-  if(WIN32)
+  if(VORN_UNDER_WINE)
     set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED wine)
   endif()
+  set_property(GLOBAL APPEND PROPERTY VORN_TEST_PROGRAMS ${name})
+endfunction()
+
+# The names of all programs with such an entry, one a line, for those who run them without ctest.
+function(vorn_list_test_programs file)
+  get_property(programs GLOBAL PROPERTY VORN_TEST_PROGRAMS)
+  list(JOIN programs "\n" lines)
+  file(WRITE ${file} "${lines}\n")
 endfunction()
 
 function(vorn_program_options)
