@@ -23,6 +23,9 @@ endif()
 if(WIN32)
   set(CMAKE_CXX_STANDARD_LIBRARIES "")  # no -luser32 -lgdi32 ... on every link line
   set(CMAKE_C_STANDARD_LIBRARIES "")
+  if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    set(CMAKE_CXX_STANDARD_LIBRARIES -lwinpthread)  # the C++ library needs it; GCC's driver names it by itself
+  endif()
   add_compile_definitions(_WIN32_WINNT=0x0A00 WINVER=0x0A00 UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX)
 endif()
 
