@@ -44,10 +44,10 @@ void SendFileAudit(AuditType type, NTSTATUS status, FileACL source_access, std::
   ScratchLevel level(state);
   const wchar_t* source_path = Readable(source, kSourceSlot);
   const wchar_t* destination_path = Readable(destination, kDestinationSlot);
-  const vorn::policy::FileAudit audit{.type = static_cast<std::uint32_t>(type),
+  const vorn::policy::FileAudit audit{.type = type,
                                       .error = RtlNtStatusToDosErrorNoTeb(status),
-                                      .source_access = static_cast<std::uint32_t>(source_access),
-                                      .destination_access = static_cast<std::uint32_t>(destination_access),
+                                      .source_access = source_access,
+                                      .destination_access = destination_access,
                                       .source = ToUtf8(state, source_path, kSourceTextSlot),
                                       .destination = ToUtf8(state, destination_path, kDestinationTextSlot)};
   const std::size_t size = EncodedSize(audit);

@@ -340,10 +340,10 @@ void SocketACLModel::PrintNetACL() noexcept {
 void SocketACLModel::SendNetAudit(const NetAuditFacts& facts) noexcept {
   const std::size_t domain_units = facts.domain ? wcslen(facts.domain) : 0;
   const HeapText domain = WideToUtf8(facts.domain, static_cast<std::int32_t>(domain_units * sizeof(wchar_t)));
-  const policy::NetAudit audit{.type = static_cast<std::uint32_t>(facts.type),
+  const policy::NetAudit audit{.type = facts.type,
                                .error = RtlNtStatusToDosErrorNoTeb(facts.status),
-                               .verdict = facts.verdict,
-                               .protocol = facts.protocol,
+                               .verdict = policy::Verdict{facts.verdict},
+                               .protocol = policy::Protocol{facts.protocol},
                                .destination_port = facts.destination_port,
                                .source_port = facts.source_port,
                                .destination = facts.destination,

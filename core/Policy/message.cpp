@@ -1,25 +1,88 @@
 #include "Policy/message.h"
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
+#include <type_traits>
 
 namespace vorn::policy {
 namespace {
 
-// Bytes of the payload besides the texts; the spare bytes are among them.
-constexpr std::size_t kProcessStartPayload = 10;
-constexpr std::size_t kProcessEventPayload = 21;
-constexpr std::size_t kCrashNoticePayload = 20;
-constexpr std::size_t kFileAuditPayload = 37;
-constexpr std::size_t kNetAuditPayload = 53;
-constexpr std::size_t kSamplePayload = 25;
+// Whether each text has a length and a position among the numbers; without them a text ends at its
+// terminator.
+template <class Message>
+constexpr bool kHasTextTable = Message::kType == TipMsgType::kAudit;
 
-// The first field of a process start.
-constexpr std::uint8_t kIsStart = 1;
+template <class Message>
+constexpr bool kCanBeExtended = requires {
+  Message::kExtendedSubtype;
+};
+
+template <class Message>
+constexpr std::uint32_t CountFields(FieldKind kind) noexcept {
+  std::uint32_t count = 0;
+  ForEachField<Message>([&](const auto& field) { count += field.kKind == kind; });
+  return count;
+}
+
+// Bytes of the numbers of one kind.
+template <class Message>
+constexpr std::uint32_t NumberBytes(FieldKind kind) noexcept {
+  std::uint32_t bytes = 0;
+  ForEachField<Message>([&]<class Field>(const Field& field) {
+    if constexpr (Field::kKind != FieldKind::kText)
+      if (field.kKind == kind) bytes += sizeof(typename Field::Type);
+  });
+  return bytes;
+}
+
+// Bytes of the payload besides extension and texts; the zero byte behind the texts is among them.
+template <class Message>
+constexpr std::uint32_t FixedPayload() noexcept {
+  constexpr std::uint32_t texts = CountFields<Message>(FieldKind::kText);
+  return NumberBytes<Message>(FieldKind::kNumber) + NumberBytes<Message>(FieldKind::kMarker) +
+         (kHasTextTable<Message> ? texts * 2 * sizeof(std::uint32_t) : 0) +
+         (texts ? sizeof(std::uint32_t) + 1 : 0);
+}
+
+// The extension with the size in front of it; 0 bytes in a plain message.
+template <class Message>
+constexpr std::uint32_t ExtensionPayload(const Message& message) noexcept {
+  if constexpr (kCanBeExtended<Message>)
+    if (message.extended) return sizeof(std::uint32_t) + NumberBytes<Message>(FieldKind::kExtension);
+  return 0;
+}
+
+template <class Message>
+std::uint16_t SubtypeOf(const Message& message) noexcept {
+  if constexpr (kCanBeExtended<Message>)
+    if (message.extended) return Message::kExtendedSubtype;
+  if constexpr (requires { Message::kSubtype; })
+    return Message::kSubtype;
+  else
+    return message.subtype;
+}
 
 // Bytes of a text in a message: none when it is absent, otherwise its terminator counts.
-std::size_t Bytes(std::string_view text) noexcept { return text.empty() ? 0 : text.size() + 1; }
-std::size_t BytesEvenIfEmpty(std::string_view text) noexcept { return text.size() + 1; }
+std::size_t BytesOf(std::string_view text, EmptyText empty) noexcept {
+  return text.empty() && empty == EmptyText::kAbsent ? 0 : text.size() + 1;
+}
+
+// Calls visit(text, bytes) for each text of the message.
+template <class Message, class Visitor>
+void ForEachText(const Message& message, Visitor&& visit) noexcept {
+  ForEachField<Message>([&](const auto& field) {
+    if constexpr (field.kKind == FieldKind::kText)
+      visit(message.*field.member, BytesOf(message.*field.member, field.empty));
+  });
+}
+
+template <class Message>
+std::size_t TextBytes(const Message& message) noexcept {
+  std::size_t sum = 0;
+  ForEachText(message, [&](std::string_view, std::size_t bytes) { sum += bytes; });
+  return sum;
+}
 
 // Writes fields one behind the other.
 class Writer {
@@ -47,10 +110,6 @@ class Writer {
   std::byte* at_;
 };
 
-bool Fits(std::size_t size, std::span<std::byte> out) noexcept {
-  return size <= out.size() && size <= std::numeric_limits<std::uint32_t>::max();
-}
-
 // Reads fields one behind the other, and the texts at the end. The first failure stays and everything after
 // it reads as 0 or empty.
 class Reader {
@@ -72,6 +131,19 @@ class Reader {
     return value;
   }
   std::uint32_t U32() noexcept { return Get<std::uint32_t>(); }
+
+  // The number of bytes that the extension states for itself.
+  std::uint32_t ExtensionBytes() noexcept {
+    const std::size_t field = at_;
+    const std::uint32_t bytes = U32();
+    if (bytes > text_area_) {
+      Fail(DecodeReason::kPayloadTooShort, field);
+      return 0;
+    }
+    text_area_ -= bytes;
+    return bytes;
+  }
+  void Skip(std::uint32_t bytes) noexcept { at_ += bytes; }
 
   // A field that can have one value only.
   template <typename T>
@@ -138,205 +210,138 @@ class Reader {
   DecodeError error_;
 };
 
-DecodeError Read(std::span<const std::byte> message, ProcessStart& start) noexcept {
-  Reader reader(message, kProcessStartPayload);
-  reader.Expect<std::uint8_t>(kIsStart, DecodeReason::kBadField);
-  start.parent_pid = reader.U32();
-  reader.ExpectTextArea();
-  start.image_name = reader.TextToTerminator();
-  start.command_line = reader.LastText();
+template <class Message>
+void ReadExtension(Reader& reader, Message& message) noexcept {
+  std::uint32_t left = reader.ExtensionBytes();
+  ForEachField<Message>([&](const auto& field) {
+    using Field = std::remove_cvref_t<decltype(field)>;
+    if constexpr (Field::kKind == FieldKind::kExtension) {
+      if (left < sizeof(typename Field::Type)) return;  // of an older sender
+      message.*field.member = reader.Get<typename Field::Type>();
+      left -= sizeof(typename Field::Type);
+    }
+  });
+  reader.Skip(left);
+}
+
+template <class Message>
+void ReadTexts(Reader& reader, Message& message) noexcept {
+  constexpr std::uint32_t count = CountFields<Message>(FieldKind::kText);
+  if constexpr (count != 0) {
+    std::uint32_t lengths[count] = {}, position = 0, index = 0;
+    if constexpr (kHasTextTable<Message>) {
+      for (std::uint32_t& length : lengths) {
+        length = reader.TextLength();
+        reader.Expect(position, DecodeReason::kTextPosition);
+        position += length;
+      }
+    }
+    reader.ExpectTextArea();
+    ForEachField<Message>([&](const auto& field) {
+      if constexpr (field.kKind == FieldKind::kText) {
+        const bool last = index + 1 == count;
+        message.*field.member = kHasTextTable<Message> ? reader.Text(lengths[index])
+                                : last                 ? reader.LastText()
+                                                       : reader.TextToTerminator();
+        ++index;
+      }
+    });
+  }
+}
+
+template <class Message>
+DecodeError Read(std::span<const std::byte> bytes, Message& message) noexcept {
+  // An extension without its fields is the least that an extended message has.
+  const bool extended = ExtensionPayload(message) != 0;
+  Reader reader(bytes, FixedPayload<Message>() + (extended ? sizeof(std::uint32_t) : 0));
+  if (extended) ReadExtension(reader, message);
+  ForEachField<Message>([&](const auto& field) {
+    using Field = std::remove_cvref_t<decltype(field)>;
+    if constexpr (Field::kKind == FieldKind::kNumber)
+      message.*field.member = reader.Get<typename Field::Type>();
+    if constexpr (Field::kKind == FieldKind::kMarker) {
+      if (field.must_match)
+        reader.Expect(field.value, DecodeReason::kBadField);
+      else
+        reader.Get<typename Field::Type>();
+    }
+  });
+  ReadTexts(reader, message);
   return reader.Finish();
 }
 
-DecodeError Read(std::span<const std::byte> message, ProcessEvent& event) noexcept {
-  Reader reader(message, kProcessEventPayload);
-  event.reporter_pid = reader.U32();
-  event.kind = reader.U32();
-  event.child_pid = reader.U32();
-  event.code = reader.U32();
-  reader.ExpectTextArea();
-  event.image_name = reader.LastText();
-  return reader.Finish();
+// Fills `decoded` when Message is its kind; notes whether the type at least is known.
+template <class Message>
+bool ReadAs(std::span<const std::byte> bytes, Decoded& decoded, bool& type_is_known) noexcept {
+  if (decoded.header.type != static_cast<std::uint16_t>(Message::kType)) return false;
+  type_is_known = true;
+  Message message = {};
+  if constexpr (kCanBeExtended<Message>)
+    message.extended = decoded.header.subtype == Message::kExtendedSubtype;
+  if constexpr (requires { message.subtype; })
+    message.subtype = std::min(decoded.header.subtype, kSubtypeSampleDnsCache);
+  if (decoded.header.subtype != SubtypeOf(message)) return false;
+  decoded.error = Read(bytes, message);
+  if (decoded.Ok()) decoded.body = message;
+  return true;
 }
 
-DecodeError Read(std::span<const std::byte> message, CrashNotice& notice) noexcept {
-  Reader reader(message, kCrashNoticePayload);
-  reader.Get<std::uint64_t>();
-  notice.exception_code = reader.U32();
-  notice.hook_depth = reader.U32();
-  notice.thread_id = reader.U32();
-  return reader.Finish();
-}
-
-DecodeError Read(std::span<const std::byte> message, FileAudit& audit) noexcept {
-  Reader reader(message, kFileAuditPayload);
-  audit.type = reader.U32();
-  audit.error = reader.U32();
-  audit.source_access = reader.U32();
-  audit.destination_access = reader.U32();
-  const std::uint32_t source_bytes = reader.TextLength();
-  reader.Expect<std::uint32_t>(0, DecodeReason::kTextPosition);
-  const std::uint32_t destination_bytes = reader.TextLength();
-  reader.Expect<std::uint32_t>(source_bytes, DecodeReason::kTextPosition);
-  reader.ExpectTextArea();
-  audit.source = reader.Text(source_bytes);
-  audit.destination = reader.Text(destination_bytes);
-  return reader.Finish();
-}
-
-DecodeError Read(std::span<const std::byte> message, NetAudit& audit) noexcept {
-  Reader reader(message, kNetAuditPayload);
-  audit.type = reader.U32();
-  audit.error = reader.U32();
-  audit.verdict = reader.U32();
-  audit.protocol = reader.U32();
-  audit.destination_port = reader.U32();
-  audit.source_port = reader.U32();
-  const std::uint32_t destination_bytes = reader.TextLength();
-  reader.Expect<std::uint32_t>(0, DecodeReason::kTextPosition);
-  const std::uint32_t source_bytes = reader.TextLength();
-  reader.Expect<std::uint32_t>(destination_bytes, DecodeReason::kTextPosition);
-  const std::uint32_t domain_bytes = reader.TextLength();
-  reader.Expect<std::uint32_t>(destination_bytes + source_bytes, DecodeReason::kTextPosition);
-  reader.ExpectTextArea();
-  audit.destination = reader.Text(destination_bytes);
-  audit.source = reader.Text(source_bytes);
-  audit.domain = reader.Text(domain_bytes);
-  return reader.Finish();
-}
-
-DecodeError Read(std::span<const std::byte> message, Sample& sample) noexcept {
-  Reader reader(message, kSamplePayload);
-  sample.first = reader.Get<std::uint64_t>();
-  sample.second = reader.Get<std::uint64_t>();
-  sample.third = reader.U32();
-  reader.ExpectTextArea();
-  sample.text = reader.LastText();
-  return reader.Finish();
-}
-
-template <typename Body>
-void ReadBody(std::span<const std::byte> message, Decoded& decoded, Body body = {}) noexcept {
-  decoded.error = Read(message, body);
-  if (decoded.Ok()) decoded.body = body;
+template <class... Messages>
+void ReadBody(std::span<const std::byte> bytes, Decoded& decoded,
+              const std::variant<std::monostate, Messages...>&) noexcept {
+  bool type_is_known = false;
+  if ((ReadAs<Messages>(bytes, decoded, type_is_known) || ...)) return;
+  decoded.error = type_is_known ? DecodeError{DecodeReason::kUnknownSubtype, offsetof(TIPHeader, subtype)}
+                                : DecodeError{DecodeReason::kUnknownType, offsetof(TIPHeader, type)};
 }
 
 }  // namespace
 
-std::size_t EncodedSize(const ProcessStart& message) noexcept {
-  return kMessageOverhead + kProcessStartPayload + BytesEvenIfEmpty(message.image_name) +
-         Bytes(message.command_line);
-}
-std::size_t EncodedSize(const ProcessEvent& message) noexcept {
-  return kMessageOverhead + kProcessEventPayload + Bytes(message.image_name);
-}
-std::size_t EncodedSize(const CrashNotice&) noexcept { return kMessageOverhead + kCrashNoticePayload; }
-std::size_t EncodedSize(const FileAudit& message) noexcept {
-  return kMessageOverhead + kFileAuditPayload + Bytes(message.source) + Bytes(message.destination);
-}
-std::size_t EncodedSize(const NetAudit& message) noexcept {
-  return kMessageOverhead + kNetAuditPayload + BytesEvenIfEmpty(message.destination) +
-         BytesEvenIfEmpty(message.source) + Bytes(message.domain);
-}
-std::size_t EncodedSize(const Sample& message) noexcept {
-  return kMessageOverhead + kSamplePayload + Bytes(message.text);
+template <class Message>
+std::size_t EncodedSize(const Message& message) noexcept {
+  return kMessageOverhead + ExtensionPayload(message) + FixedPayload<Message>() + TextBytes(message);
 }
 
-std::size_t Encode(const ProcessStart& message, MessageOrigin origin, std::span<std::byte> out) noexcept {
+template <class Message>
+std::size_t Encode(const Message& message, MessageOrigin origin, std::span<std::byte> out) noexcept {
   const std::size_t size = EncodedSize(message);
-  if (!Fits(size, out)) return 0;
-  const std::size_t image_bytes = BytesEvenIfEmpty(message.image_name);
-  const std::size_t command_line_bytes = Bytes(message.command_line);
-  Writer writer(out.first(size), TipMsgType::kProcess, kSubtypeProcessStart, origin);
-  writer.Put<std::uint8_t>(kIsStart);
-  writer.Put(message.parent_pid);
-  writer.PutLength(image_bytes + command_line_bytes);
-  writer.PutText(message.image_name, image_bytes);
-  writer.PutText(message.command_line, command_line_bytes);
+  if (size > out.size() || size > std::numeric_limits<std::uint32_t>::max()) return 0;
+  Writer writer(out.first(size), Message::kType, SubtypeOf(message), origin);
+  if (const std::uint32_t bytes = ExtensionPayload(message)) {
+    writer.PutLength(bytes - sizeof(std::uint32_t));
+    ForEachField<Message>([&](const auto& field) {
+      if constexpr (field.kKind == FieldKind::kExtension) writer.Put(message.*field.member);
+    });
+  }
+  ForEachField<Message>([&](const auto& field) {
+    if constexpr (field.kKind == FieldKind::kNumber) writer.Put(message.*field.member);
+    if constexpr (field.kKind == FieldKind::kMarker) writer.Put(field.value);
+  });
+  if constexpr (CountFields<Message>(FieldKind::kText) != 0) {
+    std::size_t position = 0;
+    ForEachText(message, [&](std::string_view, std::size_t bytes) {
+      if (kHasTextTable<Message>) {
+        writer.PutLength(bytes);
+        writer.PutLength(position);
+      }
+      position += bytes;
+    });
+    writer.PutLength(position);
+    ForEachText(message, [&](std::string_view text, std::size_t bytes) { writer.PutText(text, bytes); });
+  }
   return size;
 }
 
-std::size_t Encode(const ProcessEvent& message, MessageOrigin origin, std::span<std::byte> out) noexcept {
-  const std::size_t size = EncodedSize(message);
-  if (!Fits(size, out)) return 0;
-  Writer writer(out.first(size), TipMsgType::kProcess, kSubtypeProcessEvent, origin);
-  writer.Put(message.reporter_pid);
-  writer.Put(message.kind);
-  writer.Put(message.child_pid);
-  writer.Put(message.code);
-  writer.PutLength(Bytes(message.image_name));
-  writer.PutText(message.image_name, Bytes(message.image_name));
-  return size;
-}
-
-std::size_t Encode(const CrashNotice& message, MessageOrigin origin, std::span<std::byte> out) noexcept {
-  const std::size_t size = EncodedSize(message);
-  if (!Fits(size, out)) return 0;
-  Writer writer(out.first(size), TipMsgType::kProcess, kSubtypeCrashNotice, origin);
-  writer.Put<std::uint64_t>(0);
-  writer.Put(message.exception_code);
-  writer.Put(message.hook_depth);
-  writer.Put(message.thread_id);
-  return size;
-}
-
-std::size_t Encode(const FileAudit& message, MessageOrigin origin, std::span<std::byte> out) noexcept {
-  const std::size_t size = EncodedSize(message);
-  if (!Fits(size, out)) return 0;
-  const std::size_t source_bytes = Bytes(message.source);
-  const std::size_t destination_bytes = Bytes(message.destination);
-  Writer writer(out.first(size), TipMsgType::kAudit, kSubtypeFileAudit, origin);
-  writer.Put(message.type);
-  writer.Put(message.error);
-  writer.Put(message.source_access);
-  writer.Put(message.destination_access);
-  writer.PutLength(source_bytes);
-  writer.PutLength(0);
-  writer.PutLength(destination_bytes);
-  writer.PutLength(source_bytes);
-  writer.PutLength(source_bytes + destination_bytes);
-  writer.PutText(message.source, source_bytes);
-  writer.PutText(message.destination, destination_bytes);
-  return size;
-}
-
-std::size_t Encode(const NetAudit& message, MessageOrigin origin, std::span<std::byte> out) noexcept {
-  const std::size_t size = EncodedSize(message);
-  if (!Fits(size, out)) return 0;
-  const std::size_t destination_bytes = BytesEvenIfEmpty(message.destination);
-  const std::size_t source_bytes = BytesEvenIfEmpty(message.source);
-  const std::size_t domain_bytes = Bytes(message.domain);
-  Writer writer(out.first(size), TipMsgType::kAudit, kSubtypeNetAudit, origin);
-  writer.Put(message.type);
-  writer.Put(message.error);
-  writer.Put(message.verdict);
-  writer.Put(message.protocol);
-  writer.Put(message.destination_port);
-  writer.Put(message.source_port);
-  writer.PutLength(destination_bytes);
-  writer.PutLength(0);
-  writer.PutLength(source_bytes);
-  writer.PutLength(destination_bytes);
-  writer.PutLength(domain_bytes);
-  writer.PutLength(destination_bytes + source_bytes);
-  writer.PutLength(destination_bytes + source_bytes + domain_bytes);
-  writer.PutText(message.destination, destination_bytes);
-  writer.PutText(message.source, source_bytes);
-  writer.PutText(message.domain, domain_bytes);
-  return size;
-}
-
-std::size_t Encode(const Sample& message, MessageOrigin origin, std::span<std::byte> out) noexcept {
-  const std::size_t size = EncodedSize(message);
-  if (!Fits(size, out)) return 0;
-  Writer writer(out.first(size), TipMsgType::kSample, message.subtype, origin);
-  writer.Put(message.first);
-  writer.Put(message.second);
-  writer.Put(message.third);
-  writer.PutLength(Bytes(message.text));
-  writer.PutText(message.text, Bytes(message.text));
-  return size;
-}
+#define VORN_MESSAGE(Message)                                \
+  template std::size_t EncodedSize(const Message&) noexcept; \
+  template std::size_t Encode(const Message&, MessageOrigin, std::span<std::byte>) noexcept;
+VORN_MESSAGE(ProcessStart)
+VORN_MESSAGE(ProcessEvent)
+VORN_MESSAGE(CrashNotice)
+VORN_MESSAGE(FileAudit)
+VORN_MESSAGE(NetAudit)
+VORN_MESSAGE(Sample)
+#undef VORN_MESSAGE
 
 const char* DecodeReasonText(DecodeReason reason) noexcept {
   switch (reason) {
@@ -381,48 +386,7 @@ Decoded DecodeMessage(std::span<const std::byte> message) noexcept {
   Decoded decoded;
   if (message.size() >= sizeof(TIPHeader)) std::memcpy(&decoded.header, message.data(), sizeof(TIPHeader));
   decoded.error = CheckMessageFrame(message);
-  if (!decoded.Ok()) return decoded;
-
-  const DecodeError unknown_subtype = {DecodeReason::kUnknownSubtype, offsetof(TIPHeader, subtype)};
-  const std::uint16_t subtype = decoded.header.subtype;
-  switch (static_cast<TipMsgType>(decoded.header.type)) {
-    case TipMsgType::kProcess:
-      switch (subtype) {
-        case kSubtypeProcessEvent:
-          ReadBody<ProcessEvent>(message, decoded);
-          break;
-        case kSubtypeProcessStart:
-          ReadBody<ProcessStart>(message, decoded);
-          break;
-        case kSubtypeCrashNotice:
-          ReadBody<CrashNotice>(message, decoded);
-          break;
-        default:
-          decoded.error = unknown_subtype;
-      }
-      break;
-    case TipMsgType::kAudit:
-      switch (subtype) {
-        case kSubtypeFileAudit:
-          ReadBody<FileAudit>(message, decoded);
-          break;
-        case kSubtypeNetAudit:
-          ReadBody<NetAudit>(message, decoded);
-          break;
-        default:
-          decoded.error = unknown_subtype;
-      }
-      break;
-    case TipMsgType::kSample:
-      if (subtype <= kSubtypeSampleDnsCache) {
-        ReadBody<Sample>(message, decoded, {.subtype = subtype});
-      } else {
-        decoded.error = unknown_subtype;
-      }
-      break;
-    default:
-      decoded.error = {DecodeReason::kUnknownType, offsetof(TIPHeader, type)};
-  }
+  if (decoded.Ok()) ReadBody(message, decoded, decoded.body);
   return decoded;
 }
 

@@ -14,6 +14,17 @@
 //
 // Texts are views: into the caller's texts when encoding, into the message when decoding. In the views the
 // terminator is not counted. An empty text is an absent text, but where a comment says otherwise.
+//
+// Layout of a payload: the numbers; for an audit, length and position of each text; when the kind has texts,
+// the length of all of them, the texts, and a zero byte. The payload of an extended audit begins with its
+// extension:
+//
+//   u32 size of what follows in the extension | rule | fact | whatever later versions append
+//   the payload of the plain audit
+//
+// So a host skips what it does not know, and gives what an older sender does not know its initial value.
+//
+// A new field is a member and a line in the message's list; message_fields.h says what a list is made of.
 #pragma once
 
 #include <cstddef>
@@ -21,6 +32,11 @@
 #include <span>
 #include <string_view>
 #include <variant>
+
+#include "Policy/deciding_fact.h"
+#include "Policy/file_rules.h"
+#include "Policy/message_fields.h"
+#include "Policy/section_format.h"
 
 namespace vorn::policy {
 
@@ -52,6 +68,8 @@ inline constexpr std::uint16_t kSubtypeProcessStart = 1;
 inline constexpr std::uint16_t kSubtypeCrashNotice = 2;
 inline constexpr std::uint16_t kSubtypeFileAudit = 0;
 inline constexpr std::uint16_t kSubtypeNetAudit = 2;
+inline constexpr std::uint16_t kSubtypeFileDecision = 16;  // an extended file audit
+inline constexpr std::uint16_t kSubtypeNetDecision = 17;   // an extended network audit
 inline constexpr std::uint16_t kSubtypeSampleFileCreate = 0;
 inline constexpr std::uint16_t kSubtypeSampleSocketCheck = 1;
 inline constexpr std::uint16_t kSubtypeSampleRioActivity = 2;
@@ -72,8 +90,8 @@ enum class AuditType : std::uint32_t {
 };
 
 // "create", "delete", …, or "unknown" for any other value.
-[[nodiscard]] constexpr const char* AuditTypeName(std::uint32_t type) noexcept {
-  switch (static_cast<AuditType>(type)) {
+[[nodiscard]] constexpr const char* AuditTypeName(AuditType type) noexcept {
+  switch (type) {
     case AuditType::kCreate:
       return "create";
     case AuditType::kDelete:
@@ -98,9 +116,6 @@ enum class AuditType : std::uint32_t {
       return "unknown";
   }
 }
-[[nodiscard]] constexpr const char* AuditTypeName(AuditType type) noexcept {
-  return AuditTypeName(static_cast<std::uint32_t>(type));
-}
 
 // Who sends a message, and when.
 struct MessageOrigin {
@@ -116,81 +131,156 @@ struct MessageOrigin {
           origin.pid, payload_length};
 }
 
+// The messages. String is the type of their texts: views in the library, strings of its own in the host.
+// Enumerations may have any value of their underlying type, as the sender chose it.
+
 // Once per confined process.
-struct ProcessStart {
+template <class String>
+struct ProcessStartOf {
+  static constexpr TipMsgType kType = TipMsgType::kProcess;
+  static constexpr std::uint16_t kSubtype = kSubtypeProcessStart;
+
   std::uint32_t parent_pid = 0;
-  std::string_view image_name = {};  // base name; always sent, also when empty
-  std::string_view command_line = {};
+  String image_name = {};    // base name; always sent, also when empty
+  String command_line = {};  // cut to 511 UTF-16 units
+
+  static constexpr auto Fields() {
+    using M = ProcessStartOf;
+    return std::tuple(Marker(std::uint8_t{1}, true), Number("parent_pid", &M::parent_pid),
+                      Text("image", &M::image_name, EmptyText::kSent, Show::kAlways),
+                      Text("command_line", &M::command_line, EmptyText::kAbsent, Show::kAlways));
+  }
 };
+using ProcessStart = ProcessStartOf<std::string_view>;
 
 enum class ProcessEventKind : std::uint32_t { kInjected = 0, kInjectionFailed = 2, kExitedImmediately = 3 };
 
 // What became of a child process.
-struct ProcessEvent {
+template <class String>
+struct ProcessEventOf {
+  static constexpr TipMsgType kType = TipMsgType::kProcess;
+  static constexpr std::uint16_t kSubtype = kSubtypeProcessEvent;
+
   std::uint32_t reporter_pid = 0;  // the parent
-  std::uint32_t kind = 0;          // ProcessEventKind
+  ProcessEventKind kind = {};
   std::uint32_t child_pid = 0;
   std::uint32_t code = 0;  // 0, the Win32 error, or the exit code, by kind
-  std::string_view image_name = {};
+  String image_name = {};  // base name; empty when unknown
+
+  static constexpr auto Fields() {
+    using M = ProcessEventOf;
+    return std::tuple(Number("reporter_pid", &M::reporter_pid, Show::kNever), Number("outcome", &M::kind),
+                      Number("child_pid", &M::child_pid), Number("code", &M::code),
+                      Text("image", &M::image_name, EmptyText::kAbsent, Show::kUnlessEmpty));
+  }
 };
+using ProcessEvent = ProcessEventOf<std::string_view>;
 
 struct CrashNotice {
+  static constexpr TipMsgType kType = TipMsgType::kProcess;
+  static constexpr std::uint16_t kSubtype = kSubtypeCrashNotice;
+
   std::uint32_t exception_code = 0;
-  std::uint32_t hook_depth = 0;  // of the crashing thread
+  std::uint32_t hook_depth = 0;  // of the crashing thread; not 0: inside one of the library's handlers
   std::uint32_t thread_id = 0;
+
+  static constexpr auto Fields() {
+    using M = CrashNotice;
+    return std::tuple(Marker(std::uint64_t{0}, false), Number("exception_code", &M::exception_code),
+                      Number("hook_depth", &M::hook_depth), Number("thread_id", &M::thread_id));
+  }
 };
 
-struct FileAudit {
-  std::uint32_t type = 0;                // AuditType
-  std::uint32_t error = 0;               // Win32
-  std::uint32_t source_access = 0;       // FileACL
-  std::uint32_t destination_access = 0;  // FileACL; 0 without destination
-  std::string_view source = {};          // drive-letter, UNC or NT path
-  std::string_view destination = {};
-};
+template <class String>
+struct FileAuditOf {
+  static constexpr TipMsgType kType = TipMsgType::kAudit;
+  static constexpr std::uint16_t kSubtype = kSubtypeFileAudit;
+  static constexpr std::uint16_t kExtendedSubtype = kSubtypeFileDecision;
 
-struct NetAudit {
-  std::uint32_t type = 0;      // AuditType
-  std::uint32_t error = 0;     // Win32
-  std::uint32_t verdict = 0;   // kVerdictDeny, kVerdictAllow
-  std::uint32_t protocol = 0;  // 6 TCP, 17 UDP
+  AuditType type = {};
+  std::uint32_t error = 0;  // Win32; 0: it was done
+  FileACL source_access = {};
+  FileACL destination_access = {};  // 0 without destination
+  String source = {};               // drive-letter, UNC or NT path
+  String destination = {};          // of a rename; else empty
+  bool extended = false;            // whether the message carries what follows
+  std::uint32_t rule = kNoRule;     // index in the section's table of file rules
+  DecidingFact fact = DecidingFact::kNone;
+
+  static constexpr auto Fields() {
+    using M = FileAuditOf;
+    return std::tuple(Number("operation", &M::type), Number("error", &M::error),
+                      Number("access", &M::source_access),
+                      Text("path", &M::source, EmptyText::kAbsent, Show::kAlways),
+                      Text("destination", &M::destination, EmptyText::kAbsent, Show::kUnlessEmpty),
+                      Number("destination_access", &M::destination_access, Show::kWithTextBefore),
+                      Extension("rule", &M::rule, Show::kNever), Extension("fact", &M::fact, Show::kNever));
+  }
+};
+using FileAudit = FileAuditOf<std::string_view>;
+
+enum class Protocol : std::uint32_t { kTcp = 6, kUdp = 17 };
+
+template <class String>
+struct NetAuditOf {
+  static constexpr TipMsgType kType = TipMsgType::kAudit;
+  static constexpr std::uint16_t kSubtype = kSubtypeNetAudit;
+  static constexpr std::uint16_t kExtendedSubtype = kSubtypeNetDecision;
+
+  AuditType type = {};
+  std::uint32_t error = 0;  // Win32 or Winsock; 0: it was done
+  Verdict verdict = {};
+  Protocol protocol = {};
   std::uint32_t destination_port = 0;
-  std::uint32_t source_port = 0;      // 0 when unknown
-  std::string_view destination = {};  // numeric address; always sent, also when empty
-  std::string_view source = {};       // numeric address; always sent, also when empty
-  std::string_view domain = {};
+  std::uint32_t source_port = 0;  // 0 when unknown
+  String destination = {};        // numeric address; always sent, also when empty
+  String source = {};             // numeric address; always sent, also when empty
+  String domain = {};             // as the process resolved it; empty when unknown
+  bool extended = false;          // whether the message carries what follows
+  std::uint32_t rule = kNoRule;   // index in the section's table of network rules
+  DecidingFact fact = DecidingFact::kNone;
+
+  static constexpr auto Fields() {
+    using M = NetAuditOf;
+    return std::tuple(Number("operation", &M::type), Number("error", &M::error),
+                      Number("verdict", &M::verdict), Number("protocol", &M::protocol),
+                      Text("address", &M::destination, EmptyText::kSent, Show::kAlways),
+                      Number("port", &M::destination_port),
+                      Text("source_address", &M::source, EmptyText::kSent, Show::kUnlessEmpty),
+                      Number("source_port", &M::source_port, Show::kWithTextBefore),
+                      Text("domain", &M::domain, EmptyText::kAbsent, Show::kUnlessEmpty),
+                      Extension("rule", &M::rule, Show::kNever), Extension("fact", &M::fact, Show::kNever));
+  }
 };
+using NetAudit = NetAuditOf<std::string_view>;
 
 // A timing or counter sample; the subtype says what the values mean.
-struct Sample {
+template <class String>
+struct SampleOf {
+  static constexpr TipMsgType kType = TipMsgType::kSample;
+
   std::uint16_t subtype = 0;  // kSubtypeSample…
   std::uint64_t first = 0;
   std::uint64_t second = 0;
   std::uint32_t third = 0;
-  std::string_view text = {};
+  String text = {};
+
+  static constexpr auto Fields() {
+    using M = SampleOf;
+    return std::tuple(Number("first", &M::first), Number("second", &M::second), Number("third", &M::third),
+                      Text("text", &M::text, EmptyText::kAbsent, Show::kUnlessEmpty));
+  }
 };
+using Sample = SampleOf<std::string_view>;
 
 // The size of the encoded message in bytes.
-[[nodiscard]] std::size_t EncodedSize(const ProcessStart& message) noexcept;
-[[nodiscard]] std::size_t EncodedSize(const ProcessEvent& message) noexcept;
-[[nodiscard]] std::size_t EncodedSize(const CrashNotice& message) noexcept;
-[[nodiscard]] std::size_t EncodedSize(const FileAudit& message) noexcept;
-[[nodiscard]] std::size_t EncodedSize(const NetAudit& message) noexcept;
-[[nodiscard]] std::size_t EncodedSize(const Sample& message) noexcept;
+template <class Message>
+[[nodiscard]] std::size_t EncodedSize(const Message& message) noexcept;
 
 // Writes the whole message, header and spare bytes included, and returns its size; 0, with nothing written,
 // when `out` is smaller than EncodedSize or the message would not fit its 32-bit lengths.
-[[nodiscard]] std::size_t Encode(const ProcessStart& message, MessageOrigin origin,
-                                 std::span<std::byte> out) noexcept;
-[[nodiscard]] std::size_t Encode(const ProcessEvent& message, MessageOrigin origin,
-                                 std::span<std::byte> out) noexcept;
-[[nodiscard]] std::size_t Encode(const CrashNotice& message, MessageOrigin origin,
-                                 std::span<std::byte> out) noexcept;
-[[nodiscard]] std::size_t Encode(const FileAudit& message, MessageOrigin origin,
-                                 std::span<std::byte> out) noexcept;
-[[nodiscard]] std::size_t Encode(const NetAudit& message, MessageOrigin origin,
-                                 std::span<std::byte> out) noexcept;
-[[nodiscard]] std::size_t Encode(const Sample& message, MessageOrigin origin,
+template <class Message>
+[[nodiscard]] std::size_t Encode(const Message& message, MessageOrigin origin,
                                  std::span<std::byte> out) noexcept;
 
 enum class DecodeReason {

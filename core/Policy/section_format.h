@@ -88,6 +88,7 @@ enum class NetRuleKind : std::uint32_t { kAddress = 1, kDomain = 2, kDefault = 3
 // The network verdict of a rule and of a decision.
 inline constexpr std::uint32_t kVerdictDeny = 0;
 inline constexpr std::uint32_t kVerdictAllow = 1;
+enum class Verdict : std::uint32_t { kDeny = kVerdictDeny, kAllow = kVerdictAllow };
 
 // Address families as Windows numbers them.
 inline constexpr std::uint32_t kFamilyIPv4 = 2;
@@ -120,6 +121,9 @@ inline constexpr std::uint32_t kMaxNetRuleAddress = 128;
     default:
       return "unknown";
   }
+}
+[[nodiscard]] constexpr const char* VerdictText(Verdict verdict) noexcept {
+  return VerdictText(static_cast<std::uint32_t>(verdict));
 }
 
 }  // namespace vorn::policy

@@ -17,7 +17,7 @@ void SendProcessEvent(ProcessEventKind kind, std::wstring_view image, DWORD chil
   const HeapText name = WideToUtf8(base.data(), static_cast<std::int32_t>(base.size() * sizeof(wchar_t)));
   const vorn::policy::ProcessEvent event{
       .reporter_pid = GetCurrentProcessId(),
-      .kind = static_cast<std::uint32_t>(kind),
+      .kind = kind,
       .child_pid = child_id,
       .code = code,
       .image_name = name ? std::string_view(name.get()) : std::string_view(),

@@ -14,14 +14,6 @@
 #include "vorn/text.h"
 
 namespace vorn::cli {
-namespace {
-
-bool Is(std::uint32_t operation, policy::AuditType type) {
-  return operation == static_cast<std::uint32_t>(type);
-}
-
-}  // namespace
-
 RunReport::RunReport(const host::CompiledPolicy& policy, host::RunJournal& journal,
                      std::wstring dump_directory, bool quiet)
     : policy_(policy), journal_(journal), dump_directory_(std::move(dump_directory)), quiet_(quiet) {}
@@ -64,19 +56,19 @@ void RunReport::OnProcesses(std::uint32_t program, const std::vector<host::Launc
 
 void RunReport::On(const host::Event& event, const host::ProcessStartEvent& start) {
   started_at_ms_[event.pid] = event.time_ms;
-  processes_.Started(event.pid, start.parent_pid, start.image);
+  processes_.Started(event.pid, start.parent_pid, start.image_name);
   Show(event);
 }
 
 void RunReport::On(const host::Event& event, const host::ChildEvent& child) {
-  switch (child.outcome) {
-    case host::ChildOutcome::kConfined:
-      processes_.Injected(event.pid, child.child_pid, child.image);
+  switch (child.kind) {
+    case policy::ProcessEventKind::kInjected:
+      processes_.Injected(event.pid, child.child_pid, child.image_name);
       return;  // the child introduces itself
-    case host::ChildOutcome::kNotConfined:
-      processes_.NotInjected(event.pid, child.child_pid, child.image, child.code);
+    case policy::ProcessEventKind::kInjectionFailed:
+      processes_.NotInjected(event.pid, child.child_pid, child.image_name, child.code);
       break;
-    case host::ChildOutcome::kExitedImmediately:
+    case policy::ProcessEventKind::kExitedImmediately:
       processes_.ExitedAtOnce(event.pid, child.child_pid, child.code);
       break;
   }
@@ -96,26 +88,25 @@ void RunReport::On(const host::Event& event, const host::CrashEvent&) {
 
 void RunReport::On(const host::Event& event, const host::FileEvent& file) {
   if (file.error == 0) {
-    if (Is(file.operation, policy::AuditType::kDeleteToRecycle) &&
-        !journal_.Add({host::ToWide(file.path), event.time_ms, event.pid}))
+    if (file.type == policy::AuditType::kDeleteToRecycle &&
+        !journal_.Add({host::ToWide(file.source), event.time_ms, event.pid}))
       PrintErrorLine("vorn: the run's journal cannot be written: vorn restore will not know " +
-                     host::Printable(file.path));
+                     host::Printable(file.source));
     return Show(event);
   }
   // A rename is refused for its target when its source may be written.
-  const bool by_target =
-      !file.destination.empty() && file.access == static_cast<std::uint32_t>(policy::FileACL::kReadWrite);
-  const std::string rule = FileRuleText(by_target ? file.destination : file.path);
-  Refused(file.operation, rule);
+  const bool by_target = !file.destination.empty() && file.source_access == policy::FileACL::kReadWrite;
+  const std::string rule = FileRuleText(by_target ? file.destination : file.source);
+  Refused(file.type, rule);
   Show(event, rule);
 }
 
 void RunReport::On(const host::Event& event, const host::NetEvent& net) {
   const std::string rule = NetRuleText(net);
-  if (net.verdict == policy::kVerdictAllow)
+  if (net.verdict == policy::Verdict::kAllow)
     ++connections_;
   else
-    Refused(net.operation, rule);
+    Refused(net.type, rule);
   Show(event, rule);
 }
 
@@ -124,7 +115,7 @@ void RunReport::On(const host::Event& event, const host::MalformedEvent&) {
   Show(event);
 }
 
-void RunReport::Refused(std::uint32_t operation, const std::string& rule) {
+void RunReport::Refused(policy::AuditType operation, const std::string& rule) {
   ++refused_;
   ++refusals_[fmt::format("{:<8}{}", policy::AuditTypeName(operation), rule)];
 }
@@ -143,9 +134,9 @@ std::string RunReport::FileRuleText(const std::string& path) {
 }
 
 std::string RunReport::NetRuleText(const host::NetEvent& net) const {
-  const bool v6 = net.address.find(':') != std::string::npos;
-  std::string text = v6 ? "[" + net.address + "]" : net.address;
-  if (net.port != 0) text += fmt::format(":{}", net.port);
+  const bool v6 = net.destination.find(':') != std::string::npos;
+  std::string text = v6 ? "[" + net.destination + "]" : net.destination;
+  if (net.destination_port != 0) text += fmt::format(":{}", net.destination_port);
   auto parsed = host::ParseDestination(text);
   auto* destination = std::get_if<host::PolicyNetRule>(&parsed);
   if (!destination) return "no address";

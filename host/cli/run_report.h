@@ -45,7 +45,7 @@ class RunReport {
 
   std::string FileRuleText(const std::string& path);
   std::string NetRuleText(const host::NetEvent& net) const;
-  void Refused(std::uint32_t operation, const std::string& rule);
+  void Refused(policy::AuditType operation, const std::string& rule);
   // The event's line, with the rule that decided it.
   void Show(const host::Event& event, const std::string& rule = {}) const;
 

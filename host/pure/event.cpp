@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
+#include <type_traits>
 
 #include "Policy/file_rules.h"
 #include "Policy/message.h"
@@ -22,8 +23,12 @@ struct Cases : Fs... {
 template <class... Fs>
 Cases(Fs...) -> Cases<Fs...>;
 
-std::string_view AccessText(std::uint32_t access) {
-  switch (static_cast<policy::FileACL>(access)) {
+// How values of enumerations are shown.
+std::string_view ValueText(policy::AuditType type) { return policy::AuditTypeName(type); }
+std::string_view ValueText(policy::Verdict verdict) { return policy::VerdictText(verdict); }
+std::string_view ValueText(policy::DecidingFact fact) { return policy::DecidingFactText(fact); }
+std::string_view ValueText(policy::FileACL access) {
+  switch (access) {
     case policy::FileACL::kDeny:
       return "deny";
     case policy::FileACL::kRead:
@@ -35,19 +40,18 @@ std::string_view AccessText(std::uint32_t access) {
   }
 }
 
-std::string ProtocolText(std::uint32_t protocol) {
-  if (protocol == 6) return "tcp";
-  if (protocol == 17) return "udp";
-  return fmt::format("protocol {}", protocol);
+std::string ValueText(policy::Protocol protocol) {
+  if (protocol == policy::Protocol::kTcp) return "tcp";
+  if (protocol == policy::Protocol::kUdp) return "udp";
+  return fmt::format("protocol {}", static_cast<std::uint32_t>(protocol));
 }
-
-std::string_view OutcomeText(ChildOutcome outcome) {
+std::string_view ValueText(policy::ProcessEventKind outcome) {
   switch (outcome) {
-    case ChildOutcome::kConfined:
+    case policy::ProcessEventKind::kInjected:
       return "confined";
-    case ChildOutcome::kNotConfined:
+    case policy::ProcessEventKind::kInjectionFailed:
       return "not-confined";
-    case ChildOutcome::kExitedImmediately:
+    case policy::ProcessEventKind::kExitedImmediately:
       return "exited-immediately";
   }
   return "unknown";
@@ -82,41 +86,9 @@ EventBody ToBody(const policy::Decoded& decoded, std::size_t size) {
           [&](std::monostate) -> EventBody {
             return MalformedEvent{policy::DecodeReasonText(decoded.error.reason), decoded.error.offset, size};
           },
-          [](const policy::ProcessStart& m) -> EventBody {
-            return ProcessStartEvent{m.parent_pid, std::string(m.image_name), std::string(m.command_line)};
-          },
-          [](const policy::ProcessEvent& m) -> EventBody {
-            const auto kind = static_cast<policy::ProcessEventKind>(m.kind);
-            const auto outcome = kind == policy::ProcessEventKind::kInjected ? ChildOutcome::kConfined
-                                 : kind == policy::ProcessEventKind::kInjectionFailed
-                                     ? ChildOutcome::kNotConfined
-                                     : ChildOutcome::kExitedImmediately;
-            return ChildEvent{outcome, m.child_pid, m.code, std::string(m.image_name)};
-          },
-          [](const policy::CrashNotice& m) -> EventBody {
-            return CrashEvent{m.exception_code, m.hook_depth, m.thread_id};
-          },
-          [](const policy::FileAudit& m) -> EventBody {
-            return FileEvent{m.type,
-                             m.error,
-                             m.source_access,
-                             m.destination_access,
-                             std::string(m.source),
-                             std::string(m.destination)};
-          },
-          [](const policy::NetAudit& m) -> EventBody {
-            return NetEvent{m.type,
-                            m.error,
-                            m.verdict,
-                            m.protocol,
-                            std::string(m.destination),
-                            m.destination_port,
-                            std::string(m.source),
-                            m.source_port,
-                            std::string(m.domain)};
-          },
-          [](const policy::Sample& m) -> EventBody {
-            return SampleEvent{m.subtype, m.first, m.second, m.third, std::string(m.text)};
+          [](const policy::CrashNotice& m) -> EventBody { return CrashEvent{m}; },
+          []<template <class> class MessageOf>(const MessageOf<std::string_view>& m) -> EventBody {
+            return policy::CopyFields<MessageOf<std::string>>(m);
           },
       },
       decoded.body);
@@ -131,24 +103,26 @@ class LineWriter {
     return fmt::format("a message of {} bytes cannot be read: {} (at byte {})", e.size, e.reason, e.offset);
   }
   std::string operator()(const ProcessStartEvent& e) const {
-    return fmt::format("started {} (parent {}): {}", Printable(e.image), e.parent_pid,
+    return fmt::format("started {} (parent {}): {}", Printable(e.image_name), e.parent_pid,
                        Printable(e.command_line));
   }
   std::string operator()(const ChildEvent& e) const {
-    const std::string child = e.image.empty() ? fmt::format("child {}", e.child_pid)
-                                              : fmt::format("child {} {}", e.child_pid, Printable(e.image));
-    switch (e.outcome) {
-      case ChildOutcome::kConfined:
+    const std::string child = e.image_name.empty()
+                                  ? fmt::format("child {}", e.child_pid)
+                                  : fmt::format("child {} {}", e.child_pid, Printable(e.image_name));
+    switch (e.kind) {
+      case policy::ProcessEventKind::kInjected:
         return child + " is confined";
-      case ChildOutcome::kNotConfined:
+      case policy::ProcessEventKind::kInjectionFailed:
         return fmt::format("{} RUNS UNCONFINED: {}", child, Error(e.code));
-      case ChildOutcome::kExitedImmediately:
-        break;
+      case policy::ProcessEventKind::kExitedImmediately:
+        return fmt::format("{} exited immediately with code {:#x}", child, e.code);
     }
-    return fmt::format("{} exited immediately with code {:#x}", child, e.code);
+    return fmt::format("{}: unknown outcome {}, code {:#x}", child, static_cast<std::uint32_t>(e.kind),
+                       e.code);
   }
   std::string operator()(const CrashEvent& e) const {
-    std::string line = "crashed with " + ExceptionText(e.code, e.fault);
+    std::string line = "crashed with " + ExceptionText(e.exception_code, e.fault);
     if (HasRead(e))
       line += e.module.empty() ? fmt::format(" at {:#x} in no module", e.address)
                                : fmt::format(" in {}+{:#x}", Printable(e.module), e.offset);
@@ -161,23 +135,23 @@ class LineWriter {
   }
   std::string operator()(const FileEvent& e) const {
     std::string line = e.error ? "refused " : "";
-    line += policy::AuditTypeName(e.operation);
-    line += " " + Printable(e.path);
+    line += ValueText(e.type);
+    line += " " + Printable(e.source);
     if (e.destination.empty()) {
-      line += fmt::format(" ({})", AccessText(e.access));
+      line += fmt::format(" ({})", ValueText(e.source_access));
     } else {
-      line += fmt::format(" -> {} ({} -> {})", Printable(e.destination), AccessText(e.access),
-                          AccessText(e.destination_access));
+      line += fmt::format(" -> {} ({} -> {})", Printable(e.destination), ValueText(e.source_access),
+                          ValueText(e.destination_access));
     }
     return e.error ? line + ": " + Error(e.error) : line;
   }
   std::string operator()(const NetEvent& e) const {
-    std::string line = e.verdict == policy::kVerdictDeny ? "refused " : "";
-    line += fmt::format("{} {} {}", policy::AuditTypeName(e.operation), ProtocolText(e.protocol),
-                        Endpoint(e.address, e.port));
+    std::string line = e.verdict == policy::Verdict::kDeny ? "refused " : "";
+    line += fmt::format("{} {} {}", ValueText(e.type), ValueText(e.protocol),
+                        Endpoint(e.destination, e.destination_port));
     if (!e.domain.empty()) line += " " + Printable(e.domain);
-    if (!e.source_address.empty()) line += " from " + Endpoint(e.source_address, e.source_port);
-    line += fmt::format(" ({})", policy::VerdictText(e.verdict));
+    if (!e.source.empty()) line += " from " + Endpoint(e.source, e.source_port);
+    line += fmt::format(" ({})", ValueText(e.verdict));
     return e.error ? line + ": " + Error(e.error) : line;
   }
   std::string operator()(const SampleEvent& e) const {
@@ -204,70 +178,48 @@ const char* EventName(const EventBody& body) {
                     body);
 }
 
-void PutBody(Json& json, const EventBody& body) {
-  std::visit(Cases{
-                 [&](const MalformedEvent& e) {
-                   json["reason"] = e.reason;
-                   json["offset"] = e.offset;
-                   json["size"] = e.size;
-                 },
-                 [&](const ProcessStartEvent& e) {
-                   json["parent_pid"] = e.parent_pid;
-                   json["image"] = e.image;
-                   json["command_line"] = e.command_line;
-                 },
-                 [&](const ChildEvent& e) {
-                   json["outcome"] = OutcomeText(e.outcome);
-                   json["child_pid"] = e.child_pid;
-                   json["code"] = e.code;
-                   if (!e.image.empty()) json["image"] = e.image;
-                 },
-                 [&](const CrashEvent& e) {
-                   json["exception_code"] = e.code;
-                   json["hook_depth"] = e.hook_depth;
-                   json["thread_id"] = e.thread_id;
-                   if (const auto name = ExceptionName(e.code); !name.empty()) json["exception"] = name;
-                   if (!e.dump.empty()) json["dump"] = e.dump;
-                   if (!e.dump_problem.empty()) json["dump_problem"] = e.dump_problem;
-                   if (!HasRead(e)) return;
-                   json["address"] = e.address;
-                   if (!e.fault.empty()) json["fault"] = e.fault;
-                   if (e.module.empty()) return;
-                   json["module"] = e.module;
-                   json["offset"] = e.offset;
-                 },
-                 [&](const FileEvent& e) {
-                   json["operation"] = policy::AuditTypeName(e.operation);
-                   json["error"] = e.error;
-                   json["access"] = AccessText(e.access);
-                   json["path"] = e.path;
-                   if (!e.destination.empty()) {
-                     json["destination_access"] = AccessText(e.destination_access);
-                     json["destination"] = e.destination;
-                   }
-                 },
-                 [&](const NetEvent& e) {
-                   json["operation"] = policy::AuditTypeName(e.operation);
-                   json["error"] = e.error;
-                   json["verdict"] = policy::VerdictText(e.verdict);
-                   json["protocol"] = ProtocolText(e.protocol);
-                   json["address"] = e.address;
-                   json["port"] = e.port;
-                   if (!e.source_address.empty()) {
-                     json["source_address"] = e.source_address;
-                     json["source_port"] = e.source_port;
-                   }
-                   if (!e.domain.empty()) json["domain"] = e.domain;
-                 },
-                 [&](const SampleEvent& e) {
-                   json["sample"] = SampleName(e.subtype);
-                   json["first"] = e.first;
-                   json["second"] = e.second;
-                   json["third"] = e.third;
-                   if (!e.text.empty()) json["text"] = e.text;
-                 },
-             },
-             body);
+// All fields of a message that its list shows.
+template <class Message>
+void PutFields(Json& json, const Message& message) {
+  bool text_before = false;
+  policy::ForEachField<Message>([&]<class Field>(const Field& field) {
+    if constexpr (Field::kKind != policy::FieldKind::kMarker) {
+      const auto& value = message.*field.member;
+      using Value = std::remove_cvref_t<decltype(value)>;
+      if constexpr (Field::kKind == policy::FieldKind::kText) text_before = !value.empty();
+      if (field.show == policy::Show::kNever || (field.show != policy::Show::kAlways && !text_before)) return;
+      if constexpr (std::is_enum_v<Value>)
+        json[field.key] = ValueText(value);
+      else
+        json[field.key] = value;
+    }
+  });
+}
+
+void PutBody(Json& json, const MalformedEvent& e) {
+  json["reason"] = e.reason;
+  json["offset"] = e.offset;
+  json["size"] = e.size;
+}
+void PutBody(Json& json, const CrashEvent& e) {
+  PutFields<policy::CrashNotice>(json, e);
+  if (const auto name = ExceptionName(e.exception_code); !name.empty()) json["exception"] = name;
+  if (!e.dump.empty()) json["dump"] = e.dump;
+  if (!e.dump_problem.empty()) json["dump_problem"] = e.dump_problem;
+  if (!HasRead(e)) return;
+  json["address"] = e.address;
+  if (!e.fault.empty()) json["fault"] = e.fault;
+  if (e.module.empty()) return;
+  json["module"] = e.module;
+  json["offset"] = e.offset;
+}
+void PutBody(Json& json, const SampleEvent& e) {
+  json["sample"] = SampleName(e.subtype);
+  PutFields(json, e);
+}
+template <class Message>
+void PutBody(Json& json, const Message& message) {
+  PutFields(json, message);
 }
 
 }  // namespace
@@ -285,11 +237,12 @@ Event DecodeEvent(std::span<const std::byte> message, std::uint32_t pid) {
 }
 
 bool IsRefusal(const Event& event) {
-  return std::visit(Cases{[](const FileEvent& e) { return e.error != 0; },
-                          [](const NetEvent& e) { return e.verdict == policy::kVerdictDeny; },
-                          [](const ChildEvent& e) { return e.outcome == ChildOutcome::kNotConfined; },
-                          [](const auto&) { return false; }},
-                    event.body);
+  return std::visit(
+      Cases{[](const FileEvent& e) { return e.error != 0; },
+            [](const NetEvent& e) { return e.verdict == policy::Verdict::kDeny; },
+            [](const ChildEvent& e) { return e.kind == policy::ProcessEventKind::kInjectionFailed; },
+            [](const auto&) { return false; }},
+      event.body);
 }
 
 std::string EventLine(const Event& event, ErrorTextFunction error_text) {
@@ -304,7 +257,7 @@ std::string EventJson(const Event& event) {
   json["pid"] = event.pid;
   if (event.stated_pid != event.pid) json["stated_pid"] = event.stated_pid;
   json["event"] = EventName(event.body);
-  PutBody(json, event.body);
+  std::visit([&](const auto& body) { PutBody(json, body); }, event.body);
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 

@@ -126,10 +126,8 @@ class FileScript : public TestFolder {
     std::erase_if(run.messages, is_sentinel);
     for (const Received& message : run.messages)
       if (const auto* audit = message.As<policy::FileAudit>())
-        run.audits.push_back({static_cast<AuditType>(audit->type), audit->error,
-                              static_cast<FileACL>(audit->source_access),
-                              static_cast<FileACL>(audit->destination_access), std::string(audit->source),
-                              std::string(audit->destination)});
+        run.audits.push_back({audit->type, audit->error, audit->source_access, audit->destination_access,
+                              std::string(audit->source), std::string(audit->destination)});
     std::ifstream text(answers);
     for (std::string line; std::getline(text, line);) {
       if (!line.empty() && line.back() == '\r') line.pop_back();

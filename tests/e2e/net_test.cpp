@@ -9,7 +9,10 @@
 namespace vorn::test {
 namespace {
 
-constexpr std::uint32_t kConnect = 8, kSend = 9, kRecv = 10, kTcp = 6, kUdp = 17;
+using policy::AuditType;
+using policy::Protocol;
+constexpr AuditType kConnect = AuditType::kConnect, kSend = AuditType::kSend, kRecv = AuditType::kRecv;
+constexpr Protocol kTcp = Protocol::kTcp, kUdp = Protocol::kUdp;
 const std::string kUnreachable = " 10051";
 
 std::string Text(std::uint16_t port) { return std::to_string(port); }
@@ -71,9 +74,9 @@ class Servers {
 // One call: what it prints under the rules and without them, and its audit under the rules.
 struct Case {
   std::string command, confined, plain;
-  std::uint32_t audit = 0;  // AuditType; 0: none
+  AuditType audit = {};  // 0: none
   std::uint32_t verdict = 0;
-  std::uint32_t protocol = kUdp;
+  Protocol protocol = kUdp;
   std::string address = "127.0.0.1";
   std::uint16_t port = 0;
 };
@@ -96,11 +99,11 @@ void Check(const std::vector<Case>& cases, const std::vector<host::NetRule>& rul
   for (std::size_t i = 0; i < cases.size(); ++i) {
     const Case& c = cases[i];
     EXPECT_EQ(confined.lines[i], word(c.command) + c.confined) << c.command;
-    if (!c.audit) continue;
+    if (c.audit == AuditType{}) continue;
     ASSERT_LT(next, confined.audits.size()) << c.command;
     const policy::NetAudit& audit = confined.audits[next++];
     EXPECT_EQ(audit.type, c.audit) << c.command;
-    EXPECT_EQ(audit.verdict, c.verdict) << c.command;
+    EXPECT_EQ(audit.verdict, policy::Verdict{c.verdict}) << c.command;
     EXPECT_EQ(audit.error, c.verdict ? 0u : static_cast<std::uint32_t>(ERROR_ACCESS_DENIED)) << c.command;
     EXPECT_EQ(audit.protocol, c.protocol) << c.command;
     EXPECT_EQ(audit.destination, c.address) << c.command;
@@ -248,14 +251,14 @@ TEST_F(Net, AScriptsRequestsAreAnsweredOrFailAsWithoutANetwork) {
   EXPECT_EQ(plain.lines, (std::vector<std::string>{"200 hi", "200 hi"}));
   constexpr int kCannotConnect = 12029;  // ERROR_WINHTTP_CANNOT_CONNECT
   EXPECT_EQ(confined.lines, (std::vector<std::string>{"200 hi", "error " + std::to_string(kCannotConnect)}));
-  const auto reported = [&](std::uint16_t port, std::uint32_t verdict) {
+  const auto reported = [&](std::uint16_t port, policy::Verdict verdict) {
     return std::any_of(confined.audits.begin(), confined.audits.end(), [&](const policy::NetAudit& audit) {
       return audit.type == kConnect && audit.domain == "localhost" && audit.destination == "127.0.0.1" &&
              audit.destination_port == port && audit.verdict == verdict;
     });
   };
-  EXPECT_TRUE(reported(servers.tcp_good.port, 1));
-  EXPECT_TRUE(reported(servers.tcp_bad.port, 0));
+  EXPECT_TRUE(reported(servers.tcp_good.port, policy::Verdict::kAllow));
+  EXPECT_TRUE(reported(servers.tcp_bad.port, policy::Verdict::kDeny));
 }
 
 TEST_F(Net, EachProcessReportsItsFirstUseOfWinsockAndItsChecks) {

@@ -29,7 +29,7 @@ Counts Count(const std::vector<Received>& messages) {
     const auto* event = message.As<ProcessEvent>();
     if (!event) continue;
     EXPECT_EQ(event->reporter_pid, message.sender());
-    switch (static_cast<ProcessEventKind>(event->kind)) {
+    switch (event->kind) {
       case ProcessEventKind::kInjected:
         ++counts.injected;
         EXPECT_EQ(event->image_name, kProbe);

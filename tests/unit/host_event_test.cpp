@@ -30,8 +30,10 @@ nlohmann::json JsonOf(const Event& event) { return nlohmann::json::parse(host::E
 std::string Sentence(std::uint32_t error) { return error == 5 ? "Access is denied" : "?"; }
 
 TEST(HostEvent, FileRefusalNamesOperationPathAccessAndError) {
-  const Event event =
-      Decoded(policy::FileAudit{.type = 1, .error = 5, .source_access = 1, .source = "C:\\s\\a.txt"});
+  const Event event = Decoded(policy::FileAudit{.type = policy::AuditType{1},
+                                                .error = 5,
+                                                .source_access = policy::FileACL{1},
+                                                .source = "C:\\s\\a.txt"});
   EXPECT_EQ(host::EventLine(event, Sentence), "[7] refused create C:\\s\\a.txt (deny): Access is denied");
   EXPECT_EQ(host::EventLine(event), "[7] refused create C:\\s\\a.txt (deny): error 5");
   EXPECT_EQ(host::EventJson(event),
@@ -41,32 +43,33 @@ TEST(HostEvent, FileRefusalNamesOperationPathAccessAndError) {
 }
 
 TEST(HostEvent, RenameShowsBothEndsAndADeletionThatWasDoneIsNoRefusal) {
-  const Event rename = Decoded(policy::FileAudit{.type = 5,
+  const Event rename = Decoded(policy::FileAudit{.type = policy::AuditType{5},
                                                  .error = 5,
-                                                 .source_access = 3,
-                                                 .destination_access = 2,
+                                                 .source_access = policy::FileACL{3},
+                                                 .destination_access = policy::FileACL{2},
                                                  .source = "C:\\a",
                                                  .destination = "C:\\b"});
   EXPECT_EQ(host::EventLine(rename), "[7] refused rename C:\\a -> C:\\b (read-write -> read): error 5");
   EXPECT_EQ(JsonOf(rename)["destination_access"], "read");
-  const Event deleted = Decoded(policy::FileAudit{.type = 7, .source_access = 3, .source = "C:\\a"});
+  const Event deleted = Decoded(policy::FileAudit{
+      .type = policy::AuditType{7}, .source_access = policy::FileACL{3}, .source = "C:\\a"});
   EXPECT_EQ(host::EventLine(deleted), "[7] delete to recycle C:\\a (read-write)");
   EXPECT_FALSE(host::IsRefusal(deleted));
 }
 
 TEST(HostEvent, NetAuditShowsVerdictNameAddressPortAndProtocol) {
-  const Event refused = Decoded(policy::NetAudit{.type = 8,
+  const Event refused = Decoded(policy::NetAudit{.type = policy::AuditType{8},
                                                  .error = 5,
-                                                 .verdict = policy::kVerdictDeny,
-                                                 .protocol = 6,
+                                                 .verdict = policy::Verdict::kDeny,
+                                                 .protocol = policy::Protocol{6},
                                                  .destination_port = 443,
                                                  .destination = "::1",
                                                  .domain = "example.com"});
   EXPECT_EQ(host::EventLine(refused), "[7] refused connect tcp [::1]:443 example.com (deny): error 5");
   EXPECT_TRUE(host::IsRefusal(refused));
-  const Event allowed = Decoded(policy::NetAudit{.type = 8,
-                                                 .verdict = policy::kVerdictAllow,
-                                                 .protocol = 17,
+  const Event allowed = Decoded(policy::NetAudit{.type = policy::AuditType{8},
+                                                 .verdict = policy::Verdict::kAllow,
+                                                 .protocol = policy::Protocol{17},
                                                  .destination_port = 53,
                                                  .source_port = 1024,
                                                  .destination = "127.0.0.1",
@@ -80,7 +83,7 @@ TEST(HostEvent, ProcessesChildrenAndCrashes) {
   EXPECT_EQ(host::EventLine(Decoded(policy::ProcessStart{4, "app.exe", "app.exe -x"})),
             "[7] started app.exe (parent 4): app.exe -x");
   const auto child = [](policy::ProcessEventKind kind, std::uint32_t code, std::string_view image) {
-    return Decoded(policy::ProcessEvent{7, static_cast<std::uint32_t>(kind), 8, code, image});
+    return Decoded(policy::ProcessEvent{7, kind, 8, code, image});
   };
   EXPECT_EQ(host::EventLine(child(policy::ProcessEventKind::kInjected, 0, "b.exe")),
             "[7] child 8 b.exe is confined");
@@ -126,7 +129,7 @@ TEST(HostEvent, ACrashShowsWhatItsDumpSays) {
 }
 
 TEST(HostEvent, BrokenMessagesAreEventsTooAndThePipeSaysWhoSentThem) {
-  auto bytes = Encoded(policy::FileAudit{.type = 1, .source = "C:\\a"});
+  auto bytes = Encoded(policy::FileAudit{.type = policy::AuditType{1}, .source = "C:\\a"});
   bytes.pop_back();
   const Event broken = host::DecodeEvent(bytes, 9);
   ASSERT_TRUE(std::holds_alternative<host::MalformedEvent>(broken.body));
@@ -142,8 +145,8 @@ TEST(HostEvent, BrokenMessagesAreEventsTooAndThePipeSaysWhoSentThem) {
 }
 
 TEST(HostEvent, TextsOfAProcessCannotControlTheTerminalOrBreakTheJson) {
-  const Event event =
-      Decoded(policy::FileAudit{.type = 1, .error = 5, .source = "C:\\\x1b[2J\nx\xc2\x9b\xff\xc3\xa9"});
+  const Event event = Decoded(policy::FileAudit{
+      .type = policy::AuditType{1}, .error = 5, .source = "C:\\\x1b[2J\nx\xc2\x9b\xff\xc3\xa9"});
   const std::string line = host::EventLine(event);
   EXPECT_NE(line.find("C:\\\\x1b[2J\\x0ax\\x9b\xff\xc3\xa9 ("), std::string::npos) << line;
   const std::string json = host::EventJson(event);

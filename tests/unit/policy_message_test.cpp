@@ -61,21 +61,28 @@ std::vector<Row> Rows() {
       MakeRow(ProcessStart{7, "a.exe", "a.exe -x"}, 2, 1,
               Payload().U8(1).U32({7, 15}).Text("a.exe\0a.exe -x\0\0"sv)),
       MakeRow(ProcessStart{7, "a.exe", {}}, 2, 1, Payload().U8(1).U32({7, 6}).Text("a.exe\0\0"sv)),
-      MakeRow(ProcessEvent{1, 2, 3, 1157, "child.exe"}, 2, 0,
+      MakeRow(ProcessEvent{1, ProcessEventKind{2}, 3, 1157, "child.exe"}, 2, 0,
               Payload().U32({1, 2, 3, 1157, 10}).Text("child.exe\0\0"sv)),
-      MakeRow(ProcessEvent{1, 3, 3, 5, {}}, 2, 0, Payload().U32({1, 3, 3, 5, 0}).Text("\0"sv)),
+      MakeRow(ProcessEvent{1, ProcessEventKind{3}, 3, 5, {}}, 2, 0,
+              Payload().U32({1, 3, 3, 5, 0}).Text("\0"sv)),
       MakeRow(CrashNotice{0xC0000005, 2, 99}, 2, 2, Payload().U64(0).U32({0xC0000005, 2, 99})),
-      MakeRow(FileAudit{5, 5, 2, 3, "C:\\a", "C:\\\xC3\xA4"}, 3, 0,
+      MakeRow(FileAudit{AuditType{5}, 5, FileACL{2}, FileACL{3}, "C:\\a", "C:\\\xC3\xA4"}, 3, 0,
               Payload().U32({5, 5, 2, 3, 5, 0, 6, 5, 11}).Text("C:\\a\0C:\\\xC3\xA4\0\0"sv)),
-      MakeRow(FileAudit{1, 5, 1, 0, "C:\\a", {}}, 3, 0,
+      MakeRow(FileAudit{AuditType{1}, 5, FileACL{1}, FileACL{0}, "C:\\a", {}}, 3, 0,
               Payload().U32({1, 5, 1, 0, 5, 0, 0, 5, 5}).Text("C:\\a\0\0"sv)),
       MakeRow(FileAudit{}, 3, 0, Payload().U32({0, 0, 0, 0, 0, 0, 0, 0, 0}).Text("\0"sv)),
-      MakeRow(NetAudit{8, 5, 0, 6, 443, 50000, "192.0.2.1", "10.0.0.1", "a.example"}, 3, 2,
+      MakeRow(NetAudit{AuditType::kConnect, 5, Verdict::kDeny, Protocol::kTcp, 443, 50000, "192.0.2.1",
+                       "10.0.0.1", "a.example"},
+              3, 2,
               Payload()
                   .U32({8, 5, 0, 6, 443, 50000, 10, 0, 9, 10, 10, 19, 29})
                   .Text("192.0.2.1\00010.0.0.1\0a.example\0\0"sv)),
       // Empty addresses keep their terminator, an empty domain is absent.
       MakeRow(NetAudit{}, 3, 2, Payload().U32({0, 0, 0, 0, 0, 0, 1, 0, 1, 1, 0, 2, 2}).Text("\0\0\0"sv)),
+      MakeRow(FileAudit{AuditType{4}, 5, FileACL{2}, {}, "C:\\a", {}, true, 7, DecidingFact::kTemp}, 3, 16,
+              Payload().U32({8, 7, 6, 4, 5, 2, 0, 5, 0, 0, 5, 5}).Text("C:\\a\0\0"sv)),
+      MakeRow(NetAudit{.extended = true}, 3, 17,
+              Payload().U32({8, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 1, 0, 1, 1, 0, 2, 2}).Text("\0\0\0"sv)),
       MakeRow(Sample{1, 0x1122334455667788, 2, 3, "host"}, 4, 1,
               Payload().U64(0x1122334455667788).U64(2).U32({3, 5}).Text("host\0\0"sv)),
       MakeRow(Sample{3, 1, 0, 0, {}}, 4, 3, Payload().U64(1).U64(0).U32({0, 0}).Text("\0"sv)),
@@ -101,7 +108,7 @@ DecodeError DecodeWith(std::vector<std::byte> bytes, std::size_t offset, std::ui
 }
 
 TEST(Message, DecodingSaysWhatIsWrongAndWhere) {
-  const auto file = Encoded(FileAudit{5, 5, 2, 3, "C:\\a", "C:\\b"});
+  const auto file = Encoded(FileAudit{AuditType{5}, 5, FileACL{2}, FileACL{3}, "C:\\a", "C:\\b"});
   const struct {
     DecodeError error;
     DecodeReason reason;
@@ -131,6 +138,44 @@ TEST(Message, DecodingSaysWhatIsWrongAndWhere) {
   const TIPHeader header = MakeTipHeader(TipMsgType::kAudit, kSubtypeFileAudit, 0, kOrigin);
   std::memcpy(minimal.data(), &header, sizeof header);
   EXPECT_EQ(DecodeMessage(minimal).error.reason, DecodeReason::kPayloadTooShort);
+}
+
+// A message with an extension of the given size, as a sender of another version would write it.
+std::vector<std::byte> WithExtension(std::uint32_t stated, std::initializer_list<std::uint32_t> fields) {
+  auto bytes = Encoded(FileAudit{.type = AuditType::kRead, .source = "C:\\a", .extended = true});
+  Payload extension;
+  extension.U32({stated}).U32(fields);
+  bytes.erase(bytes.begin() + 29, bytes.begin() + 29 + 12);
+  bytes.insert(bytes.begin() + 29, extension.bytes().begin(), extension.bytes().end());
+  const auto payload = static_cast<std::uint32_t>(bytes.size() - 30);
+  std::memcpy(bytes.data() + 25, &payload, sizeof payload);
+  return bytes;
+}
+
+TEST(Message, ExtensionsOfOlderAndNewerSendersAreRead) {
+  const struct {
+    std::vector<std::byte> bytes;
+    std::uint32_t rule;
+    DecidingFact fact;
+  } cases[] = {
+      {WithExtension(0, {}), kNoRule, DecidingFact::kNone},
+      {WithExtension(4, {9}), 9, DecidingFact::kNone},
+      {WithExtension(8, {9, 1}), 9, DecidingFact::kRule},
+      {WithExtension(8, {9, 4711}), 9, DecidingFact{4711}},
+      {WithExtension(20, {9, 6, 1, 2, 3}), 9, DecidingFact::kTemp},
+  };
+  for (const auto& c : cases) {
+    const Decoded decoded = DecodeMessage(c.bytes);
+    ASSERT_TRUE(decoded.Ok()) << DecodeReasonText(decoded.error.reason);
+    const auto& audit = std::get<FileAudit>(decoded.body);
+    EXPECT_TRUE(audit.extended && audit.rule == c.rule && audit.fact == c.fact) << &c - cases;
+    EXPECT_EQ(audit.type, AuditType::kRead);
+    EXPECT_EQ(audit.source, "C:\\a");
+  }
+  for (const std::uint32_t stated : {17u, 0xFFFFFFFFu}) {
+    const DecodeError error = DecodeMessage(WithExtension(stated, {9, 6})).error;
+    EXPECT_FALSE(error.reason == DecodeReason::kNone) << stated;
+  }
 }
 
 TEST(Message, EveryTruncationIsRefusedAlsoWithAMatchingHeader) {

@@ -17,28 +17,19 @@
 #include <string_view>
 #include <variant>
 
+#include "Policy/message.h"
+
 namespace vorn::host {
 
-// A process has started confined.
-struct ProcessStartEvent {
-  std::uint32_t parent_pid = 0;
-  std::string image;         // base name
-  std::string command_line;  // cut to 511 UTF-16 units
-};
+// The messages with texts of their own; the members and their units stand at the messages. A value that an
+// enumeration does not have is kept, and shown as "unknown".
+using ProcessStartEvent = policy::ProcessStartOf<std::string>;
+using ChildEvent = policy::ProcessEventOf<std::string>;
+using FileEvent = policy::FileAuditOf<std::string>;
+using NetEvent = policy::NetAuditOf<std::string>;
+using SampleEvent = policy::SampleOf<std::string>;  // throttled
 
-// What became of a process's child.
-enum class ChildOutcome { kConfined, kNotConfined, kExitedImmediately };
-struct ChildEvent {
-  ChildOutcome outcome = ChildOutcome::kConfined;
-  std::uint32_t child_pid = 0;
-  std::uint32_t code = 0;  // kNotConfined: Win32 error; kExitedImmediately: exit code
-  std::string image;       // base name; empty when unknown
-};
-
-struct CrashEvent {
-  std::uint32_t code = 0;        // of the exception
-  std::uint32_t hook_depth = 0;  // not 0: inside one of the library's handlers
-  std::uint32_t thread_id = 0;
+struct CrashEvent : policy::CrashNotice {
   // What its dump says, once AddCrashDump (crash_dump.h) has looked for it.
   std::string dump = {};          // full path; empty: there is none
   std::string dump_problem = {};  // why there is none, or why it cannot be read
@@ -46,37 +37,6 @@ struct CrashEvent {
   std::string module = {};   // base name of the one that holds the address; empty: none does
   std::uint64_t offset = 0;  // of the address in the module
   std::string fault = {};    // of an access violation: "reading 0x10"; else empty
-};
-
-// Values of policy::FileACL and policy::AuditType.
-struct FileEvent {
-  std::uint32_t operation = 0;
-  std::uint32_t error = 0;  // Win32; 0: it was done
-  std::uint32_t access = 0;
-  std::uint32_t destination_access = 0;
-  std::string path;         // drive-letter, UNC or NT form
-  std::string destination;  // of a rename; else empty
-};
-
-struct NetEvent {
-  std::uint32_t operation = 0;  // policy::AuditType
-  std::uint32_t error = 0;      // Win32 or Winsock; 0: it was done
-  std::uint32_t verdict = 0;    // policy::kVerdictDeny, kVerdictAllow
-  std::uint32_t protocol = 0;   // 6 TCP, 17 UDP
-  std::string address;          // numeric
-  std::uint32_t port = 0;
-  std::string source_address;
-  std::uint32_t source_port = 0;
-  std::string domain;  // as the process resolved it; empty when unknown
-};
-
-// Throttled timing samples; subtype (policy::kSubtypeSample…) says what the values mean.
-struct SampleEvent {
-  std::uint16_t subtype = 0;
-  std::uint64_t first = 0;
-  std::uint64_t second = 0;
-  std::uint32_t third = 0;
-  std::string text;
 };
 
 // Bytes that are no message of the library.
