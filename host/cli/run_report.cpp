@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "Policy/message.h"
 #include "commands.h"
@@ -25,6 +26,10 @@ bool RunReport::WriteEventsTo(const std::string& file) {
 
 void RunReport::OnMessage(std::uint32_t pid, std::span<const std::byte> message) {
   host::Event event = host::DecodeEvent(message, pid);
+  // A process whose start was on its way when it ended sends it again: once is enough.
+  if (std::holds_alternative<host::ProcessStartEvent>(event.body) &&
+      std::exchange(started_at_ms_[pid], event.time_ms) == event.time_ms)
+    return;
   if (std::holds_alternative<host::CrashEvent>(event.body))
     host::AddCrashDump(event, dump_directory_, started_at_ms_[pid]);
   if (events_.is_open() && !(events_ << host::EventJson(event) << '\n' << std::flush)) {
@@ -55,7 +60,6 @@ void RunReport::OnProcesses(std::uint32_t program, const std::vector<host::Launc
 }
 
 void RunReport::On(const host::Event& event, const host::ProcessStartEvent& start) {
-  started_at_ms_[event.pid] = event.time_ms;
   processes_.Started(event.pid, start.parent_pid, start.image_name);
   Show(event);
 }

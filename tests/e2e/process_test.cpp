@@ -49,13 +49,20 @@ Counts Count(const std::vector<Received>& messages) {
   return counts;
 }
 
-TEST(Children, AreConfinedThreeLevelsDeep) {
-  Confinement host;
-  EXPECT_EQ(host.Run(Self(L"spawn " + Self(L"spawn " + Self(L"spawn " + Self(L"confined"))))), 0);
-  const Counts counts = Count(host.Settle());
-  EXPECT_GE(counts.starts, 4);
-  EXPECT_EQ(counts.injected, 3);
-  EXPECT_EQ(counts.failed, 0);
+TEST(Children, AreConfinedThreeLevelsDeepAndEachIsAnnouncedOnceBeforeAnythingElse) {
+  for (int run = 0; run < 10; ++run) {
+    Confinement host;
+    EXPECT_EQ(host.Run(Self(L"spawn " + Self(L"spawn " + Self(L"spawn " + Self(L"confined"))))), 0);
+    const auto messages = host.Settle();
+    const Counts counts = Count(messages);
+    EXPECT_EQ(counts.starts, 4);
+    EXPECT_EQ(counts.injected, 3);
+    EXPECT_EQ(counts.failed, 0);
+    std::set<std::uint32_t> announced;
+    for (const Received& message : messages)
+      EXPECT_EQ(message.As<ProcessStart>() != nullptr, announced.insert(message.sender()).second)
+          << "run " << run;
+  }
 }
 
 // Its end overtakes the channel's threads, at any point of their start.

@@ -32,7 +32,6 @@ constexpr UINT kExitHostGone = 19960116;
 
 std::atomic<bool> gs_initialised = false;
 std::atomic<bool> gs_terminate_on_disconnect = false;
-std::atomic<bool> gs_start_sent = false;
 std::atomic<channel::PathConverter> gs_path_converter = nullptr;
 MessageQueue gs_rqGameToHost, gs_rqHostToGame;
 FloodRule gs_flood;
@@ -47,9 +46,9 @@ HeapText ToUtf8(const wchar_t* text, std::size_t units) {
   return WideToUtf8(text, static_cast<std::int32_t>(units * sizeof(wchar_t)));
 }
 
-// Once per process: by the send thread, or at the end of a process that ended before that thread had done it.
-void SendProcessStart() {
-  if (gs_start_sent.load()) return;
+// Called before the channel is open to anybody else: so the start is the first message of the process, and
+// there is one.
+void QueueProcessStart() {
   const wchar_t* image = GetImageBaseName();
   const wchar_t* command = GetCommandLineW();
   const HeapText image_text = image ? ToUtf8(image, std::wcslen(image)) : nullptr;
@@ -59,11 +58,12 @@ void SendProcessStart() {
   }
   const HeapText command_text =
       command ? ToUtf8(command, std::min(std::wcslen(command), kCommandLineUnits)) : nullptr;
-  if (!EncodeAndSend(vorn::policy::ProcessStart{.parent_pid = GetParentProcessId(),
-                                                .image_name = ViewOf(image_text),
-                                                .command_line = ViewOf(command_text)}))
-    VORN_LOG_E("pTIPHeader is NULL");
-  gs_start_sent.store(true);
+  const vorn::policy::ProcessStart start{.parent_pid = GetParentProcessId(),
+                                         .image_name = ViewOf(image_text),
+                                         .command_line = ViewOf(command_text)};
+  const bool encoded = EncodeInto(
+      start, [](const void* message, std::uint32_t bytes) { return gs_rqGameToHost.Push(message, bytes); });
+  if (!encoded) VORN_LOG_E("pTIPHeader is NULL");
 }
 
 void DispatchMsgToBiz(const void* data, std::uint32_t bytes) {
@@ -86,7 +86,6 @@ DWORD WINAPI IPCRecvThreadProc(void*) {
 
 DWORD WINAPI IPCSendThreadProc(void*) {
   VORN_LOG_N("IPCSendThreadProc thread start");
-  SendProcessStart();
   gs_rqGameToHost.Consume([](const void* data, std::uint32_t bytes) { IpcSend(data, bytes); });
   VORN_LOG_N("IPCSendThreadProc thread end");
   return 0;
@@ -181,6 +180,7 @@ const char* Start(const wchar_t* port) {
   VORN_LOG_N("Init gs_rqHostToGame: %p", &gs_rqHostToGame);
   if (!gs_rqHostToGame.InitRing(kQueueNodes)) return "Init gs_rqHostToGame Failed";
   if (!gs_rqGameToHost.InitEvent() || !gs_rqHostToGame.InitEvent()) return "CreateEventW Failed";
+  QueueProcessStart();
   // The threads may run at once, and the first thing that they send must not find the channel closed.
   gs_initialised.store(true);
   if (!StartRecvData()) return "StartRecvData() Failed";
@@ -254,7 +254,6 @@ bool UnInit() noexcept {
   StopChannelThreads(kStopPatience);
   const bool unloaded = UnInitIPC();
   gs_initialised.store(false);
-  gs_start_sent.store(false);
   gs_terminate_on_disconnect.store(false);
   gs_rqGameToHost.Destroy();
   gs_rqHostToGame.Destroy();
@@ -268,7 +267,6 @@ void FlushAtProcessEnd() noexcept {
     return;
   }
   IpcStop();  // from here on, sending does not wait for the host
-  SendProcessStart();
   if (const std::uint32_t left = gs_rqGameToHost.Drain(IpcSend))
     VORN_LOG_W("the process ended before %u messages were sent", left);
 }

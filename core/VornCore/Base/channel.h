@@ -27,16 +27,20 @@ bool SendToHost(const void* message, std::uint32_t bytes) noexcept;
 // This process, now: the origin of the messages that it sends.
 vorn::policy::MessageOrigin OriginNow() noexcept;
 
-// Encodes a message of Policy/message.h into a block of its size and sends it. False when memory is short; a
-// message that the channel drops is no failure here.
+// Encodes a message of Policy/message.h into a block of its size and calls take(bytes, size). False when
+// memory is short; a message that is not taken is no failure here.
 template <class Message>
-bool EncodeAndSend(const Message& message) noexcept {
+bool EncodeInto(const Message& message, bool (*take)(const void* message, std::uint32_t bytes)) noexcept {
   const std::size_t size = EncodedSize(message);
   platform::HeapPtr<std::byte> block(static_cast<std::byte*>(malloc(size)));
   if (!block) return false;
   if (Encode(message, OriginNow(), {block.get(), size}) != 0)
-    SendToHost(block.get(), static_cast<std::uint32_t>(size));
+    (void)take(block.get(), static_cast<std::uint32_t>(size));
   return true;
+}
+template <class Message>
+bool EncodeAndSend(const Message& message) noexcept {
+  return EncodeInto(message, SendToHost);
 }
 
 // Builds and sends a type-4 message. path: NT device path or host name (UTF-16, terminated) or null; device
