@@ -42,8 +42,7 @@ std::uint32_t GetCrashHookDepth() {
 }
 
 void SendCrashNotice(std::uint32_t exception_code, std::uint32_t flag, std::uint32_t thread_id) {
-  const vorn::policy::CrashNotice notice{
-      .exception_code = exception_code, .hook_depth = flag, .thread_id = thread_id};
+  const vorn::policy::CrashNotice notice{.code = exception_code, .hook_depth = flag, .thread_id = thread_id};
   if (EncodeAndSend(notice)) Sleep(kNoticePauseMs);
 }
 

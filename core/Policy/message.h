@@ -180,13 +180,13 @@ struct CrashNotice {
   static constexpr TipMsgType kType = TipMsgType::kProcess;
   static constexpr std::uint16_t kSubtype = kSubtypeCrashNotice;
 
-  std::uint32_t exception_code = 0;
+  std::uint32_t code = 0;        // of the exception
   std::uint32_t hook_depth = 0;  // of the crashing thread; not 0: inside one of the library's handlers
   std::uint32_t thread_id = 0;
 
   static constexpr auto Fields() {
     using M = CrashNotice;
-    return std::tuple(Marker(std::uint64_t{0}, false), Number("exception_code", &M::exception_code),
+    return std::tuple(Marker(std::uint64_t{0}, false), Number("exception_code", &M::code),
                       Number("hook_depth", &M::hook_depth), Number("thread_id", &M::thread_id));
   }
 };
@@ -254,7 +254,11 @@ struct NetAuditOf {
 };
 using NetAudit = NetAuditOf<std::string_view>;
 
-// A timing or counter sample; the subtype says what the values mean.
+// A timing or counter sample. What its values mean, by its subtype; the others are 0 and empty:
+//   kSubtypeSampleFileCreate   microseconds spent on the path and on the decision, FileACL; path
+//   kSubtypeSampleSocketCheck  second: microseconds spent on the decision; third: Verdict; text: host name
+//   kSubtypeSampleRioActivity  first: registered-I/O sends of the socket so far
+//   kSubtypeSampleDnsCache     first: 1, when the network room starts
 template <class String>
 struct SampleOf {
   static constexpr TipMsgType kType = TipMsgType::kSample;
@@ -267,8 +271,9 @@ struct SampleOf {
 
   static constexpr auto Fields() {
     using M = SampleOf;
-    return std::tuple(Number("first", &M::first), Number("second", &M::second), Number("third", &M::third),
-                      Text("text", &M::text, EmptyText::kAbsent, Show::kUnlessEmpty));
+    return std::tuple(Number(nullptr, &M::first, Show::kNever), Number(nullptr, &M::second, Show::kNever),
+                      Number(nullptr, &M::third, Show::kNever),
+                      Text(nullptr, &M::text, EmptyText::kAbsent, Show::kNever));
   }
 };
 using Sample = SampleOf<std::string_view>;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <type_traits>
 
@@ -57,20 +58,21 @@ std::string_view ValueText(policy::ProcessEventKind outcome) {
   return "unknown";
 }
 
-std::string_view SampleName(std::uint16_t subtype) {
-  switch (subtype) {
-    case policy::kSubtypeSampleFileCreate:
-      return "file-create";
-    case policy::kSubtypeSampleSocketCheck:
-      return "socket-check";
-    case policy::kSubtypeSampleRioActivity:
-      return "registered-io";
-    case policy::kSubtypeSampleDnsCache:
-      return "network-start";
-    default:
-      return "unknown";
-  }
-}
+// What the values of a sample are called; null: it has none.
+struct SampleKind {
+  const char* name;
+  const char* first;
+  const char* second;
+  const char* third;
+  const char* text;
+};
+constexpr SampleKind kSampleKinds[] = {
+    {"file-create", "path_us", "decision_us", "access", "path"},    // kSubtypeSampleFileCreate
+    {"socket-check", nullptr, "decision_us", "verdict", "domain"},  // kSubtypeSampleSocketCheck
+    {"registered-io", "sends", nullptr, nullptr, nullptr},          // kSubtypeSampleRioActivity
+    {"network-start", "starts", nullptr, nullptr, nullptr},         // kSubtypeSampleDnsCache
+};
+static_assert(std::size(kSampleKinds) == policy::kSubtypeSampleDnsCache + 1);
 
 std::string Endpoint(const std::string& address, std::uint32_t port) {
   const bool v6 = address.find(':') != std::string::npos;
@@ -122,7 +124,7 @@ class LineWriter {
                        e.code);
   }
   std::string operator()(const CrashEvent& e) const {
-    std::string line = "crashed with " + ExceptionText(e.exception_code, e.fault);
+    std::string line = "crashed with " + ExceptionText(e.code, e.fault);
     if (HasRead(e))
       line += e.module.empty() ? fmt::format(" at {:#x} in no module", e.address)
                                : fmt::format(" in {}+{:#x}", Printable(e.module), e.offset);
@@ -155,7 +157,7 @@ class LineWriter {
     return e.error ? line + ": " + Error(e.error) : line;
   }
   std::string operator()(const SampleEvent& e) const {
-    return fmt::format("sample {} {} {} {}{}{}", SampleName(e.subtype), e.first, e.second, e.third,
+    return fmt::format("sample {} {} {} {}{}{}", kSampleKinds[e.subtype].name, e.first, e.second, e.third,
                        e.text.empty() ? "" : " ", Printable(e.text));
   }
 
@@ -203,7 +205,7 @@ void PutBody(Json& json, const MalformedEvent& e) {
 }
 void PutBody(Json& json, const CrashEvent& e) {
   PutFields<policy::CrashNotice>(json, e);
-  if (const auto name = ExceptionName(e.exception_code); !name.empty()) json["exception"] = name;
+  if (const auto name = ExceptionName(e.code); !name.empty()) json["exception"] = name;
   if (!e.dump.empty()) json["dump"] = e.dump;
   if (!e.dump_problem.empty()) json["dump_problem"] = e.dump_problem;
   if (!HasRead(e)) return;
@@ -214,8 +216,13 @@ void PutBody(Json& json, const CrashEvent& e) {
   json["offset"] = e.offset;
 }
 void PutBody(Json& json, const SampleEvent& e) {
-  json["sample"] = SampleName(e.subtype);
-  PutFields(json, e);
+  const SampleKind& kind = kSampleKinds[e.subtype];
+  json["sample"] = kind.name;
+  if (kind.first) json[kind.first] = e.first;
+  if (kind.second) json[kind.second] = e.second;
+  if (e.subtype == policy::kSubtypeSampleFileCreate) json[kind.third] = ValueText(policy::FileACL{e.third});
+  if (e.subtype == policy::kSubtypeSampleSocketCheck) json[kind.third] = ValueText(policy::Verdict{e.third});
+  if (kind.text && !e.text.empty()) json[kind.text] = e.text;
 }
 template <class Message>
 void PutBody(Json& json, const Message& message) {

@@ -160,7 +160,7 @@ TEST(CrashE2E, EachCrashLeavesADumpANoticeAndALine) {
       const fs::path& path = dumps.find(thread)->second;
       const Received& notice = crashes.notices().find(thread)->second;
       EXPECT_EQ(notice.bytes.size(), 50u);
-      EXPECT_EQ(notice.As<policy::CrashNotice>()->exception_code, each.code);
+      EXPECT_EQ(notice.As<policy::CrashNotice>()->code, each.code);
       EXPECT_EQ(notice.As<policy::CrashNotice>()->hook_depth, each.flag);
       const auto exception = CheckDump(path, notice.sender(), each.code, each.flag, thread);
       char line[1024];

@@ -69,7 +69,7 @@ TEST_F(CrashDumps, CrashEventNamesItsDumpOrSaysWhyNot) {
     Event event;
     event.pid = event.stated_pid = kPid;
     event.time_ms = now_;
-    event.body = CrashEvent{{.exception_code = 0xC0000005, .thread_id = kThread}};
+    event.body = CrashEvent{{.code = 0xC0000005, .thread_id = kThread}};
     AddCrashDump(event, directory);
     return EventLine(event);
   };

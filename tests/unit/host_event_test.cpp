@@ -79,6 +79,19 @@ TEST(HostEvent, NetAuditShowsVerdictNameAddressPortAndProtocol) {
   EXPECT_FALSE(host::IsRefusal(allowed));
 }
 
+TEST(HostEvent, ValuesThatNoEnumerationHasAreKeptAndShownAsUnknown) {
+  const Event file = Decoded(policy::FileAudit{policy::AuditType{77}, 5, policy::FileACL{9}, {}, "C:\\a"});
+  EXPECT_EQ(host::EventLine(file), "[7] refused unknown C:\\a (unknown): error 5");
+  EXPECT_EQ(static_cast<std::uint32_t>(std::get<host::FileEvent>(file.body).type), 77u);
+  const Event net = Decoded(policy::NetAudit{
+      .verdict = policy::Verdict{5}, .protocol = policy::Protocol{99}, .extended = true, .rule = 3});
+  EXPECT_EQ(JsonOf(net)["verdict"], "unknown");
+  EXPECT_EQ(JsonOf(net)["protocol"], "protocol 99");
+  EXPECT_EQ(std::get<host::NetEvent>(net.body).rule, 3u);
+  const Event child = Decoded(policy::ProcessEvent{7, policy::ProcessEventKind{9}, 8, 5, "b.exe"});
+  EXPECT_EQ(JsonOf(child)["outcome"], "unknown");
+}
+
 TEST(HostEvent, ProcessesChildrenAndCrashes) {
   EXPECT_EQ(host::EventLine(Decoded(policy::ProcessStart{4, "app.exe", "app.exe -x"})),
             "[7] started app.exe (parent 4): app.exe -x");
@@ -95,8 +108,12 @@ TEST(HostEvent, ProcessesChildrenAndCrashes) {
   EXPECT_EQ(
       host::EventLine(Decoded(policy::CrashNotice{0xC0000005, 2, 9})),
       "[7] crashed with exception 0xc0000005 (access violation) on thread 9, inside the library (depth 2)");
-  EXPECT_EQ(host::EventLine(Decoded(policy::Sample{0, 11, 22, 3, "C:\\x"})),
-            "[7] sample file-create 11 22 3 C:\\x");
+  const Event sample = Decoded(policy::Sample{0, 11, 22, 3, "C:\\x"});
+  EXPECT_EQ(host::EventLine(sample), "[7] sample file-create 11 22 3 C:\\x");
+  auto json = JsonOf(sample);
+  json.erase("time");
+  EXPECT_EQ(json, nlohmann::json::parse(R"({"pid":7,"event":"sample","sample":"file-create","path_us":11,)"
+                                        R"("decision_us":22,"access":"read-write","path":"C:\\x"})"));
 }
 
 TEST(HostEvent, ACrashShowsWhatItsDumpSays) {
