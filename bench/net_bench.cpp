@@ -108,7 +108,8 @@ struct Checks {
   void operator()() {
     const sockaddr_in to = Ip(INADDR_LOOPBACK, 9);
     Keep(model.QuerySocket(last, false));
-    Keep(model.CheckSocketACL(nullptr, reinterpret_cast<const sockaddr*>(&to), sizeof to, kProtocolUdp));
+    Keep(model.CheckSocketACL(nullptr, reinterpret_cast<const sockaddr*>(&to), sizeof to, kProtocolUdp)
+             .verdict);
   }
   SocketACLModel model;
   SOCKET last = 0;

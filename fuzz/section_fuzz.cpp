@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Policy/file_rules.h"
+#include "Policy/destination_decision.h"
 #include "Policy/net_rules.h"
 #include "fuzz/require.h"
 #include "tests/unit/reference_rules.h"
@@ -90,8 +91,10 @@ void CheckNetRules(const SectionView& section) {
     }
 
     const std::u16string domain = u"a." + Copy(section.DomainOf(*rule));
-    const NetDecision decision = DecideDestination(section, domain, &address);
-    Require(decision.rule_index < section.NetRules().size());
+    DestinationContext context;
+    const DestinationDecision decision =
+        DecideDestination(section, {.address = &address, .name = domain}, context);
+    Require(decision.rule == kNoRule || decision.rule < section.NetRules().size());
   }
 }
 

@@ -1,7 +1,5 @@
 #include "File/file_acl_model.h"
 
-#include <algorithm>
-
 #include "File/file_helper.h"
 #include "File/file_link_helper.h"
 #include "File/scratch_path.h"
@@ -17,13 +15,67 @@ namespace VornCore {
 namespace {
 
 using vorn::policy::ACLName;
+using vorn::policy::FileFacts;
 using vorn::policy::FileRuleMatch;
+using vorn::policy::FileVerdict;
 using vorn::policy::U16;
 
 void LogInvalidRule(std::wstring_view path, const FileRuleMatch& match) {
   if (match.found && match.invalid_access)
-    VORN_LOG_E("CheckConfigPermission path:%s Error Back to:%d", OrNull(WideToAnsi(path.data())), 0);
+    VORN_LOG_E("CheckConfigPermission path:%s Error Back to:%d", OrNull(CountedToAnsi(path)), 0);
 }
+
+void LogLookup(std::wstring_view path, const FileRuleMatch& match) {
+  LogInvalidRule(path, match);
+  if (IsDebugLogEnabled())
+    VORN_LOG_I("CheckFileACL path:%s ACL:%d", OrNull(CountedToAnsi(path)), static_cast<int>(match.access));
+}
+
+// Answers the kernel with the other names of the file at path, and logs what it looks up.
+class DecisionContext final : public vorn::policy::FileContext {
+ public:
+  // access: what the names may lower. links: holds the file open; null: path is asked whatever its links.
+  DecisionContext(std::wstring_view path, FileACL access, FileLinkHelper* links) noexcept
+      : path_(path), access_(access), links_(links) {}
+
+  bool NextName(std::u16string_view* name) noexcept override {
+    if (!listed_) ListNames();
+    if (!next_) return false;
+    *name = U16(std::wstring_view(static_cast<const LinkNode*>(next_)->path.get()));
+    next_ = NextNode(next_);
+    return true;
+  }
+  void OnLookup(std::u16string_view path, const FileRuleMatch& match) noexcept override {
+    LogLookup(vorn::policy::W(path), match);
+  }
+  void OnName(std::u16string_view name, FileACL access) noexcept override {
+    if (access != access_ && IsDebugLogEnabled())
+      VORN_LOG_I("CheckFileACLAdapterHardLinks path:%s target:%s [%d->%d]", OrNil(CountedToAnsi(path_)),
+                 OrNil(CountedToAnsi(vorn::policy::W(name))), static_cast<int>(access_),
+                 static_cast<int>(access));
+  }
+
+ private:
+  void ListNames() noexcept {
+    listed_ = true;
+    ThreadState* state = GetThreadState();
+    if (!state || (links_ && links_->LinkCount() < 2)) return;
+    ScratchLevel level(state);
+    const std::wstring_view file = path_.substr(0, vorn::policy::FindStream(U16(path_)));
+    wchar_t* dos_path = ScratchPath(0, file.size());
+    const ListHead* names = nullptr;
+    if (!dos_path) return;
+    TerminatedCopy(dos_path, file);
+    if (NtPathToDosPath(dos_path) && names_.GetFileHardLinks(dos_path, &names)) next_ = FirstNode(*names);
+  }
+
+  const std::wstring_view path_;
+  const FileACL access_;
+  FileLinkHelper* const links_;
+  FileLinkHelper names_;
+  const ListNode* next_ = nullptr;
+  bool listed_ = false;
+};
 
 // The folders in which another name of a file would matter. An implementation without a list of names looks
 // there.
@@ -43,35 +95,23 @@ bool FileACLModel::Init() noexcept {
 }
 
 FileDecision FileACLModel::DecideFileACL(std::wstring_view path) const noexcept {
-  constexpr FileDecision kUndecided{FileACL::kUnknown, FileACL::kUnknown, false};
-  if (path.empty()) return kUndecided;
-  if (!vorn::policy::IsHardDiskVolumeOrMup(U16(path)) && !IsFileSystemPath(path)) return kUndecided;
-
-  ThreadState* state = GetThreadState();
-  if (!state) return kUndecided;
   FileDecision decision;
+  ThreadState* state = GetThreadState();
+  if (path.empty() || !state) return decision;
+  if (!vorn::policy::IsHardDiskVolumeOrMup(U16(path)) && !IsFileSystemPath(path)) return decision;
   ScratchLevel level(state);
   FileLinkHelper links;
   platform::WithFinally(
       [&] {
+        FileFacts facts{.temp_directory = U16(TempDirectory())};
         std::wstring_view target = links.GetFileSymbolicLink(path);
         // What resolved exists, or its directory does: only an unresolved path has to be asked about.
-        if (target.empty() && !IsFileSystemPath(target = path)) {
-          if (IsDebugLogEnabled()) VORN_LOG_I("Not FileSystem:%s", OrNil(WideToAnsi(target.data())));
-          decision = kUndecided;
-          return;
-        }
-        decision.in_recycle_bin = vorn::policy::IsRecycleBinPath(U16(target));
-        const bool free_place = decision.in_recycle_bin || IsTempPath(target);
-        decision.access = free_place ? FileACL::kReadWrite : CheckFileACL(target);
-        // A stream is no more open than its file.
-        const std::size_t file_units = target.find(L':', target.rfind(L'\\') + 1);
-        if (!free_place && file_units != target.npos)
-          decision.access = std::min(decision.access, CheckFileACL(target.substr(0, file_units)));
-        decision.own_access = decision.access;
-        if (free_place || decision.access != FileACL::kReadWrite || links.LinkCount() < 2) return;
-        if (CheckFileACLAdapterHardLinks(target, FileACL::kReadWrite) != FileACL::kReadWrite)
-          decision.access = FileACL::kRead;
+        if (target.empty()) facts.on_file_system = IsFileSystemPath(target = path);
+        facts.path = U16(target);
+        if (!facts.on_file_system && IsDebugLogEnabled())
+          VORN_LOG_I("Not FileSystem:%s", OrNil(WideToAnsi(target.data())));
+        DecisionContext context(target, FileACL::kReadWrite, &links);
+        decision = vorn::policy::DecideFile(GetSection(), facts, context);
       },
       [&] { links.Close(); });
   return decision;
@@ -87,33 +127,14 @@ bool FileACLModel::CheckConfigPermission(std::wstring_view path, FileACL* access
 
 FileACL FileACLModel::CheckFileACL(std::wstring_view path) const noexcept {
   const FileRuleMatch match = vorn::policy::CheckFileACL(GetSection(), U16(path));
-  LogInvalidRule(path, match);
-  if (IsDebugLogEnabled())
-    VORN_LOG_I("CheckFileACL path:%s ACL:%d", OrNull(WideToAnsi(path.data())),
-               static_cast<int>(match.access));
+  LogLookup(path, match);
   return match.access;
 }
 
 FileACL FileACLModel::CheckFileACLAdapterHardLinks(std::wstring_view path, FileACL access) const noexcept {
-  ThreadState* state = GetThreadState();
-  if (!state) return access;
-  ScratchLevel level(state);
-  wchar_t* dos_path = ScratchPath(0, path.size());
-  if (!dos_path) return access;
-  TerminatedCopy(dos_path, path);
-  FileLinkHelper links;
-  const ListHead* names = nullptr;
-  if (!NtPathToDosPath(dos_path) || links.GetFileHardLinks(dos_path, &names) == 0) return access;
-  FileACL lowest = access;
-  for (const ListNode* node = FirstNode(*names); node; node = NextNode(node)) {
-    const wchar_t* name = static_cast<const LinkNode*>(node)->path.get();
-    const FileACL named = CheckFileACL(name);
-    lowest = std::min(lowest, named);
-    if (named != access && IsDebugLogEnabled())
-      VORN_LOG_I("CheckFileACLAdapterHardLinks path:%s target:%s [%d->%d]", OrNil(WideToAnsi(path.data())),
-                 OrNil(WideToAnsi(name)), static_cast<int>(access), static_cast<int>(named));
-  }
-  return lowest;
+  DecisionContext context(path, access, nullptr);
+  const FileVerdict verdict{.access = access};
+  return vorn::policy::WeakestName(GetSection(), verdict, context).access;
 }
 
 void FileACLModel::PrintACLFilesLog() const noexcept {

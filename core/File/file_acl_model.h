@@ -1,22 +1,17 @@
 // What this process may do with a path, and what it was allowed on each open handle.
 //
-// A decision combines the host's rules with what the file system says: where links lead, whether the place is
-// the recycle bin or the temp directory, and which other names the file has. Rules are read from the section
-// on every lookup. Any thread.
+// The model gathers the facts about a file (where links lead, which other names it has) and asks the decision
+// kernel. Rules are read from the section on every lookup. Any thread.
 #pragma once
 
 #include <string_view>
 
 #include "File/handle_records.h"
-#include "Policy/file_rules.h"
+#include "Policy/file_decision.h"
 
 namespace VornCore {
 
-struct FileDecision {
-  FileACL access = FileACL::kRead;
-  FileACL own_access = FileACL::kRead;  // of the path itself, before the file's other names lowered it
-  bool in_recycle_bin = false;
-};
+using vorn::policy::FileDecision;
 
 class FileACLModel {
  public:

@@ -10,6 +10,11 @@
 namespace VornCore {
 namespace {
 
+using vorn::policy::ACLName;
+using vorn::policy::DecidingFact;
+using vorn::policy::FileACL;
+using vorn::policy::SectionOption;
+
 constexpr int kSourceSlot = 0, kDestinationSlot = 1, kSourceTextSlot = 2, kDestinationTextSlot = 3,
               kMessageSlot = 4;
 constexpr std::uint32_t kMaxUtf8PerUnit = 3;
@@ -37,19 +42,25 @@ std::string_view ToUtf8(ThreadState* state, const wchar_t* path, int slot) {
 
 }  // namespace
 
-void SendFileAudit(AuditType type, NTSTATUS status, FileACL source_access, std::wstring_view source,
-                   FileACL destination_access, std::wstring_view destination) noexcept {
+void SendFileAudit(AuditType type, NTSTATUS status, const AuditedFile& source,
+                   const AuditedFile& destination) noexcept {
   ThreadState* state = GetThreadState();
   if (!state) return;
   ScratchLevel level(state);
-  const wchar_t* source_path = Readable(source, kSourceSlot);
-  const wchar_t* destination_path = Readable(destination, kDestinationSlot);
+  const wchar_t* source_path = Readable(source.path, kSourceSlot);
+  const wchar_t* destination_path = Readable(destination.path, kDestinationSlot);
+  const FileACL source_access = source.verdict.access, destination_access = destination.verdict.access;
+  const FileVerdict& decided =
+      destination.verdict.fact == DecidingFact::kNone ? source.verdict : destination.verdict;
   const vorn::policy::FileAudit audit{.type = type,
                                       .error = RtlNtStatusToDosErrorNoTeb(status),
                                       .source_access = source_access,
                                       .destination_access = destination_access,
                                       .source = ToUtf8(state, source_path, kSourceTextSlot),
-                                      .destination = ToUtf8(state, destination_path, kDestinationTextSlot)};
+                                      .destination = ToUtf8(state, destination_path, kDestinationTextSlot),
+                                      .extended = GetSection().Has(SectionOption::kDecisionInAudit),
+                                      .rule = decided.rule,
+                                      .fact = decided.fact};
   const std::size_t size = EncodedSize(audit);
   if (void* message = GetScratchBuffer(state, kMessageSlot, static_cast<std::uint32_t>(size))) {
     const std::size_t written = Encode(audit, OriginNow(), {static_cast<std::byte*>(message), size});

@@ -3,20 +3,25 @@
 
 #include <string_view>
 
-#include "Policy/file_rules.h"
+#include "Policy/file_decision.h"
 #include "Policy/message.h"
 #include "windows/nt.h"
 
 namespace VornCore {
 
 using vorn::policy::AuditType;
-using vorn::policy::FileACL;
+using vorn::policy::FileVerdict;
 
-// Paths are canonical NT paths and are sent in drive-letter or UNC form where there is one; an empty path is
-// absent, and a destination that is absent has access kUnknown. Does not allocate; lost when the channel does
-// not take it. Any thread.
-void SendFileAudit(AuditType type, NTSTATUS status, FileACL source_access, std::wstring_view source,
-                   FileACL destination_access = FileACL::kUnknown,
-                   std::wstring_view destination = {}) noexcept;
+// One of the two files of an audit. Its path is a canonical NT path, which is sent in drive-letter or UNC
+// form where there is one; an empty path is absent.
+struct AuditedFile {
+  FileVerdict verdict = {};
+  std::wstring_view path = {};
+};
+
+// The destination's verdict decided where it has one, otherwise the source's. Does not allocate; lost when
+// the channel does not take it. Any thread.
+void SendFileAudit(AuditType type, NTSTATUS status, const AuditedFile& source,
+                   const AuditedFile& destination = {}) noexcept;
 
 }  // namespace VornCore

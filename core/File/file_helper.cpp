@@ -33,8 +33,7 @@ std::wstring_view temp_directory;  // the same, counted
 // format takes the path as its only argument.
 void LogPath(const char* format, std::wstring_view path) {
   if (!IsDebugLogEnabled()) return;
-  const UNICODE_STRING text = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
-  LogPrint(__FILE__, kLogInfo, __LINE__, "I", format, OrNull(UnicodeStringToAnsi(&text)));
+  LogPrint(__FILE__, kLogInfo, __LINE__, "I", format, OrNull(CountedToAnsi(path)));
 }
 
 // The object name of root in slot 0, with room for extra more units. The text begins at *text.
@@ -326,6 +325,8 @@ platform::HeapString DosPathToNtPath(const wchar_t* path) noexcept {
   if (block) TerminatedCopy(block, head, rest);
   return platform::HeapString(block);
 }
+
+std::wstring_view TempDirectory() noexcept { return temp_directory; }
 
 bool IsTempPath(std::wstring_view path) noexcept {
   return vorn::policy::IsUnder(U16(path), U16(temp_directory));

@@ -40,6 +40,8 @@ bool NtPathToDosPath(wchar_t* path) noexcept;
 // A drive-letter or \\server\share path as NT path; null when it is neither or the drive is unknown.
 platform::HeapString DosPathToNtPath(const wchar_t* path) noexcept;
 
+// The temp directory of this process as canonical path; empty when it is unknown.
+std::wstring_view TempDirectory() noexcept;
 // Whether path is the temp directory or below it.
 bool IsTempPath(std::wstring_view path) noexcept;
 

@@ -6,6 +6,7 @@
 #include "File/scratch_path.h"
 #include "Platform/native.h"
 #include "Policy/device_path.h"
+#include "Policy/file_decision.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
 #include "VornCore/Base/log.h"
@@ -54,18 +55,24 @@ std::wstring_view FileLinkHelper::GetFileSymbolicLink(std::wstring_view path) no
                  OrNil(WideToAnsi(target.data())));
     return target;
   }
-  const std::size_t last = vorn::policy::FindLastComponent(U16(path));
-  if (last == vorn::policy::kNotFound || last == path.size()) return {};
-  target = ResolveFinalPath(path.substr(0, last), false);
+  // What does not exist is created where its file (of a stream) or its directory really lies.
+  const std::size_t stream = vorn::policy::FindStream(U16(path));
+  std::size_t tail = stream;
+  if (stream != path.npos) target = ResolveFinalPath(path.substr(0, stream), true);
+  if (target.empty()) {
+    tail = vorn::policy::FindLastComponent(U16(path));
+    if (tail == path.npos || tail == path.size()) return {};
+    target = ResolveFinalPath(path.substr(0, tail), false);
+  }
   if (IsDebugLogEnabled())
     VORN_LOG_I("GetFileSymbolicLink Second path:%s target:%s", OrNil(WideToAnsi(path.data())),
                OrNil(WideToAnsi(target.data())));
-  const std::wstring_view component = path.substr(last);
-  if (target.empty() || target.size() + 1 + component.size() > kMaxPathUnits) return {};
+  const std::wstring_view rest = path.substr(tail);
+  if (target.empty() || target.size() + 1 + rest.size() > kMaxPathUnits) return {};
   auto* buffer = const_cast<wchar_t*>(target.data());
   std::size_t units = target.size();
-  if (buffer[units - 1] != L'\\') buffer[units++] = L'\\';
-  return TerminatedCopy(buffer, {buffer, units}, component);
+  if (tail != stream && buffer[units - 1] != L'\\') buffer[units++] = L'\\';
+  return TerminatedCopy(buffer, {buffer, units}, rest);
 }
 
 std::wstring_view FileLinkHelper::ResolveFinalPath(std::wstring_view path, bool keep_open) noexcept {

@@ -29,12 +29,11 @@ class FileLinkHelper {
   FileLinkHelper(const FileLinkHelper&) = delete;
   FileLinkHelper& operator=(const FileLinkHelper&) = delete;
 
-  // The final, link-free NT path of path; for a file that does not exist, that of its directory with the last
-  // component. Empty when neither can be resolved. Terminated, in scratch slot 0 of the current level.
+  // The final, link-free NT path of path; for a stream that does not exist, that of its file with the stream;
+  // for a file that does not exist, that of its directory with the last component. Empty when none of them
+  // can be resolved. Terminated, in scratch slot 0 of the current level.
   std::wstring_view GetFileSymbolicLink(std::wstring_view path) noexcept;
 
-  // Whether GetFileSymbolicLink found the file itself, and not only its directory.
-  bool exists() const noexcept { return file_ != nullptr; }
   // Hard links of that file; 1 when they cannot be counted or it does not exist.
   std::uint32_t LinkCount() noexcept;
   // Closes that file.

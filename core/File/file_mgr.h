@@ -65,7 +65,7 @@ class CFileMgr : public INtdllApiListener, public IKernelBaseApiListener {
   Outcome HandleRename(HANDLE handle, const void* information, ULONG length, ULONG info_class) noexcept;
   NTSTATUS HandleSetInformationFailure(NTSTATUS status, HANDLE handle, ULONG info_class) noexcept;
   NTSTATUS CloseFileHandle(HANDLE handle) noexcept;
-  NTSTATUS DeleteFileToRecycleBin(std::wstring_view path, FileACL own_access) noexcept;
+  NTSTATUS DeleteFileToRecycleBin(std::wstring_view path, const FileVerdict& verdict) noexcept;
 
   FileACLModel model_;
   platform::CriticalSection close_lock_;  // held around the real NtClose

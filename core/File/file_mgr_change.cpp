@@ -159,10 +159,10 @@ CFileMgr::Outcome CFileMgr::HandleRename(HANDLE handle, const void* information,
   const std::wstring_view target = GetRenameTargetPath(handle, request);
   const HandleRecordPtr record = model_.handles().Find(handle);
   const std::wstring_view source = record ? record->path : std::wstring_view();
-  const FileACL source_access = record ? record->own_access : FileACL::kUnknown;
+  const FileVerdict source_verdict = record ? record->named : FileVerdict();
 
-  if (record && source_access != FileACL::kReadWrite && !IsLink(info_class)) {
-    SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, source_access, source, FileACL::kUnknown, target);
+  if (record && source_verdict.access != FileACL::kReadWrite && !IsLink(info_class)) {
+    SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, {source_verdict, source}, {{}, target});
     return kRefused;
   }
   if (target.empty()) {
@@ -171,30 +171,30 @@ CFileMgr::Outcome CFileMgr::HandleRename(HANDLE handle, const void* information,
   }
   const FileDecision decision = model_.DecideFileACL(target);
   if (decision.in_recycle_bin) return kRealCall;
-  if (decision.own_access != FileACL::kReadWrite) {
+  if (decision.named.access != FileACL::kReadWrite) {
     if (IsLink(info_class))
-      SendFileAudit(AuditType::kCreate, STATUS_ACCESS_DENIED, decision.own_access, target);
+      SendFileAudit(AuditType::kCreate, STATUS_ACCESS_DENIED, {decision.named, target});
     else
-      SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, source_access, source, decision.own_access,
-                    target);
+      SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, {source_verdict, source},
+                    {decision.named, target});
     return kRefused;
   }
   // What the rename would replace can be restored afterwards. A file that only gets another spelling of its
   // own name replaces nothing.
   const bool replaces = request.replace && !EqualsNoCase(U16(source), U16(target)) && FileExists(target);
-  if (replaces) (void)DeleteFileToRecycleBin(target, FileACL::kReadWrite);
+  if (replaces) (void)DeleteFileToRecycleBin(target, decision.named);
   return kRealCall;
 }
 
 NTSTATUS CFileMgr::HandleSetInformationFailure(NTSTATUS status, HANDLE handle, ULONG info_class) noexcept {
   if (status != STATUS_ACCESS_DENIED) return status;
   const HandleRecordPtr record = model_.handles().Find(handle);
-  if (!record || record->own_access == FileACL::kReadWrite) return status;
+  if (!record || record->named.access == FileACL::kReadWrite) return status;
   // Programs that set the times of what they read do not expect that to fail.
   if (info_class == nt::kFileBasicInformation)
     status = STATUS_SUCCESS;
   else
-    SendFileAudit(AuditType::kWrite, STATUS_ACCESS_DENIED, record->own_access, record->path);
+    SendFileAudit(AuditType::kWrite, STATUS_ACCESS_DENIED, {record->named, record->path});
   if (IsDebugLogEnabled())
     VORN_LOG_I("SetInformationFile Error %d, Path:%s", static_cast<int>(info_class),
                OrNil(WideToAnsi(record->path.data())));
@@ -239,12 +239,12 @@ NTSTATUS CFileMgr::CloseFileHandle(HANDLE handle) noexcept {
         close_lock_.Leave();
       });
   const HandleRecordPtr record(taken);
-  return record && record->delete_flags ? DeleteFileToRecycleBin(record->path, record->own_access) : status;
+  return record && record->delete_flags ? DeleteFileToRecycleBin(record->path, record->named) : status;
 }
 
-NTSTATUS CFileMgr::DeleteFileToRecycleBin(std::wstring_view path, FileACL own_access) noexcept {
-  if (own_access != FileACL::kReadWrite) {
-    SendFileAudit(AuditType::kDelete, STATUS_ACCESS_DENIED, own_access, path);
+NTSTATUS CFileMgr::DeleteFileToRecycleBin(std::wstring_view path, const FileVerdict& verdict) noexcept {
+  if (verdict.access != FileACL::kReadWrite) {
+    SendFileAudit(AuditType::kDelete, STATUS_ACCESS_DENIED, {verdict, path});
     return STATUS_ACCESS_DENIED;
   }
   ThreadState* state = GetThreadState();
@@ -262,7 +262,7 @@ NTSTATUS CFileMgr::DeleteFileToRecycleBin(std::wstring_view path, FileACL own_ac
                OrNil(WideToAnsi(path.data())));
     return STATUS_SUCCESS;
   }
-  SendFileAudit(AuditType::kDeleteToRecycle, STATUS_SUCCESS, own_access, path);
+  SendFileAudit(AuditType::kDeleteToRecycle, STATUS_SUCCESS, {verdict, path});
   return status;
 }
 
@@ -281,7 +281,7 @@ NTSTATUS CFileMgr::NtWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE 
   if (!nt::Success(status)) {
     const platform::LastErrorKeeper last_error;
     if (const HandleRecordPtr record = model_.handles().Find(FileHandle))
-      SendFileAudit(AuditType::kWrite, status, record->access, record->path);
+      SendFileAudit(AuditType::kWrite, status, {record->file, record->path});
   }
   if (state) state->bInWriteFile = 0;
   return status;

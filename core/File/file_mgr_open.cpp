@@ -21,6 +21,7 @@ namespace {
 
 using vorn::policy::ClassifyDevicePath;
 using vorn::policy::DeviceKind;
+using vorn::policy::SectionOption;
 using vorn::policy::U16;
 
 // Taken from the access that is asked for on a read-only path.
@@ -188,7 +189,7 @@ bool NamesDevice(const UNICODE_STRING* name) {
 void OfferSample(std::uint64_t path_time, std::uint64_t acl_time, std::uint64_t now, const OpenCall& call) {
   static std::atomic<std::uint64_t> last_sent;
   if (MaySendSample(last_sent, now))
-    SendSample(path_time, acl_time, static_cast<std::uint32_t>(call.decision.access),
+    SendSample(path_time, acl_time, static_cast<std::uint32_t>(call.decision.file.access),
                vorn::policy::kSubtypeSampleFileCreate, call.path.data());
 }
 
@@ -240,7 +241,9 @@ NTSTATUS CFileMgr::NtCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
     call.status = STATUS_ACCESS_DENIED;
     call.audit = AuditType::kCreate;
   }
-  if (call.audit != AuditType{}) SendFileAudit(call.audit, call.status, call.decision.access, call.path);
+  if (nt::Success(call.status) && call.step == kStepOpened && GetSection().Has(SectionOption::kAuditAllowed))
+    call.audit = AuditType::kCreate;
+  if (call.audit != AuditType{}) SendFileAudit(call.audit, call.status, {call.decision.file, call.path});
   if (!nt::Success(call.status)) AnswerFailure(IoStatusBlock, call.status);
   LogOutcome(call);
   state->bInCreateFile = 0;
@@ -276,13 +279,13 @@ void CFileMgr::Confine(OpenCall& call) noexcept {
 
 void CFileMgr::ApplyDecision(OpenCall& call) noexcept {
   const bool delete_on_close = (call.given.access & DELETE) && (call.given.options & FILE_DELETE_ON_CLOSE);
-  switch (call.decision.access) {
+  switch (call.decision.file.access) {
     case FileACL::kUnknown:
       return call.CallOnPath(kStepUnconfined);
     case FileACL::kDeny:
       return call.Refuse(kStepDenied, AuditType::kCreate);
     case FileACL::kRead:
-      if (delete_on_close && call.decision.own_access != FileACL::kReadWrite)
+      if (delete_on_close && call.decision.named.access != FileACL::kReadWrite)
         return call.Refuse(kStepDeleteRefused, AuditType::kDelete);
       RemoveAccess(call.given, kWriteRights);
       if (call.given.disposition == FILE_CREATE || call.given.disposition == FILE_OPEN_IF)
@@ -304,8 +307,8 @@ void CFileMgr::OpenRecorded(OpenCall& call) noexcept {
   if (!handle || handle == INVALID_HANDLE_VALUE) return;
   model_.handles().Add(MakeHandleRecord({.handle = handle,
                                          .delete_flags = delete_on_close ? kDeleteOnClose : 0,
-                                         .access = call.decision.access,
-                                         .own_access = call.decision.own_access,
+                                         .file = call.decision.file,
+                                         .named = call.decision.named,
                                          .desired_access = call.given.access},
                                         call.path));
 }

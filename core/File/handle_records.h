@@ -13,7 +13,7 @@
 
 #include "Platform/heap.h"
 #include "Platform/lock.h"
-#include "Policy/file_rules.h"
+#include "Policy/file_decision.h"
 #include "VornCore/Base/hash_index.h"
 #include "VornCore/Base/list.h"
 #include "windows/nt.h"
@@ -21,16 +21,17 @@
 namespace VornCore {
 
 using vorn::policy::FileACL;
+using vorn::policy::FileVerdict;
 
 inline constexpr std::uint32_t kDeleteOnClose = 1;      // the open asked for it
 inline constexpr std::uint32_t kDeleteDisposition = 2;  // set later on the handle
 
 struct HandleFacts {
   HANDLE handle = nullptr;
-  std::uint32_t delete_flags = 0;       // kept only with DELETE access
-  FileACL access = FileACL::kRead;      // the decision at open
-  FileACL own_access = FileACL::kRead;  // before the file's other names lowered it
-  ACCESS_MASK desired_access = 0;       // asked of the system at open
+  std::uint32_t delete_flags = 0;  // kept only with DELETE access
+  FileVerdict file = {};           // the decision at open
+  FileVerdict named = {};          // before the file's other names lowered it
+  ACCESS_MASK desired_access = 0;  // asked of the system at open
 };
 
 struct ByHandle;

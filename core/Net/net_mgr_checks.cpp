@@ -75,21 +75,22 @@ std::uint32_t CNetMgr::CheckDestination(AuditType type, const SocketRecord& reco
 
   DomainName domain;
   GetDnsCache().FindDomainByAddress(adapter.Address(), adapter.Length(), domain);
-  const std::uint32_t verdict =
+  const vorn::policy::DestinationDecision decision =
       model_.CheckSocketACL(domain.get(), adapter.Address(), adapter.Length(), record.protocol);
-  if (verdict == kVerdictAllow && type != AuditType::kConnect) return verdict;
+  const bool allowed = decision.verdict == kVerdictAllow;
+  if (allowed && type != AuditType::kConnect) return decision.verdict;
 
   const Endpoint destination(adapter.Address(), adapter.Length());
   AuditDestination(record.socket, {.type = type,
-                                   .status = verdict == kVerdictAllow ? STATUS_SUCCESS : STATUS_ACCESS_DENIED,
-                                   .verdict = verdict,
+                                   .status = allowed ? STATUS_SUCCESS : STATUS_ACCESS_DENIED,
+                                   .decision = decision,
                                    .domain = domain.get(),
                                    .source = "",
                                    .source_port = 0,
                                    .destination = destination.text,
                                    .destination_port = destination.port,
                                    .protocol = record.protocol});
-  return verdict;
+  return decision.verdict;
 }
 
 void CNetMgr::AuditDestination(SOCKET s, NetAuditFacts facts) noexcept {

@@ -45,30 +45,7 @@ policy::IpAddress ToIpAddress(const SocketAddress& address) {
 }
 
 // A pattern or domain for a log line; text may be unterminated and at any alignment.
-HeapText LogText(std::u16string_view text) {
-  const UNICODE_STRING counted = nt::CountedString(policy::W(text.data()), text.size() * sizeof(wchar_t));
-  return text.empty() ? nullptr : UnicodeStringToAnsi(&counted);
-}
-
-bool MatchDomain(const wchar_t* domain, std::uint16_t port, std::uint32_t& verdict) {
-  const policy::DomainRuleMatch match =
-      policy::MatchDomainRules(GetSection(), policy::U16(std::wstring_view(domain)), port);
-  if (match.decided) verdict = match.verdict;
-  if (IsDebugLogEnabled()) {
-    const HeapText name = WideToAnsi(domain), pattern = LogText(match.pattern);
-    VORN_LOG_I("[Net ACL] ACL:[%d:%s] %s matched:[%d:%s]", static_cast<int>(verdict), VerdictText(verdict),
-               OrNil(name), match.decided, OrNil(pattern));
-  }
-  return match.decided;
-}
-
-void MatchDefault(std::uint32_t& verdict) {
-  const policy::NetRuleMatch match = policy::MatchDefaultRule(GetSection());
-  if (match.decided) verdict = match.verdict;
-  if (IsDebugLogEnabled())
-    VORN_LOG_I("[Net ACL] ACL:[%d:%s] matched:%d", static_cast<int>(verdict), VerdictText(verdict),
-               match.decided);
-}
+HeapText LogText(std::u16string_view text) { return text.empty() ? nullptr : CountedToAnsi(policy::W(text)); }
 
 }  // namespace
 
@@ -129,7 +106,7 @@ void SocketACLModel::StoreBound(TrackedSocket* tracked, const SocketAddress& add
     by_bound_.Insert(tracked, TrackedSocket::BoundHash(address, tracked->record.protocol));
 }
 
-void SocketACLModel::LookAtTouched(std::uint32_t protocol) noexcept {
+void SocketACLModel::RefreshTouchedSockets(std::uint32_t protocol) noexcept {
   ListHead& list = TouchedList(protocol);
   for (ListNode *node = FirstNode(list), *next; node; node = next) {
     next = NextNode(node);
@@ -245,58 +222,73 @@ bool SocketACLModel::CheckOwnServer(const SocketAddress& destination, std::uint3
                                     std::uint32_t protocol) noexcept {
   if (length > net_helper::kAddressBytes) return false;
   platform::LockGuard lock(lock_);
-  LookAtTouched(protocol);
+  RefreshTouchedSockets(protocol);
   return by_bound_.Find(TrackedSocket::BoundHash(destination, protocol), [&](const TrackedSocket& t) {
     return t.record.protocol == protocol &&
            net_helper::IsSameSockaddr(t.record.bound_address.get(), destination.get());
   });
 }
 
-bool SocketACLModel::DecideByAddress(const sockaddr* address, std::uint32_t length, std::uint32_t protocol,
-                                     std::uint16_t& port, std::uint32_t& verdict) noexcept {
-  SocketAddress destination;
-  if (!net_helper::ReadAddress(address, length, destination) || !destination.IsInternet()) return false;
-  const policy::IpAddress ip = ToIpAddress(destination);
-  port = ip.port;
-  policy::AddressRuleMatch match;
-  if (CheckOwnServer(destination, length, protocol)) {
-    match.decided = true;
-    match.verdict = kVerdictAllow;
-  } else {
-    match = policy::MatchAddressRules(GetSection(), ip);
-  }
-  if (match.decided) verdict = match.verdict;
-  if (IsDebugLogEnabled()) {
+// Tells the kernel about the process's own servers, and logs its steps.
+class SocketACLModel::RuleContext final : public policy::DestinationContext {
+ public:
+  RuleContext(SocketACLModel& model, const SocketAddress& destination, std::uint32_t length,
+              std::uint32_t protocol, const policy::DestinationFacts& facts) noexcept
+      : model_(model), destination_(destination), length_(length), protocol_(protocol), facts_(facts) {}
+
+  bool IsOwnServer() noexcept override { return model_.CheckOwnServer(destination_, length_, protocol_); }
+
+  void OnAddress(const policy::AddressRuleMatch& match) noexcept override {
+    if (match.decided) verdict_ = match.verdict;
+    if (!IsDebugLogEnabled()) return;
+    const policy::IpAddress& ip = *facts_.address;
     const AddressText text(ip.family, ip.bytes.data());
     const AddressText rule = match.rule_address.family
                                  ? AddressText(match.rule_address.family, match.rule_address.bytes.data())
                                  : AddressText();
-    VORN_LOG_I("[Net ACL] ACL:[%d:%s] ip: %s[%d] config:%s/%d matched:%d", static_cast<int>(verdict),
-               VerdictText(verdict), *text.text ? text.text : "nil", port, rule.text,
+    VORN_LOG_I("[Net ACL] ACL:[%d:%s] ip: %s[%d] config:%s/%d matched:%d", static_cast<int>(verdict_),
+               VerdictText(verdict_), *text.text ? text.text : "nil", ip.port, rule.text,
                static_cast<int>(match.prefix_length), match.decided);
   }
-  return match.decided;
-}
+  void OnName(const policy::DomainRuleMatch& match) noexcept override {
+    if (match.decided) verdict_ = match.verdict;
+    if (!IsDebugLogEnabled()) return;
+    VORN_LOG_I("[Net ACL] ACL:[%d:%s] %s matched:[%d:%s]", static_cast<int>(verdict_), VerdictText(verdict_),
+               OrNil(LogText(facts_.name)), match.decided, OrNil(LogText(match.pattern)));
+  }
+  void OnDefault(const policy::NetRuleMatch& match) noexcept override {
+    if (match.decided) verdict_ = match.verdict;
+    if (IsDebugLogEnabled())
+      VORN_LOG_I("[Net ACL] ACL:[%d:%s] matched:%d", static_cast<int>(verdict_), VerdictText(verdict_),
+                 match.decided);
+  }
 
-std::uint32_t SocketACLModel::Decide(const wchar_t* domain, const sockaddr* address, std::uint32_t length,
-                                     std::uint32_t protocol) noexcept {
-  if (!HasNetRules() || IsNetCheckOff()) return kVerdictAllow;
-  std::uint32_t verdict = kVerdictDeny;
-  std::uint16_t port = 0;
-  if (DecideByAddress(address, length, protocol, port, verdict)) return verdict;
-  if (domain && *domain && MatchDomain(domain, port, verdict)) return verdict;
-  MatchDefault(verdict);
-  return verdict;
-}
+ private:
+  SocketACLModel& model_;
+  const SocketAddress& destination_;
+  const std::uint32_t length_, protocol_;
+  const policy::DestinationFacts& facts_;
+  std::uint32_t verdict_ = kVerdictDeny;
+};
 
-std::uint32_t SocketACLModel::CheckSocketACL(const wchar_t* domain, const sockaddr* address,
-                                             std::uint32_t length, std::uint32_t protocol) noexcept {
+policy::DestinationDecision SocketACLModel::CheckSocketACL(const wchar_t* domain, const sockaddr* address,
+                                                           std::uint32_t length,
+                                                           std::uint32_t protocol) noexcept {
   const std::uint64_t start = GetPreciseTimeMicros();
-  const std::uint32_t verdict = Decide(domain, address, length, protocol);
+  policy::DestinationFacts facts;
+  if (domain) facts.name = policy::U16(std::wstring_view(domain));
+  SocketAddress destination;
+  policy::IpAddress ip;
+  if (net_helper::ReadAddress(address, length, destination) && destination.IsInternet()) {
+    ip = ToIpAddress(destination);
+    facts.address = &ip;
+  }
+  RuleContext context(*this, destination, length, protocol, facts);
+  const policy::DestinationDecision decision = policy::DecideDestination(GetSection(), facts, context);
   const std::uint64_t end = GetPreciseTimeMicros();
   if (MaySendSample(g_check_sample_sent, end))
-    SendSample(0, end - start, verdict, policy::kSubtypeSampleSocketCheck, domain);
-  return verdict;
+    SendSample(0, end - start, decision.verdict, policy::kSubtypeSampleSocketCheck, domain);
+  return decision;
 }
 
 // ---- What the host and the log see ----
@@ -342,21 +334,25 @@ void SocketACLModel::SendNetAudit(const NetAuditFacts& facts) noexcept {
   const HeapText domain = WideToUtf8(facts.domain, static_cast<std::int32_t>(domain_units * sizeof(wchar_t)));
   const policy::NetAudit audit{.type = facts.type,
                                .error = RtlNtStatusToDosErrorNoTeb(facts.status),
-                               .verdict = policy::Verdict{facts.verdict},
+                               .verdict = policy::Verdict{facts.decision.verdict},
                                .protocol = policy::Protocol{facts.protocol},
                                .destination_port = facts.destination_port,
                                .source_port = facts.source_port,
                                .destination = facts.destination,
                                .source = facts.source,
-                               .domain = domain ? std::string_view(domain.get()) : std::string_view()};
+                               .domain = domain ? std::string_view(domain.get()) : std::string_view(),
+                               .extended = GetSection().Has(policy::SectionOption::kDecisionInAudit),
+                               .rule = facts.decision.rule,
+                               .fact = facts.decision.fact};
   EncodeAndSend(audit);
   if (IsDebugLogEnabled()) {
     const HeapText name = WideToAnsi(facts.domain);
     VORN_LOG_I("Audit Type:[%d:%s], Status:%X ACL:[%d:%s] Domain:[%s] DstPath:[%s->%d] Protocol:%d",
                static_cast<int>(facts.type), policy::AuditTypeName(facts.type),
-               static_cast<unsigned>(facts.status), static_cast<int>(facts.verdict),
-               VerdictText(facts.verdict), OrNil(name), facts.destination ? facts.destination : "nil",
-               facts.destination_port, static_cast<int>(facts.protocol));
+               static_cast<unsigned>(facts.status), static_cast<int>(facts.decision.verdict),
+               VerdictText(facts.decision.verdict), OrNil(name),
+               facts.destination ? facts.destination : "nil", facts.destination_port,
+               static_cast<int>(facts.protocol));
   }
 }
 

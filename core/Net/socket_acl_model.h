@@ -18,6 +18,7 @@
 
 #include "Net/net_helper.h"
 #include "Platform/lock.h"
+#include "Policy/destination_decision.h"
 #include "Policy/message.h"
 #include "VornCore/Base/hash_index.h"
 #include "VornCore/Base/list.h"
@@ -44,7 +45,7 @@ struct SocketRecord {
 struct NetAuditFacts {
   vorn::policy::AuditType type;
   NTSTATUS status;
-  std::uint32_t verdict;
+  vorn::policy::DestinationDecision decision;
   const wchar_t* domain;  // null without one
   const char* source;
   std::uint16_t source_port;  // 0 when unknown
@@ -60,10 +61,10 @@ class SocketACLModel {
   SocketACLModel(const SocketACLModel&) = delete;
   SocketACLModel& operator=(const SocketACLModel&) = delete;
 
-  // The verdict (kVerdictDeny, kVerdictAllow, or what the deciding rule says). domain: UTF-16 or null. An
-  // address that is null, empty or unreadable leaves domain and default rules to decide.
-  std::uint32_t CheckSocketACL(const wchar_t* domain, const sockaddr* address, std::uint32_t length,
-                               std::uint32_t protocol) noexcept;
+  // domain: UTF-16 or null. An address that is null, empty or unreadable leaves domain and default rules to
+  // decide.
+  vorn::policy::DestinationDecision CheckSocketACL(const wchar_t* domain, const sockaddr* address,
+                                                   std::uint32_t length, std::uint32_t protocol) noexcept;
 
   // A copy of the socket's record; of an unknown socket all zero but socket = INVALID_SOCKET. With classify,
   // a socket that is bound to a port and has never sent becomes a server.
@@ -93,17 +94,15 @@ class SocketACLModel {
   TrackedSocket* FindTouched(SOCKET socket) noexcept;
   void Touch(TrackedSocket* tracked) noexcept;
   void StoreBound(TrackedSocket* tracked, const net_helper::SocketAddress& address) noexcept;
-  void LookAtTouched(std::uint32_t protocol) noexcept;
+  void RefreshTouchedSockets(std::uint32_t protocol) noexcept;
   void Forget(TrackedSocket* tracked) noexcept;
   ListHead& TouchedList(std::uint32_t protocol) noexcept {
     return touched_[protocol == kProtocolTcp ? 0 : 1];
   }
+  class RuleContext;
+
   bool CheckOwnServer(const net_helper::SocketAddress& destination, std::uint32_t length,
                       std::uint32_t protocol) noexcept;
-  bool DecideByAddress(const sockaddr* address, std::uint32_t length, std::uint32_t protocol,
-                       std::uint16_t& port, std::uint32_t& verdict) noexcept;
-  std::uint32_t Decide(const wchar_t* domain, const sockaddr* address, std::uint32_t length,
-                       std::uint32_t protocol) noexcept;
 
   platform::CriticalSection lock_;
   ListHead sockets_;

@@ -174,24 +174,4 @@ NetRuleMatch MatchDefaultRule(const SectionView& section) noexcept {
   return {};
 }
 
-NetDecision DecideDestination(const SectionView& section, std::u16string_view domain,
-                              const IpAddress* address) noexcept {
-  if (!section.HasNetRules()) return {kVerdictAllow, NetDecider::kNoRules, 0};
-  if (section.IsNetCheckOff()) return {kVerdictAllow, NetDecider::kCheckOff, 0};
-  const auto decided = [](const NetRuleMatch& match, NetDecider decider) noexcept {
-    return NetDecision{match.verdict, decider, match.rule_index};
-  };
-  const bool usable = address && (address->family == kFamilyIPv4 || address->family == kFamilyIPv6);
-  if (usable) {
-    const AddressRuleMatch match = MatchAddressRules(section, *address);
-    if (match.decided) return decided(match, NetDecider::kAddressRule);
-  }
-  if (!domain.empty()) {
-    const DomainRuleMatch match = MatchDomainRules(section, domain, usable ? address->port : 0);
-    if (match.decided) return decided(match, NetDecider::kDomainRule);
-  }
-  const NetRuleMatch match = MatchDefaultRule(section);
-  return match.decided ? decided(match, NetDecider::kDefaultRule) : NetDecision{};
-}
-
 }  // namespace vorn::policy

@@ -1,8 +1,5 @@
-// What the network rules say about a destination.
-//
-// Address rules are asked first, then domain rules, then the default rule; within each step the first rule in
-// the table that matches address or name, and port, decides. Rules without any match deny. The model's own
-// exception for connections to the process's own servers is not part of this file.
+// What the network rules say about an address, about a name, and by default. Of each kind, the first rule in
+// the table that matches address or name, and port, counts. destination_decision.h puts them together.
 //
 // Nothing is allocated or cached: the section's current content decides. Any thread.
 #pragma once
@@ -56,25 +53,5 @@ struct DomainRuleMatch : NetRuleMatch {
 // is a suffix of "." + domain, so *.example.com names example.com and all below it. Units behind a NUL do not
 // count. A pattern without its terminator names every domain that begins with it.
 [[nodiscard]] bool DomainMatches(std::u16string_view pattern, std::u16string_view domain) noexcept;
-
-// The step that decided about a destination.
-enum class NetDecider {
-  kNoRules,   // the section has no network rules: allowed
-  kCheckOff,  // network confinement is off: allowed
-  kAddressRule,
-  kDomainRule,
-  kDefaultRule,
-  kNoMatch,  // denied
-};
-
-struct NetDecision {
-  std::uint32_t verdict = kVerdictDeny;
-  NetDecider decider = NetDecider::kNoMatch;
-  std::uint32_t rule_index = 0;  // meaningful when a rule decided
-};
-
-// The whole decision. `domain` may be empty, `address` null.
-[[nodiscard]] NetDecision DecideDestination(const SectionView& section, std::u16string_view domain,
-                                            const IpAddress* address) noexcept;
 
 }  // namespace vorn::policy

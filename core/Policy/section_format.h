@@ -1,6 +1,7 @@
 // Layout of the shared configuration section, version 2: what the host writes and the library reads.
 //
 //   0    SharedDataHeader
+//   100  SectionOptions        optional: what a host asks for beyond the plain section
 //   ...  file rule table      file rule count × FileRuleRecord, back to back
 //   ...  network rule table   network rule count × NetRuleRecord, back to back
 //   ...  strings, addresses, port lists, in any order and at any alignment
@@ -9,6 +10,7 @@
 // count bytes; strings are UTF-16LE and their length leaves out a terminator. A length of 0 means absent.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -74,6 +76,25 @@ static_assert(offsetof(SharedDataHeader, create_process_event_prefix) == 44);
 static_assert(offsetof(SharedDataHeader, ipc_path_32) == 76);
 static_assert(offsetof(SharedDataHeader, file_rule_count) == 84);
 static_assert(offsetof(SharedDataHeader, net_rule_offset) == 96);
+
+// What a host can ask for beyond the plain section: bits of SectionOptions::enabled. A section without the
+// block, or with a block that is too short to hold a field, asks for none of it.
+enum class SectionOption : std::uint32_t {
+  kDecisionInAudit = 1u << 0,  // audits carry the rule and the fact that decided
+  kAuditAllowed = 1u << 1,     // files that a program may open are audited, too
+};
+
+// Tells the block from whatever else may follow the header.
+inline constexpr std::array<std::uint8_t, 16> kSectionOptionsId = {
+    0x8E, 0x31, 0x5B, 0xF0, 0x27, 0xD4, 0x4C, 0x9A, 0xA6, 0x02, 0xC7, 0x7D, 0x19, 0xEE, 0x63, 0xB8};
+
+// Grows at its end: `size` says how much of it the host knows, and a reader skips what it does not know.
+struct SectionOptions {
+  std::array<std::uint8_t, 16> id;  // kSectionOptionsId
+  SharedU32 size;                   // bytes, id and size included
+  SharedU32 enabled;                // SectionOption bits; unknown ones are ignored
+};
+static_assert(sizeof(SectionOptions) == 24 && alignof(SectionOptions) == 1);
 
 struct FileRuleRecord {
   SharedU32 access;     // FileACL

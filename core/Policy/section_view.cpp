@@ -95,6 +95,15 @@ std::uint32_t SectionView::Flags() const noexcept {
   return header ? std::uint32_t{header->flags} : 0;
 }
 
+bool SectionView::Has(SectionOption option) const noexcept {
+  const std::byte* block = At(sizeof(SharedDataHeader), sizeof(SectionOptions));
+  if (!block) return false;
+  const auto* options = reinterpret_cast<const SectionOptions*>(block);
+  return std::memcmp(&options->id, &kSectionOptionsId, sizeof options->id) == 0 &&
+         options->size >= sizeof(SectionOptions) &&
+         (options->enabled & static_cast<std::uint32_t>(option)) != 0;
+}
+
 bool SectionView::HasNetRules() const noexcept {
   const SharedDataHeader* header = Header();
   return header && header->net_rule_count != 0;

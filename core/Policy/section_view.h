@@ -97,6 +97,9 @@ class SectionView {
   }
   [[nodiscard]] bool IsNetCheckOff() const noexcept { return (Flags() & kFlagNetCheckOff) != 0; }
 
+  // Whether the host asks for it.
+  [[nodiscard]] bool Has(SectionOption option) const noexcept;
+
   // Records that exist: at most as many as the host's count says, and none beyond the section, so that a loop
   // over them ends.
   [[nodiscard]] std::uint32_t FileRuleCount() const noexcept {

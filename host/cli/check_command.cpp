@@ -22,13 +22,15 @@ const char* AccessText(policy::FileACL access) {
 
 std::string ExplainPath(const host::CompiledPolicy& policy, const std::string& question) {
   const host::PathDecision decision = policy.DecidePath(host::ToWide(question));
-  return fmt::format("{:<10}  {}  ({}; looked up as {})", AccessText(decision.access), question,
-                     host::CompiledPolicy::Describe(decision), host::ToUtf8(decision.nt_path));
+  const policy::FileVerdict& verdict = decision.verdict.file;
+  return fmt::format(
+      "{:<10}  {}  ({}; {}looked up as {})", AccessText(verdict.access), question, policy.Describe(verdict),
+      decision.path.folder_exists ? "" : "its folder does not exist; ", host::ToUtf8(decision.path.nt_path));
 }
 
 std::string ExplainDestination(const host::CompiledPolicy& policy, const host::PolicyNetRule& destination) {
-  const host::DestinationDecision decision = policy.DecideDestination(destination);
-  return fmt::format("{:<10}  {}  ({})", decision.allow ? "allow" : "deny", destination.text,
+  const policy::DestinationDecision decision = policy.DecideDestination(destination);
+  return fmt::format("{:<10}  {}  ({})", policy::VerdictText(decision.verdict), destination.text,
                      policy.Describe(decision));
 }
 

@@ -112,7 +112,7 @@ int Run(const RunArguments& arguments) {
          .on_disconnect = {},
          .on_error = [&](const std::string& text) { report.OnTransportError(text); }});
     host::SectionContents contents;
-    policy->FillIn(contents);
+    policy->BuildSectionContents(contents);
     contents.UseLibrariesIn(OwnFolder());
     contents.server_port = server.port_name();
     contents.log_directory = log_directory;

@@ -5,7 +5,6 @@
 #include <fmt/format.h>
 
 #include <filesystem>
-#include <system_error>
 #include <utility>
 
 #include "Policy/message.h"
@@ -32,12 +31,13 @@ void RunReport::OnMessage(std::uint32_t pid, std::span<const std::byte> message)
     return;
   if (std::holds_alternative<host::CrashEvent>(event.body))
     host::AddCrashDump(event, dump_directory_, started_at_ms_[pid]);
-  if (events_.is_open() && !(events_ << host::EventJson(event) << '\n' << std::flush)) {
+  const std::string rule = std::visit([&](const auto& body) { return RuleText(body); }, event.body);
+  if (events_.is_open() && !(events_ << host::EventJson(event, rule) << '\n' << std::flush)) {
     PrintErrorLine("vorn: the events file is incomplete, it cannot be written any more: " +
                    host::Win32ErrorText(GetLastError()));
     events_.close();
   }
-  std::visit([&](const auto& body) { On(event, body); }, event.body);
+  std::visit([&](const auto& body) { On(event, body, rule); }, event.body);
 }
 
 void RunReport::OnTransportError(const std::string& text) {
@@ -59,12 +59,12 @@ void RunReport::OnProcesses(std::uint32_t program, const std::vector<host::Launc
   }
 }
 
-void RunReport::On(const host::Event& event, const host::ProcessStartEvent& start) {
+void RunReport::On(const host::Event& event, const host::ProcessStartEvent& start, const std::string&) {
   processes_.Started(event.pid, start.parent_pid, start.image_name);
   Show(event);
 }
 
-void RunReport::On(const host::Event& event, const host::ChildEvent& child) {
+void RunReport::On(const host::Event& event, const host::ChildEvent& child, const std::string&) {
   switch (child.kind) {
     case policy::ProcessEventKind::kInjected:
       processes_.Injected(event.pid, child.child_pid, child.image_name);
@@ -79,7 +79,7 @@ void RunReport::On(const host::Event& event, const host::ChildEvent& child) {
   Show(event);
 }
 
-void RunReport::On(const host::Event& event, const host::CrashEvent&) {
+void RunReport::On(const host::Event& event, const host::CrashEvent&, const std::string&) {
   // A process that crashes says so once per thread; one that lies must not fill the memory.
   constexpr std::size_t kShownCrashes = 50;
   ++crashes_;
@@ -90,7 +90,7 @@ void RunReport::On(const host::Event& event, const host::CrashEvent&) {
   Show(event);
 }
 
-void RunReport::On(const host::Event& event, const host::FileEvent& file) {
+void RunReport::On(const host::Event& event, const host::FileEvent& file, const std::string& rule) {
   if (file.error == 0) {
     if (file.type == policy::AuditType::kDeleteToRecycle &&
         !journal_.Add({host::ToWide(file.source), event.time_ms, event.pid}))
@@ -98,15 +98,11 @@ void RunReport::On(const host::Event& event, const host::FileEvent& file) {
                      host::Printable(file.source));
     return Show(event);
   }
-  // A rename is refused for its target when its source may be written.
-  const bool by_target = !file.destination.empty() && file.source_access == policy::FileACL::kReadWrite;
-  const std::string rule = FileRuleText(by_target ? file.destination : file.source);
   Refused(file.type, rule);
   Show(event, rule);
 }
 
-void RunReport::On(const host::Event& event, const host::NetEvent& net) {
-  const std::string rule = NetRuleText(net);
+void RunReport::On(const host::Event& event, const host::NetEvent& net, const std::string& rule) {
   if (net.verdict == policy::Verdict::kAllow)
     ++connections_;
   else
@@ -114,7 +110,7 @@ void RunReport::On(const host::Event& event, const host::NetEvent& net) {
   Show(event, rule);
 }
 
-void RunReport::On(const host::Event& event, const host::MalformedEvent&) {
+void RunReport::On(const host::Event& event, const host::MalformedEvent&, const std::string&) {
   ++malformed_;
   Show(event);
 }
@@ -124,28 +120,13 @@ void RunReport::Refused(policy::AuditType operation, const std::string& rule) {
   ++refusals_[fmt::format("{:<8}{}", policy::AuditTypeName(operation), rule)];
 }
 
-std::string RunReport::FileRuleText(const std::string& path) {
-  if (const auto known = rule_of_path_.find(path); known != rule_of_path_.end()) return known->second;
-  std::string text;
-  try {
-    text = host::CompiledPolicy::Describe(policy_.DecidePath(host::ToWide(path)));
-  } catch (const std::system_error&) {
-    text = "a path without a drive";
-  }
-  constexpr std::size_t kRemembered = 10'000;
-  if (rule_of_path_.size() >= kRemembered) rule_of_path_.clear();
-  return rule_of_path_[path] = text;
+std::string RunReport::RuleText(const host::FileEvent& file) const {
+  return policy_.Describe(policy::FileVerdict{.fact = file.fact, .rule = file.rule});
 }
 
-std::string RunReport::NetRuleText(const host::NetEvent& net) const {
-  const bool v6 = net.destination.find(':') != std::string::npos;
-  std::string text = v6 ? "[" + net.destination + "]" : net.destination;
-  if (net.destination_port != 0) text += fmt::format(":{}", net.destination_port);
-  auto parsed = host::ParseDestination(text);
-  auto* destination = std::get_if<host::PolicyNetRule>(&parsed);
-  if (!destination) return "no address";
-  destination->domain = net.domain;
-  return policy_.Describe(policy_.DecideDestination(*destination));
+std::string RunReport::RuleText(const host::NetEvent& net) const {
+  return policy_.Describe(policy::DestinationDecision{
+      .verdict = static_cast<std::uint32_t>(net.verdict), .fact = net.fact, .rule = net.rule});
 }
 
 void RunReport::Show(const host::Event& event, const std::string& rule) const {

@@ -35,18 +35,19 @@ class RunReport {
   void PrintSummary(const std::string& end) const;
 
  private:
-  void On(const host::Event& event, const host::ProcessStartEvent& start);
-  void On(const host::Event& event, const host::ChildEvent& child);
-  void On(const host::Event& event, const host::CrashEvent& crash);
-  void On(const host::Event& event, const host::FileEvent& file);
-  void On(const host::Event& event, const host::NetEvent& net);
-  void On(const host::Event& event, const host::MalformedEvent& malformed);
-  void On(const host::Event&, const host::SampleEvent&) {}
+  // rule: what decided about the event; empty where nothing did.
+  void On(const host::Event& event, const host::ProcessStartEvent& start, const std::string& rule);
+  void On(const host::Event& event, const host::ChildEvent& child, const std::string& rule);
+  void On(const host::Event& event, const host::CrashEvent& crash, const std::string& rule);
+  void On(const host::Event& event, const host::FileEvent& file, const std::string& rule);
+  void On(const host::Event& event, const host::NetEvent& net, const std::string& rule);
+  void On(const host::Event& event, const host::MalformedEvent& malformed, const std::string& rule);
+  void On(const host::Event&, const host::SampleEvent&, const std::string&) {}
 
-  std::string FileRuleText(const std::string& path);
-  std::string NetRuleText(const host::NetEvent& net) const;
+  std::string RuleText(const host::FileEvent& file) const;
+  std::string RuleText(const host::NetEvent& net) const;
+  std::string RuleText(const auto&) const { return {}; }
   void Refused(policy::AuditType operation, const std::string& rule);
-  // The event's line, with the rule that decided it.
   void Show(const host::Event& event, const std::string& rule = {}) const;
 
   const host::CompiledPolicy& policy_;
@@ -55,7 +56,6 @@ class RunReport {
   const bool quiet_;
   std::ofstream events_;
   ProcessTree processes_;
-  std::unordered_map<std::string, std::string> rule_of_path_;
   std::map<std::string, std::size_t> refusals_;                     // by operation and rule
   std::unordered_map<std::uint32_t, std::uint64_t> started_at_ms_;  // by process id
   std::vector<std::string> crash_lines_;

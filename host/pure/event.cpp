@@ -258,13 +258,14 @@ std::string EventLine(const Event& event, ErrorTextFunction error_text) {
   return line + std::visit(LineWriter(error_text), event.body);
 }
 
-std::string EventJson(const Event& event) {
+std::string EventJson(const Event& event, const std::string& rule) {
   Json json;
   json["time"] = IsoTime(event.time_ms);
   json["pid"] = event.pid;
   if (event.stated_pid != event.pid) json["stated_pid"] = event.stated_pid;
   json["event"] = EventName(event.body);
   std::visit([&](const auto& body) { PutBody(json, body); }, event.body);
+  if (!rule.empty()) json["rule"] = rule;
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 

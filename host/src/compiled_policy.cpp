@@ -1,15 +1,16 @@
 #include "vorn/compiled_policy.h"
 
-#include <windows.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <system_error>
 #include <unordered_map>
 
+#include "Platform/native.h"
 #include "Policy/device_path.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
-#include "vorn/nt_path.h"
+#include "ipc/port/unique_handle.h"
 #include "vorn/text.h"
 
 namespace vorn::host {
@@ -33,16 +34,69 @@ std::wstring Folded(std::wstring path) {
   return path;
 }
 
-std::wstring TempDirectory() {
+std::wstring TempDirectory(PathResolver& resolver) {
   wchar_t path[MAX_PATH + 1];
   const DWORD length = GetTempPathW(MAX_PATH + 1, path);
   if (length == 0 || length > MAX_PATH) return {};
   try {
-    return ToNtPath(path);
+    return resolver.Resolve(path).nt_path;
   } catch (const std::system_error&) {
     return {};
   }
 }
+
+// Where the other names of a file matter, for a system that cannot list them.
+const std::vector<FileRule>* g_link_folders;
+std::wstring_view LinkFolder(std::uint32_t index) {
+  return index < g_link_folders->size() ? std::wstring_view((*g_link_folders)[index].path)
+                                        : std::wstring_view();
+}
+
+// The other names of a file, as the library finds them.
+class OtherNames final : public policy::FileContext {
+ public:
+  explicit OtherNames(const ResolvedPath& file) : file_(file) {}
+  ~OtherNames() {
+    if (find_ != INVALID_HANDLE_VALUE) native_.FindClose(find_);
+  }
+  OtherNames(const OtherNames&) = delete;
+  OtherNames& operator=(const OtherNames&) = delete;
+
+  bool NextName(std::u16string_view* name) noexcept override {
+    DWORD units = static_cast<DWORD>(buffer_.size());
+    if (!asked_) {
+      asked_ = true;
+      // Without the stream, which has no names of its own.
+      const std::wstring& path = file_.dos_path;
+      const std::wstring file = path.substr(0, path.find(L':', path.rfind(L'\\') + 1));
+      if (file_.exists && HasSeveralNames(file) && native_.FindFirstFileNameW)
+        find_ = native_.FindFirstFileNameW(file.c_str(), 0, &units, buffer_.data());
+      if (find_ == INVALID_HANDLE_VALUE) return false;
+    } else if (find_ == INVALID_HANDLE_VALUE || !native_.FindNextFileNameW(find_, &units, buffer_.data())) {
+      return false;
+    }
+    const std::size_t device = file_.nt_path.find(L'\\', policy::kDevicePrefix.size());
+    name_ = file_.nt_path.substr(0, device) + buffer_.data();
+    *name = policy::U16(std::wstring_view(name_));
+    return true;
+  }
+
+ private:
+  static bool HasSeveralNames(const std::wstring& path) {
+    const ipc::UniqueHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, nt::kShareAll, nullptr,
+                                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    BY_HANDLE_FILE_INFORMATION info;
+    return file && GetFileInformationByHandle(file.get(), &info) &&
+           !(info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && info.nNumberOfLinks >= 2;
+  }
+
+  const VornCore::platform::NativeApi& native_ = VornCore::platform::Native();
+  const ResolvedPath& file_;
+  std::vector<wchar_t> buffer_ = std::vector<wchar_t>(32768);
+  std::wstring name_;
+  HANDLE find_ = INVALID_HANDLE_VALUE;
+  bool asked_ = false;
+};
 
 }  // namespace
 
@@ -50,9 +104,10 @@ std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(Poli
   CompiledPolicy compiled(std::move(document));
   std::vector<PolicyError> errors;
   std::unordered_map<std::wstring, const PolicyFileRule*> rule_of;  // by place
+  PathResolver resolver;
   for (const PolicyFileRule& rule : compiled.document_.files) {
     try {
-      std::wstring path = ToNtPath(ToWide(rule.path));
+      std::wstring path = resolver.Resolve(ToWide(rule.path)).nt_path;
       const auto [first, added] = rule_of.emplace(Folded(path), &rule);
       if (!added && first->second->access != rule.access)
         errors.push_back({rule.place, "\"" + rule.path + "\" is the same place as \"" + first->second->path +
@@ -65,14 +120,15 @@ std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(Poli
     }
   }
   if (!errors.empty()) return errors;
-  compiled.temp_directory_ = TempDirectory();
+  compiled.temp_directory_ = TempDirectory(resolver);
   SectionContents contents;
-  compiled.FillIn(contents);
+  compiled.BuildSectionContents(contents);
   compiled.section_ = LayOutSection(contents);
   return compiled;
 }
 
-void CompiledPolicy::FillIn(SectionContents& contents) const {
+void CompiledPolicy::BuildSectionContents(SectionContents& contents) const {
+  contents.options = static_cast<std::uint32_t>(policy::SectionOption::kDecisionInAudit);
   contents.flags = document_.log_level;
   if (!document_.enforce_files) contents.flags |= policy::kFlagFileCreateCheckOff;
   if (!document_.enforce_network) contents.flags |= policy::kFlagNetCheckOff;
@@ -102,29 +158,23 @@ void CompiledPolicy::FillIn(SectionContents& contents) const {
 
 PathDecision CompiledPolicy::DecidePath(const std::wstring& path) const {
   PathDecision decision;
-  decision.nt_path = ToNtPath(path);
-  const std::u16string_view nt_path = policy::U16(std::wstring_view(decision.nt_path));
+  decision.path = resolver_.Resolve(path);
   if (!document_.enforce_files) {
-    decision.access = policy::FileACL::kUnknown;
-    decision.reason = PathReason::kCheckOff;
-  } else if (policy::IsRecycleBinPath(nt_path)) {
-    decision.access = policy::FileACL::kReadWrite;
-    decision.reason = PathReason::kRecycleBin;
-  } else if (policy::IsUnder(nt_path, policy::U16(std::wstring_view(temp_directory_)))) {
-    decision.access = policy::FileACL::kReadWrite;
-    decision.reason = PathReason::kTemp;
-  } else {
-    const policy::FileRuleMatch match = policy::CheckFileACL(policy::SectionView(section_), nt_path);
-    decision.access = match.access;
-    if (match.found) {
-      decision.reason = PathReason::kRule;
-      decision.rule = &document_.files[match.rule_index];
-    }
+    decision.verdict.file =
+        decision.verdict.named = {policy::FileACL::kUnknown, policy::DecidingFact::kCheckOff};
+    return decision;
   }
+  g_link_folders = &file_rules_;
+  VornCore::platform::SetLinkFolderSource(&LinkFolder);
+  OtherNames names(decision.path);
+  decision.verdict = policy::DecideFile(policy::SectionView(section_),
+                                        {.path = policy::U16(std::wstring_view(decision.path.nt_path)),
+                                         .temp_directory = policy::U16(std::wstring_view(temp_directory_))},
+                                        names);
   return decision;
 }
 
-DestinationDecision CompiledPolicy::DecideDestination(const PolicyNetRule& destination) const {
+policy::DestinationDecision CompiledPolicy::DecideDestination(const PolicyNetRule& destination) const {
   policy::IpAddress address;
   address.family = destination.address.size() == 4    ? policy::kFamilyIPv4
                    : destination.address.size() == 16 ? policy::kFamilyIPv6
@@ -132,64 +182,51 @@ DestinationDecision CompiledPolicy::DecideDestination(const PolicyNetRule& desti
   std::copy(destination.address.begin(), destination.address.end(), address.bytes.begin());
   address.port = destination.ports.empty() ? 0 : destination.ports.front();
   address = policy::UnwrapMappedIPv4(address);
-  const std::wstring domain = ToWide(destination.domain);
-  const std::u16string_view name = policy::U16(std::wstring_view(domain));
-  const policy::SectionView section(section_);
-  policy::NetDecision kernel =
-      policy::DecideDestination(section, name, destination.address.empty() ? nullptr : &address);
-  if (destination.address.empty() && kernel.decider != policy::NetDecider::kNoRules &&
-      kernel.decider != policy::NetDecider::kCheckOff) {
-    // A name alone: no address rule covers it, but its port counts.
-    if (const policy::DomainRuleMatch match = policy::MatchDomainRules(section, name, address.port);
-        match.decided)
-      kernel = {match.verdict, policy::NetDecider::kDomainRule, match.rule_index};
-    else
-      kernel = policy::DecideDestination(section, {}, nullptr);
-  }
-  DestinationDecision decision;
-  decision.allow = kernel.verdict == policy::kVerdictAllow;
-  decision.decider = kernel.decider;
-  if (kernel.decider == policy::NetDecider::kAddressRule || kernel.decider == policy::NetDecider::kDomainRule)
-    decision.rule = &NetworkRule(kernel.rule_index);
-  return decision;
+  const std::wstring name = ToWide(destination.domain);
+  policy::DestinationContext context;
+  return policy::DecideDestination(policy::SectionView(section_),
+                                   {.address = &address, .name = policy::U16(std::wstring_view(name))},
+                                   context);
 }
 
-const PolicyNetRule& CompiledPolicy::NetworkRule(std::size_t index) const {
-  if (index < document_.network.size()) return document_.network[index];
+const PolicyNetRule* CompiledPolicy::NetworkRule(std::size_t index) const {
+  if (index < document_.network.size()) return &document_.network[index];
   index -= document_.network.size();
-  return *std::ranges::find_if(
+  const auto name = std::ranges::find_if(
       document_.network, [&](const PolicyNetRule& rule) { return !rule.domain.empty() && index-- == 0; });
+  return name == document_.network.end() ? nullptr : &*name;
 }
 
-std::string CompiledPolicy::Describe(const PathDecision& decision) {
-  switch (decision.reason) {
-    case PathReason::kRule:
-      return std::string(AccessName(decision.rule->access)) + " " + decision.rule->path + " (line " +
-             std::to_string(decision.rule->place.line) + ")";
-    case PathReason::kNoRule:
-      return "no rule: read only";
-    case PathReason::kTemp:
-      return "temp folder: read and write";
-    case PathReason::kRecycleBin:
-      return "recycle bin: read and write";
-    case PathReason::kCheckOff:
-      return "files are not enforced";
+std::string CompiledPolicy::Describe(const policy::FileVerdict& verdict) const {
+  const std::string fact = policy::DecidingFactText(verdict.fact);
+  const bool by_rule = verdict.fact == policy::DecidingFact::kRule;
+  std::string rule;
+  if (verdict.rule < document_.files.size()) {
+    const PolicyFileRule& decided = document_.files[verdict.rule];
+    rule = fmt::format("{} {} (line {})", AccessName(decided.access), decided.path, decided.place.line);
+  } else if (by_rule || verdict.rule != policy::kNoRule) {
+    rule = "unknown rule";
+  } else if (verdict.fact == policy::DecidingFact::kOtherName) {
+    rule = policy::DecidingFactText(policy::DecidingFact::kNoFileRule);
   }
-  return {};
+  if (by_rule) return rule;
+  return rule.empty() ? fact : fact + ": " + rule;
 }
 
-std::string CompiledPolicy::Describe(const DestinationDecision& decision) const {
-  switch (decision.decider) {
-    case policy::NetDecider::kNoRules:
+std::string CompiledPolicy::Describe(const policy::DestinationDecision& decision) const {
+  switch (decision.fact) {
+    case policy::DecidingFact::kNoNetRules:
       return "no [network] table: the network is not confined";
-    case policy::NetDecider::kCheckOff:
-      return "the network is not enforced";
-    case policy::NetDecider::kDefaultRule:
-    case policy::NetDecider::kNoMatch:
-      return std::string("default: ") + (decision.allow ? "allow" : "deny");
+    case policy::DecidingFact::kDefaultRule:
+    case policy::DecidingFact::kNoMatch:
+      return fmt::format("default: {}", policy::VerdictText(policy::Verdict{decision.verdict}));
+    case policy::DecidingFact::kAddressRule:
+    case policy::DecidingFact::kDomainRule:
+      if (const PolicyNetRule* rule = NetworkRule(decision.rule))
+        return fmt::format("{} {} (line {})", rule->allow ? "allow" : "deny", rule->text, rule->place.line);
+      return "unknown rule";
     default:
-      return std::string(decision.rule->allow ? "allow " : "deny ") + decision.rule->text + " (line " +
-             std::to_string(decision.rule->place.line) + ")";
+      return policy::DecidingFactText(decision.fact);
   }
 }
 

@@ -1,7 +1,11 @@
 #include "vorn/nt_path.h"
 
 #include <system_error>
+#include <vector>
 
+#include "Policy/device_path.h"
+#include "Policy/file_decision.h"
+#include "Policy/wide.h"
 #include "ipc/port/unique_handle.h"
 #include "vorn/text.h"
 
@@ -37,54 +41,52 @@ std::wstring WithoutDevicePrefix(std::wstring path) {
   return path;
 }
 
+// Calls ask(buffer, units), which answers how many units it wrote, and gives them as a string of just that
+// size; empty on failure.
+template <class Ask>
+std::wstring AskForText(Ask ask) {
+  static thread_local std::vector<wchar_t> buffer(kMaxPathUnits);
+  const DWORD units = ask(buffer.data(), static_cast<DWORD>(buffer.size()));
+  return units < buffer.size() ? std::wstring(buffer.data(), units) : std::wstring();
+}
+
 std::wstring FullPath(const std::wstring& path) {
-  std::wstring full(kMaxPathUnits, L'\0');
-  const DWORD units = GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-  if (units == 0 || units >= full.size()) Fail(units ? ERROR_FILENAME_EXCED_RANGE : GetLastError(), path);
-  full.resize(units);
+  std::wstring full = AskForText(
+      [&](wchar_t* buffer, DWORD units) { return GetFullPathNameW(path.c_str(), units, buffer, nullptr); });
+  if (full.empty()) Fail(ERROR_FILENAME_EXCED_RANGE, path);
   return full;
 }
 
-// The final form of an existing file or folder, or nothing.
-std::wstring FinalPath(const std::wstring& path) {
-  const ipc::UniqueHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, nt::kShareAll, nullptr,
+// The final form of an existing file or folder. Empty when it cannot be opened: *missing says whether it is
+// not there.
+std::wstring FinalPath(const std::wstring& path, bool* missing) {
+  // A drive is opened as its root folder: without the backslash it would be the volume.
+  const std::wstring name = path.size() == 2 ? path + L'\\' : path;
+  const ipc::UniqueHandle file(CreateFileW(name.c_str(), FILE_READ_ATTRIBUTES, nt::kShareAll, nullptr,
                                            OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  const DWORD error = GetLastError();
+  *missing = !file && (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND);
   if (!file) return {};
-  std::wstring final_path(kMaxPathUnits, L'\0');
-  const DWORD units = GetFinalPathNameByHandleW(file.get(), final_path.data(),
-                                                static_cast<DWORD>(final_path.size()), VOLUME_NAME_DOS);
-  if (units == 0 || units >= final_path.size()) return {};
-  final_path.resize(units);
-  return WithoutDevicePrefix(std::move(final_path));
+  std::wstring final_path = WithoutDevicePrefix(AskForText([&](wchar_t* buffer, DWORD units) {
+    return GetFinalPathNameByHandleW(file.get(), buffer, units, VOLUME_NAME_DOS);
+  }));
+  if (final_path.ends_with(L'\\')) final_path.pop_back();
+  return final_path;
 }
 
-// Resolves the longest part of the path that exists; "\\server" alone and what is above a root is never
-// asked.
-std::wstring Resolve(const std::wstring& path) {
-  const std::size_t root = IsUnc(path) ? path.find(L'\\', 2) : 2;
-  for (std::size_t end = path.size(); end != std::wstring::npos && end >= root;
-       end = path.rfind(L'\\', end - 1)) {
-    // A drive is opened as its root folder: without the backslash it would be the volume.
-    std::wstring part = path.substr(0, end);
-    if (part.size() == 2) part += L'\\';
-    std::wstring final_path = FinalPath(part);
-    if (final_path.empty()) continue;
-    if (final_path.back() == L'\\') final_path.pop_back();
-    return final_path + path.substr(end);
-  }
-  return path;
-}
+// Where the part ends that is never asked about: "\\\\server" or "C:".
+std::size_t RootUnits(const std::wstring& path) { return IsUnc(path) ? path.find(L'\\', 2) : 2; }
 
 // The device of a drive such as "C:"; a substituted drive's is below another drive, a mapped one's below Mup.
-std::wstring DeviceOf(const std::wstring& drive, const std::wstring& path, int depth = 0) {
-  std::wstring target(kMaxPathUnits, L'\0');
-  if (!QueryDosDeviceW(drive.c_str(), target.data(), static_cast<DWORD>(target.size())))
-    Fail(GetLastError(), path);
-  target.resize(std::wstring(target.c_str()).size());  // the first of several strings is in force
+std::wstring QueryDevice(const std::wstring& drive, const std::wstring& path, int depth = 0) {
+  std::wstring target = AskForText([&](wchar_t* buffer, DWORD units) {
+    return QueryDosDeviceW(drive.c_str(), buffer, units) ? static_cast<DWORD>(wcslen(buffer)) : 0;
+  });
+  if (target.empty()) Fail(GetLastError(), path);
   if (target.starts_with(kDosDirectory) && depth < 8) {
     const std::wstring below = target.substr(kDosDirectory.size());
     if (below.starts_with(L"UNC\\")) return std::wstring(kMup) + below.substr(4);
-    return DeviceOf(below.substr(0, 2), path, depth + 1) + below.substr(2);
+    return QueryDevice(below.substr(0, 2), path, depth + 1) + below.substr(2);
   }
   if (target.starts_with(kRedirector)) {  // \Device\LanmanRedirector\;X:0000…\server\share
     const std::size_t share = target.find(L'\\', kRedirector.size());
@@ -95,7 +97,35 @@ std::wstring DeviceOf(const std::wstring& drive, const std::wstring& path, int d
 
 }  // namespace
 
-std::wstring ToNtPath(const std::wstring& path) {
+const std::wstring& PathResolver::DeviceOf(const std::wstring& drive, const std::wstring& path) {
+  std::wstring& device = devices_[drive];
+  if (device.empty()) device = QueryDevice(drive, path);
+  return device;
+}
+
+// What lies in a folder that does not exist does not exist either: it is not asked about.
+PathResolver::Place PathResolver::Find(const std::wstring& path) {
+  const std::size_t separator = path.rfind(L'\\');
+  const bool is_root = separator == std::wstring::npos || path.size() <= RootUnits(path);
+  if (is_root && IsUnc(path)) return {path, true};
+  const Place* folder = is_root ? nullptr : &FindFolder(path.substr(0, separator));
+  bool missing = folder && !folder->exists;
+  if (!missing) {
+    std::wstring final_path = FinalPath(path, &missing);
+    if (!final_path.empty()) return {std::move(final_path), true};
+  }
+  // A folder that may not be opened may have contents that may.
+  if (!folder) return {path, !missing};
+  return {folder->path + path.substr(separator), !missing};
+}
+
+const PathResolver::Place& PathResolver::FindFolder(const std::wstring& path) {
+  if (const auto known = folders_.find(path); known != folders_.end()) return known->second;
+  Place place = Find(path);
+  return folders_.emplace(path, std::move(place)).first->second;
+}
+
+ResolvedPath PathResolver::Resolve(const std::wstring& path) {
   std::wstring plain = WithoutDevicePrefix(path);
   for (wchar_t& unit : plain) {
     if (unit == L'/') unit = L'\\';
@@ -103,13 +133,27 @@ std::wstring ToNtPath(const std::wstring& path) {
   if (plain.size() == 2 && plain[1] == L':') plain += L'\\';
   if (!HasDrive(plain) && !IsUnc(plain)) Fail(ERROR_BAD_PATHNAME, path);
   plain = FullPath(plain);
-  while (plain.size() > 3 && plain.back() == L'\\') plain.pop_back();
+  while (plain.size() > 2 && plain.back() == L'\\') plain.pop_back();
 
-  const std::wstring resolved = Resolve(plain);
-  std::wstring result = IsUnc(resolved) ? std::wstring(kMup) + resolved.substr(2)
-                                        : DeviceOf(resolved.substr(0, 2), path) + resolved.substr(2);
-  if (result.back() == L'\\') result.pop_back();
-  return result;
+  Place place = Find(plain);
+  const std::size_t stream = policy::FindStream(policy::U16(std::wstring_view(plain)));
+  if (!place.exists && stream != policy::kNotFound && stream > 2) {
+    Place file = Find(plain.substr(0, stream));
+    if (file.exists) place = {file.path + plain.substr(stream), true};
+  }
+  ResolvedPath resolved;
+  resolved.exists = place.exists;
+  const std::size_t separator = plain.rfind(L'\\');
+  resolved.folder_exists =
+      place.exists || (separator != std::wstring::npos && separator >= RootUnits(plain) &&
+                       FindFolder(plain.substr(0, separator)).exists);
+  resolved.nt_path = IsUnc(place.path) ? std::wstring(kMup) + place.path.substr(2)
+                                       : DeviceOf(place.path.substr(0, 2), path) + place.path.substr(2);
+  if (resolved.nt_path.ends_with(L'\\')) resolved.nt_path.pop_back();
+  resolved.dos_path = std::move(place.path);
+  return resolved;
 }
+
+std::wstring ToNtPath(const std::wstring& path) { return PathResolver().Resolve(path).nt_path; }
 
 }  // namespace vorn::host

@@ -113,7 +113,8 @@ std::vector<std::byte> LayOutSection(const SectionContents& contents) {
   if (contents.dump_directory.size() > kMaxDumpDirectoryUnits) {
     throw std::invalid_argument("the dump directory is too long");
   }
-  const std::size_t file_table = sizeof(SharedDataHeader);
+  const std::size_t options_bytes = contents.options ? sizeof(policy::SectionOptions) : 0;
+  const std::size_t file_table = sizeof(SharedDataHeader) + options_bytes;
   const std::size_t net_table = file_table + contents.file_rules.size() * sizeof(policy::FileRuleRecord);
   Layout layout(net_table + contents.net_rules.size() * sizeof(policy::NetRuleRecord));
 
@@ -134,6 +135,9 @@ std::vector<std::byte> LayOutSection(const SectionContents& contents) {
   header.net_rule_count = static_cast<std::uint32_t>(contents.net_rules.size());
   header.net_rule_offset = static_cast<std::uint32_t>(net_table);
   layout.Put(0, header);
+  if (options_bytes)
+    layout.Put(sizeof header, policy::SectionOptions{policy::kSectionOptionsId, sizeof(policy::SectionOptions),
+                                                     contents.options});
   for (std::size_t i = 0; i < contents.file_rules.size(); ++i) {
     layout.Put(file_table + i * sizeof(policy::FileRuleRecord), LayOut(contents.file_rules[i], layout));
   }

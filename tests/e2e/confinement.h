@@ -149,6 +149,9 @@ class Confinement {
     contents.UseLibrariesIn(ThisProgram().parent_path().wstring());
     contents.log_directory = folder_.path().wstring();
     contents.server_port = server_.port_name();
+    // The same tests run with a section that asks for more.
+    if (GetEnvironmentVariableW(L"VORN_TEST_OPTIONS", nullptr, 0))
+      contents.options = static_cast<std::uint32_t>(policy::SectionOption::kDecisionInAudit);
     if (adjust) adjust(contents);
     return contents;
   }

@@ -12,7 +12,7 @@
 #include <string_view>
 
 #include "Policy/device_path.h"
-#include "Policy/file_rules.h"
+#include "Policy/file_decision.h"
 #include "tests/e2e/confinement.h"
 #include "tests/e2e/log_follower.h"
 
@@ -40,7 +40,8 @@ inline void PrintTo(const Audit& audit, std::ostream* out) {
 struct ScriptRun {
   std::int64_t exit_code = -1;
   std::vector<std::string> answers;
-  std::vector<Audit> audits;  // in the order in which they were sent
+  std::vector<Audit> audits;                  // in the order in which they were sent
+  std::vector<policy::FileVerdict> verdicts;  // of the audits, where the section asks for them
   std::vector<Received> messages;
   std::string log;
 
@@ -87,7 +88,8 @@ class FileScript : public TestFolder {
     return *this;
   }
 
-  ScriptRun Run(const std::vector<host::FileRule>& rules, std::uint32_t flags = kEverythingLogged) const {
+  ScriptRun Run(const std::vector<host::FileRule>& rules, std::uint32_t flags = kEverythingLogged,
+                std::uint32_t options = 0) const {
     const std::filesystem::path script = Path("script.txt"), answers = Path("answers.txt");
     {
       std::ofstream text(script, std::ios::binary);
@@ -105,6 +107,7 @@ class FileScript : public TestFolder {
       section.file_rules = rules;
       section.file_rules.push_back(Rule(FileACL::kDeny, host::ToUtf8(last)));
       section.flags = flags;
+      if (options) section.options = options;
     });
     host.Watch([&](const Received& message) {
       if (is_sentinel(message)) SetEvent(seen);
@@ -125,9 +128,11 @@ class FileScript : public TestFolder {
     CloseHandle(seen);
     std::erase_if(run.messages, is_sentinel);
     for (const Received& message : run.messages)
-      if (const auto* audit = message.As<policy::FileAudit>())
+      if (const auto* audit = message.As<policy::FileAudit>()) {
         run.audits.push_back({audit->type, audit->error, audit->source_access, audit->destination_access,
                               std::string(audit->source), std::string(audit->destination)});
+        run.verdicts.push_back({audit->source_access, audit->fact, audit->rule});
+      }
     std::ifstream text(answers);
     for (std::string line; std::getline(text, line);) {
       if (!line.empty() && line.back() == '\r') line.pop_back();

@@ -119,7 +119,7 @@ class NetNames : public NetTest {
                                       [](auto) { return std::nullopt; });
     auto policy = host::CompiledPolicy::Make(std::get<host::PolicyDocument>(std::move(document)));
     host::SectionContents contents;
-    std::get<host::CompiledPolicy>(policy).FillIn(contents);
+    std::get<host::CompiledPolicy>(policy).BuildSectionContents(contents);
     return contents.net_rules;
   }
   std::string Resolve(const std::string& how, const std::string& name) const {

@@ -7,6 +7,7 @@
 // the host has heard of that.
 //
 //   create SLOT ACCESS DISPOSITION OPTIONS NAME   NtCreateFile; the handle goes into SLOT (0 to 9)
+//   ask DISPOSITION NAME                          NtCreateFile for the attributes, closed at once
 //   openfile SLOT ACCESS OPTIONS NAME             NtOpenFile
 //   below SLOT ACCESS FOLDER_SLOT NAME            NtCreateFile relative to a folder
 //   openid SLOT ACCESS FOLDER_SLOT FILE_SLOT      NtCreateFile by the id of an open file
@@ -198,6 +199,13 @@ void Execute(const std::string& line) {
     HANDLE& slot = words.Slot();
     const ULONG access = words.Hex(), disposition = words.Hex(), options = words.Hex();
     Print(Create(&slot, access, disposition, options, Name(words.Rest())));
+  } else if (command == "ask") {
+    const ULONG disposition = words.Hex();
+    HANDLE file = nullptr;
+    const NTSTATUS status =
+        Create(&file, SYNCHRONIZE | FILE_READ_ATTRIBUTES, disposition, 0, Name(words.Rest()));
+    if (status >= 0) NtClose(file);
+    Print(status);
   } else if (command == "openid") {
     HANDLE& slot = words.Slot();
     const ULONG access = words.Hex();

@@ -156,8 +156,8 @@ TEST_F(FileChange, RecycleBinReportsWhatTheShellSays) {
 TEST(HandleRecords, OldestRecordOfAHandleIsFoundFirst) {
   HandleRecords records;
   HANDLE handle = reinterpret_cast<HANDLE>(0x40);
-  records.Add(MakeHandleRecord({.handle = handle, .access = FileACL::kRead}, L"first"));
-  records.Add(MakeHandleRecord({.handle = handle, .access = FileACL::kReadWrite}, L"second"));
+  records.Add(MakeHandleRecord({.handle = handle}, L"first"));
+  records.Add(MakeHandleRecord({.handle = handle}, L"second"));
   EXPECT_EQ(records.Find(handle)->path, L"first");
   EXPECT_EQ(records.Take(handle)->path, L"first");
   EXPECT_EQ(records.Take(handle)->path, L"second");

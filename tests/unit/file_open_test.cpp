@@ -14,9 +14,9 @@ TEST_F(FileOpen, SecondNameInAReadOnlyFolderMakesAFileReadOnly) {
     ASSERT_TRUE(CreateHardLinkW(Dos(L"\\write\\twin.txt").c_str(), Dos(L"\\write\\f.txt").c_str(), nullptr));
   });
   const FileDecision lowered = GetFileMgr().model().DecideFileACL(Nt(L"\\write\\both.txt"));
-  EXPECT_EQ(lowered.access, FileACL::kRead);
-  EXPECT_EQ(lowered.own_access, FileACL::kReadWrite);
-  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\twin.txt")).access, FileACL::kReadWrite);
+  EXPECT_EQ(lowered.file.access, FileACL::kRead);
+  EXPECT_EQ(lowered.named.access, FileACL::kReadWrite);
+  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\twin.txt")).file.access, FileACL::kReadWrite);
 
   EXPECT_EQ(Create(L"\\write\\both.txt", GENERIC_WRITE, FILE_OVERWRITE).status, kRefused);
   const Opened opened = Create(L"\\write\\both.txt", DELETE | GENERIC_WRITE, FILE_OPEN, FILE_DELETE_ON_CLOSE);
@@ -32,7 +32,7 @@ TEST_F(FileOpen, SecondNameInAReadOnlyFolderMakesAFileReadOnly) {
 TEST_F(FileOpen, StreamIsNoWayAroundTheRuleOfItsFile) {
   SetRules({{FileACL::kReadWrite, Nt(L"\\write")}, {FileACL::kDeny, Nt(L"\\write\\f.txt")}});
   EXPECT_EQ(Create(L"\\write\\f.txt:notes", GENERIC_WRITE, FILE_OPEN_IF).status, kRefused);
-  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\g.txt:notes")).access, FileACL::kReadWrite);
+  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\g.txt:notes")).file.access, FileACL::kReadWrite);
 }
 
 TEST_F(FileOpen, TempDirectoryIsWritableWhateverTheRulesSay) {

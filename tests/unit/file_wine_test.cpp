@@ -82,9 +82,9 @@ TEST_F(FileWine, NameThatTheSearchCannotFindLowersTheAccess) {
   });
   // Even where the whole volume may be written: nobody knows what the other name is.
   SetRules({{FileACL::kReadWrite, vorn::host::ToNtPath(folder_ + L"\\write")}});
-  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\f.txt")).access, FileACL::kRead);
+  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\f.txt")).file.access, FileACL::kRead);
   SetRules({{FileACL::kReadWrite, vorn::host::ToNtPath(folder_)}});
-  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\f.txt")).access, FileACL::kReadWrite) << "found";
+  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\f.txt")).file.access, FileACL::kReadWrite) << "found";
 }
 
 }  // namespace

@@ -43,7 +43,7 @@ class SocketModel : public ::testing::Test {
   void SetUp() override { Confinement::Get().SetRules({DefaultRule(0)}); }
 
   std::uint32_t Check(const Address& to, std::uint32_t protocol, const wchar_t* domain = nullptr) {
-    return model.CheckSocketACL(domain, &to.any, static_cast<std::uint32_t>(to.length()), protocol);
+    return model.CheckSocketACL(domain, &to.any, static_cast<std::uint32_t>(to.length()), protocol).verdict;
   }
 
   SocketNames names;
@@ -64,7 +64,7 @@ TEST_F(SocketModel, AnOwnServersExactAddressIsAllowed) {
   char roomy[200] = {};
   const Address to = Local(1, 8080);
   memcpy(roomy, &to, sizeof to.v4);
-  EXPECT_EQ(model.CheckSocketACL(nullptr, reinterpret_cast<sockaddr*>(roomy), 200, kProtocolTcp), 0u);
+  EXPECT_EQ(model.CheckSocketACL(nullptr, reinterpret_cast<sockaddr*>(roomy), 200, kProtocolTcp).verdict, 0u);
   model.RemoveSocket(10);
   EXPECT_EQ(Check(Local(1, 8080), kProtocolTcp), 0u);
 }

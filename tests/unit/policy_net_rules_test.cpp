@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "Policy/net_rules.h"
+#include "Policy/destination_decision.h"
 #include "section_builder.h"
 
 namespace vorn::policy {
@@ -43,14 +43,16 @@ NetRuleFields DomainRule(std::uint32_t verdict, std::u16string domain,
           .domain = std::move(domain)};
 }
 
-NetDecision Decide(const SectionBuilder& builder, std::u16string_view domain, const IpAddress* address) {
+DestinationDecision Decide(const SectionBuilder& builder, std::u16string_view domain,
+                           const IpAddress* address) {
   const auto memory = builder.Build();
-  return DecideDestination(SectionView{memory}, domain, address);
+  DestinationContext context;
+  return DecideDestination(SectionView{memory}, {.address = address, .name = domain}, context);
 }
 
 TEST(NetRules, AddressThenDomainThenDefaultDecides) {
   SectionBuilder builder;
-  EXPECT_EQ(Decide(builder, u"x", nullptr).decider, NetDecider::kNoRules);
+  EXPECT_EQ(Decide(builder, u"x", nullptr).fact, DecidingFact::kNoNetRules);
   builder.NetRule({.verdict = kVerdictAllow})
       .NetRule(DomainRule(kVerdictDeny, u"bad.example"))
       .NetRule(AddressRule(kVerdictDeny, V4(10, 0, 0, 0, 0), 8));
@@ -58,26 +60,26 @@ TEST(NetRules, AddressThenDomainThenDefaultDecides) {
   const IpAddress outside = V4(11, 0, 0, 1, 443);
   const IpAddress unknown_family{.family = 1};
 
-  NetDecision decision = Decide(builder, u"good.example", &inside);
+  DestinationDecision decision = Decide(builder, u"good.example", &inside);
   EXPECT_EQ(decision.verdict, kVerdictDeny);
-  EXPECT_EQ(decision.decider, NetDecider::kAddressRule);
-  EXPECT_EQ(decision.rule_index, 2u);
+  EXPECT_EQ(decision.fact, DecidingFact::kAddressRule);
+  EXPECT_EQ(decision.rule, 2u);
   decision = Decide(builder, u"bad.example", &outside);
   EXPECT_EQ(decision.verdict, kVerdictDeny);
-  EXPECT_EQ(decision.decider, NetDecider::kDomainRule);
-  EXPECT_EQ(Decide(builder, u"bad.example", &unknown_family).decider, NetDecider::kDomainRule);
+  EXPECT_EQ(decision.fact, DecidingFact::kDomainRule);
+  EXPECT_EQ(Decide(builder, u"bad.example", &unknown_family).fact, DecidingFact::kDomainRule);
   decision = Decide(builder, u"", &outside);
   EXPECT_EQ(decision.verdict, kVerdictAllow);
-  EXPECT_EQ(decision.decider, NetDecider::kDefaultRule);
+  EXPECT_EQ(decision.fact, DecidingFact::kDefaultRule);
 
   builder.header().flags = kFlagNetCheckOff;
-  EXPECT_EQ(Decide(builder, u"bad.example", &inside).decider, NetDecider::kCheckOff);
+  EXPECT_EQ(Decide(builder, u"bad.example", &inside).fact, DecidingFact::kNetCheckOff);
 
   SectionBuilder no_default;
   no_default.NetRule(DomainRule(kVerdictAllow, u"x"));
   decision = Decide(no_default, u"y", &inside);
   EXPECT_EQ(decision.verdict, kVerdictDeny);
-  EXPECT_EQ(decision.decider, NetDecider::kNoMatch);
+  EXPECT_EQ(decision.fact, DecidingFact::kNoMatch);
 }
 
 TEST(NetRules, APrefixComparesExactlyItsBits) {
@@ -126,10 +128,10 @@ TEST(NetRules, ARuleWhosePortsDoNotMatchIsPassedOver) {
   const IpAddress https = V4(192, 0, 2, 7, 443);
   const IpAddress ssh = V4(192, 0, 2, 7, 22);
   const IpAddress elsewhere = V4(198, 51, 100, 1, 443);
-  EXPECT_EQ(Decide(builder, u"", &https).rule_index, 0u);
-  EXPECT_EQ(Decide(builder, u"", &ssh).rule_index, 1u);
-  EXPECT_EQ(Decide(builder, u"a.example", &elsewhere).rule_index, 2u);
-  EXPECT_EQ(Decide(builder, u"a.example", nullptr).rule_index, 3u) << "without an address the port is 0";
+  EXPECT_EQ(Decide(builder, u"", &https).rule, 0u);
+  EXPECT_EQ(Decide(builder, u"", &ssh).rule, 1u);
+  EXPECT_EQ(Decide(builder, u"a.example", &elsewhere).rule, 2u);
+  EXPECT_EQ(Decide(builder, u"a.example", nullptr).rule, 3u) << "without an address the port is 0";
 
   const auto memory = builder.Build();
   const DomainRuleMatch none = MatchDomainRules(SectionView{memory}, u"b.example", 443);

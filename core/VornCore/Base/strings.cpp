@@ -37,6 +37,11 @@ HeapText WideToAnsi(const wchar_t* text) noexcept {
   return UnicodeStringToAnsi(&counted);
 }
 
+HeapText CountedToAnsi(std::wstring_view text) noexcept {
+  const UNICODE_STRING counted = nt::CountedString(text.data(), text.size() * sizeof(wchar_t));
+  return UnicodeStringToAnsi(&counted);
+}
+
 HeapString AnsiToWide(const char* text) noexcept {
   if (!text) return nullptr;
   const std::size_t length = std::strlen(text);

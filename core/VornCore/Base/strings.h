@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "Platform/heap.h"
 #include "windows/nt.h"
@@ -18,6 +19,8 @@ using platform::HeapText;
 HeapText WideToAnsi(const wchar_t* text) noexcept;
 // Null without buffer or length.
 HeapText UnicodeStringToAnsi(const UNICODE_STRING* text) noexcept;
+// The same for a counted text, at any alignment.
+HeapText CountedToAnsi(std::wstring_view text) noexcept;
 HeapString AnsiToWide(const char* text) noexcept;
 // bytes of text; null for null and for no or a negative length.
 HeapText WideToUtf8(const wchar_t* text, std::int32_t bytes) noexcept;

@@ -1,36 +1,29 @@
 // A policy ready for use: its rules in the section's form, and the answer to "which rule decides this?".
 //
 //   auto compiled = CompiledPolicy::Make(document);          // or errors with line and column
-//   compiled.FillIn(contents);
+//   compiled.BuildSectionContents(contents);
 //   PathDecision decision = compiled.DecidePath(L"C:\\work\\a.txt");
+//   std::puts(compiled.Describe(decision.verdict.file).c_str());
 //
-// Decisions are the decision kernel's, over the same bytes that confined processes read. Any thread.
+// Facts come from the file system, decisions from the decision kernel over the same bytes that confined
+// processes read. Not for concurrent use of DecidePath; everything else: any thread.
 #pragma once
 
 #include <string>
 #include <variant>
 #include <vector>
 
-#include "Policy/net_rules.h"
+#include "Policy/destination_decision.h"
+#include "Policy/file_decision.h"
+#include "vorn/nt_path.h"
 #include "vorn/policy_file.h"
 #include "vorn/section.h"
 
 namespace vorn::host {
 
-// Why a path has its access.
-enum class PathReason { kRule, kNoRule, kTemp, kRecycleBin, kCheckOff };
-
 struct PathDecision {
-  policy::FileACL access = policy::FileACL::kRead;
-  PathReason reason = PathReason::kNoRule;
-  const PolicyFileRule* rule = nullptr;  // with kRule; lives as long as the compiled policy
-  std::wstring nt_path;                  // the canonical path that was looked up
-};
-
-struct DestinationDecision {
-  bool allow = false;
-  policy::NetDecider decider = policy::NetDecider::kNoRules;
-  const PolicyNetRule* rule = nullptr;  // of an address or domain rule
+  policy::FileDecision verdict;
+  ResolvedPath path;  // what was looked up
 };
 
 class CompiledPolicy {
@@ -40,30 +33,34 @@ class CompiledPolicy {
 
   const PolicyDocument& document() const { return document_; }
 
-  // Adds flags and both rule tables.
-  void FillIn(SectionContents& contents) const;
+  // Adds flags, options and both rule tables.
+  void BuildSectionContents(SectionContents& contents) const;
 
-  // path: drive-letter or UNC form. Throws std::system_error for any other form.
+  // path: drive-letter or UNC form. Throws std::system_error for any other form. A path whose folder does not
+  // exist is decided as if it did.
   PathDecision DecidePath(const std::wstring& path) const;
   // destination: an address or a name with at most one port, as ParseDestination gives it. A name is decided
   // as a program would be that resolved it to an address no rule covers.
-  DestinationDecision DecideDestination(const PolicyNetRule& destination) const;
+  policy::DestinationDecision DecideDestination(const PolicyNetRule& destination) const;
 
-  // "deny C:\secrets (line 4)", "no rule: read only", …
-  static std::string Describe(const PathDecision& decision);
-  std::string Describe(const DestinationDecision& decision) const;
+  // "deny C:\\secrets (line 4)", "another name of this file: read C:\\r (line 5)", "no rule: read only", …
+  // Also of a rule and a fact that a process reports: a rule that the policy does not have reads as "unknown
+  // rule".
+  std::string Describe(const policy::FileVerdict& verdict) const;
+  std::string Describe(const policy::DestinationDecision& decision) const;
 
  private:
   explicit CompiledPolicy(PolicyDocument document) : document_(std::move(document)) {}
 
   // The rule behind a network rule of the section: first those of the document, then the names among them
-  // once more, with a dot at the end.
-  const PolicyNetRule& NetworkRule(std::size_t index) const;
+  // once more, with a dot at the end. Null for the default rule and for none.
+  const PolicyNetRule* NetworkRule(std::size_t index) const;
 
   PolicyDocument document_;
   std::vector<FileRule> file_rules_;  // same order as document_.files
   std::wstring temp_directory_;       // canonical NT form, empty when unknown
   std::vector<std::byte> section_;    // the rule tables as confined processes see them
+  mutable PathResolver resolver_;
 };
 
 }  // namespace vorn::host

@@ -70,8 +70,8 @@ using ErrorTextFunction = std::string (*)(std::uint32_t error);
 std::string EventLine(const Event& event, ErrorTextFunction error_text = nullptr);
 
 // One JSON object without line end. "event" is "process-start", "child", "crash", "file", "net", "sample" or
-// "malformed"; "time" is ISO 8601 in UTC with milliseconds.
-std::string EventJson(const Event& event);
+// "malformed"; "time" is ISO 8601 in UTC with milliseconds; "rule" is the given text, unless it is empty.
+std::string EventJson(const Event& event, const std::string& rule = {});
 
 // "2026-01-31T23:59:59.123Z"
 std::string IsoTime(std::uint64_t time_ms);

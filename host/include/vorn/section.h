@@ -50,6 +50,7 @@ struct SectionContents {
   std::wstring core_x64, core_x86;  // vorn_core.dll, vorn_core32.dll
   std::wstring ipc_x64, ipc_x86;    // vorn_ipc.dll, vorn_ipc32.dll
   std::uint32_t flags = 0x07;       // SharedDataFlags: log levels 1, 2 and 4
+  std::uint32_t options = 0;        // policy::SectionOption bits; 0: the plain section, without the block
   std::vector<FileRule> file_rules;
   std::vector<NetRule> net_rules;  // empty: the network is not confined
 

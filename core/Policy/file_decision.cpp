@@ -1,0 +1,62 @@
+#include "Policy/file_decision.h"
+
+#include "Policy/device_path.h"
+
+namespace vorn::policy {
+namespace {
+
+FileVerdict LookUp(const SectionView& section, std::u16string_view path, FileContext& context) noexcept {
+  const FileRuleMatch match = CheckFileACL(section, path);
+  context.OnLookup(path, match);
+  if (!match.found) return {match.access, DecidingFact::kNoFileRule, kNoRule};
+  return {match.access, DecidingFact::kRule, match.rule_index};
+}
+
+// A stream is no more open than its file.
+FileVerdict DecidePath(const SectionView& section, std::u16string_view path, FileContext& context) noexcept {
+  const FileVerdict verdict = LookUp(section, path, context);
+  const std::size_t stream = FindStream(path);
+  if (stream == kNotFound) return verdict;
+  const FileVerdict file = LookUp(section, {path.data(), stream}, context);
+  if (file.access >= verdict.access) return verdict;
+  return {file.access, DecidingFact::kStreamFile, file.rule};
+}
+
+}  // namespace
+
+FileDecision DecideFile(const SectionView& section, const FileFacts& facts, FileContext& context) noexcept {
+  const auto same = [](FileVerdict verdict) noexcept { return FileDecision{verdict, verdict}; };
+  if (facts.path.empty() || !facts.on_file_system)
+    return same({FileACL::kUnknown, DecidingFact::kNoFileSystem, kNoRule});
+  FileDecision decision;
+  decision.in_recycle_bin = IsRecycleBinPath(facts.path);
+  if (decision.in_recycle_bin || IsUnder(facts.path, facts.temp_directory)) {
+    const auto place = decision.in_recycle_bin ? DecidingFact::kRecycleBin : DecidingFact::kTemp;
+    decision.file = decision.named = {FileACL::kReadWrite, place, kNoRule};
+    return decision;
+  }
+  decision.file = decision.named = DecidePath(section, facts.path, context);
+  if (decision.named.access != FileACL::kReadWrite) return decision;
+  const FileVerdict weakest = WeakestName(section, decision.named, context);
+  if (weakest.access != FileACL::kReadWrite)
+    decision.file = {FileACL::kRead, DecidingFact::kOtherName, weakest.rule};
+  return decision;
+}
+
+FileVerdict WeakestName(const SectionView& section, FileVerdict start, FileContext& context) noexcept {
+  FileVerdict weakest = start;
+  std::u16string_view name;
+  while (context.NextName(&name)) {
+    const FileVerdict verdict = LookUp(section, name, context);
+    context.OnName(name, verdict.access);
+    if (verdict.access < weakest.access) weakest = verdict;
+  }
+  return weakest;
+}
+
+std::size_t FindStream(std::u16string_view path) noexcept {
+  const std::size_t separator = path.rfind(u'\\');
+  return path.find(u':', separator == kNotFound ? 0 : separator + 1);
+}
+
+}  // namespace vorn::policy
