@@ -33,17 +33,17 @@ class Arrivals {
 
  private:
   std::atomic<int> count_ = 0;
-  ipc::UniqueHandle full_{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
+  windows::UniqueHandle full_{CreateEventW(nullptr, FALSE, FALSE, nullptr)};
 };
 
 // A message pipe as small as it gets: blocking writes, a thread that reads.
 class BarePipe {
  public:
   BarePipe() : path_(L"\\\\.\\pipe\\" + host::RandomName(L"bare")) {
-    server_ = ipc::UniqueHandle(CreateNamedPipeW(path_.c_str(), PIPE_ACCESS_DUPLEX,
-                                                 PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, 1, 65536, 65536,
-                                                 0, nullptr));
-    client_ = ipc::UniqueHandle(
+    server_ = windows::UniqueHandle(CreateNamedPipeW(path_.c_str(), PIPE_ACCESS_DUPLEX,
+                                                     PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE, 1, 65536,
+                                                     65536, 0, nullptr));
+    client_ = windows::UniqueHandle(
         CreateFileW(path_.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     reader_ = std::thread([this] {
       char buffer[4096];
@@ -65,7 +65,7 @@ class BarePipe {
 
  private:
   std::wstring path_;
-  ipc::UniqueHandle server_, client_;
+  windows::UniqueHandle server_, client_;
   Arrivals arrivals_;
   std::thread reader_;
 };

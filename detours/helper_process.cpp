@@ -9,8 +9,6 @@
 // in its process parameters), not in the command line or the environment: nobody becomes a helper, and
 // thereby a process in which the DLL does nothing, by a command that a script can type. The data start with a
 // zero count of inherited file descriptors, which is all that the C runtime reads there.
-#include <winternl.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -18,9 +16,12 @@
 #include "detours/bitness.h"
 #include "detours/detours.h"
 #include "detours/win32_error.h"
+#include "windows/unique_handle.h"
 
 namespace detours {
 namespace {
+
+using vorn::windows::UniqueHandle;
 
 constexpr DWORD kWaitMilliseconds = 30'000;
 // Exit code of a helper that did its work. Any other code is a Win32 error, or of a rundll32 that never got
@@ -59,20 +60,6 @@ const ProcessParameters& Parameters() {
   return *reinterpret_cast<const ProcessParameters*>(
       NtCurrentTeb()->ProcessEnvironmentBlock->ProcessParameters);
 }
-
-class [[nodiscard]] Handle {
- public:
-  explicit Handle(HANDLE handle) : handle_(handle) {}
-  ~Handle() {
-    if (handle_) CloseHandle(handle_);
-  }
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
-  HANDLE get() const { return handle_; }
-
- private:
-  HANDLE handle_;
-};
 
 // rundll32.exe "DLL",#1
 struct HelperCommand {
@@ -140,8 +127,8 @@ DWORD RunHelper(DWORD pid, const char* dll, PDETOUR_CREATE_PROCESS_ROUTINEW crea
   HelperCommand command(order.dll);
   if (!command.length) return ERROR_INVALID_PARAMETER;
 
-  const Handle target(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
-  if (!target.get()) return Failure();
+  const UniqueHandle target(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
+  if (!target) return Failure();
   wchar_t image[MAX_PATH];
   if (!HelperImage(target.get(), image)) return ERROR_PATH_NOT_FOUND;
 
@@ -154,15 +141,15 @@ DWORD RunHelper(DWORD pid, const char* dll, PDETOUR_CREATE_PROCESS_ROUTINEW crea
                       &startup, &started)) {
     return Failure();
   }
-  const Handle process(started.hProcess), thread(started.hThread);
+  const UniqueHandle process(started.hProcess), thread(started.hThread);
   return WaitForHelper(process.get());
 }
 
 DWORD CarryOut(const HelperOrder& order) {
-  const Handle target(
+  const UniqueHandle target(
       OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_OPERATION | PROCESS_VM_READ | PROCESS_VM_WRITE,
                   FALSE, order.target_pid));
-  if (!target.get()) return Failure();
+  if (!target) return Failure();
   LPCSTR dll = order.dll;
   return DetourUpdateProcessWithDll(target.get(), &dll, 1) ? kHelperDone : Failure();
 }

@@ -4,6 +4,7 @@
 
 #include "Platform/guard.h"
 #include "Policy/crash_dump.h"
+#include "windows/unique_handle.h"
 
 namespace VornCore {
 namespace {
@@ -17,22 +18,6 @@ std::uintptr_t InstructionPointer(const CONTEXT& context) noexcept {
   return context.Eip;
 #endif
 }
-
-class DumpFile {
- public:
-  explicit DumpFile(const wchar_t* path) noexcept
-      : handle_(CreateFileW(path, GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr)) {}
-  ~DumpFile() {
-    if (*this) CloseHandle(handle_);
-  }
-  DumpFile(const DumpFile&) = delete;
-  DumpFile& operator=(const DumpFile&) = delete;
-  explicit operator bool() const noexcept { return handle_ != INVALID_HANDLE_VALUE; }
-  HANDLE get() const noexcept { return handle_; }
-
- private:
-  HANDLE handle_;
-};
 
 }  // namespace
 
@@ -77,7 +62,8 @@ BOOL CALLBACK DumpCallback(PVOID parameter, PMINIDUMP_CALLBACK_INPUT input,
 bool WriteDump(std::uint32_t thread_id, std::uint32_t flag, EXCEPTION_POINTERS* pointers, const wchar_t* path,
                std::uint32_t dump_type, platform::MiniDumpWriteDumpFn dump) noexcept {
   if (!dump) return false;
-  const DumpFile file(path);
+  const vorn::windows::UniqueHandle file(
+      CreateFileW(path, GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!file) return false;
 
   MINIDUMP_EXCEPTION_INFORMATION exception = {

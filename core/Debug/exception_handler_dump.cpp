@@ -55,10 +55,10 @@ bool ExceptionHandlerDump::InstallOnce(const DumpConfig& config) noexcept {
   if (!writer) return false;
   memcpy(writer->dumpDirectory_, config.dumpDirectory, units * sizeof(wchar_t));
   if (!closed) writer->dumpDirectory_[units] = L'\\';
-  writer->hRequest_ = CreateSemaphoreW(nullptr, 0, 1, nullptr);
-  writer->hDone_ = CreateSemaphoreW(nullptr, 0, 1, nullptr);
-  writer->hThread_ =
-      CreateThread(nullptr, kDumpThreadStack, DumpThreadProc, writer, 0, &writer->dump_thread_id_);
+  writer->hRequest_.reset(CreateSemaphoreW(nullptr, 0, 1, nullptr));
+  writer->hDone_.reset(CreateSemaphoreW(nullptr, 0, 1, nullptr));
+  writer->hThread_.reset(
+      CreateThread(nullptr, kDumpThreadStack, DumpThreadProc, writer, 0, &writer->dump_thread_id_));
   installed = writer;
   SetUnhandledExceptionFilter(TopLevelFilter);
   SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
@@ -74,9 +74,7 @@ ExceptionHandlerDump::ExceptionHandlerDump(const DumpConfig& config) noexcept
 }
 
 ExceptionHandlerDump::~ExceptionHandlerDump() {
-  if (hThread_) TerminateThread(hThread_, 1);
-  for (HANDLE handle : {hThread_, hRequest_, hDone_})
-    if (handle) CloseHandle(handle);
+  if (hThread_) TerminateThread(hThread_.get(), 1);
 }
 
 // The crashing thread: little stack may be left.
@@ -111,7 +109,7 @@ bool ExceptionHandlerDump::WaitForDump(const DumpRequest& request) noexcept {
     const platform::LockGuard lock(lock_);
     result_ = 0;
     request_ = request;
-    ReleaseSemaphore(hRequest_, 1, nullptr);
+    ReleaseSemaphore(hRequest_.get(), 1, nullptr);
     written = WaitUntilDone() && result_ != 0;
     result_ = 0;
     request_ = {};
@@ -124,13 +122,13 @@ bool ExceptionHandlerDump::WaitForDump(const DumpRequest& request) noexcept {
 
 // Whether the dump thread has served the request.
 bool ExceptionHandlerDump::WaitUntilDone() noexcept {
-  const HANDLE done_or_ended[] = {hDone_, hThread_};
+  const HANDLE done_or_ended[] = {hDone_.get(), hThread_.get()};
   for (;;) {
     const DWORD patience = serving_ ? INFINITE : kStartPatienceMs;
     const DWORD answer = WaitForMultipleObjects(2, done_or_ended, FALSE, patience);
     if (answer != WAIT_TIMEOUT) return answer == WAIT_OBJECT_0;
     // Take the request back, unless it is being served by now.
-    if (WaitForSingleObject(hRequest_, 0) == WAIT_OBJECT_0) return false;
+    if (WaitForSingleObject(hRequest_.get(), 0) == WAIT_OBJECT_0) return false;
   }
 }
 
@@ -140,8 +138,8 @@ DWORD WINAPI ExceptionHandlerDump::DumpThreadProc(void* self) noexcept {
   auto* const writer = static_cast<ExceptionHandlerDump*>(self);
   const std::uintptr_t started = thread_start ? thread_start() : 0;
   // The start of a program is not slowed by a library that only crashes need; a request does not wait for it.
-  if (WaitForSingleObject(writer->hRequest_, kLoadDelayMs) == WAIT_OBJECT_0)
-    ReleaseSemaphore(writer->hRequest_, 1, nullptr);
+  if (WaitForSingleObject(writer->hRequest_.get(), kLoadDelayMs) == WAIT_OBJECT_0)
+    ReleaseSemaphore(writer->hRequest_.get(), 1, nullptr);
   if (const auto dump = platform::Native().LoadMiniDumpWriteDump()) writer->ServeRequests(dump);
   if (thread_end) thread_end(started);
   return 0;
@@ -152,7 +150,7 @@ void ExceptionHandlerDump::ServeRequests(platform::MiniDumpWriteDumpFn dump) noe
     wchar_t path[kPathUnits + 1] = {};
     BuildDumpPath(path, kPathUnits);
     serving_ = true;
-    if (WaitForSingleObject(hRequest_, INFINITE) != WAIT_OBJECT_0) return;
+    if (WaitForSingleObject(hRequest_.get(), INFINITE) != WAIT_OBJECT_0) return;
     const DumpRequest& request = request_;
     result_ = WriteDump(request.thread_id, request.flag, request.pointers, path, dumpType_, dump);
     if (pfnOnDumped_) {
@@ -160,7 +158,7 @@ void ExceptionHandlerDump::ServeRequests(platform::MiniDumpWriteDumpFn dump) noe
         pfnOnDumped_(path, context_, request.pointers, request.flag, request.thread_id, result_ != 0);
       });
     }
-    ReleaseSemaphore(hDone_, 1, nullptr);
+    ReleaseSemaphore(hDone_.get(), 1, nullptr);
   }
 }
 

@@ -23,6 +23,7 @@
 #include "Platform/debug_help.h"
 #include "Platform/lock.h"
 #include "Policy/crash_dump.h"
+#include "windows/unique_handle.h"
 
 namespace VornCore {
 
@@ -79,9 +80,9 @@ class ExceptionHandlerDump {
   void BuildDumpPath(wchar_t* path, std::size_t capacity) const noexcept;
 
   platform::CriticalSection lock_;  // one request at a time
-  HANDLE hThread_ = nullptr;
-  HANDLE hRequest_ = nullptr;  // semaphore: a request is waiting
-  HANDLE hDone_ = nullptr;     // semaphore: it is done
+  vorn::windows::UniqueHandle hThread_;
+  vorn::windows::UniqueHandle hRequest_;  // semaphore: a request is waiting
+  vorn::windows::UniqueHandle hDone_;     // semaphore: it is done
   DumpRequest request_ = {};
   std::uint32_t dumpType_;
   char16_t fileTag_[vorn::policy::kDumpTagUnits];

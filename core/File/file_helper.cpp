@@ -14,7 +14,7 @@
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
-#include "VornCore/Hook/ntdll.h"
+#include "VornCore/Hook/own_handle.h"
 
 namespace VornCore {
 namespace {
@@ -139,16 +139,15 @@ std::wstring_view QueryLongName(std::wstring_view parent, std::wstring_view comp
   UNICODE_STRING name = nt::CountedString(parent.data(), parent.size() * sizeof(wchar_t));
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
   IO_STATUS_BLOCK io;
-  HANDLE directory;
+  OwnHandle directory;
   NTSTATUS status = Ntdll::CallOriginalNtCreateFile(
-      &directory, GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
+      directory.put(), GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
       FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
   if (!nt::Success(status)) return {};
   UNICODE_STRING mask = nt::CountedString(component.data(), component.size() * sizeof(wchar_t));
   status = platform::Native().NtQueryDirectoryFile(
-      directory, nullptr, nullptr, nullptr, &io, answer.data(), static_cast<ULONG>(answer.size()),
+      directory.get(), nullptr, nullptr, nullptr, &io, answer.data(), static_cast<ULONG>(answer.size()),
       static_cast<FILE_INFORMATION_CLASS>(nt::kFileBothDirectoryInformation), TRUE, &mask, FALSE);
-  Ntdll::CallOriginalNtClose(directory);
   const auto* entry = reinterpret_cast<const nt::BothDirectoryEntry*>(answer.data());
   constexpr std::size_t kHead = offsetof(nt::BothDirectoryEntry, FileName);
   if (!nt::Success(status) || entry->FileNameLength > answer.size() - kHead) return {};
@@ -241,27 +240,25 @@ NTSTATUS ResolveFileIdPath(const OBJECT_ATTRIBUTES* attributes, std::wstring_vie
     return STATUS_OBJECT_NAME_INVALID;
   if (!attributes->RootDirectory) return STATUS_OBJECT_PATH_SYNTAX_BAD;
 
-  const auto open = [](OBJECT_ATTRIBUTES* by_id, HANDLE* file) {
+  const auto open = [](OBJECT_ATTRIBUTES* by_id, OwnHandle& file) {
     IO_STATUS_BLOCK io;
-    return Ntdll::CallOriginalNtCreateFile(file, SYNCHRONIZE | FILE_READ_ATTRIBUTES, by_id, &io, nullptr, 0,
-                                           nt::kShareAll, FILE_OPEN,
+    return Ntdll::CallOriginalNtCreateFile(file.put(), SYNCHRONIZE | FILE_READ_ATTRIBUTES, by_id, &io,
+                                           nullptr, 0, nt::kShareAll, FILE_OPEN,
                                            FILE_OPEN_BY_FILE_ID | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
   };
-  HANDLE file = nullptr;
+  OwnHandle file;
   OBJECT_ATTRIBUTES by_id = *attributes;
   UNICODE_STRING id_name = *name;
   by_id.ObjectName = &id_name;
-  if (!nt::Success(open(&by_id, &file))) {
+  if (!nt::Success(open(&by_id, file))) {
     memcpy(id, name->Buffer, name->Length);
     id[0] = ~id[0];
     id[1] = ~id[1];
     id_name = nt::CountedString(reinterpret_cast<wchar_t*>(id), sizeof id);
     InitializeObjectAttributes(&by_id, &id_name, OBJ_CASE_INSENSITIVE, attributes->RootDirectory, nullptr);
-    if (!nt::Success(open(&by_id, &file))) return STATUS_INVALID_PARAMETER;
+    if (!nt::Success(open(&by_id, file))) return STATUS_INVALID_PARAMETER;
   }
-  const NTSTATUS status = GetPath(file, nullptr, path);
-  Ntdll::CallOriginalNtClose(file);
-  return status;
+  return GetPath(file.get(), nullptr, path);
 }
 
 std::wstring_view ExpandShortNames(std::wstring_view path) noexcept {

@@ -1,6 +1,7 @@
 #include "File/file_link_helper.h"
 
 #include <cstring>
+#include <utility>
 
 #include "File/drive_table.h"
 #include "File/scratch_path.h"
@@ -12,7 +13,6 @@
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
-#include "VornCore/Hook/ntdll.h"
 
 namespace VornCore {
 namespace {
@@ -82,38 +82,32 @@ std::wstring_view FileLinkHelper::ResolveFinalPath(std::wstring_view path, bool 
   UNICODE_STRING name = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
   IO_STATUS_BLOCK io;
-  HANDLE file;
-  const NTSTATUS status =
-      Ntdll::CallOriginalNtCreateFile(&file, SYNCHRONIZE | FILE_READ_ATTRIBUTES, &attributes, &io, nullptr, 0,
-                                      nt::kShareAll, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+  OwnHandle file;
+  const NTSTATUS status = Ntdll::CallOriginalNtCreateFile(
+      file.put(), SYNCHRONIZE | FILE_READ_ATTRIBUTES, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
+      FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
   if (!nt::Success(status)) return {};
   const DWORD room = kMaxPathUnits;
-  const DWORD units = platform::Native().GetFinalPathNameByHandleW(file, buffer, room, VOLUME_NAME_NT);
+  const DWORD units = platform::Native().GetFinalPathNameByHandleW(file.get(), buffer, room, VOLUME_NAME_NT);
   std::wstring_view target;
   if (units != 0 && units < room) {
     target = {buffer, units};
-    if (StartsWithNoCase(U16(target), kMupPrefix) && IsDavFile(file))
+    if (StartsWithNoCase(U16(target), kMupPrefix) && IsDavFile(file.get()))
       target = InsertDavRoot(target, buffer, room);
   }
-  if (keep_open && !target.empty())
-    file_ = file;
-  else
-    Ntdll::CallOriginalNtClose(file);
+  if (keep_open && !target.empty()) file_ = std::move(file);
   return target;
 }
 
 std::uint32_t FileLinkHelper::LinkCount() noexcept {
   FILE_STANDARD_INFO info;
-  if (!file_ || !platform::Native().GetFileInformationByHandleEx(file_, FileStandardInfo, &info, sizeof info))
+  if (!file_ ||
+      !platform::Native().GetFileInformationByHandleEx(file_.get(), FileStandardInfo, &info, sizeof info))
     return 1;
   return info.Directory ? 1 : info.NumberOfLinks;
 }
 
-void FileLinkHelper::Close() noexcept {
-  if (!file_) return;
-  Ntdll::CallOriginalNtClose(file_);
-  file_ = nullptr;
-}
+void FileLinkHelper::Close() noexcept { file_.reset(); }
 
 std::wstring_view InsertDavRoot(std::wstring_view path, wchar_t* buffer, std::size_t room) noexcept {
   if (!StartsWithNoCase(U16(path), kMupPrefix)) return path;
@@ -136,16 +130,16 @@ int FileLinkHelper::GetFileHardLinks(const wchar_t* path, const ListHead** names
   ThreadState* state = GetThreadState();
   const std::uint8_t was_creating = state ? state->bInCreateFile : 0;
   if (state) state->bInCreateFile = 1;
-  HANDLE file =
-      CreateFileW(path, GENERIC_READ, nt::kShareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  vorn::windows::UniqueHandle file(
+      CreateFileW(path, GENERIC_READ, nt::kShareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   const DWORD error = GetLastError();
   int count = 0;
-  if (file != INVALID_HANDLE_VALUE) {
+  if (file) {
     BY_HANDLE_FILE_INFORMATION info;
-    if (platform::Native().GetFileInformationByHandle(file, &info) && info.nNumberOfLinks >= 2)
+    if (platform::Native().GetFileInformationByHandle(file.get(), &info) && info.nNumberOfLinks >= 2)
       if (const DriveRecord* drive = GetDriveForLetter(path[0]))
         count = FindHardLinks(path, VolumeOf(drive->device_path));
-    CloseHandle(file);
+    file.reset();
   } else if (IsDebugLogEnabled()) {
     VORN_LOG_I("FileLinkHelper::GetFileHardLinks error:%d path:%s", static_cast<int>(error),
                OrNil(WideToAnsi(path)));

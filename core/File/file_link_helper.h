@@ -13,7 +13,7 @@
 
 #include "Platform/heap.h"
 #include "VornCore/Base/list.h"
-#include "windows/nt.h"
+#include "VornCore/Hook/own_handle.h"
 
 namespace VornCore {
 
@@ -49,7 +49,7 @@ class FileLinkHelper {
   int FindHardLinks(const wchar_t* path, std::wstring_view volume) noexcept;
   bool AppendLink(const wchar_t* path, std::wstring_view volume, std::wstring_view name) noexcept;
 
-  HANDLE file_ = nullptr;
+  OwnHandle file_;
   ListHead names_;
 };
 

@@ -7,7 +7,7 @@
 #include "Policy/device_path.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
-#include "VornCore/Hook/ntdll.h"
+#include "VornCore/Hook/own_handle.h"
 
 namespace VornCore {
 namespace {
@@ -30,21 +30,21 @@ std::wstring_view SkipPipeAlias(std::wstring_view path) {
   return alias ? path.substr(kPipeAlias.size()) : path;
 }
 
-HANDLE OpenLink(std::wstring_view name) {
+OwnHandle OpenLink(std::wstring_view name) {
   UNICODE_STRING text = nt::CountedString(name.data(), name.size() * sizeof(wchar_t));
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&text);
   HANDLE link;
   const NTSTATUS status =
       platform::Native().NtOpenSymbolicLinkObject(&link, SYMBOLIC_LINK_QUERY, &attributes);
-  return nt::Success(status) ? link : nullptr;
+  return OwnHandle(nt::Success(status) ? link : nullptr);
 }
 
-// The longest prefix of path that is a link and ends before a backslash or at the end. Its handle is the
-// caller's; null when there is none.
-HANDLE OpenLongestLink(std::wstring_view path, std::size_t* prefix_units) {
+// The longest prefix of path that is a link and ends before a backslash or at the end; null when there is
+// none.
+OwnHandle OpenLongestLink(std::wstring_view path, std::size_t* prefix_units) {
   std::size_t units = path.size();
   while (units >= 2) {
-    if (HANDLE link = OpenLink(path.substr(0, units))) {
+    if (OwnHandle link = OpenLink(path.substr(0, units))) {
       *prefix_units = units;
       return link;
     }
@@ -52,7 +52,7 @@ HANDLE OpenLongestLink(std::wstring_view path, std::size_t* prefix_units) {
     if (separator == path.npos) break;
     units = separator;
   }
-  return nullptr;
+  return {};
 }
 
 // The target of link followed by rest, in slot 0; empty when it cannot be read.
@@ -87,9 +87,8 @@ std::optional<TranslatedPath> TranslateSymlinksToTargetPath(std::wstring_view pa
       if (const std::size_t units = platform::Native().AliasTarget(current, target, room)) {
         target[units] = 0;
         next = {target, units};
-      } else if (HANDLE link = OpenLongestLink(current, &prefix)) {
-        next = ReadTarget(link, current.substr(prefix));
-        Ntdll::CallOriginalNtClose(link);
+      } else if (const OwnHandle link = OpenLongestLink(current, &prefix)) {
+        next = ReadTarget(link.get(), current.substr(prefix));
         if (next.empty()) return {};
       }
     }

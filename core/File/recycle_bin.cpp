@@ -6,7 +6,7 @@
 #include "File/guarded_handler.h"
 #include "File/scratch_path.h"
 #include "Platform/native.h"
-#include "VornCore/Hook/ntdll.h"
+#include "VornCore/Hook/own_handle.h"
 
 namespace VornCore {
 namespace {
@@ -60,14 +60,12 @@ NTSTATUS CheckDirectoryEmpty(std::wstring_view path) noexcept {
       (info.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT))
     return STATUS_SUCCESS;
   IO_STATUS_BLOCK io;
-  HANDLE directory;
+  OwnHandle directory;
   if (!nt::Success(Ntdll::CallOriginalNtCreateFile(
-          &directory, GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
+          directory.put(), GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
           FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0)))
     return STATUS_SUCCESS;
-  const NTSTATUS status = ReadEntries(directory);
-  Ntdll::CallOriginalNtClose(directory);
-  return status;
+  return ReadEntries(directory.get());
 }
 
 NTSTATUS ShellDeleteToRecycleBin(std::wstring_view path) noexcept {

@@ -11,6 +11,7 @@
 #include "Platform/untrusted.h"
 #include "Platform/winsock.h"
 #include "VornCore/Base/log.h"
+#include "windows/unique_handle.h"
 
 namespace VornCore {
 namespace {
@@ -37,14 +38,12 @@ DNS_STATUS RunDnsQuery(const Name* name, PDNS_RECORD* results, const Query& quer
 // may be gone when a query ends that nobody waits for any more.
 struct OverlappedQuery {
   OVERLAPPED overlapped = {};
+  vorn::windows::UniqueHandle event;  // in overlapped
   PADDRINFOEXW result = nullptr;
   HANDLE name_handle = nullptr;  // cancels the query
   OverlappedQuery* next = nullptr;
 
-  ~OverlappedQuery() {
-    if (overlapped.hEvent) CloseHandle(overlapped.hEvent);
-  }
-  bool Ended() const { return WaitForSingleObject(overlapped.hEvent, 0) == WAIT_OBJECT_0; }
+  bool Ended() const { return WaitForSingleObject(event.get(), 0) == WAIT_OBJECT_0; }
 };
 
 // Null when the caller gave no OVERLAPPED, or none can be made: the query then runs synchronously.
@@ -52,8 +51,9 @@ OverlappedQuery* NewQuery(const OVERLAPPED* caller) noexcept {
   auto* query = caller ? new (std::nothrow) OverlappedQuery : nullptr;
   if (!query) return nullptr;
   const bool copied = platform::ReadGuarded(caller, query->overlapped);
-  query->overlapped.hEvent = copied ? CreateEventW(nullptr, TRUE, FALSE, nullptr) : nullptr;
-  if (query->overlapped.hEvent) return query;
+  if (copied) query->event.reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  query->overlapped.hEvent = query->event.get();
+  if (query->event) return query;
   delete query;
   return nullptr;
 }

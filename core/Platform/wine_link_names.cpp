@@ -9,6 +9,7 @@
 #include "Policy/device_path.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
+#include "windows/unique_handle.h"
 
 namespace VornCore::platform::wine {
 namespace {
@@ -17,6 +18,7 @@ using vorn::policy::EqualsNoCase;
 using vorn::policy::kDriveUnits;
 using vorn::policy::U16;
 using vorn::policy::W;
+using vorn::windows::UniqueHandle;
 
 constexpr std::size_t kMaxEntries = 20000;  // directory entries looked at for one file
 constexpr ULONGLONG kMaxMilliseconds = 250;
@@ -43,24 +45,20 @@ struct Identity {
   bool directory;
 };
 
-HANDLE Open(const std::u16string& path, ULONG options, ACCESS_MASK access) {
+UniqueHandle Open(const std::u16string& path, ULONG options, ACCESS_MASK access) {
   UNICODE_STRING name = nt::CountedString(W(path.data()), path.size() * sizeof(wchar_t));
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
   IO_STATUS_BLOCK io;
-  HANDLE handle;
-  const NTSTATUS status =
-      ::NtCreateFile(&handle, access | SYNCHRONIZE, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
-                     options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
-  return nt::Success(status) ? handle : nullptr;
+  UniqueHandle handle;
+  ::NtCreateFile(handle.put(), access | SYNCHRONIZE, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
+                 options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+  return handle;
 }
 
 bool Identify(const std::u16string& path, Identity& identity) {
-  HANDLE file = Open(path, 0, FILE_READ_ATTRIBUTES);
-  if (!file) return false;
+  const UniqueHandle file = Open(path, 0, FILE_READ_ATTRIBUTES);
   BY_HANDLE_FILE_INFORMATION info;
-  const bool known = ::GetFileInformationByHandle(file, &info);
-  ::NtClose(file);
-  if (!known) return false;
+  if (!file || !::GetFileInformationByHandle(file.get(), &info)) return false;
   identity.id = static_cast<LONGLONG>(info.nFileIndexHigh) << 32 | info.nFileIndexLow;
   identity.links = info.nNumberOfLinks;
   identity.directory = (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
@@ -127,12 +125,12 @@ class Search {
   // Looks at the entries of one folder; its subfolders go to pending.
   void ScanFolder(std::u16string folder, std::vector<std::u16string>* pending) {
     if (folder.size() <= kDriveUnits || folder.back() != u'\\') folder += u'\\';
-    HANDLE directory = Open(folder, FILE_DIRECTORY_FILE, FILE_LIST_DIRECTORY);
+    const UniqueHandle directory = Open(folder, FILE_DIRECTORY_FILE, FILE_LIST_DIRECTORY);
     if (!directory) return;
     const std::unique_ptr<char[]> page(new char[kPageBytes]);
     IO_STATUS_BLOCK io;
     while (!Done() && nt::Success(::NtQueryDirectoryFile(
-                          directory, nullptr, nullptr, nullptr, &io, page.get(), kPageBytes,
+                          directory.get(), nullptr, nullptr, nullptr, &io, page.get(), kPageBytes,
                           kFileIdBothDirectoryInformation, FALSE, nullptr, FALSE))) {
       for (const char* at = page.get();;) {
         const auto* entry = reinterpret_cast<const IdEntry*>(at);
@@ -141,7 +139,6 @@ class Search {
         at += entry->NextEntryOffset;
       }
     }
-    ::NtClose(directory);
   }
 
   void LookAt(const IdEntry& entry, const std::u16string& folder, std::vector<std::u16string>* pending) {

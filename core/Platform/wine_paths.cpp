@@ -9,6 +9,7 @@
 #include "Policy/device_path.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
+#include "windows/unique_handle.h"
 
 namespace VornCore::platform::wine {
 namespace {
@@ -69,13 +70,12 @@ class DriveDevices {
   static bool Read(wchar_t* link_name, Device& device) {
     UNICODE_STRING name = nt::CountedString(link_name, kDriveUnits * sizeof(wchar_t));
     OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
-    HANDLE link;
-    if (!nt::Success(::NtOpenSymbolicLinkObject(&link, SYMBOLIC_LINK_QUERY, &attributes))) return false;
+    vorn::windows::UniqueHandle link;
+    if (!nt::Success(::NtOpenSymbolicLinkObject(link.put(), SYMBOLIC_LINK_QUERY, &attributes))) return false;
     UNICODE_STRING target{0, sizeof device.text, device.text};
-    if (nt::Success(::NtQuerySymbolicLinkObject(link, &target, nullptr)) &&
+    if (nt::Success(::NtQuerySymbolicLinkObject(link.get(), &target, nullptr)) &&
         StartsWith({device.text, target.Length / sizeof(wchar_t)}, kVolumePrefix))
       device.units = target.Length / sizeof(wchar_t);
-    ::NtClose(link);
     return true;
   }
 

@@ -11,6 +11,7 @@
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/strings.h"
 #include "VornCore/Hook/hook_depth.h"
+#include "VornCore/Hook/own_handle.h"
 
 namespace VornCore {
 namespace {
@@ -123,19 +124,14 @@ class PendingChild {
     if (GetProcessId(state.hPendingProcess) == state.pendingProcessId)
       process_ = state.hPendingProcess;
     else
-      process_ = opened_ = OpenProcess(PROCESS_ALL_ACCESS, FALSE, state.pendingProcessId);
+      opened_.reset(OpenProcess(PROCESS_ALL_ACCESS, FALSE, state.pendingProcessId));
   }
-  ~PendingChild() {
-    if (opened_) Ntdll::CallOriginalNtClose(opened_);
-  }
-  PendingChild(const PendingChild&) = delete;
-  PendingChild& operator=(const PendingChild&) = delete;
 
-  HANDLE process() const noexcept { return process_; }
+  HANDLE process() const noexcept { return process_ ? process_ : opened_.get(); }
 
  private:
   HANDLE process_ = nullptr;
-  HANDLE opened_ = nullptr;
+  OwnHandle opened_;
 };
 
 // Injects the pending child and resumes it.

@@ -10,7 +10,7 @@
 #include "Policy/device_path.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
-#include "ipc/port/unique_handle.h"
+#include "windows/unique_handle.h"
 #include "vorn/text.h"
 
 namespace vorn::host {
@@ -83,7 +83,7 @@ class OtherNames final : public policy::FileContext {
 
  private:
   static bool HasSeveralNames(const std::wstring& path) {
-    const ipc::UniqueHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, nt::kShareAll, nullptr,
+    const windows::UniqueHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, nt::kShareAll, nullptr,
                                              OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     BY_HANDLE_FILE_INFORMATION info;
     return file && GetFileInformationByHandle(file.get(), &info) &&

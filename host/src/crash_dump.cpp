@@ -11,8 +11,8 @@
 
 #include "Policy/file_time.h"
 #include "Policy/wide.h"
-#include "ipc/port/unique_handle.h"
 #include "vorn/text.h"
+#include "windows/unique_handle.h"
 
 namespace vorn::host {
 namespace {
@@ -62,7 +62,7 @@ class WindowedFile {
     return done && read == out.size();
   }
 
-  ipc::UniqueHandle file_;
+  windows::UniqueHandle file_;
   DWORD error_ = 0;
   std::uint64_t size_ = 0;
   std::uint64_t start_ = 0;

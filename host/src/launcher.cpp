@@ -10,17 +10,17 @@
 #include <thread>
 
 #include "detours/detours.h"
-#include "ipc/port/unique_handle.h"
-#include "ipc/port/user_only_security.h"
 #include "vorn/create_process.h"
 #include "vorn/environment.h"
 #include "vorn/text.h"
+#include "windows/unique_handle.h"
+#include "windows/user_only_security.h"
 
 namespace vorn::host {
 
 namespace {
 
-using ipc::UniqueHandle;
+using windows::UniqueHandle;
 
 constexpr wchar_t kSectionVariable[] = L"VORN_SHARED_DATA_NAME";
 // Completion keys other than that of the job's notices, which is 0.
@@ -126,7 +126,7 @@ DWORD Inject(HANDLE process, DWORD pid, const std::wstring& library) {
 DWORD CreateInitEvent(const std::wstring& prefix, DWORD pid, UniqueHandle& event) {
   const std::wstring name = prefix + std::to_wstring(pid);
   UNICODE_STRING counted = nt::CountedString(name.c_str(), name.size() * sizeof(wchar_t));
-  ipc::UserOnlySecurity security;
+  windows::UserOnlySecurity security;
   if (security.error()) return security.error();
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&counted);
   attributes.SecurityDescriptor = security.descriptor();

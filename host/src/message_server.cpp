@@ -19,7 +19,7 @@ namespace vorn::host {
 namespace {
 
 using ipc::MessageReader;
-using ipc::UniqueHandle;
+using windows::UniqueHandle;
 
 // Instances that wait for a process at any time, so that a burst of starts finds a free one.
 constexpr std::size_t kListening = 8;

@@ -3,9 +3,9 @@
 #include <array>
 #include <system_error>
 
-#include "ipc/port/unique_handle.h"
-#include "ipc/port/user_only_security.h"
 #include "vorn/text.h"
+#include "windows/unique_handle.h"
+#include "windows/user_only_security.h"
 
 namespace vorn::host {
 
@@ -15,8 +15,8 @@ namespace {
 // object made there tells.
 std::wstring FindDirectory() {
   const std::wstring name = RandomName(L"vorn_probe");
-  ipc::UserOnlySecurity security;
-  ipc::UniqueHandle probe(CreateEventW(security.attributes(), FALSE, FALSE, name.c_str()));
+  windows::UserOnlySecurity security;
+  windows::UniqueHandle probe(CreateEventW(security.attributes(), FALSE, FALSE, name.c_str()));
   if (!probe)
     throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), "named objects");
   alignas(nt::ObjectNameInformation) std::array<unsigned char, 2048> buffer;

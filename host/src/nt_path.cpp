@@ -6,8 +6,8 @@
 #include "Policy/device_path.h"
 #include "Policy/file_decision.h"
 #include "Policy/wide.h"
-#include "ipc/port/unique_handle.h"
 #include "vorn/text.h"
+#include "windows/unique_handle.h"
 
 namespace vorn::host {
 
@@ -62,7 +62,7 @@ std::wstring FullPath(const std::wstring& path) {
 std::wstring FinalPath(const std::wstring& path, bool* missing) {
   // A drive is opened as its root folder: without the backslash it would be the volume.
   const std::wstring name = path.size() == 2 ? path + L'\\' : path;
-  const ipc::UniqueHandle file(CreateFileW(name.c_str(), FILE_READ_ATTRIBUTES, nt::kShareAll, nullptr,
+  const windows::UniqueHandle file(CreateFileW(name.c_str(), FILE_READ_ATTRIBUTES, nt::kShareAll, nullptr,
                                            OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
   const DWORD error = GetLastError();
   *missing = !file && (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND);

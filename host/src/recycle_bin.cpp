@@ -10,9 +10,9 @@
 #include <memory>
 
 #include "Policy/file_time.h"
-#include "ipc/port/unique_handle.h"
 #include "vorn/environment.h"
 #include "vorn/recycle_info.h"
+#include "windows/unique_handle.h"
 
 namespace vorn::host {
 namespace {
@@ -32,7 +32,7 @@ void ForEachFile(const fs::path& folder, Visit&& visit) {
 }
 
 std::wstring CurrentUserSid() {
-  ipc::UniqueHandle token;
+  windows::UniqueHandle token;
   if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put())) return {};
   std::vector<std::byte> buffer(256);
   DWORD size = 0;

@@ -6,10 +6,10 @@
 
 #include "Policy/path_hash.h"
 #include "Policy/wide.h"
-#include "ipc/port/unique_handle.h"
-#include "ipc/port/user_only_security.h"
 #include "vorn/named_object.h"
 #include "vorn/text.h"
+#include "windows/unique_handle.h"
+#include "windows/user_only_security.h"
 
 namespace vorn::host {
 
@@ -150,7 +150,7 @@ std::vector<std::byte> LayOutSection(const SectionContents& contents) {
 struct SharedSection::Impl {
   SectionContents contents;
   std::wstring name;
-  ipc::UniqueHandle mapping;
+  windows::UniqueHandle mapping;
   std::span<std::byte> bytes;
 
   ~Impl() {
@@ -170,7 +170,7 @@ SharedSection::SharedSection(SectionContents contents) : impl_(std::make_unique<
   const std::wstring short_name = RandomName(L"vorn");
   impl_->name = NamedObjectPath(short_name);
 
-  ipc::UserOnlySecurity security;
+  windows::UserOnlySecurity security;
   if (security.error()) fail(security.error());
   impl_->mapping.reset(CreateFileMappingW(INVALID_HANDLE_VALUE, security.attributes(), PAGE_READWRITE, 0,
                                           static_cast<DWORD>(image.size()), short_name.c_str()));

@@ -5,7 +5,7 @@
 #include <new>
 
 #include "ipc/ipc_interface.h"
-#include "ipc/port/user_only_security.h"
+#include "windows/user_only_security.h"
 
 namespace vorn::ipc {
 
@@ -34,7 +34,7 @@ PipePath::PipePath(const wchar_t* port_name) noexcept {
 
 DWORD CreatePipeInstance(const PipePath& path, Direction direction, bool first, DWORD instances,
                          UniqueHandle& pipe) noexcept {
-  UserOnlySecurity security;
+  windows::UserOnlySecurity security;
   if (security.error()) return security.error();
   DWORD open_mode = FILE_FLAG_OVERLAPPED;
   open_mode |= direction == Direction::kIn ? PIPE_ACCESS_INBOUND : PIPE_ACCESS_DUPLEX;

@@ -9,10 +9,12 @@
 #include <cstdint>
 #include <memory>
 
-#include "ipc/port/unique_handle.h"
 #include "windows/nt.h"
+#include "windows/unique_handle.h"
 
 namespace vorn::ipc {
+
+using windows::UniqueHandle;
 
 class PipePath {
  public:

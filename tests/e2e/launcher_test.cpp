@@ -2,15 +2,15 @@
 // "probe".
 #include <string>
 
-#include "ipc/port/unique_handle.h"
 #include "tests/e2e/confinement.h"
 #include "vorn/create_process.h"
+#include "windows/unique_handle.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using namespace vorn::host;
-using vorn::ipc::UniqueHandle;
+using vorn::windows::UniqueHandle;
 
 std::wstring ProbeCommand(const std::wstring& arguments) {
   return L"\"" + vorn::test::ThisProgram().wstring() + L"\" probe " + arguments;

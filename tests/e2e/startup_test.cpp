@@ -16,7 +16,6 @@
 
 #include "Policy/message.h"
 #include "detours/detours.h"
-#include "ipc/port/unique_handle.h"
 #include "tests/unit/build_paths.h"
 #include "tests/unit/long_form.h"
 #include "vorn/create_process.h"
@@ -24,12 +23,13 @@
 #include "vorn/section.h"
 #include "vorn/text.h"
 #include "windows/nt.h"
+#include "windows/unique_handle.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using namespace vorn::host;
-using vorn::ipc::UniqueHandle;
+using vorn::windows::UniqueHandle;
 
 constexpr DWORD kProbeCode = 123;
 constexpr DWORD kFailedManager = 1114;

@@ -12,12 +12,12 @@
 #include "Policy/section_view.h"
 #include "Policy/wide.h"
 #include "ipc/port/pipe.h"
-#include "ipc/port/unique_handle.h"
 #include "vorn/named_object.h"
 #include "vorn/nt_path.h"
 #include "vorn/section.h"
 #include "vorn/text.h"
 #include "windows/nt.h"
+#include "windows/unique_handle.h"
 
 namespace {
 
@@ -52,13 +52,13 @@ TEST(HostSection, SharedObjectsAdmitTheCurrentUserAlone) {
   const host::SharedSection section(Example());
   UNICODE_STRING name = nt::CountedString(section.name().c_str(), section.name().size() * sizeof(wchar_t));
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
-  ipc::UniqueHandle mapping, pipe;
+  windows::UniqueHandle mapping, pipe;
   ASSERT_EQ(NtOpenSection(mapping.put(), READ_CONTROL, &attributes), STATUS_SUCCESS);
   const ipc::PipePath path(host::RandomName(L"vorn_acl").c_str());
   ASSERT_EQ(ipc::CreatePipeInstance(path, ipc::Direction::kBoth, true, 1, pipe), 0u);
 
   alignas(TOKEN_USER) unsigned char user[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
-  ipc::UniqueHandle token;
+  windows::UniqueHandle token;
   DWORD bytes = 0;
   ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put()));
   ASSERT_TRUE(GetTokenInformation(token.get(), TokenUser, user, sizeof user, &bytes));

@@ -208,7 +208,7 @@ int EchoUntilGone(Client& client) {
 
 // Writes to another process's local port, as far as that lets it.
 int Intrude(const std::wstring& port) {
-  vorn::ipc::UniqueHandle pipe, event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  vorn::windows::UniqueHandle pipe, event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (vorn::ipc::OpenPipe(vorn::ipc::PipePath(port.c_str()), vorn::ipc::Direction::kIn, 5000, pipe)) return 8;
   // Whether the pipe still takes the message before the process hangs up is a matter of timing.
   [[maybe_unused]] const DWORD error =
@@ -285,7 +285,7 @@ TEST(IpcPort, SizesUpToTheLimitPassAndLargerOnesAreRefusedWithAText) {
 // A peer that does not use the library can write what it likes.
 TEST(IpcPort, OversizedAndMalformedMessagesOfAStrangerDoNotHarmTheServer) {
   Host host;
-  vorn::ipc::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  vorn::windows::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   const vorn::ipc::PipePath path(host.server.port_name().c_str());
   std::size_t expected_errors = 0;
   // A local port that the host would look for outside of the pipes.
@@ -294,7 +294,7 @@ TEST(IpcPort, OversizedAndMalformedMessagesOfAStrangerDoNotHarmTheServer) {
   for (const std::string& junk :
        {std::string(3, '\x7f'), std::string(4000, '\x7f'), std::string(3 << 20, '\x7f'),
         std::string(reinterpret_cast<const char*>(&elsewhere), vorn::ipc::Hello::Bytes(10))}) {
-    vorn::ipc::UniqueHandle pipe;
+    vorn::windows::UniqueHandle pipe;
     ASSERT_EQ(vorn::ipc::OpenPipe(path, vorn::ipc::Direction::kBoth, 5000, pipe), 0u);
     const DWORD error = vorn::ipc::WriteMessage(
         pipe.get(), junk.data(), static_cast<std::uint32_t>(junk.size()), event.get(), nullptr, 20'000);
@@ -333,7 +333,7 @@ TEST(IpcPort, HostSendsNothingToAPortThatBelongsToAnotherProcess) {
   Process process(L"echo", host.server.port_name(), 0);
   ASSERT_TRUE(host.WaitFor([&] { return host.received.size() == 1; }));
   // This process introduces itself with the other one's port.
-  vorn::ipc::UniqueHandle pipe, event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  vorn::windows::UniqueHandle pipe, event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   const vorn::ipc::PipePath path(host.server.port_name().c_str());
   ASSERT_EQ(vorn::ipc::OpenPipe(path, vorn::ipc::Direction::kBoth, 5000, pipe), 0u);
   const std::wstring& port = host.connected[0].port;

@@ -14,6 +14,7 @@
 #include "VornCore/Base/message_queue.h"
 #include "VornCore/Base/process_info.h"
 #include "VornCore/Base/strings.h"
+#include "windows/unique_handle.h"
 
 namespace VornCore {
 namespace {
@@ -22,6 +23,7 @@ using vorn::policy::kMinMessageSize;
 using vorn::policy::kTipMagic;
 using vorn::policy::MessageOrigin;
 using vorn::policy::TIPHeader;
+using vorn::windows::UniqueHandle;
 
 constexpr std::int32_t kQueueNodes = 1'000;
 constexpr std::size_t kPortNameUnits = 259;     // longest local port name, without terminator
@@ -35,7 +37,7 @@ std::atomic<bool> gs_terminate_on_disconnect = false;
 std::atomic<channel::PathConverter> gs_path_converter = nullptr;
 MessageQueue gs_rqGameToHost, gs_rqHostToGame;
 FloodRule gs_flood;
-HANDLE gs_recv_thread = nullptr, gs_dispatch_thread = nullptr, gs_send_thread = nullptr;
+UniqueHandle gs_recv_thread, gs_dispatch_thread, gs_send_thread;
 
 // The text of a block that was converted to UTF-8; empty without one.
 std::string_view ViewOf(const HeapText& text) {
@@ -103,21 +105,20 @@ DWORD WINAPI DispatchMsg(void*) {
 // transport and the others to fall asleep. No time is given to threads that cannot have started yet.
 void StopChannelThreads(DWORD patience_ms) {
   IpcStop();
-  if (gs_recv_thread) WaitForSingleObject(gs_recv_thread, patience_ms);
+  if (gs_recv_thread) WaitForSingleObject(gs_recv_thread.get(), patience_ms);
   gs_rqGameToHost.WaitForSleepingConsumer(patience_ms);
   gs_rqHostToGame.WaitForSleepingConsumer(patience_ms);
-  for (HANDLE* thread : {&gs_recv_thread, &gs_send_thread, &gs_dispatch_thread}) {
+  for (UniqueHandle* thread : {&gs_recv_thread, &gs_send_thread, &gs_dispatch_thread}) {
     if (!*thread) continue;
-    TerminateThread(*thread, kExitStoppedThread);
-    CloseHandle(*thread);
-    *thread = nullptr;
+    TerminateThread(thread->get(), kExitStoppedThread);
+    thread->reset();
   }
 }
 
 bool StartRecvData() {
-  const auto start = [](HANDLE& thread, LPTHREAD_START_ROUTINE routine) {
-    thread = CreateThread(nullptr, 0, routine, nullptr, 0, nullptr);
-    return thread != nullptr;
+  const auto start = [](UniqueHandle& thread, LPTHREAD_START_ROUTINE routine) {
+    thread.reset(CreateThread(nullptr, 0, routine, nullptr, 0, nullptr));
+    return bool(thread);
   };
   if (start(gs_recv_thread, IPCRecvThreadProc) && start(gs_dispatch_thread, DispatchMsg) &&
       start(gs_send_thread, IPCSendThreadProc))

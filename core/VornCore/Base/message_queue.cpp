@@ -5,28 +5,27 @@
 namespace VornCore {
 
 bool MessageQueue::InitEvent() noexcept {
-  event_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  return event_ != nullptr;
+  event_.reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  return bool(event_);
 }
 
 void MessageQueue::Destroy() noexcept {
   ring_.Destroy();
-  if (event_) CloseHandle(event_);
-  event_ = nullptr;
+  event_.reset();
   sleeping_.store(false, std::memory_order_relaxed);
 }
 
 bool MessageQueue::Push(const void* data, std::uint32_t bytes) noexcept {
   if (IsAbandoned()) return false;  // nobody would give the lock back
   const bool queued = ring_.Push(data, bytes);
-  if (sleeping_.load(std::memory_order_relaxed) && sleeping_.exchange(false)) SetEvent(event_);
+  if (sleeping_.load(std::memory_order_relaxed) && sleeping_.exchange(false)) SetEvent(event_.get());
   return queued;
 }
 
 void MessageQueue::WaitForMessage() noexcept {
-  ResetEvent(event_);
+  ResetEvent(event_.get());
   sleeping_.store(true);
-  if (ring_.IsEmpty()) WaitForSingleObject(event_, INFINITE);
+  if (ring_.IsEmpty()) WaitForSingleObject(event_.get(), INFINITE);
   sleeping_.store(false, std::memory_order_relaxed);
 }
 

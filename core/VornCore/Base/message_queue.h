@@ -10,7 +10,7 @@
 #include <cstdint>
 
 #include "VornCore/Base/ring_buffer.h"
-#include "windows/nt.h"
+#include "windows/unique_handle.h"
 
 namespace VornCore {
 
@@ -45,7 +45,7 @@ class MessageQueue {
   void WaitForMessage() noexcept;
 
   RingQueue ring_;
-  HANDLE event_ = nullptr;  // manual reset
+  vorn::windows::UniqueHandle event_;  // manual reset
   std::atomic<bool> sleeping_ = false;
 };
 

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "Platform/native.h"
+#include "windows/unique_handle.h"
 
 namespace VornCore {
 namespace {
@@ -39,11 +40,9 @@ std::uint32_t IntegrityOfToken(HANDLE token) noexcept {
 }  // namespace
 
 std::uint32_t GetIntegrityLevel() noexcept {
-  HANDLE token = nullptr;
-  if (!nt::Success(NtOpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token))) return 0;
-  const std::uint32_t level = IntegrityOfToken(token);
-  NtClose(token);
-  return level;
+  vorn::windows::UniqueHandle token;
+  if (!nt::Success(NtOpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put()))) return 0;
+  return IntegrityOfToken(token.get());
 }
 
 std::uint32_t GetParentProcessId() noexcept {

@@ -1,6 +1,7 @@
 #include "VornCore/Base/shared_data.h"
 
 #include "Policy/section_format.h"
+#include "windows/unique_handle.h"
 
 namespace VornCore {
 namespace {
@@ -39,27 +40,23 @@ DWORD OpenSharedData(const wchar_t* name) noexcept {
   UNICODE_STRING counted;
   RtlInitUnicodeString(&counted, name);
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&counted);
-  HANDLE handle = nullptr;
-  NTSTATUS status = NtOpenSection(&handle, SECTION_MAP_READ | SECTION_MAP_WRITE, &attributes);
+  vorn::windows::UniqueHandle handle;
+  NTSTATUS status = NtOpenSection(handle.put(), SECTION_MAP_READ | SECTION_MAP_WRITE, &attributes);
   if (!nt::Success(status)) return RtlNtStatusToDosErrorNoTeb(status);
 
   constexpr ULONG kViewUnmap = 2;  // children do not inherit the view
   void* base = nullptr;
   SIZE_T size = 0;
-  status = NtMapViewOfSection(handle, GetCurrentProcess(), &base, 0, 0, nullptr, &size, kViewUnmap, 0,
+  status = NtMapViewOfSection(handle.get(), GetCurrentProcess(), &base, 0, 0, nullptr, &size, kViewUnmap, 0,
                               PAGE_READWRITE);
-  if (!nt::Success(status)) {
-    NtClose(handle);
-    return RtlNtStatusToDosErrorNoTeb(status);
-  }
+  if (!nt::Success(status)) return RtlNtStatusToDosErrorNoTeb(status);
   const SectionView section({static_cast<const std::byte*>(base), size});
   if (section.Check() != SectionStatus::kOk) {
     NtUnmapViewOfSection(GetCurrentProcess(), base);
-    NtClose(handle);
     return ERROR_PRODUCT_VERSION;
   }
   gs_section = section;
-  gs_section_handle = handle;
+  gs_section_handle = handle.release();
   return ERROR_SUCCESS;
 }
 

@@ -7,7 +7,7 @@
 
 #include "windows/nt.h"
 
-namespace vorn::ipc {
+namespace vorn::windows {
 
 class UserOnlySecurity {
  public:
@@ -33,4 +33,4 @@ class UserOnlySecurity {
   DWORD error_;
 };
 
-}  // namespace vorn::ipc
+}  // namespace vorn::windows

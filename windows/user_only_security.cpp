@@ -1,6 +1,6 @@
-#include "ipc/port/user_only_security.h"
+#include "windows/user_only_security.h"
 
-#include "ipc/port/unique_handle.h"
+#include "windows/unique_handle.h"
 
 extern "C" {
 NTSYSAPI NTSTATUS NTAPI RtlCreateSecurityDescriptor(PSECURITY_DESCRIPTOR, ULONG revision);
@@ -10,7 +10,7 @@ NTSYSAPI NTSTATUS NTAPI RtlSetDaclSecurityDescriptor(PSECURITY_DESCRIPTOR, BOOLE
                                                      BOOLEAN defaulted);
 }
 
-namespace vorn::ipc {
+namespace vorn::windows {
 
 UserOnlySecurity::UserOnlySecurity() noexcept
     : attributes_{sizeof(SECURITY_ATTRIBUTES), &descriptor_, FALSE}, error_(Build()) {}
@@ -32,4 +32,4 @@ DWORD UserOnlySecurity::Build() noexcept {
   return nt::Success(status) ? 0 : RtlNtStatusToDosErrorNoTeb(status);
 }
 
-}  // namespace vorn::ipc
+}  // namespace vorn::windows
