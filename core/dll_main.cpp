@@ -24,6 +24,7 @@
 #include "VornCore/Hook/mod.h"
 #include "VornCore/Hook/ntdll.h"
 #include "detours/detours.h"
+#include "windows/known_names.h"
 #include "windows/nt.h"
 
 namespace VornCore {
@@ -32,7 +33,7 @@ namespace {
 // 0 with a pointer to a process-wide buffer, or a Win32 error.
 DWORD GetSharedDataName(const wchar_t** name) {
   static wchar_t buffer[256];
-  const DWORD units = GetEnvironmentVariableW(L"VORN_SHARED_DATA_NAME", buffer, ARRAYSIZE(buffer));
+  const DWORD units = GetEnvironmentVariableW(vorn::windows::kSectionVariable, buffer, ARRAYSIZE(buffer));
   if (units == 0) return GetLastError();
   if (units >= ARRAYSIZE(buffer)) return ERROR_BAD_ENVIRONMENT;
   *name = buffer;

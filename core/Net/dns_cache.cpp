@@ -5,6 +5,7 @@
 
 #include "Net/net_helper.h"
 #include "Platform/winsock.h"
+#include "Policy/net_rules.h"
 #include "Policy/path_hash.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
@@ -54,7 +55,7 @@ struct DnsCache::HostAddress {
   }
   static HostAddress IPv6(const void* host) {
     auto* bytes = static_cast<const std::uint8_t*>(host);
-    if (net_helper::IsMappedIPv4(bytes)) return IPv4(bytes + 12);
+    if (vorn::policy::IsMappedIPv4(bytes)) return IPv4(bytes + 12);
     HostAddress address;
     if (memcmp(bytes, kZeroHost, 16) == 0) return address;
     address.family = AF_INET6;

@@ -3,17 +3,9 @@
 #include <cstring>
 
 #include "Platform/untrusted.h"
+#include "Policy/net_rules.h"
 
 namespace VornCore::net_helper {
-namespace {
-
-constexpr std::uint8_t kMappedPrefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
-
-}  // namespace
-
-bool IsMappedIPv4(const std::uint8_t* host) noexcept {
-  return memcmp(host, kMappedPrefix, sizeof kMappedPrefix) == 0;
-}
 
 bool ReadAddress(const sockaddr* address, std::uint32_t length, SocketAddress& copy) noexcept {
   if (!address || !length) return false;
@@ -28,7 +20,7 @@ SockaddrAdapter::SockaddrAdapter(const sockaddr* address, std::uint32_t length) 
     : address_(address), length_(length) {
   SocketAddress copy;
   if (length < kIPv6Bytes || !ReadAddress(address, kIPv6Bytes, copy)) return;
-  if (copy.family() != AF_INET6 || !IsMappedIPv4(copy.host())) return;
+  if (copy.family() != AF_INET6 || !vorn::policy::IsMappedIPv4(copy.host())) return;
   converted_ = {};
   converted_.sin_family = AF_INET;
   converted_.sin_port = GetSockaddrPort(copy.get());

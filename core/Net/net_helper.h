@@ -58,9 +58,6 @@ class SockaddrAdapter {
   sockaddr_in converted_;  // what address_ points to after a conversion
 };
 
-// Whether 16 address bytes are an IPv4-mapped IPv6 address, whose last 4 bytes are the IPv4 address.
-[[nodiscard]] bool IsMappedIPv4(const std::uint8_t* host) noexcept;
-
 // The port as stored (network order); 0 for other families. 0 also stands for "not bound yet".
 std::uint16_t GetSockaddrPort(const sockaddr* address) noexcept;
 

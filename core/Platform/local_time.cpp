@@ -3,17 +3,12 @@
 #include <cstdint>
 
 #include "Platform/native.h"
+#include "windows/file_time.h"
 
 namespace VornCore::platform {
 namespace {
 
-std::int64_t Ticks(const FILETIME& time) {
-  return static_cast<std::int64_t>(std::uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime);
-}
-
-FILETIME FromTicks(std::int64_t ticks) {
-  return {static_cast<DWORD>(ticks), static_cast<DWORD>(static_cast<std::uint64_t>(ticks) >> 32)};
-}
+using vorn::windows::TicksOf;
 
 // Wine reads the time zone under a lock of its own on every GetLocalTime. The end of a process takes threads
 // away wherever they are; when one of them was inside, the process's last log line would wait for it for
@@ -21,11 +16,11 @@ FILETIME FromTicks(std::int64_t ticks) {
 SYSTEMTIME LocalTimeOnWine() noexcept {
   FILETIME now;
   GetSystemTimeAsFileTime(&now);
-  static const std::int64_t distance = [&] {
+  static const std::uint64_t distance = [&] {
     FILETIME local;
-    return FileTimeToLocalFileTime(&now, &local) ? Ticks(local) - Ticks(now) : 0;
+    return FileTimeToLocalFileTime(&now, &local) ? TicksOf(local) - TicksOf(now) : 0;  // modulo 2^64
   }();
-  const FILETIME local = FromTicks(Ticks(now) + distance);
+  const FILETIME local = vorn::windows::FileTimeOf(TicksOf(now) + distance);
   SYSTEMTIME result{};
   FileTimeToSystemTime(&local, &result);
   return result;

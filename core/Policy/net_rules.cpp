@@ -112,15 +112,16 @@ bool EndsDottedDomain(std::u16string_view domain, std::u16string_view suffix) no
 
 }  // namespace
 
+bool IsMappedIPv4(const std::uint8_t* host) noexcept {
+  static constexpr std::uint8_t kMappedPrefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+  return std::equal(kMappedPrefix, kMappedPrefix + 12, host);
+}
+
 IpAddress UnwrapMappedIPv4(const IpAddress& address) noexcept {
-  static constexpr std::array<std::uint8_t, 12> kMappedPrefix = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
-  if (address.family != kFamilyIPv6 ||
-      !std::equal(kMappedPrefix.begin(), kMappedPrefix.end(), address.bytes.begin())) {
-    return address;
-  }
+  if (address.family != kFamilyIPv6 || !IsMappedIPv4(address.bytes.data())) return address;
   IpAddress unwrapped;
   unwrapped.family = kFamilyIPv4;
-  std::copy(address.bytes.begin() + kMappedPrefix.size(), address.bytes.end(), unwrapped.bytes.begin());
+  std::copy(address.bytes.begin() + 12, address.bytes.end(), unwrapped.bytes.begin());
   unwrapped.port = address.port;
   return unwrapped;
 }

@@ -19,6 +19,10 @@ struct IpAddress {
   std::uint16_t port = 0;                // host order
 };
 
+// Whether 16 address bytes are an IPv4-mapped IPv6 address (::ffff:a.b.c.d), whose last 4 bytes are the IPv4
+// address.
+[[nodiscard]] bool IsMappedIPv4(const std::uint8_t* host) noexcept;
+
 // An IPv4 address that an IPv6 address carries (::ffff:a.b.c.d) as IPv4, anything else unchanged.
 [[nodiscard]] IpAddress UnwrapMappedIPv4(const IpAddress& address) noexcept;
 

@@ -8,20 +8,22 @@
 #include "Policy/environment_block.h"
 #include "Policy/wide.h"
 #include "VornCore/Base/log.h"
+#include "windows/known_names.h"
 
 namespace VornCore {
 namespace {
 
 namespace policy = vorn::policy;
 
-constexpr wchar_t kVariable[] = L"VORN_SHARED_DATA_NAME";
+using vorn::windows::kSectionVariable;
+
 constexpr DWORD kMaxValueUnits = 256;  // terminator included
 
 }  // namespace
 
 wchar_t* GetExtraEnvironment(wchar_t* block, SIZE_T* size) noexcept {
   if (!block || !size || !*size) return block;
-  const std::u16string_view variable = policy::U16(std::wstring_view(kVariable));
+  const std::u16string_view variable = policy::U16(std::wstring_view(kSectionVariable));
   // The caller's memory: the stated size may be more than is there, and other threads may write to it.
   const std::span<const char16_t> entries(policy::U16(block), *size / sizeof(char16_t));
   policy::EnvironmentScan scan;
@@ -34,7 +36,7 @@ wchar_t* GetExtraEnvironment(wchar_t* block, SIZE_T* size) noexcept {
   if (scan.status == policy::EnvironmentStatus::kFound) return block;
 
   wchar_t value[kMaxValueUnits];
-  const DWORD units = GetEnvironmentVariableW(kVariable, value, kMaxValueUnits);
+  const DWORD units = GetEnvironmentVariableW(kSectionVariable, value, kMaxValueUnits);
   if (units == 0 || units >= kMaxValueUnits) {
     VORN_LOG_W("GetExtraEnvironment: VORN_SHARED_DATA_ENV_NAME not found in current environment, code %lu",
                GetLastError());

@@ -2,14 +2,16 @@
 
 #include "Proc/process_event.h"
 #include "VornCore/Base/log.h"
-#include "VornCore/Base/process_info.h"
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
 #include "VornCore/Base/thread_state.h"
 #include "detours/detours.h"
+#include "windows/process_facts.h"
 
 namespace VornCore {
 namespace {
+
+using namespace vorn::windows;
 
 // Win32 error of the attempt. A process of the other bitness is updated by a helper process of that bitness,
 // whose own creation is marked so that it is not followed.
@@ -31,13 +33,13 @@ DWORD UpdateImports(HANDLE child, DWORD pid, const char* library) noexcept {
 
 bool InjectBizDll(HANDLE child) noexcept {
   const DWORD pid = GetProcessId(child);
-  const std::uint32_t machine = GetProcessMachine(child);
+  const std::uint32_t machine = MachineOf(child);
   if (machine != kMachineX64 && machine != kMachineX86) {
     VORN_LOG_E("Inject exe failed, Unknown exe type %u, pid %lu", machine, pid);
     SendProcessEvent(ProcessEventKind::kInjectionFailed, child, pid, ERROR_NOT_SUPPORTED);
     return false;
   }
-  const HeapText library = WideToAnsi(machine == kMachineX64 ? GetBizDllPathX64() : GetBizDllPathX86());
+  const HeapText library = WideToAnsi(ForMachine(machine, GetBizDllPathX64(), GetBizDllPathX86()));
   if (!library) {
     VORN_LOG_E("Get biz dll path failed!");
     SendProcessEvent(ProcessEventKind::kInjectionFailed, child, pid, ERROR_DLL_NOT_FOUND);

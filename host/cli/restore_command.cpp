@@ -1,5 +1,3 @@
-#include <windows.h>
-
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -11,6 +9,7 @@
 #include "vorn/recycle_bin.h"
 #include "vorn/run_journal.h"
 #include "vorn/text.h"
+#include "windows/file_time.h"
 
 namespace vorn::cli {
 namespace {
@@ -23,8 +22,7 @@ bool SamePath(const std::wstring& a, const std::wstring& b) {
 }
 
 std::string TimeText(std::uint64_t time_ms) {
-  const std::uint64_t ticks = time_ms * policy::kTicksPerMillisecond + policy::kUnixEpochTicks;
-  const FILETIME utc{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
+  const FILETIME utc = windows::FileTimeOf(time_ms * policy::kTicksPerMillisecond + policy::kUnixEpochTicks);
   FILETIME local;
   SYSTEMTIME t;
   if (!FileTimeToLocalFileTime(&utc, &local) || !FileTimeToSystemTime(&local, &t)) return "?";

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <charconv>
 
+#include "Policy/net_rules.h"
 #include "vorn/policy_file.h"
 
 #ifdef _WIN32
@@ -126,9 +127,7 @@ std::variant<PolicyNetRule, std::string> ParseDestination(std::string_view text)
     return "\"" + std::string(rest) + "\" after \"" + name + "\" is not understood";
   }
   MaskAddress(rule);
-  static constexpr std::uint8_t kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
-  if (rule.address.size() == 16 && rule.prefix >= 96 &&
-      std::equal(kMapped, kMapped + 12, rule.address.begin()))
+  if (rule.address.size() == 16 && rule.prefix >= 96 && policy::IsMappedIPv4(rule.address.data()))
     return "\"" + rule.text + "\" is an IPv4 address in IPv6 form: write it as IPv4, which covers both";
   return rule;
 }

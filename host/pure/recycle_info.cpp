@@ -59,9 +59,7 @@ std::optional<RecycleInfo> ParseRecycleInfo(std::span<const std::byte> bytes) {
   if (const std::size_t end = info.path.find(u'\0'); end != std::u16string::npos) info.path.resize(end);
   if (info.path.empty()) return {};
   info.size = Read<std::uint64_t>(bytes, 8);
-  const auto time = Read<std::uint64_t>(bytes, 16);
-  info.deleted_at_ms =
-      time > policy::kUnixEpochTicks ? (time - policy::kUnixEpochTicks) / policy::kTicksPerMillisecond : 0;
+  info.deleted_at_ms = policy::UnixMilliseconds(Read<std::uint64_t>(bytes, 16));
   return info;
 }
 

@@ -1,7 +1,5 @@
 #include "vorn/crash_dump.h"
 
-#include <windows.h>
-
 #include <fmt/format.h>
 #include <fmt/xchar.h>
 
@@ -12,6 +10,7 @@
 #include "Policy/file_time.h"
 #include "Policy/wide.h"
 #include "vorn/text.h"
+#include "windows/file_time.h"
 #include "windows/unique_handle.h"
 
 namespace vorn::host {
@@ -69,12 +68,6 @@ class WindowedFile {
   std::vector<std::byte> window_;
 };
 
-std::uint64_t UnixMs(const FILETIME& time) {
-  const std::uint64_t ticks = (std::uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
-  return ticks > policy::kUnixEpochTicks ? (ticks - policy::kUnixEpochTicks) / policy::kTicksPerMillisecond
-                                         : 0;
-}
-
 struct Candidate {
   std::wstring path;
   std::uint64_t written_at_ms;
@@ -90,7 +83,8 @@ std::vector<Candidate> DumpsOf(const std::wstring& directory, std::uint32_t pid)
   HANDLE search = FindFirstFileW(pattern.c_str(), &found);
   if (search == INVALID_HANDLE_VALUE) return candidates;
   do {
-    candidates.push_back({folder + found.cFileName, UnixMs(found.ftLastWriteTime)});
+    candidates.push_back(
+        {folder + found.cFileName, policy::UnixMilliseconds(windows::TicksOf(found.ftLastWriteTime))});
   } while (FindNextFileW(search, &found));
   FindClose(search);
   std::ranges::sort(candidates, std::greater(), &Candidate::written_at_ms);

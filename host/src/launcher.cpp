@@ -13,6 +13,8 @@
 #include "vorn/create_process.h"
 #include "vorn/environment.h"
 #include "vorn/text.h"
+#include "windows/known_names.h"
+#include "windows/process_facts.h"
 #include "windows/unique_handle.h"
 #include "windows/user_only_security.h"
 
@@ -22,7 +24,6 @@ namespace {
 
 using windows::UniqueHandle;
 
-constexpr wchar_t kSectionVariable[] = L"VORN_SHARED_DATA_NAME";
 // Completion keys other than that of the job's notices, which is 0.
 constexpr ULONG_PTR kStopKey = 1, kFenceKey = 2;
 constexpr UINT kNotConfinedExit = 0xE0000001;  // of a process that is ended because it could not be confined
@@ -98,15 +99,6 @@ std::wstring ImageOf(HANDLE process) {
   DWORD units = static_cast<DWORD>(image.size());
   image.resize(QueryFullProcessImageNameW(process, 0, image.data(), &units) ? units : 0);
   return image;
-}
-
-// Whether a process runs 32-bit code: under a 64-bit system, or because the system knows nothing else.
-bool IsX86(HANDLE process) {
-  const auto under_wow64 = [](HANDLE p) {
-    BOOL wow64 = FALSE;
-    return IsWow64Process(p, &wow64) && wow64;
-  };
-  return under_wow64(process) || (sizeof(void*) == 4 && !under_wow64(GetCurrentProcess()));
 }
 
 // 0 or a Win32 error.
@@ -291,10 +283,7 @@ class Launcher::Impl {
       process.reset();
       return description;
     }
-    PROCESS_BASIC_INFORMATION basic{};
-    if (nt::Success(
-            NtQueryInformationProcess(process.get(), ProcessBasicInformation, &basic, sizeof basic, nullptr)))
-      description.parent_pid = static_cast<std::uint32_t>(basic.InheritedFromUniqueProcessId);
+    description.parent_pid = windows::ParentProcessIdOf(process.get());
     description.image = ImageOf(process.get());
     return description;
   }
@@ -330,7 +319,7 @@ class Launcher::Impl {
     startup.lpAttributeList = attributes.get();
 
     EnvironmentChanges changes = options.environment;
-    changes.emplace_back(kSectionVariable, section_.name());
+    changes.emplace_back(windows::kSectionVariable, section_.name());
     std::wstring environment = ChangedEnvironment(changes);
     std::wstring command_line = options.command_line;  // CreateProcessW writes into it
     const DWORD flags = CREATE_SUSPENDED | CREATE_UNICODE_ENVIRONMENT |
@@ -354,9 +343,14 @@ class Launcher::Impl {
       return Failure(LaunchStage::kJob, GetLastError(), "the program could not be put under control");
     }
     const SectionContents& contents = section_.contents();
-    const std::wstring& library = IsX86(process) ? contents.core_x86 : contents.core_x64;
-    if (const DWORD error = Inject(process, created.pid, library)) {
-      return Failure(LaunchStage::kInject, error, fmt::format("{} could not be injected", ToUtf8(library)));
+    const std::wstring* library =
+        windows::ForMachine(windows::MachineOf(process), &contents.core_x64, &contents.core_x86);
+    if (!library) {
+      return Failure(LaunchStage::kInject, ERROR_NOT_SUPPORTED,
+                     "there is no library for the program's machine");
+    }
+    if (const DWORD error = Inject(process, created.pid, *library)) {
+      return Failure(LaunchStage::kInject, error, fmt::format("{} could not be injected", ToUtf8(*library)));
     }
     UniqueHandle ready;
     if (const DWORD error = CreateInitEvent(contents.init_event_prefix, created.pid, ready)) {

@@ -12,6 +12,7 @@
 #include "Policy/file_time.h"
 #include "vorn/environment.h"
 #include "vorn/recycle_info.h"
+#include "windows/file_time.h"
 #include "windows/unique_handle.h"
 
 namespace vorn::host {
@@ -81,8 +82,7 @@ std::uint64_t LocalTimeToMs(const std::string& text) {
                   &local.wHour, &local.wMinute, &local.wSecond) != 6)
     return 0;
   if (!TzSpecificLocalTimeToSystemTime(nullptr, &local, &utc) || !SystemTimeToFileTime(&utc, &time)) return 0;
-  const std::uint64_t ticks = (std::uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
-  return (ticks - policy::kUnixEpochTicks) / policy::kTicksPerMillisecond;
+  return policy::UnixMilliseconds(windows::TicksOf(time));
 }
 
 void ListTrashFolder(UnixToDos convert, std::vector<RecycledFile>& files) {

@@ -2,6 +2,7 @@
 
 #include "VornCore/Base/process_info.h"
 #include "VornCore/Base/strings.h"
+#include "windows/process_facts.h"
 
 namespace VornCore {
 namespace {
@@ -35,7 +36,7 @@ TEST(Strings, EmptyOrOversizedInputGivesNull) {
 
 TEST(ProcessFacts, HandleOfAnotherKindGivesNull) {
   HANDLE no_process = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  EXPECT_EQ(GetProcessMachine(no_process), 0u);
+  EXPECT_EQ(vorn::windows::MachineOf(no_process), 0u);
   EXPECT_EQ(GetProcessImageFileName(no_process), nullptr);
   CloseHandle(no_process);
 }

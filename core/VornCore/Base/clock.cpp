@@ -1,15 +1,14 @@
 #include "VornCore/Base/clock.h"
 
 #include "Policy/file_time.h"
-#include "windows/nt.h"
+#include "windows/file_time.h"
 
 namespace VornCore {
 
 std::uint64_t GetPreciseTimeMicros() noexcept {
   FILETIME now;
   GetSystemTimePreciseAsFileTime(&now);
-  const std::uint64_t ticks = (std::uint64_t{now.dwHighDateTime} << 32) | now.dwLowDateTime;
-  return (ticks - vorn::policy::kUnixEpochTicks) / vorn::policy::kTicksPerMicrosecond;
+  return (vorn::windows::TicksOf(now) - vorn::policy::kUnixEpochTicks) / vorn::policy::kTicksPerMicrosecond;
 }
 
 }  // namespace VornCore

@@ -1,9 +1,9 @@
 #include "VornCore/Base/ipc.h"
 
 #include "VornCore/Base/log.h"
-#include "VornCore/Base/process_info.h"
 #include "VornCore/Base/shared_data.h"
 #include "windows/nt.h"
+#include "windows/process_facts.h"
 
 namespace VornCore {
 namespace {
@@ -14,14 +14,8 @@ vorn::ipc::DestroyIPCInterfaceFunction gs_destroy = nullptr;
 vorn::ipc::IPC* gs_ipc = nullptr;
 
 const wchar_t* GetIPCxxFullPath() noexcept {
-  switch (GetProcessMachine(GetCurrentProcess())) {
-    case kMachineX64:
-      return GetIPC64FullPath();
-    case kMachineX86:
-      return GetIPC32FullPath();
-    default:
-      return nullptr;
-  }
+  using namespace vorn::windows;
+  return ForMachine(MachineOf(GetCurrentProcess()), GetIPC64FullPath(), GetIPC32FullPath());
 }
 
 // Everything after the library is loaded; whatever fails here is undone by UnInitIPC.

@@ -3,26 +3,11 @@
 #include <cstring>
 
 #include "Platform/native.h"
+#include "windows/process_facts.h"
 #include "windows/unique_handle.h"
 
 namespace VornCore {
 namespace {
-
-// winternl.h hides the members that count here.
-struct BasicInformation {
-  NTSTATUS ExitStatus;
-  void* PebBaseAddress;
-  ULONG_PTR AffinityMask;
-  LONG BasePriority;
-  ULONG_PTR UniqueProcessId, InheritedFromUniqueProcessId;
-};
-
-std::uint32_t QueryParentProcessId() noexcept {
-  BasicInformation info{};
-  const NTSTATUS status = platform::Native().NtQueryInformationProcess(
-      GetCurrentProcess(), ProcessBasicInformation, &info, sizeof info, nullptr);
-  return nt::Success(status) ? static_cast<std::uint32_t>(info.InheritedFromUniqueProcessId) : 0;
-}
 
 std::uint32_t IntegrityOfToken(HANDLE token) noexcept {
   ULONG size = 0;
@@ -46,7 +31,7 @@ std::uint32_t GetIntegrityLevel() noexcept {
 }
 
 std::uint32_t GetParentProcessId() noexcept {
-  static const std::uint32_t pid = QueryParentProcessId();
+  static const std::uint32_t pid = vorn::windows::ParentProcessIdOf(GetCurrentProcess());
   return pid;
 }
 
@@ -69,17 +54,6 @@ platform::HeapString GetProcessImageFileName(HANDLE process) noexcept {
   std::memcpy(path.get(), name->Buffer, name->Length);
   path.get()[name->Length / sizeof(wchar_t)] = L'\0';
   return path;
-}
-
-std::uint32_t GetProcessMachine(HANDLE process) noexcept {
-  USHORT own = IMAGE_FILE_MACHINE_UNKNOWN, native = IMAGE_FILE_MACHINE_UNKNOWN;
-  if (!IsWow64Process2(process, &own, &native)) return 0;
-  return own != IMAGE_FILE_MACHINE_UNKNOWN ? own : native;
-}
-
-bool IsWow64Self() noexcept {
-  BOOL wow64 = FALSE;
-  return IsWow64Process(GetCurrentProcess(), &wow64) && wow64;
 }
 
 }  // namespace VornCore

@@ -8,8 +8,6 @@
 
 namespace VornCore {
 
-inline constexpr std::uint32_t kMachineX64 = 0x8664, kMachineX86 = 0x14C;
-
 // RID of the integrity label (0x2000 medium); 0 on failure.
 std::uint32_t GetIntegrityLevel() noexcept;
 // 0 on failure; asked once.
@@ -18,8 +16,5 @@ std::uint32_t GetParentProcessId() noexcept;
 const wchar_t* GetImageBaseName() noexcept;
 // NT path of the image; null on failure.
 platform::HeapString GetProcessImageFileName(HANDLE process) noexcept;
-// kMachine…, others as reported; 0 on failure.
-std::uint32_t GetProcessMachine(HANDLE process) noexcept;
-bool IsWow64Self() noexcept;
 
 }  // namespace VornCore
