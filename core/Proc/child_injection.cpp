@@ -5,7 +5,7 @@
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
 #include "VornCore/Base/thread_state.h"
-#include "detours/detours.h"
+#include "injection/child_start.h"
 #include "windows/process_facts.h"
 
 namespace VornCore {
@@ -13,20 +13,19 @@ namespace {
 
 using namespace vorn::windows;
 
-// Win32 error of the attempt. A process of the other bitness is updated by a helper process of that bitness,
-// whose own creation is marked so that it is not followed.
+// 0 or a Win32 error. The creation of a helper process is marked, so that it is not followed.
 DWORD UpdateImports(HANDLE child, DWORD pid, const char* library) noexcept {
-  if (DetourUpdateProcessWithDll(child, &library, 1)) return NO_ERROR;
-  const DWORD direct_error = GetLastError();
-  VORN_LOG_N("direct inject pid %ld failed, code %lu, use helper", pid, direct_error);
-
-  ThreadState* state = GetThreadState();
-  if (!state) return ERROR_NOT_ENOUGH_MEMORY;  // unmarked, the helper would be injected by yet another helper
-  state->bHelperInject = 1;
-  const BOOL updated = DetourProcessViaHelperW(pid, library, CreateProcessW);
-  const DWORD helper_error = GetLastError();
-  state->bHelperInject = 0;
-  return updated ? NO_ERROR : helper_error;
+  return vorn::injection::InjectLibrary(
+      child, pid, library, [&](DWORD direct_error, auto run_helper) -> DWORD {
+        VORN_LOG_N("direct inject pid %ld failed, code %lu, use helper", pid, direct_error);
+        ThreadState* state = GetThreadState();
+        if (!state)
+          return ERROR_NOT_ENOUGH_MEMORY;  // unmarked, the helper would be injected by yet another helper
+        state->bHelperInject = 1;
+        const DWORD error = run_helper();
+        state->bHelperInject = 0;
+        return error;
+      });
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "VornCore/Base/strings.h"
 #include "VornCore/Hook/hook_depth.h"
 #include "VornCore/Hook/own_handle.h"
+#include "injection/child_start.h"
 
 namespace VornCore {
 namespace {
@@ -96,21 +97,20 @@ void FollowChild(ThreadState* state, HANDLE process, HANDLE thread, const wchar_
 
 // Returns when the child's library is ready, the child has ended, or time is up.
 void WaitForChild(HANDLE event, HANDLE process) noexcept {
-  const HANDLE either[] = {event, process};
-  const DWORD wait = WaitForMultipleObjects(2, either, FALSE, kInitTimeoutMs);
-  if (wait == WAIT_TIMEOUT) {
+  using vorn::injection::StartOutcome;
+  const vorn::injection::Start start = vorn::injection::WaitForStart(event, process, kInitTimeoutMs);
+  if (start.outcome == StartOutcome::kTimeout) {
     VORN_LOG_W("wait sub process inited timeout");
     return;
   }
-  if (wait != WAIT_OBJECT_0 && wait != WAIT_OBJECT_0 + 1) {
-    VORN_LOG_W("wait sub process inited failed, wait 0x%lX", wait);
+  if (start.outcome == StartOutcome::kFailed) {
+    VORN_LOG_W("wait sub process inited failed, wait 0x%lX", start.wait);
     return;
   }
-  DWORD code = STILL_ACTIVE;
-  if (!GetExitCodeProcess(process, &code) || code == STILL_ACTIVE) return;
+  if (start.exit_code == STILL_ACTIVE) return;
   const DWORD pid = GetProcessId(process);
-  VORN_LOG_W("process pid %ld exited immediately, code %ld", pid, code);
-  SendProcessEvent(ProcessEventKind::kExitedImmediately, HANDLE{}, pid, code);
+  VORN_LOG_W("process pid %ld exited immediately, code %ld", pid, start.exit_code);
+  SendProcessEvent(ProcessEventKind::kExitedImmediately, HANDLE{}, pid, start.exit_code);
 }
 
 // The process of the pending child that thread belongs to. A program may close either handle before it
@@ -136,7 +136,7 @@ class PendingChild {
 
 // Injects the pending child and resumes it.
 NTSTATUS ResumeChild(ThreadState& state, HANDLE process, HANDLE thread, ULONG* previous_count) noexcept {
-  HANDLE event = InjectBizDll(process) ? CreateSubProcessEvent(process) : nullptr;
+  const OwnHandle event = InjectBizDll(process) ? CreateSubProcessEvent(process) : OwnHandle();
   ULONG count = 0;
   NTSTATUS status = Ntdll::CallOriginalNtResumeThread(thread, &count);
   if (previous_count && !platform::Guarded([&] { *previous_count = count; }))
@@ -144,9 +144,8 @@ NTSTATUS ResumeChild(ThreadState& state, HANDLE process, HANDLE thread, ULONG* p
   if (count == 1) {  // it really runs now
     state.hPendingThread = nullptr;
     state.hPendingProcess = nullptr;
-    if (event && nt::Success(status)) WaitForChild(event, process);
+    if (event && nt::Success(status)) WaitForChild(event.get(), process);
   }
-  if (event) Ntdll::CallOriginalNtClose(event);
   return status;
 }
 

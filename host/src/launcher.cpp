@@ -9,7 +9,7 @@
 #include <system_error>
 #include <thread>
 
-#include "detours/detours.h"
+#include "injection/child_start.h"
 #include "vorn/create_process.h"
 #include "vorn/environment.h"
 #include "vorn/text.h"
@@ -107,24 +107,15 @@ DWORD Inject(HANDLE process, DWORD pid, const std::wstring& library) {
     return ERROR_MOD_NOT_FOUND;
   const std::string path = ToAnsi(PathForAnsi(library));
   if (path.empty()) return ERROR_NO_UNICODE_TRANSLATION;
-  LPCSTR dlls[] = {path.c_str()};
-  if (DetourUpdateProcessWithDll(process, dlls, 1)) return 0;
-  // A process of the other bitness: a helper process of its own kind does it.
-  if (DetourProcessViaHelperW(pid, path.c_str(), CreateProcessW)) return 0;
-  const DWORD error = GetLastError();
-  return error ? error : ERROR_GEN_FAILURE;
+  return injection::InjectLibrary(process, pid, path.c_str(),
+                                  [](DWORD, auto run_helper) { return run_helper(); });
 }
 
 DWORD CreateInitEvent(const std::wstring& prefix, DWORD pid, UniqueHandle& event) {
-  const std::wstring name = prefix + std::to_wstring(pid);
-  UNICODE_STRING counted = nt::CountedString(name.c_str(), name.size() * sizeof(wchar_t));
+  injection::InitEventName name(prefix.data(), prefix.size() * sizeof(wchar_t), pid);
   windows::UserOnlySecurity security;
   if (security.error()) return security.error();
-  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&counted);
-  attributes.SecurityDescriptor = security.descriptor();
-  constexpr ULONG kSynchronizationEvent = 1;  // auto-reset
-  const NTSTATUS status =
-      NtCreateEvent(event.put(), EVENT_ALL_ACCESS, &attributes, kSynchronizationEvent, FALSE);
+  const NTSTATUS status = name.Create(event.put(), security.descriptor());
   return nt::Success(status) ? 0 : RtlNtStatusToDosErrorNoTeb(status);
 }
 
@@ -359,15 +350,13 @@ class Launcher::Impl {
     if (ResumeThread(thread) == static_cast<DWORD>(-1)) {
       return Failure(LaunchStage::kResume, GetLastError(), "the program's thread could not be started");
     }
-    const HANDLE waits[] = {ready.get(), process};
-    switch (WaitForMultipleObjects(2, waits, FALSE, Milliseconds(options.start_timeout))) {
-      case WAIT_OBJECT_0:
+    const injection::Start start =
+        injection::WaitForStart(ready.get(), process, Milliseconds(options.start_timeout));
+    switch (start.outcome) {
+      case injection::StartOutcome::kReady:
         return std::nullopt;
-      case WAIT_OBJECT_0 + 1: {
-        DWORD code = 0;
-        GetExitCodeProcess(process, &code);
-        return DescribeStartUpExit(code);
-      }
+      case injection::StartOutcome::kEnded:
+        return DescribeStartUpExit(start.exit_code);
       default:
         return LaunchFailure{
             LaunchStage::kTimeout, 0, 0,
