@@ -41,25 +41,7 @@ static_assert(sizeof(HelperOrder) == 24 + kMaxPath);
 constexpr uint8_t kSignature[16] = {0x83, 0x1c, 0xe0, 0x5a, 0x77, 0xd9, 0x42, 0x6f,
                                     0xa8, 0x0e, 0x91, 0xc4, 0x3b, 0x26, 0xf5, 0x5d};
 
-// The process parameters up to the data that a parent passes on.
-struct ProcessParameters {
-  ULONG sizes_and_flags[4];
-  HANDLE console;
-  ULONG console_flags;
-  HANDLE standard[3];
-  UNICODE_STRING current_directory;
-  HANDLE current_directory_handle;
-  UNICODE_STRING dll_path, image_path, command_line;
-  void* environment;
-  ULONG window[9];
-  UNICODE_STRING title, desktop, shell, runtime_data;
-};
-static_assert(offsetof(ProcessParameters, runtime_data) == (sizeof(void*) == 8 ? 0xE0 : 0x88));
-
-const ProcessParameters& Parameters() {
-  return *reinterpret_cast<const ProcessParameters*>(
-      NtCurrentTeb()->ProcessEnvironmentBlock->ProcessParameters);
-}
+static_assert(offsetof(nt::ProcessParameters, RuntimeData) == (sizeof(void*) == 8 ? 0xE0 : 0x88));
 
 // rundll32.exe "DLL",#1
 struct HelperCommand {
@@ -81,7 +63,7 @@ struct HelperCommand {
 
 // The order that this process was started with; null in every other process.
 const HelperOrder* FindOrder() {
-  const UNICODE_STRING& data = Parameters().runtime_data;
+  const UNICODE_STRING& data = nt::CurrentParameters()->RuntimeData;
   const auto* order = reinterpret_cast<const HelperOrder*>(data.Buffer);
   if (!order || data.Length != sizeof(HelperOrder)) return nullptr;
   if (memcmp(order->signature, kSignature, sizeof(kSignature)) != 0) return nullptr;
@@ -165,7 +147,7 @@ BOOL WINAPI DetourIsHelperProcess() {
   const HelperOrder* order = FindOrder();
   if (!order) return FALSE;
   const HelperCommand command(order->dll);
-  const UNICODE_STRING& actual = Parameters().command_line;
+  const UNICODE_STRING& actual = nt::CurrentParameters()->CommandLine;
   return command.length && actual.Length == command.length * sizeof(wchar_t) &&
          memcmp(actual.Buffer, command.text, actual.Length) == 0;
 }
