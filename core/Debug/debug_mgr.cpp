@@ -6,10 +6,10 @@
 #include "Policy/crash_dump.h"
 #include "Policy/wide.h"
 #include "VornCore/Base/channel.h"
+#include "VornCore/Base/hook_depth_guard.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
-#include "VornCore/Base/thread_state.h"
 
 namespace VornCore {
 namespace {
@@ -98,7 +98,7 @@ bool CDebugMgr::UnInit() noexcept {
 
 LPTOP_LEVEL_EXCEPTION_FILTER CDebugMgr::SetUnhandledExceptionFilter(LPTOP_LEVEL_EXCEPTION_FILTER filter,
                                                                     bool*) {
-  const HookDepthGuard depth;
+  const HookDepthGuard handler;
   if (last_filter.exchange(filter) != filter)
     VORN_LOG_N("[UEF], pTopLevelExceptionFilter:%X\n",
                static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(filter)));

@@ -2,13 +2,13 @@
 #include "File/file_audit.h"
 #include "File/file_helper.h"
 #include "File/file_mgr.h"
-#include "File/guarded_handler.h"
 #include "File/recycle_bin.h"
 #include "File/scratch_path.h"
 #include "Platform/last_error.h"
 #include "Policy/device_path.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
+#include "VornCore/Base/hook_depth_guard.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
@@ -90,8 +90,8 @@ NTSTATUS CFileMgr::NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoSt
                                         PVOID FileInformation, ULONG Length,
                                         FILE_INFORMATION_CLASS FileInformationClass, bool*) {
   const platform::LastErrorKeeper last_error;
-  const HookDepthGuard depth;
-  ThreadState* state = depth.state();
+  const HookDepthGuard handler;
+  ThreadState* state = handler.state();
   const ULONG info_class = FileInformationClass;
   NTSTATUS status = STATUS_ACCESS_DENIED;
 
@@ -202,21 +202,19 @@ NTSTATUS CFileMgr::HandleSetInformationFailure(NTSTATUS status, HANDLE handle, U
 }
 
 NTSTATUS CFileMgr::NtDeleteFile(POBJECT_ATTRIBUTES ObjectAttributes, bool* bPassOn) {
-  const HookDepthGuard depth;
+  const HookDepthGuard handler;
   HANDLE file = nullptr;
   IO_STATUS_BLOCK io;
   const NTSTATUS status =
       NtCreateFile(&file, DELETE, ObjectAttributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
                    FILE_OPEN_REPARSE_POINT | FILE_DELETE_ON_CLOSE, nullptr, 0, bPassOn);
-  return nt::Success(status) ? CloseFileHandle(file) : status;
+  return nt::Success(status) ? handler.Real([&] { return CloseFileHandle(file); }) : status;
 }
 
 NTSTATUS CFileMgr::NtClose(HANDLE Handle, bool*) {
   // A thread without a state keeps none: handles are closed after the library has seen the thread's end, too.
-  ThreadState* state = HasThreadState() ? GetThreadState() : nullptr;
-  NTSTATUS status = STATUS_SUCCESS;
-  CountedHandler(state, [&] { status = CloseFileHandle(Handle); });
-  return status;
+  const HookDepthGuard handler(HasThreadState() ? GetThreadState() : nullptr);
+  return handler.Real([&] { return CloseFileHandle(Handle); });
 }
 
 // The lock is held from taking the record to the real close, so that a value which another thread gets again
@@ -251,12 +249,13 @@ NTSTATUS CFileMgr::DeleteFileToRecycleBin(std::wstring_view path, const FileVerd
   if (!state || state->bOwnCall) return STATUS_SUCCESS;
   const platform::LastErrorKeeper last_error;
   NTSTATUS status = STATUS_SUCCESS;
-  state->bOwnCall = 1;
-  if (state->bInLoader)
-    VORN_LOG_W("DeleteFileToRecycleBin In load dll path:%s", OrNil(WideToAnsi(path.data())));
-  else
-    status = MoveToRecycleBin(path);
-  state->bOwnCall = 0;
+  {
+    const OwnCallScope own(state);
+    if (state->bInLoader)
+      VORN_LOG_W("DeleteFileToRecycleBin In load dll path:%s", OrNil(WideToAnsi(path.data())));
+    else
+      status = MoveToRecycleBin(path);
+  }
   if (!nt::Success(status)) {
     VORN_LOG_E("DeleteFileToRecycleBin status:%X, path:%s", static_cast<unsigned>(status),
                OrNil(WideToAnsi(path.data())));
@@ -273,17 +272,16 @@ NTSTATUS CFileMgr::NtWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE 
     return Ntdll::CallOriginalNtWriteFile(FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, Buffer,
                                           Length, ByteOffset, Key);
   };
-  const HookDepthGuard depth;
-  ThreadState* state = depth.state();
-  if (state && state->bInWriteFile) return write();
+  const HookDepthGuard handler;
+  ThreadState* state = handler.state();
+  if (state && state->bInWriteFile) return handler.Real(write);
   if (state) state->bInWriteFile = 1;
-  const NTSTATUS status = write();
+  const NTSTATUS status = handler.Real(write);
   if (!nt::Success(status)) {
     const platform::LastErrorKeeper last_error;
     if (const HandleRecordPtr record = model_.handles().Find(FileHandle))
       SendFileAudit(AuditType::kWrite, status, {record->file, record->path});
   }
-  if (state) state->bInWriteFile = 0;
   return status;
 }
 
@@ -293,13 +291,12 @@ BOOL CFileMgr::MoveFileWithProgressTransactedW(LPCWSTR lpExistingFileName, LPCWS
   // Neither a move at the next start nor a second name of the file would pass the handlers above.
   const DWORD flags =
       (dwFlags & ~(MOVEFILE_DELAY_UNTIL_REBOOT | MOVEFILE_CREATE_HARDLINK)) | MOVEFILE_COPY_ALLOWED;
-  BOOL moved = FALSE;
+  const HookDepthGuard handler;
   // The program's progress routine may leave with an exception.
-  CountedHandler(GetThreadState(), [&] {
-    moved = KernelBase::CallOriginalMoveFileWithProgressTransactedW(
+  return handler.Real([&] {
+    return KernelBase::CallOriginalMoveFileWithProgressTransactedW(
         lpExistingFileName, lpNewFileName, lpProgressRoutine, lpData, flags, hTransaction);
   });
-  return moved;
 }
 
 }  // namespace VornCore

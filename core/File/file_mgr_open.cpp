@@ -6,12 +6,12 @@
 #include "File/file_audit.h"
 #include "File/file_helper.h"
 #include "File/file_mgr.h"
-#include "File/guarded_handler.h"
 #include "Platform/last_error.h"
 #include "Policy/device_path.h"
 #include "Policy/wide.h"
 #include "VornCore/Base/channel.h"
 #include "VornCore/Base/clock.h"
+#include "VornCore/Base/hook_depth_guard.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
@@ -230,7 +230,7 @@ NTSTATUS CFileMgr::NtCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
     return call.CallReal(ObjectAttributes, asked);
 
   const platform::LastErrorKeeper last_error;
-  const HookDepthGuard depth(state);
+  const HookDepthGuard handler(state);
   const ScratchLevel level(state);
   state->bInCreateFile = 1;
   if (!GuardedHandler(state, &call.status, [&] { Confine(call); })) call.step = kStepException;
@@ -246,14 +246,13 @@ NTSTATUS CFileMgr::NtCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
   if (call.audit != AuditType{}) SendFileAudit(call.audit, call.status, {call.decision.file, call.path});
   if (!nt::Success(call.status)) AnswerFailure(IoStatusBlock, call.status);
   LogOutcome(call);
-  state->bInCreateFile = 0;
   return call.status;
 }
 
 NTSTATUS CFileMgr::NtOpenFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
                               POBJECT_ATTRIBUTES ObjectAttributes, PIO_STATUS_BLOCK IoStatusBlock,
                               ULONG ShareAccess, ULONG OpenOptions, bool* bPassOn) {
-  const HookDepthGuard depth;
+  const HookDepthGuard handler;
   return NtCreateFile(FileHandle, DesiredAccess, ObjectAttributes, IoStatusBlock, nullptr, 0, ShareAccess,
                       FILE_OPEN, OpenOptions, nullptr, 0, bPassOn);
 }

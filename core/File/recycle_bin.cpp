@@ -3,9 +3,9 @@
 #include <shellapi.h>
 
 #include "File/file_helper.h"
-#include "File/guarded_handler.h"
 #include "File/scratch_path.h"
 #include "Platform/native.h"
+#include "VornCore/Base/hook_depth_guard.h"
 #include "VornCore/Hook/own_handle.h"
 
 namespace VornCore {

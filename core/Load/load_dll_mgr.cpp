@@ -1,22 +1,21 @@
 #include "Load/load_dll_mgr.h"
 
-#include "VornCore/Hook/hook_depth.h"
+#include "VornCore/Base/hook_depth_guard.h"
 
 namespace VornCore {
 namespace {
 
 // Runs load with the thread marked as inside the loader. The mark is a flag, not a counter: a load that nests
-// in another clears it on its way out, and a fault that leaves the loader leaves it set.
+// in another clears it on its way out. It stands outside of the handler's scope, so that a fault which leaves
+// the loader leaves it set.
 template <class Load>
 auto InLoader(Load load) {
   ThreadState* state = GetThreadState();
   if (!state) return load();  // no memory for the mark: the file handlers judge this load like any other work
-  return WithHookDepth(state, [&] {
-    state->bInLoader = 1;
-    auto result = load();
-    state->bInLoader = 0;
-    return result;
-  });
+  state->bInLoader = 1;
+  const auto result = HookDepthGuard(state).Real(load);
+  state->bInLoader = 0;
+  return result;
 }
 
 }  // namespace

@@ -6,17 +6,14 @@
 //     return handler.Real([&] { return Ws2_32::CallOriginalsend(s, …); });
 //   }
 //
-// Winsock and the resolver work on the caller's pointers, and the caller may live on after a fault on a bad
-// one. Destructors do not run then, so the real calls are made through Real, which leaves the thread's state
-// right: a thread that seemed to be inside a name query for ever would create sockets that nobody checks.
+// The real calls are made through Real or RealInNetCall: a thread that seemed to be inside a name query for
+// ever would create sockets that nobody checks.
 #pragma once
 
-#include <optional>
 #include <utility>
 
-#include "Platform/guard.h"
 #include "Platform/net_types.h"
-#include "VornCore/Base/thread_state.h"
+#include "VornCore/Base/hook_depth_guard.h"
 
 namespace VornCore {
 
@@ -27,37 +24,19 @@ Result Fail(Result result, int winsock_error) noexcept {
   return result;
 }
 
-class [[nodiscard]] NetHandler {
+class [[nodiscard]] NetHandler : public HookDepthGuard {
  public:
-  bool in_net_call() const { return depth_.in_net_call(); }
-
-  // The real function.
-  template <class Call>
-  auto Real(Call&& call) {
-    return Run(std::forward<Call>(call), [] {});
-  }
+  bool in_net_call() const { return state() && state()->bInNetCall; }
 
   // The real function of a name query: sockets that the resolver creates meanwhile are its own affair.
   template <class Call>
-  auto RealInNetCall(Call&& call) {
-    const bool outer = depth_.in_net_call();
-    depth_.set_in_net_call(true);
-    return Run(std::forward<Call>(call), [&] { depth_.set_in_net_call(outer); });
+  auto RealInNetCall(Call&& call) const {
+    const bool outer = in_net_call();
+    if (state()) state()->bInNetCall = 1;
+    const auto result = Real(std::forward<Call>(call));
+    if (state()) state()->bInNetCall = outer;
+    return result;
   }
-
- private:
-  template <class Call, class Finally>
-  auto Run(Call&& call, Finally&& finally) {
-    std::optional<decltype(call())> result;
-    platform::WithFinally([&] { result.emplace(call()); },
-                          [&] {
-                            finally();
-                            if (!result && depth_.state()) --depth_.state()->hookDepth;
-                          });
-    return *result;
-  }
-
-  HookDepthGuard depth_;
 };
 
 }  // namespace VornCore

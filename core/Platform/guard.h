@@ -13,6 +13,8 @@
 
 #include <windows.h>
 
+#include <type_traits>
+
 extern "C" {
 typedef void (*GuardedFn)(void* context);
 // Calls fn(context). A structured exception raised inside ends it: false, and *code (optional) is its code.
@@ -25,7 +27,9 @@ namespace VornCore::platform {
 
 template <class Body>
 [[nodiscard]] bool Guarded(Body&& body, DWORD* code = nullptr) {
-  return RunGuarded([](void* p) { (*static_cast<Body*>(p))(); }, &body, code);
+  using Plain = std::remove_reference_t<Body>;
+  return RunGuarded([](void* p) { (*static_cast<Plain*>(p))(); },
+                    const_cast<void*>(static_cast<const void*>(&body)), code);
 }
 
 template <class Body, class Finally>

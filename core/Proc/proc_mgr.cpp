@@ -8,9 +8,9 @@
 #include "Proc/child_injection.h"
 #include "Proc/init_event.h"
 #include "Proc/process_event.h"
+#include "VornCore/Base/hook_depth_guard.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/strings.h"
-#include "VornCore/Hook/hook_depth.h"
 #include "VornCore/Hook/own_handle.h"
 #include "injection/child_start.h"
 
@@ -174,8 +174,9 @@ NTSTATUS CProcMgr::NtCreateUserProcess(PHANDLE ProcessHandle, PHANDLE ThreadHand
                                        POBJECT_ATTRIBUTES ThreadObjectAttributes, ULONG ProcessFlags,
                                        ULONG ThreadFlags, PRTL_USER_PROCESS_PARAMETERS ProcessParameters,
                                        PPS_CREATE_INFO CreateInfo, PPS_ATTRIBUTE_LIST AttributeList, bool*) {
-  ThreadState* state = GetThreadState();
-  return WithHookDepth(state, [&]() -> NTSTATUS {
+  const HookDepthGuard handler;
+  ThreadState* const state = handler.state();
+  return handler.Real([&]() -> NTSTATUS {
     const auto create = [&] {
       return Ntdll::CallOriginalNtCreateUserProcess(
           ProcessHandle, ThreadHandle, ProcessDesiredAccess, ThreadDesiredAccess, ProcessObjectAttributes,
@@ -202,12 +203,13 @@ NTSTATUS CProcMgr::NtCreateUserProcess(PHANDLE ProcessHandle, PHANDLE ThreadHand
 
 NTSTATUS CProcMgr::NtResumeThread(HANDLE ThreadHandle, PULONG PreviousSuspendCount, bool*) {
   if (!HasThreadState()) return Ntdll::CallOriginalNtResumeThread(ThreadHandle, PreviousSuspendCount);
-  ThreadState* state = GetThreadState();
-  return WithHookDepth(state, [&] {
+  const HookDepthGuard handler;
+  ThreadState& state = *handler.state();
+  return handler.Real([&] {
     const platform::LastErrorKeeper last_error;
-    const PendingChild child(*state, ThreadHandle);
+    const PendingChild child(state, ThreadHandle);
     if (!child.process()) return Ntdll::CallOriginalNtResumeThread(ThreadHandle, PreviousSuspendCount);
-    return ResumeChild(*state, child.process(), ThreadHandle, PreviousSuspendCount);
+    return ResumeChild(state, child.process(), ThreadHandle, PreviousSuspendCount);
   });
 }
 

@@ -2,9 +2,10 @@
 // reusable buffers of path handling.
 //
 //   ThreadState* state = GetThreadState();
-//   HookDepthGuard depth(state);              // in every handler, for its whole run
 //   ScratchLevel level(state);                // while scratch buffers are in use
 //   void* buffer = GetScratchBuffer(state, 0, bytes);
+//
+// Handlers do not look after their nesting by hand: see hook_depth_guard.h.
 //
 // A block belongs to its thread: nobody else touches it. It is created by the first GetThreadState and freed
 // when the thread detaches.
@@ -25,18 +26,24 @@ struct ScratchBuffer {
   std::uint32_t capacity;  // bytes
 };
 
-struct ThreadState {
-  ScratchBuffer scratch[kScratchSlots][kScratchLevels];
-  std::uint32_t scratchDynamic[kScratchLevels];  // dynamic slots in use, per level
+// What the thread is inside of. A handler saves and restores it as one value, so a flag that is added here
+// comes back after a fault like all others.
+struct ThreadNesting {
   std::int32_t scratchLevel;
   std::uint8_t bInCreateFile;  // inside the NtCreateFile handler
   std::uint8_t bInWriteFile;   // inside the NtWriteFile handler
   std::uint8_t bOwnCall;       // the library's own file work
-  std::uint8_t bInLoader;      // inside the real loader call
   std::uint8_t bHelperInject;  // a helper process is being started
   std::uint8_t bInNetCall;     // inside a network handler's real call
   std::uint32_t hookDepth;     // listener operations active on this thread
-  HANDLE hPendingThread;       // child whose injection waits for its first resume
+};
+
+struct ThreadState : ThreadNesting {
+  ScratchBuffer scratch[kScratchSlots][kScratchLevels];
+  std::uint32_t scratchDynamic[kScratchLevels];  // dynamic slots in use, per level
+  std::uint8_t
+      bInLoader;  // inside the real loader call: set, and cleared by its own rule, in Load/load_dll_mgr.cpp
+  HANDLE hPendingThread;  // child whose injection waits for its first resume
   HANDLE hPendingProcess;
   DWORD pendingProcessId;  // tells the child from what its handles' values stand for later
 };
@@ -90,33 +97,6 @@ class [[nodiscard]] OwnCallScope {
  private:
   ThreadState* state_;
   std::uint8_t before_;
-};
-
-// Counts a handler in hookDepth; tolerates a null block.
-class [[nodiscard]] HookDepthGuard {
- public:
-  HookDepthGuard() : HookDepthGuard(GetThreadState()) {}
-  explicit HookDepthGuard(ThreadState* state) : state_(state) {
-    if (state_) ++state_->hookDepth;
-  }
-  ~HookDepthGuard() {
-    if (state_) --state_->hookDepth;
-  }
-  HookDepthGuard(const HookDepthGuard&) = delete;
-  HookDepthGuard& operator=(const HookDepthGuard&) = delete;
-
-  ThreadState* state() const { return state_; }
-  bool in_net_call() const { return state_ && state_->bInNetCall; }
-  void set_in_net_call(bool on) {
-    if (state_) state_->bInNetCall = on;
-  }
-  bool own_call() const { return state_ && state_->bOwnCall; }
-  void set_own_call(bool on) {
-    if (state_) state_->bOwnCall = on;
-  }
-
- private:
-  ThreadState* state_;
 };
 
 }  // namespace VornCore

@@ -1,0 +1,139 @@
+// What a thread is inside of, after a fault on a caller's bad pointer has left handlers of every family.
+#include <cstring>
+#include <functional>
+
+#include "File/file_mgr.h"
+#include "Load/load_dll_mgr.h"
+#include "Net/net_mgr.h"
+#include "Proc/proc_mgr.h"
+#include "VornCore/Base/hook_depth_guard.h"
+#include "VornCore/Hook/kernel_base.h"
+#include "VornCore/Hook/ntdll.h"
+#include "net_confinement.h"
+
+namespace VornCore::test {
+namespace {
+
+template <class T>
+T* Nowhere() {
+  return reinterpret_cast<T*>(0x10);
+}
+
+const ThreadNesting& Nesting() { return *GetThreadState(); }
+
+// A handler that leaves every flag set and runs body as its real call, which is entered by deleting "".
+class UntidyHandler : public INtdllApiListener {
+ public:
+  static void Run(const std::function<void()>& body) {
+    static UntidyHandler handler;
+    static const bool registered = Ntdll::RegisterNtDeleteFileListener(&handler);
+    ASSERT_TRUE(registered);
+    const std::function<void()>* const outer = std::exchange(body_, &body);
+    ::NtDeleteFile(nullptr);
+    body_ = outer;
+  }
+  NTSTATUS NtDeleteFile(POBJECT_ATTRIBUTES, bool*) override {
+    const HookDepthGuard handler;
+    return handler.Real([&] {
+      ThreadState* state = handler.state();
+      state->scratchLevel += 2;
+      state->bInCreateFile ^= 1;
+      state->bInWriteFile = state->bOwnCall = state->bHelperInject = state->bInNetCall = 1;
+      (*body_)();
+      return STATUS_SUCCESS;
+    });
+  }
+
+ private:
+  static inline const std::function<void()>* body_ = nullptr;
+};
+
+struct BadCall {
+  const char* what;
+  std::function<void()> run;
+  bool faults = true;  // false: the system answers with a status
+};
+
+const BadCall kBadCalls[] = {
+    {"open",
+     [] {
+       HANDLE file;
+       IO_STATUS_BLOCK io;
+       ::NtCreateFile(&file, GENERIC_READ, Nowhere<OBJECT_ATTRIBUTES>(), &io, nullptr, 0, 0, FILE_OPEN, 0,
+                      nullptr, 0);
+     },
+     false},
+    {"change",
+     [] {
+       IO_STATUS_BLOCK io;
+       ::NtSetInformationFile(GetCurrentProcess(), &io, Nowhere<void>(), 64,
+                              static_cast<FILE_INFORMATION_CLASS>(nt::kFileRenameInformation));
+     },
+     false},
+    {"move", [] { MoveFileWithProgressW(Nowhere<wchar_t>(), L"C:\\x", nullptr, nullptr, 0); }},
+    {"load",
+     [] {
+       ::LdrResolveDelayLoadedAPI(GetModuleHandleW(nullptr), Nowhere<IMAGE_DELAYLOAD_DESCRIPTOR>(), nullptr,
+                                  nullptr, nullptr, 0);
+     }},
+    {"name", [] { (void)gethostbyname(Nowhere<char>()); }},
+    {"names",
+     [] {
+       ADDRINFOW* info;
+       (void)GetAddrInfoW(Nowhere<wchar_t>(), nullptr, nullptr, &info);
+     }},
+    {"completion",
+     [] {
+       DWORD n;
+       (void)GetOverlappedResult(nullptr, Nowhere<OVERLAPPED>(), &n, FALSE);
+     }},
+    {"child",
+     [] {
+       HANDLE process, thread;
+       ::NtCreateUserProcess(&process, &thread, 0, 0, nullptr, nullptr, 0, 0,
+                             Nowhere<RTL_USER_PROCESS_PARAMETERS>(), nullptr, nullptr);
+     },
+     false},
+};
+
+TEST(HandlerFaults, BringBackTheWholeNestingThroughNestedHandlers) {
+  Confinement::Get();
+  ASSERT_TRUE(Ntdll::Init() && KernelBase::Init() && Ws2_32::Init(GetModuleHandleW(L"ws2_32.dll")));
+  ASSERT_TRUE(GetFileMgr().Init() && GetNetMgr().Init() && CProcMgr::GetInstance()->Init() &&
+              CLoadDllMgr::GetInstance()->Init());
+  Ntdll::UnregisterNtDeleteFileListener(&GetFileMgr());
+  CNetMgr::OnWs2_32Loaded(GetModuleHandleW(L"ws2_32.dll"), L"");
+
+  ThreadState* const state = GetThreadState();
+  state->bHelperInject = 1;  // the nesting to come back to is not all zero
+  state->hookDepth = 5;
+  state->scratchLevel = 1;
+  const ThreadNesting before = Nesting();
+  const auto expect_before = [&](const std::string& where) {
+    EXPECT_EQ(memcmp(&Nesting(), &before, sizeof before), 0) << where;
+    static_cast<ThreadNesting&>(*state) = before;
+    state->bInLoader = 0;
+  };
+
+  for (const BadCall& call : kBadCalls) {
+    EXPECT_EQ(platform::Guarded(call.run), !call.faults) << call.what;
+    expect_before(call.what);
+    // Out of one handler, out of three, and caught between the first and the second.
+    const auto nested = [&] { UntidyHandler::Run(call.run); };
+    const auto three = [&] { UntidyHandler::Run([&] { UntidyHandler::Run(nested); }); };
+    (void)platform::Guarded(nested);
+    expect_before(std::string(call.what) + ", nested");
+    (void)platform::Guarded(three);
+    expect_before(std::string(call.what) + ", nested three times");
+    UntidyHandler::Run([&] {
+      const ThreadNesting inside = Nesting();
+      (void)platform::Guarded(nested);
+      EXPECT_EQ(memcmp(&Nesting(), &inside, sizeof inside), 0) << call.what << ", caught inside a handler";
+    });
+    expect_before(std::string(call.what) + ", caught");
+  }
+  *state = {};
+}
+
+}  // namespace
+}  // namespace VornCore::test
