@@ -21,7 +21,7 @@
 #include "VornCore/Base/strings.h"
 #include "VornCore/Base/thread_state.h"
 #include "VornCore/Hook/kernel_base.h"
-#include "VornCore/Hook/mod.h"
+#include "VornCore/Hook/late_modules.h"
 #include "VornCore/Hook/ntdll.h"
 #include "detours/detours.h"
 #include "windows/known_names.h"
@@ -79,34 +79,39 @@ bool InitChannel() {
   return channel::Init(static_cast<const wchar_t*>(terminated.get()), false);
 }
 
-// The managers in the order of their start.
+bool InitLateModules() {
+  mod::Watch(CNetMgr::WatchedModules());
+  return mod::Init();
+}
+
+template <class Class>
+bool InitManager() {
+  return Class::GetInstance()->Init();
+}
+
+// In the order of their start.
 enum class OnFailure { kStop, kGoOn };
-struct Manager {
+struct Service {
   const char* name;
   bool (*init)();
-  OnFailure on_failure;
+  OnFailure on_failure = OnFailure::kStop;
 };
-constexpr Manager kManagers[] = {
+constexpr Service kServices[] = {
     // The writer's filter goes in before the manager listens, and before anything that could crash.
-    {"CDebugMgr", [] { return CDebugMgr::GetInstance()->Init(); }, OnFailure::kGoOn},
-    {"CNetMgr", [] { return GetNetMgr().Init(); }, OnFailure::kStop},
-    {"mod",
-     [] {
-       mod::Watch(CNetMgr::WatchedModules());
-       return mod::Init();
-     },
-     OnFailure::kStop},
-    {"CProcMgr", [] { return CProcMgr::GetInstance()->Init(); }, OnFailure::kStop},
-    {"CLoadDllMgr", [] { return CLoadDllMgr::GetInstance()->Init(); }, OnFailure::kStop},
-    {"CFileMgr", [] { return GetFileMgr().Init(); }, OnFailure::kStop},
-    {"channel", InitChannel, OnFailure::kStop},
+    {"CDebugMgr", InitManager<CDebugMgr>, OnFailure::kGoOn},
+    {"CNetMgr", InitManager<CNetMgr>},
+    {"mod", InitLateModules},
+    {"CProcMgr", InitManager<CProcMgr>},
+    {"CLoadDllMgr", InitManager<CLoadDllMgr>},
+    {"CFileMgr", InitManager<CFileMgr>},
+    {"channel", InitChannel},
 };
 
 bool InitBiz() {
-  for (const Manager& manager : kManagers) {
-    if (manager.init()) continue;
-    VORN_LOG_E("%s::Init failed!", manager.name);
-    if (manager.on_failure == OnFailure::kStop) return false;
+  for (const Service& service : kServices) {
+    if (service.init()) continue;
+    VORN_LOG_E("%s::Init failed!", service.name);
+    if (service.on_failure == OnFailure::kStop) return false;
   }
   VORN_LOG_N("InitBiz success!");
   return true;

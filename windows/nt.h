@@ -162,16 +162,6 @@ extern "C" {
 #else
 #define VORN_IMPORT(name, bytes) extern void* const imp_##name asm("__imp__" #name "@" #bytes)
 #endif
-VORN_IMPORT(NtCreateFile, 44);
-VORN_IMPORT(NtOpenFile, 24);
-VORN_IMPORT(NtSetInformationFile, 20);
-VORN_IMPORT(NtDeleteFile, 4);
-VORN_IMPORT(NtWriteFile, 36);
-VORN_IMPORT(LdrLoadDll, 16);
-VORN_IMPORT(LdrResolveDelayLoadedAPI, 24);
-VORN_IMPORT(NtClose, 4);
-VORN_IMPORT(NtCreateUserProcess, 44);
-VORN_IMPORT(NtResumeThread, 8);
 VORN_IMPORT(SetUnhandledExceptionFilter, 4);
 
 NTSYSAPI NTSTATUS NTAPI NtDeleteFile(POBJECT_ATTRIBUTES);

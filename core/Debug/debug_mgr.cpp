@@ -79,20 +79,15 @@ bool SetupCrashDump() {
 
 }  // namespace
 
-CDebugMgr* CDebugMgr::GetInstance() noexcept {
-  static CDebugMgr* const instance = new CDebugMgr;
-  return instance;
-}
-
 bool CDebugMgr::Init() noexcept {
   // The writer's own filter still reaches the system: nobody listens yet.
   (void)SetupCrashDump();
-  KernelBase::RegisterSetUnhandledExceptionFilterListener(this);
+  KernelBase::RegisterOverrides(this);
   return true;
 }
 
 bool CDebugMgr::UnInit() noexcept {
-  KernelBase::UnregisterSetUnhandledExceptionFilterListener(this);
+  KernelBase::UnregisterOverrides(this);
   return true;
 }
 

@@ -1,16 +1,14 @@
-// Sees to it that a crash leaves a minidump, a log line and a notice to the host, and that the application
-// cannot take that away by a filter of its own: it is told that its filter is in place.
+// Ensures that every crash leaves a minidump, a log line and a notice to the host, even if the application
+// installs its own filter: it is told that its filter is in place.
 #pragma once
 
 #include "VornCore/Hook/kernel_base.h"
+#include "VornCore/Hook/manager.h"
 
 namespace VornCore {
 
-class CDebugMgr : public IKernelBaseApiListener {
+class CDebugMgr : public Manager<CDebugMgr>, public IKernelBaseApiListener {
  public:
-  // The single instance, made on first use and never destroyed. Any thread.
-  static CDebugMgr* GetInstance() noexcept;
-
   // Installs the crash writer when the section names a dump directory, then refuses every further filter.
   // Always true.
   [[nodiscard]] bool Init() noexcept;

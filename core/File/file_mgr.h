@@ -12,13 +12,14 @@
 #include "Platform/lock.h"
 #include "VornCore/Base/thread_state.h"
 #include "VornCore/Hook/kernel_base.h"
+#include "VornCore/Hook/manager.h"
 #include "VornCore/Hook/ntdll.h"
 
 namespace VornCore {
 
 struct OpenCall;
 
-class CFileMgr : public INtdllApiListener, public IKernelBaseApiListener {
+class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKernelBaseApiListener {
  public:
   // Builds the drive table, logs the rules, registers as listener. Once; always true.
   bool Init() noexcept;
@@ -71,7 +72,6 @@ class CFileMgr : public INtdllApiListener, public IKernelBaseApiListener {
   platform::CriticalSection close_lock_;  // held around the real NtClose
 };
 
-// The one file manager: made on first use, never destroyed.
-CFileMgr& GetFileMgr() noexcept;
+inline CFileMgr& GetFileMgr() noexcept { return *CFileMgr::GetInstance(); }
 
 }  // namespace VornCore

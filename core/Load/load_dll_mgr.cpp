@@ -20,20 +20,13 @@ auto InLoader(Load load) {
 
 }  // namespace
 
-CLoadDllMgr* CLoadDllMgr::GetInstance() noexcept {
-  static CLoadDllMgr* const instance = new CLoadDllMgr;
-  return instance;
-}
-
 bool CLoadDllMgr::Init() noexcept {
-  Ntdll::RegisterLdrLoadDllListener(this);
-  Ntdll::RegisterLdrResolveDelayLoadedAPIListener(this);
+  Ntdll::RegisterOverrides(this);
   return true;
 }
 
 bool CLoadDllMgr::UnInit() noexcept {
-  Ntdll::UnregisterLdrResolveDelayLoadedAPIListener(this);
-  Ntdll::UnregisterLdrLoadDllListener(this);
+  Ntdll::UnregisterOverrides(this);
   return true;
 }
 

@@ -2,15 +2,13 @@
 // through. Decides nothing: the real call is always made and its result returned unchanged.
 #pragma once
 
+#include "VornCore/Hook/manager.h"
 #include "VornCore/Hook/ntdll.h"
 
 namespace VornCore {
 
-class CLoadDllMgr : public INtdllApiListener {
+class CLoadDllMgr : public Manager<CLoadDllMgr>, public INtdllApiListener {
  public:
-  // The single instance, made on first use and never destroyed. Any thread.
-  static CLoadDllMgr* GetInstance() noexcept;
-
   [[nodiscard]] bool Init() noexcept;  // always true
   bool UnInit() noexcept;              // always true
 

@@ -6,37 +6,27 @@
 namespace VornCore {
 namespace {
 
-// Keeps one reference for good: the patched code must not be unmapped.
+// The patched code must not be unmapped. (LoadLibrary would search for the module by its path, and this runs
+// inside the loader.)
 void PinModule(HMODULE module) noexcept {
-  wchar_t path[261] = {};
-  GetModuleFileNameW(module, path, 260);
-  LoadLibraryW(path);
+  HMODULE pinned;
+  GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                     reinterpret_cast<LPCWSTR>(module), &pinned);
 }
 
 }  // namespace
-
-CNetMgr& GetNetMgr() noexcept {
-  static CNetMgr manager;
-  return manager;
-}
 
 bool CNetMgr::Init() noexcept {
   enabled_ = HasNetRules();
   if (!enabled_) return true;
   model_.PrintNetACL();
-  KernelBase::RegisterGetOverlappedResultListener(this);
-  KernelBase::RegisterGetOverlappedResultExListener(this);
-  KernelBase::RegisterGetQueuedCompletionStatusListener(this);
-  KernelBase::RegisterGetQueuedCompletionStatusExListener(this);
+  KernelBase::RegisterOverrides(this);
   return true;
 }
 
 bool CNetMgr::UnInit() noexcept {
   if (!enabled_) return true;
-  KernelBase::UnregisterGetOverlappedResultListener(this);
-  KernelBase::UnregisterGetOverlappedResultExListener(this);
-  KernelBase::UnregisterGetQueuedCompletionStatusListener(this);
-  KernelBase::UnregisterGetQueuedCompletionStatusExListener(this);
+  KernelBase::UnregisterOverrides(this);
   contexts_.HandBackMessages();
   return true;
 }
@@ -55,42 +45,26 @@ bool CNetMgr::OnWs2_32Loaded(HMODULE module, const wchar_t*) {
   // Looked up now, inside the loader: at the first call, a thread that waits for the loader and one that is
   // inside it could wait for each other.
   platform::Winsock();
-  if (Ws2_32::Init(module)) {
-#define ROW(fail, result, api, ...) Ws2_32::Register##api##Listener(&manager);
-    VORN_WS2_32_API(ROW)
-#undef ROW
-  }
+  if (Ws2_32::Init(module)) Ws2_32::RegisterOverrides(&manager);
   PinModule(module);
   return true;
 }
 
 bool CNetMgr::OnWs2_32Unloaded(HMODULE, const wchar_t*) {
-  CNetMgr& manager = GetNetMgr();
-  if (!manager.enabled_) return true;
-#define ROW(fail, result, api, ...) Ws2_32::Unregister##api##Listener(&manager);
-  VORN_WS2_32_API(ROW)
-#undef ROW
+  if (GetNetMgr().enabled_) Ws2_32::UnregisterOverrides(&GetNetMgr());
   return true;
 }
 
 bool CNetMgr::OnDnsapiLoaded(HMODULE module, const wchar_t*) {
   CNetMgr& manager = GetNetMgr();
   if (!manager.enabled_) return true;
-  if (Dnsapi::Init(module)) {
-#define ROW(fail, result, api, ...) Dnsapi::Register##api##Listener(&manager);
-    VORN_DNSAPI_API(ROW)
-#undef ROW
-  }
+  if (Dnsapi::Init(module)) Dnsapi::RegisterOverrides(&manager);
   PinModule(module);
   return true;
 }
 
 bool CNetMgr::OnDnsapiUnloaded(HMODULE, const wchar_t*) {
-  CNetMgr& manager = GetNetMgr();
-  if (!manager.enabled_) return true;
-#define ROW(fail, result, api, ...) Dnsapi::Unregister##api##Listener(&manager);
-  VORN_DNSAPI_API(ROW)
-#undef ROW
+  if (GetNetMgr().enabled_) Dnsapi::UnregisterOverrides(&GetNetMgr());
   return true;
 }
 

@@ -26,17 +26,17 @@
 #include "Platform/lock.h"
 #include "VornCore/Hook/dnsapi.h"
 #include "VornCore/Hook/kernel_base.h"
-#include "VornCore/Hook/mod.h"
+#include "VornCore/Hook/late_modules.h"
+#include "VornCore/Hook/manager.h"
 #include "VornCore/Hook/ws2_32.h"
 
 namespace VornCore {
 
-class CNetMgr : public IWs2_32ApiListener, public IDnsapiApiListener, public IKernelBaseApiListener {
+class CNetMgr : public Manager<CNetMgr>,
+                public IWs2_32ApiListener,
+                public IDnsapiApiListener,
+                public IKernelBaseApiListener {
  public:
-  CNetMgr() = default;
-  CNetMgr(const CNetMgr&) = delete;
-  CNetMgr& operator=(const CNetMgr&) = delete;
-
   // Without network rules in the section nothing is ever intercepted. Always true.
   bool Init() noexcept;
   bool UnInit() noexcept;
@@ -114,7 +114,6 @@ class CNetMgr : public IWs2_32ApiListener, public IDnsapiApiListener, public IKe
       close_lock_;  // before the model's lock: closing follows the removal of the record
 };
 
-// The process's manager: made on first use, never destroyed.
-CNetMgr& GetNetMgr() noexcept;
+inline CNetMgr& GetNetMgr() noexcept { return *CNetMgr::GetInstance(); }
 
 }  // namespace VornCore

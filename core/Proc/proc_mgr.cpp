@@ -151,20 +151,13 @@ NTSTATUS ResumeChild(ThreadState& state, HANDLE process, HANDLE thread, ULONG* p
 
 }  // namespace
 
-CProcMgr* CProcMgr::GetInstance() noexcept {
-  static CProcMgr* const instance = new CProcMgr;
-  return instance;
-}
-
 bool CProcMgr::Init() noexcept {
-  Ntdll::RegisterNtCreateUserProcessListener(this);
-  Ntdll::RegisterNtResumeThreadListener(this);
+  Ntdll::RegisterOverrides(this);
   return true;
 }
 
 bool CProcMgr::UnInit() noexcept {
-  Ntdll::UnregisterNtResumeThreadListener(this);
-  Ntdll::UnregisterNtCreateUserProcessListener(this);
+  Ntdll::UnregisterOverrides(this);
   return true;
 }
 

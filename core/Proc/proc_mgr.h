@@ -5,15 +5,13 @@
 // child's library is ready or the child has ended (ten seconds at most).
 #pragma once
 
+#include "VornCore/Hook/manager.h"
 #include "VornCore/Hook/ntdll.h"
 
 namespace VornCore {
 
-class CProcMgr : public INtdllApiListener {
+class CProcMgr : public Manager<CProcMgr>, public INtdllApiListener {
  public:
-  // The single instance, made on first use and never destroyed. Any thread.
-  static CProcMgr* GetInstance() noexcept;
-
   [[nodiscard]] bool Init() noexcept;  // always true
   bool UnInit() noexcept;              // always true
 

@@ -12,7 +12,7 @@
 #include "Net/dns_cache.h"
 #include "Platform/guard.h"
 #include "VornCore/Hook/kernel_base.h"
-#include "VornCore/Hook/mod.h"
+#include "VornCore/Hook/late_modules.h"
 #include "tests/unit/open_handles.h"
 
 extern "C" {

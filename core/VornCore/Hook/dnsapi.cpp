@@ -2,36 +2,15 @@
 
 #include "VornCore/Hook/define_api.h"
 
-namespace VornCore {
+namespace VornCore::Dnsapi {
 
-#define ROW(...) VORN_DEFINE_API(IDnsapiApiListener, Dnsapi, __VA_ARGS__)
-VORN_DNSAPI_API(ROW)
-#undef ROW
+VORN_DEFINE_MODULE(VORN_DNSAPI_API)
 
-namespace Dnsapi {
-namespace {
+// DnsQuery_W comes before DnsQuery_A.
+constexpr std::string_view kFirst[] = {"DnsQueryEx", "DnsQuery_UTF8", "DnsQuery_W"};
+constexpr HookTable kTable = {.rows = kRows, .attach_first = kFirst, .detach_first = kFirst};
 
-const HookRow kRows[] = {
-#define ROW(fail, result, api, ...) VORN_TABLE_ROW(nullptr, api)
-    VORN_DNSAPI_API(ROW)
-#undef ROW
-};
-// DnsQueryEx, DnsQuery_UTF8, DnsQuery_W, DnsQuery_A.
-constexpr std::uint8_t kOrder[] = {0, 1, 3, 2};
-static_assert(std::size(kOrder) == std::size(kRows));
-const HookTable kTable = {.rows = kRows, .attach_order = kOrder, .detach_order = kOrder};
+bool Init(HMODULE module) noexcept { return InstallTable(kTable, module); }
+bool UnInit() noexcept { return RemoveTable(kTable); }
 
-}  // namespace
-
-bool Init(HMODULE module) noexcept {
-  InstallTable(kTable, module);
-  return true;
-}
-
-bool UnInit() noexcept {
-  RemoveTable(kTable);
-  return true;
-}
-
-}  // namespace Dnsapi
-}  // namespace VornCore
+}  // namespace VornCore::Dnsapi

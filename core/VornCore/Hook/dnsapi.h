@@ -7,21 +7,15 @@
 #include "VornCore/Hook/api_list_dnsapi.h"
 
 namespace VornCore {
-
-// Every operation that is not overridden performs the real call and decides it.
-class IDnsapiApiListener {
- public:
-  VORN_DNSAPI_API(VORN_LISTENER_OPERATION)
-};
-
 namespace Dnsapi {
+
+VORN_DECLARE_MODULE(VORN_DNSAPI_API)
 
 bool Init(HMODULE module) noexcept;  // installs the table; always true
 bool UnInit() noexcept;              // removes it; always true
 
-#define ROW(fail, ...) VORN_DECLARE_API(IDnsapiApiListener, __VA_ARGS__)
-VORN_DNSAPI_API(ROW)
-#undef ROW
-
 }  // namespace Dnsapi
+
+using IDnsapiApiListener = Dnsapi::Listener;
+
 }  // namespace VornCore

@@ -1,5 +1,7 @@
 #include "VornCore/Hook/hook_table.h"
 
+#include <algorithm>
+
 #include "Platform/original.h"
 #include "detours/detours.h"
 
@@ -7,8 +9,17 @@ namespace VornCore {
 namespace {
 
 template <class Action>
-void ForEachRow(const HookTable& table, std::span<const std::uint8_t> order, Action action) noexcept {
-  for (std::size_t i = 0; i < table.rows.size(); ++i) action(table.rows[order.empty() ? i : order[i]]);
+void ForEachRow(const HookTable& table, std::span<const std::string_view> first, Action action) noexcept {
+  for (const std::string_view name : first)
+    for (const HookRow& row : table.rows)
+      if (row.name == name) action(row);
+  for (const HookRow& row : table.rows)
+    if (std::ranges::find(first, row.name) == first.end()) action(row);
+}
+
+void* TargetOf(const HookRow& row, HMODULE module) noexcept {
+  void* const target = module ? platform::ResolveTarget(module, row.name) : nullptr;
+  return target || !row.fallback ? target : *row.fallback;
 }
 
 void* DispatcherOf(const HookRow& row) noexcept {
@@ -46,23 +57,26 @@ bool DetachHook(void** original, void* dispatcher) noexcept {
 
 void CommitHookTransaction() noexcept { DetourTransactionCommit(); }
 
-void InstallTable(const HookTable& table, HMODULE module) noexcept {
+bool InstallTable(const HookTable& table, HMODULE module) noexcept {
   BeginHookTransaction();
-  ForEachRow(table, table.attach_order, [&](const HookRow& row) {
-    AttachHook(row.name, row.import ? *row.import : nullptr, DispatcherOf(row), row.original, module);
+  ForEachRow(table, table.attach_first, [&](const HookRow& row) {
+    if (void* target = TargetOf(row, module))
+      AttachHook(row.name, target, DispatcherOf(row), row.original, module);
   });
   CommitHookTransaction();
   PublishOriginals(table);
+  return true;
 }
 
-void RemoveTable(const HookTable& table) noexcept {
+bool RemoveTable(const HookTable& table) noexcept {
   BeginHookTransaction();
-  ForEachRow(table, table.detach_order, [](const HookRow& row) {
+  ForEachRow(table, table.detach_first, [](const HookRow& row) {
     // What was never found was never attached; naming it would fail the removal of the others.
     if (*row.original) DetachHook(row.original, DispatcherOf(row));
   });
   CommitHookTransaction();
   PublishOriginals(table);
+  return true;
 }
 
 }  // namespace VornCore

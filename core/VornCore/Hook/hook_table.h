@@ -7,29 +7,31 @@
 
 #include <cstdint>
 #include <span>
+#include <string_view>
 
 #include "windows/nt.h"
 
 namespace VornCore {
 
 struct HookRow {
-  const char* name;     // as the module exports it
-  void* const* import;  // import slot that holds the target, or null: look name up in the module
-  void* dispatcher;     // what the patched function leads to
-  void** original;      // HookEntry::original
-  void** bridged;       // HookEntry::bridged
+  const char* name;       // as the module exports it
+  void* const* fallback;  // slot with the function's address where the module does not export it; may be null
+  void* dispatcher;       // what the patched function leads to
+  void** original;        // HookEntry::original
+  void** bridged;         // HookEntry::bridged
 };
 
-// The orders name every row once; an empty one is the rows' own order.
+// Functions are attached and detached in the order of the rows, but for those that are named here: they come
+// first, in the order of their names.
 struct HookTable {
   std::span<const HookRow> rows;
-  std::span<const std::uint8_t> attach_order = {};
-  std::span<const std::uint8_t> detach_order = {};
+  std::span<const std::string_view> attach_first = {};
+  std::span<const std::string_view> detach_first = {};
 };
 
-// A null module is not an error: rows with an import slot are attached all the same.
-void InstallTable(const HookTable& table, HMODULE module) noexcept;
-void RemoveTable(const HookTable& table) noexcept;
+// Both are always true. A null module is not an error: rows with a fallback are attached all the same.
+bool InstallTable(const HookTable& table, HMODULE module) noexcept;
+bool RemoveTable(const HookTable& table) noexcept;
 
 void BeginHookTransaction() noexcept;
 // Without an address, name is looked up in module. False, with nothing stored, when there is no target; false

@@ -1,44 +1,22 @@
 #include "VornCore/Hook/kernel_base.h"
 
-#include <string_view>
-
 #include "VornCore/Hook/define_api.h"
 
-namespace VornCore {
+namespace VornCore::KernelBase {
 
-#define ROW(...) VORN_DEFINE_API(IKernelBaseApiListener, KernelBase, __VA_ARGS__)
-VORN_KERNELBASE_API(ROW)
-#undef ROW
-
-namespace KernelBase {
-namespace {
+constexpr std::string_view kCrashFilter = "SetUnhandledExceptionFilter";
 
 // The crash path must be caught even where KernelBase cannot be found: kernel32 hands that function on.
-consteval void* const* ImportOf(std::string_view api) {
-  return api == "SetUnhandledExceptionFilter" ? &imp_SetUnhandledExceptionFilter : nullptr;
+static consteval void* const* FallbackOf(std::string_view api) {
+  return api == kCrashFilter ? &imp_SetUnhandledExceptionFilter : nullptr;
 }
 
-const HookRow kRows[] = {
-#define ROW(fail, result, api, ...) VORN_TABLE_ROW(ImportOf(#api), api)
-    VORN_KERNELBASE_API(ROW)
-#undef ROW
-};
-// The exception filter goes first, so that a fault during the removal finds the program's own filter.
-constexpr std::uint8_t kDetachOrder[] = {1, 0, 2, 3, 4, 5};
-static_assert(std::size(kDetachOrder) == std::size(kRows));
-const HookTable kTable = {.rows = kRows, .detach_order = kDetachOrder};
+VORN_DEFINE_MODULE(VORN_KERNELBASE_API)
 
-}  // namespace
+// The exception filter is released first, so that a fault during the removal finds the program's own filter.
+constexpr HookTable kTable = {.rows = kRows, .detach_first = {&kCrashFilter, 1}};
 
-bool Init() noexcept {
-  InstallTable(kTable, GetModuleHandleW(L"KernelBase.dll"));
-  return true;
-}
+bool Init() noexcept { return InstallTable(kTable, GetModuleHandleW(L"KernelBase.dll")); }
+bool UnInit() noexcept { return RemoveTable(kTable); }
 
-bool UnInit() noexcept {
-  RemoveTable(kTable);
-  return true;
-}
-
-}  // namespace KernelBase
-}  // namespace VornCore
+}  // namespace VornCore::KernelBase

@@ -7,21 +7,15 @@
 #include "windows/nt.h"
 
 namespace VornCore {
-
-// Every operation that is not overridden performs the real call and decides it.
-class IKernelBaseApiListener {
- public:
-  VORN_KERNELBASE_API(VORN_LISTENER_OPERATION)
-};
-
 namespace KernelBase {
+
+VORN_DECLARE_MODULE(VORN_KERNELBASE_API)
 
 bool Init() noexcept;    // installs the table; always true: a function that cannot be intercepted is left out
 bool UnInit() noexcept;  // removes it; always true
 
-#define ROW(fail, ...) VORN_DECLARE_API(IKernelBaseApiListener, __VA_ARGS__)
-VORN_KERNELBASE_API(ROW)
-#undef ROW
-
 }  // namespace KernelBase
+
+using IKernelBaseApiListener = KernelBase::Listener;
+
 }  // namespace VornCore

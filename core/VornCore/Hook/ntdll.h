@@ -3,7 +3,7 @@
 //   class CFileMgr : public INtdllApiListener {
 //     NTSTATUS NtClose(HANDLE Handle, bool* bPassOn) override;   // decides; calls CallOriginalNtClose itself
 //   };
-//   Ntdll::RegisterNtCloseListener(&mgr);   // before or after Ntdll::Init; the listener is never destroyed
+//   Ntdll::RegisterOverrides(&mgr);   // before or after Ntdll::Init; the listener is never destroyed
 //
 // Listeners of a function are called in slot order until one leaves *bPassOn false; after the last one the
 // real function runs. Any thread; the dispatcher takes no lock.
@@ -14,21 +14,15 @@
 #include "windows/nt.h"
 
 namespace VornCore {
-
-// Every operation that is not overridden performs the real call and decides it.
-class INtdllApiListener {
- public:
-  VORN_NTDLL_API(VORN_LISTENER_OPERATION)
-};
-
 namespace Ntdll {
+
+VORN_DECLARE_MODULE(VORN_NTDLL_API)
 
 bool Init() noexcept;    // installs the table; always true: a function that cannot be intercepted is left out
 bool UnInit() noexcept;  // removes it; always true
 
-#define ROW(fail, ...) VORN_DECLARE_API(INtdllApiListener, __VA_ARGS__)
-VORN_NTDLL_API(ROW)
-#undef ROW
-
 }  // namespace Ntdll
+
+using INtdllApiListener = Ntdll::Listener;
+
 }  // namespace VornCore

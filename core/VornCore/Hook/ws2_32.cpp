@@ -2,33 +2,13 @@
 
 #include "VornCore/Hook/define_api.h"
 
-namespace VornCore {
+namespace VornCore::Ws2_32 {
 
-#define ROW(...) VORN_DEFINE_API(IWs2_32ApiListener, Ws2_32, __VA_ARGS__)
-VORN_WS2_32_API(ROW)
-#undef ROW
+VORN_DEFINE_MODULE(VORN_WS2_32_API)
 
-namespace Ws2_32 {
-namespace {
+constexpr HookTable kTable = {.rows = kRows};
 
-const HookRow kRows[] = {
-#define ROW(fail, result, api, ...) VORN_TABLE_ROW(nullptr, api)
-    VORN_WS2_32_API(ROW)
-#undef ROW
-};
-const HookTable kTable = {.rows = kRows};
+bool Init(HMODULE module) noexcept { return InstallTable(kTable, module); }
+bool UnInit() noexcept { return RemoveTable(kTable); }
 
-}  // namespace
-
-bool Init(HMODULE module) noexcept {
-  InstallTable(kTable, module);
-  return true;
-}
-
-bool UnInit() noexcept {
-  RemoveTable(kTable);
-  return true;
-}
-
-}  // namespace Ws2_32
-}  // namespace VornCore
+}  // namespace VornCore::Ws2_32

@@ -1,4 +1,4 @@
-#include "VornCore/Hook/mod.h"
+#include "VornCore/Hook/late_modules.h"
 
 #include <string_view>
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "VornCore/Hook/mod.h"
+#include "VornCore/Hook/late_modules.h"
 
 namespace VornCore {
 namespace {
