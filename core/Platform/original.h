@@ -15,7 +15,7 @@ void* ResolveTarget(HMODULE module, const char* name) noexcept;
 // bridge that adapts the arguments and calls original. Called by the installing thread, once per function.
 void* BridgeOriginal(const char* name, void* original) noexcept;
 
-// What the patched function of that name leads to: dispatcher, or a thunk in front of it where the target
+// What the patched function of that name leads to: dispatcher, or a bridge in front of it where the target
 // that ResolveTarget found takes other arguments.
 void* BridgeDispatcher(const char* name, void* dispatcher) noexcept;
 

@@ -23,7 +23,7 @@ struct NarrowCall {
 static_assert(sizeof(ADDRINFOA) == sizeof(ADDRINFOW) &&
               offsetof(ADDRINFOA, ai_addr) == offsetof(ADDRINFOW, ai_addr));
 
-INT WSAAPI Thunk(PCSTR node, PCSTR service, const ADDRINFOA* hints, PADDRINFOA* result) {
+INT WSAAPI NarrowEntry(PCSTR node, PCSTR service, const ADDRINFOA* hints, PADDRINFOA* result) {
   wchar_t name[kNameUnits];
   if (node && !MultiByteToWideChar(CP_ACP, 0, node, -1, name, kNameUnits))
     return real_narrow(node, service, hints, result);
@@ -40,16 +40,12 @@ INT WSAAPI Bridge(PCWSTR, PCWSTR, const ADDRINFOW* hints, PADDRINFOW* result) {
 
 }  // namespace
 
-void* AddrInfoTarget(HMODULE ws2_32) noexcept {
-  return reinterpret_cast<void*>(GetProcAddress(ws2_32, "getaddrinfo"));
-}
-
-void* AddrInfoDispatcher(void* dispatcher) noexcept {
+void* AddrInfoDispatcher(void* dispatcher) {
   dispatcher_of_wide = reinterpret_cast<decltype(&::GetAddrInfoW)>(dispatcher);
-  return reinterpret_cast<void*>(&Thunk);
+  return reinterpret_cast<void*>(&NarrowEntry);
 }
 
-void* AddrInfoOriginal(void* original) noexcept {
+void* AddrInfoOriginal(void* original) {
   real_narrow = reinterpret_cast<decltype(&::getaddrinfo)>(original);
   return reinterpret_cast<void*>(&Bridge);
 }

@@ -88,7 +88,7 @@ class Search {
       if (folder.empty()) break;
       ScanRuleFolder(folder);
     }
-    if (found_.names.size() < file_.links) found_.names.emplace_back(U16(kUnlistedLink));
+    if (found_.names.size() < file_.links) found_.names.emplace_back(U16(kUnknownLinkName));
   }
 
  private:
@@ -134,14 +134,14 @@ class Search {
                           kFileIdBothDirectoryInformation, FALSE, nullptr, FALSE))) {
       for (const char* at = page.get();;) {
         const auto* entry = reinterpret_cast<const IdEntry*>(at);
-        LookAt(*entry, folder, pending);
+        VisitEntry(*entry, folder, pending);
         if (!entry->NextEntryOffset) break;
         at += entry->NextEntryOffset;
       }
     }
   }
 
-  void LookAt(const IdEntry& entry, const std::u16string& folder, std::vector<std::u16string>* pending) {
+  void VisitEntry(const IdEntry& entry, const std::u16string& folder, std::vector<std::u16string>* pending) {
     ++entries_;
     const std::u16string_view name(U16(entry.FileName), entry.FileNameLength / sizeof(wchar_t));
     if (name == u"." || name == u"..") return;
@@ -158,8 +158,8 @@ class Search {
   std::size_t entries_ = 0;
 };
 
-// Hands out the next name; units is the room of name on entry, what it takes (terminator included) on return.
-BOOL HandOut(LinkNames& links, LPDWORD units, PWSTR name) {
+// Copies the next name; units is the room of name on entry, what it takes (terminator included) on return.
+BOOL CopyNextName(LinkNames& links, LPDWORD units, PWSTR name) {
   if (links.next >= links.names.size()) {
     SetLastError(ERROR_HANDLE_EOF);
     return FALSE;
@@ -194,12 +194,12 @@ HANDLE WINAPI FindFirstLinkName(LPCWSTR path, DWORD, LPDWORD units, PWSTR name) 
   }
   auto links = std::make_unique<LinkNames>();
   Search(*links, own, file).Run(own);
-  if (!HandOut(*links, units, name)) return INVALID_HANDLE_VALUE;
+  if (!CopyNextName(*links, units, name)) return INVALID_HANDLE_VALUE;
   return links.release();
 }
 
 BOOL WINAPI FindNextLinkName(HANDLE find, LPDWORD units, PWSTR name) noexcept {
-  return HandOut(*static_cast<LinkNames*>(find), units, name);
+  return CopyNextName(*static_cast<LinkNames*>(find), units, name);
 }
 
 BOOL WINAPI CloseLinkNames(HANDLE find) noexcept {

@@ -2,7 +2,7 @@
 //
 // The names are looked for by file id, in the file's own folder and then in the folders that SetLinkFolders
 // names (with what lies below them), until all links are found or a bound of entries or time is reached. A
-// link that stays unfound is answered as kUnlistedLink: a name on no folder, so that whoever judges every
+// link that stays unfound is answered as kUnknownLinkName: a name on no folder, so that whoever judges every
 // name judges one that nothing allows.
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace VornCore::platform::wine {
 
-inline constexpr wchar_t kUnlistedLink[] = L":unlisted";
+inline constexpr wchar_t kUnknownLinkName[] = L":unlisted";
 
 void SetLinkFolders(LinkFolderSource source) noexcept;
 

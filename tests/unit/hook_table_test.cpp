@@ -5,11 +5,16 @@
 #include <cstring>
 #include <functional>
 
+#include "Platform/wine_nested_calls.h"
 #include "VornCore/Hook/dnsapi.h"
 #include "VornCore/Hook/hook_entry.h"
 #include "VornCore/Hook/hook_table.h"
 #include "VornCore/Hook/ntdll.h"
 #include "VornCore/Hook/ws2_32.h"
+
+extern "C" {
+VORN_IMPORT(GetProcAddress, 8);
+}
 
 namespace VornCore {
 namespace {
@@ -115,6 +120,55 @@ TEST_F(NtdllHooks, OperationThatIsNotOverriddenPerformsTheRealCallAndDecides) {
   EXPECT_EQ(DeleteByName(), unhooked_status_);
   EXPECT_EQ(calls, "");
   Ntdll::UnregisterNtDeleteFileListener(&without_opinion);
+}
+
+// A compatibility shim or the verifier answers lookups with a function of its own, which not every caller
+// uses.
+NTSTATUS NTAPI ShimOfDelete(POBJECT_ATTRIBUTES) { return STATUS_SUCCESS; }
+FARPROC WINAPI ShimOfLookup(HMODULE, LPCSTR) { return reinterpret_cast<FARPROC>(&ShimOfDelete); }
+
+TEST_F(NtdllHooks, TargetIsTheExportWhateverALookupAnswers) {
+  Ntdll::UnInit();
+  void* const page = const_cast<void**>(&imp_GetProcAddress);
+  auto* const slot =
+      static_cast<void* volatile*>(page);  // volatile: the compiler takes a slot for a constant
+  DWORD protection;
+  ASSERT_TRUE(VirtualProtect(page, sizeof *slot, PAGE_READWRITE, &protection));
+  void* const real = *slot;
+  *slot = reinterpret_cast<void*>(&ShimOfLookup);
+  Ntdll::Init();
+  *slot = real;
+  VirtualProtect(page, sizeof *slot, protection, &protection);
+  Listener deciding('A');
+  ASSERT_TRUE(Register(deciding));
+  EXPECT_EQ(DeleteByName(), kDecided);
+}
+
+// Two exports of which the second one calls the first, or does not.
+namespace nested {
+using Function = int(WINAPI*)(int);
+using Inner = platform::wine::NestedCall<100, Function, -1>;
+using Outer = platform::wine::NestedCall<101, Function, -1>;
+constexpr auto kAsk = [](auto call) { call(-5); };
+Function patched_inner;
+int WINAPI RealInner(int x) { return x; }
+int WINAPI InnerDispatcher(int x) { return 100 + x; }
+int WINAPI CallingOuter(int x) { return patched_inner(x) + patched_inner(x); }
+int WINAPI IndependentOuter(int x) { return x; }
+Function MarkCallInto(Function outer) {
+  return reinterpret_cast<Function>(Outer::MarkCallInto<Inner, kAsk>(reinterpret_cast<void*>(outer)));
+}
+}  // namespace nested
+
+TEST(NestedCalls, OnlyTheInnerCallOfAPairThatReallyNestsPassesThrough) {
+  using namespace nested;
+  Inner::MarkEntry(reinterpret_cast<void*>(RealInner));
+  patched_inner = reinterpret_cast<Function>(Inner::SkipWhenNested(reinterpret_cast<void*>(InnerDispatcher)));
+  EXPECT_EQ(MarkCallInto(IndependentOuter), &IndependentOuter) << "asked, and left alone";
+  const Function outer = MarkCallInto(CallingOuter);
+  EXPECT_NE(outer, &CallingOuter);
+  EXPECT_EQ(outer(1), 1 + 101) << "the first call is the outer one's own; what follows is somebody else's";
+  EXPECT_EQ(patched_inner(1), 101);
 }
 
 TEST(NeverInstalled, CallOriginalFailsAsTheFunctionWould) {
