@@ -86,6 +86,7 @@ To CopyFields(const From& from) {
       },
       From::Fields());
   if constexpr (requires { from.extended; }) to.extended = from.extended;
+  if constexpr (requires { from.subtype; }) to.subtype = from.subtype;
   return to;
 }
 

@@ -158,7 +158,7 @@ TEST_F(NetNames, EveryWayToResolveANameLetsItsRuleDecide) {
   for (std::size_t i = 0; i < commands.size(); ++i) {
     EXPECT_EQ(run.audits[i].domain, asked[i]) << commands[i];
     EXPECT_EQ(run.audits[i].destination, "127.0.0." + std::to_string(names[Unrooted(asked[i])].last));
-    EXPECT_EQ(run.audits[i].verdict, confined[i] == "resolve 0 0" ? 1u : 0u);
+    EXPECT_EQ(run.audits[i].verdict == policy::Verdict::kAllow, confined[i] == "resolve 0 0");
   }
 }
 

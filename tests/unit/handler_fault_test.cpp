@@ -76,7 +76,6 @@ const BadCall kBadCalls[] = {
        ::LdrResolveDelayLoadedAPI(GetModuleHandleW(nullptr), Nowhere<IMAGE_DELAYLOAD_DESCRIPTOR>(), nullptr,
                                   nullptr, nullptr, 0);
      }},
-    {"name", [] { (void)gethostbyname(Nowhere<char>()); }},
     {"names",
      [] {
        ADDRINFOW* info;
@@ -98,7 +97,7 @@ const BadCall kBadCalls[] = {
 
 TEST(HandlerFaults, BringBackTheWholeNestingThroughNestedHandlers) {
   Confinement::Get();
-  ASSERT_TRUE(Ntdll::Init() && KernelBase::Init() && Ws2_32::Init(GetModuleHandleW(L"ws2_32.dll")));
+  ASSERT_TRUE(Ntdll::Init() && KernelBase::Init());
   ASSERT_TRUE(GetFileMgr().Init() && GetNetMgr().Init() && CProcMgr::GetInstance()->Init() &&
               CLoadDllMgr::GetInstance()->Init());
   Ntdll::UnregisterNtDeleteFileListener(&GetFileMgr());
