@@ -44,6 +44,8 @@ class Socket {
     if (handle_ != INVALID_SOCKET) closesocket(handle_);
     handle_ = INVALID_SOCKET;
   }
+  // Somebody else has closed it.
+  void Release() { handle_ = INVALID_SOCKET; }
   // The address with the port that it got; all zero when it cannot be bound.
   Address Bind(Address to) const {
     int length = to.length();

@@ -349,7 +349,8 @@ std::string Run(const Arguments& a) {
 
 int main(int count, char** words) {
   WSADATA data;
-  if (const int error = WSAStartup(MAKEWORD(2, 2), &data)) return error;
+  for (int i = 0; i < 2; ++i)  // as a program and its libraries do
+    if (const int error = WSAStartup(MAKEWORD(2, 2), &data)) return error;
   std::vector<Arguments> commands(1);
   for (int i = 1; i < count; ++i) {
     if (std::string(words[i]) == "/")

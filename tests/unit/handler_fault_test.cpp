@@ -96,7 +96,7 @@ const BadCall kBadCalls[] = {
 };
 
 TEST(HandlerFaults, BringBackTheWholeNestingThroughNestedHandlers) {
-  Confinement::Get();
+  NetConfinement::Get();
   ASSERT_TRUE(Ntdll::Init() && KernelBase::Init());
   ASSERT_TRUE(GetFileMgr().Init() && GetNetMgr().Init() && CProcMgr::GetInstance()->Init() &&
               CLoadDllMgr::GetInstance()->Init());

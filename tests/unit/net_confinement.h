@@ -92,10 +92,10 @@ class HostMessages {
 };
 
 // Process-wide, made by the first test: the library cannot be taken out again.
-class Confinement {
+class NetConfinement {
  public:
-  static Confinement& Get() {
-    static auto* confinement = new Confinement;
+  static NetConfinement& Get() {
+    static auto* confinement = new NetConfinement;
     return *confinement;
   }
 
@@ -111,7 +111,7 @@ class Confinement {
   }
 
  private:
-  Confinement() {
+  NetConfinement() {
     contents_.UseLibrariesIn(vorn::test::ThisProgram().parent_path().wstring());
     contents_.log_directory = vorn::test::ThisProgram().parent_path().wstring();
     contents_.server_port = host_.port();

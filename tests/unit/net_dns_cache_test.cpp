@@ -97,7 +97,7 @@ struct ResolverDouble {
   platform::DnsApi original;
 };
 
-TEST(DnsCache, NamesAreFoundByEachOfTheirAddressesAsTheyWereAskedFor) {
+TEST(DnsCache, NameIsFoundByEachOfItsAddresses) {
   DnsCache cache;
   AddInfo(cache, L"Example.ORG", {V4(0xC000020A), V6(10)});
   EXPECT_EQ(NameOf(cache, V4(0xC000020A)), L"Example.ORG");
@@ -115,7 +115,7 @@ TEST(DnsCache, NamesAreFoundByEachOfTheirAddressesAsTheyWereAskedFor) {
   EXPECT_EQ(NameOf(cache, V4(0xC000020B)), L"Example.ORG");
 }
 
-TEST(DnsCache, MappedAddressesAreIPv4AndZeroAddressesAreNoAnswer) {
+TEST(DnsCache, MappedAddressesCountAsIPv4AndZeroAddressesAreIgnored) {
   DnsCache cache;
   AddInfo(cache, L"mapped.test", {Mapped(20, 0)});
   EXPECT_EQ(NameOf(cache, Local(20)), L"mapped.test");
@@ -153,7 +153,7 @@ TEST(DnsCache, NullMembersAndShortAddressesAddNothing) {
   EXPECT_EQ(name.get(), nullptr);
 }
 
-TEST(DnsCache, TheSystemsCacheEndsUpUnderTheNamesThatWereAskedFor) {
+TEST(DnsCache, SystemCacheIsFiledUnderTheRequestedNames) {
   DnsCache cache;
   Records records;
   records.A(L"c.test", 30)

@@ -114,7 +114,7 @@ class NetDoubles : public ::testing::Test {
     static bool installed = false;  // (each suite comes through here)
     if (installed) return;
     installed = true;
-    Confinement::Get();
+    NetConfinement::Get();
     GetNetMgr().Init();
     CNetMgr::OnWs2_32Loaded(GetModuleHandleW(nullptr), L"");
     CNetMgr::OnDnsapiLoaded(GetModuleHandleW(nullptr), L"");
@@ -141,7 +141,7 @@ class NetDoubles : public ::testing::Test {
 
 // ---- Registered I/O ----
 
-TEST_F(NetDoubles, TheRegisteredIoTableIsWrappedWhereSendsAndQueuesPass) {
+TEST_F(NetDoubles, RegisteredIoSendsAndQueuesAreWrapped) {
   RIO_EXTENSION_FUNCTION_TABLE table{};
   GUID id = kRio;
   DWORD bytes = 0;
@@ -190,7 +190,7 @@ TEST_F(NetDoubles, TheRegisteredIoTableIsWrappedWhereSendsAndQueuesPass) {
 
 void WINAPI QueryCallback(PVOID, PDNS_QUERY_RESULT) { ADD_FAILURE() << "the query was synchronous"; }
 
-TEST_F(NetDoubles, ARequestedQueryRunsToItsEndAndIsRemembered) {
+TEST_F(NetDoubles, QueryIsMadeSynchronousAndRemembered) {
   DNS_RECORDW record{};
   record.wType = DNS_TYPE_A;
   record.Data.A.IpAddress = Local(101).v4.sin_addr.s_addr;
@@ -221,7 +221,7 @@ TEST_F(NetDoubles, ARequestedQueryRunsToItsEndAndIsRemembered) {
   EXPECT_EQ(NameOf(102), L"");
 }
 
-TEST_F(NetDoubles, RequestsThatCannotBeReadOrWrittenGoThroughUnchanged) {
+TEST_F(NetDoubles, UnreadableRequestsPassUnchanged) {
   EXPECT_EQ(query_ex(nullptr, nullptr, nullptr), ERROR_SUCCESS);
   EXPECT_EQ(doubles.net_call, 0);
   auto* page = static_cast<DNS_QUERY_REQUEST*>(VirtualAlloc(nullptr, 4096, MEM_COMMIT, PAGE_READWRITE));
@@ -271,7 +271,7 @@ class NetDoublesAddrInfo : public NetDoubles {
   PADDRINFOEXW result_ = nullptr;
 };
 
-TEST_F(NetDoublesAddrInfo, AnOverlappedQueryIsWaitedForAndAnotherNamespacesPasses) {
+TEST_F(NetDoublesAddrInfo, OverlappedDnsQueryIsWaitedFor) {
   OVERLAPPED overlapped{};
   EXPECT_EQ(Query(111, NS_DNS, &overlapped), 0);
   EXPECT_EQ(doubles.waited, 30'000u);
@@ -287,7 +287,7 @@ TEST_F(NetDoublesAddrInfo, AnOverlappedQueryIsWaitedForAndAnotherNamespacesPasse
   EXPECT_EQ(NameOf(122), L"");
 }
 
-TEST_F(NetDoublesAddrInfo, AnAbandonedQuerysStorageLivesUntilTheQueryEnds) {
+TEST_F(NetDoublesAddrInfo, StorageOfAnAbandonedQueryLivesUntilTheQueryEnds) {
   doubles.pending = true;
   {
     OVERLAPPED overlapped{};

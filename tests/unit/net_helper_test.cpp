@@ -6,7 +6,7 @@
 namespace VornCore::test {
 namespace {
 
-TEST(SockaddrAdapter, PresentsMappedIPv4AsIPv4AndEverythingElseUnchanged) {
+TEST(SockaddrAdapter, PresentsMappedIPv4AsIPv4) {
   const Address mapped = Mapped(9, 443), plain6 = Local6(443), plain4 = Local(9, 443);
   {
     const net_helper::SockaddrAdapter adapter(&mapped.any, sizeof mapped.v6);

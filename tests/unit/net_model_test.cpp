@@ -40,7 +40,7 @@ struct SocketNames {
 
 class SocketModel : public ::testing::Test {
  protected:
-  void SetUp() override { Confinement::Get().SetRules({DefaultRule(0)}); }
+  void SetUp() override { NetConfinement::Get().SetRules({DefaultRule(0)}); }
 
   std::uint32_t Check(const Address& to, std::uint32_t protocol, const wchar_t* domain = nullptr) {
     return model.CheckSocketACL(domain, &to.any, static_cast<std::uint32_t>(to.length()), protocol).verdict;
@@ -50,7 +50,7 @@ class SocketModel : public ::testing::Test {
   SocketACLModel model;
 };
 
-TEST_F(SocketModel, AnOwnServersExactAddressIsAllowed) {
+TEST_F(SocketModel, ExactAddressOfAnOwnServerIsAllowed) {
   model.AddSocket(kProtocolTcp, AF_INET, 10);
   model.AddSocket(kProtocolUdp, AF_INET, 20);
   model.SetBoundAddress(10, At(Local(1, 8080)));
@@ -69,7 +69,7 @@ TEST_F(SocketModel, AnOwnServersExactAddressIsAllowed) {
   EXPECT_EQ(Check(Local(1, 8080), kProtocolTcp), 0u);
 }
 
-TEST_F(SocketModel, ASocketThatASendBoundIsFoundAtTheNextCheck) {
+TEST_F(SocketModel, SocketBoundByASendIsFoundByTheNextCheck) {
   model.AddSocket(kProtocolUdp, AF_INET, 10);
   model.AddSendCount(10, 1);
   EXPECT_EQ(Check(Local(9, 9), kProtocolUdp), 0u);  // the check of the send itself: not bound yet
@@ -77,7 +77,7 @@ TEST_F(SocketModel, ASocketThatASendBoundIsFoundAtTheNextCheck) {
   EXPECT_EQ(Check(Local(1, 5555), kProtocolUdp), 1u);
 }
 
-TEST_F(SocketModel, AChecksWinsockCallsDoNotGrowWithTheSockets) {
+TEST_F(SocketModel, WinsockCallsOfACheckDoNotGrowWithTheSockets) {
   for (SOCKET s = 1; s <= 1000; ++s) {
     model.AddSocket(kProtocolUdp, AF_INET, s);
     model.SetBoundAddress(s, At(Local(1, static_cast<std::uint16_t>(s))));
@@ -102,7 +102,7 @@ TEST_F(SocketModel, AChecksWinsockCallsDoNotGrowWithTheSockets) {
   EXPECT_EQ(SocketNames::calls, 1);
 }
 
-TEST_F(SocketModel, ABoundSocketThatNeverSentBecomesAServerOnItsFirstReceive) {
+TEST_F(SocketModel, BoundSocketThatReceivesFirstIsAServer) {
   model.AddSocket(kProtocolUdp, AF_INET, 10);
   EXPECT_FALSE(model.QuerySocket(10, true).is_server) << "not bound to a port";
   model.SetBoundAddress(10, At(Local(1, 53)));
