@@ -52,8 +52,13 @@ LONG WINAPI DetourTransactionCommit();
 // Drops everything that was added. ERROR_INVALID_OPERATION without a transaction of this thread.
 LONG WINAPI DetourTransactionAbort();
 
-// TRUE in a process that was started only to update another process's import table.
+// TRUE in a process that was started only to update another process's import table: the system's
+// rundll32.exe, told to run the DLL that asks, with an order in its start-up data.
 BOOL WINAPI DetourIsHelperProcess();
+
+// Whether a process with this image (full path, as the system names it) and this command line is what
+// DetourProcessViaHelperW starts for the DLL. Such a process runs nothing but that DLL.
+BOOL WINAPI DetourIsHelperCommand(LPCWSTR image, LPCWSTR command, LPCSTR dll);
 
 // In a process that was started with an updated import table: puts the original header and table back.
 // FALSE when there is nothing to restore.

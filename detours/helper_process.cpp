@@ -12,11 +12,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <cwchar>
+#include <initializer_list>
 
 #include "detours/bitness.h"
 #include "detours/detours.h"
 #include "detours/win32_error.h"
 #include "windows/unique_handle.h"
+
+extern "C" IMAGE_DOS_HEADER __ImageBase;
 
 namespace detours {
 namespace {
@@ -44,10 +48,12 @@ constexpr uint8_t kSignature[16] = {0x83, 0x1c, 0xe0, 0x5a, 0x77, 0xd9, 0x42, 0x
 static_assert(offsetof(nt::ProcessParameters, RuntimeData) == (sizeof(void*) == 8 ? 0xE0 : 0x88));
 
 // rundll32.exe "DLL",#1
+// Allocates nothing, for code that runs inside the loader.
 struct HelperCommand {
   wchar_t text[kMaxPath + 32];
-  size_t length;  // 0: the DLL's name cannot be expressed
+  size_t length;  // characters; 0: the DLL's name cannot be expressed
 
+  // dll: full path, ANSI.
   explicit HelperCommand(const char* dll) : length(0) {
     static constexpr wchar_t kHead[] = L"rundll32.exe \"";
     static constexpr wchar_t kTail[] = L"\",#1";
@@ -59,7 +65,30 @@ struct HelperCommand {
     memcpy(text + length, kTail, sizeof(kTail));
     length += sizeof(kTail) / sizeof(wchar_t) - 1;
   }
+
+  bool Is(const wchar_t* command, size_t characters) const {
+    return length && characters == length && memcmp(command, text, length * sizeof(wchar_t)) == 0;
+  }
 };
+
+// Full path of the rundll32.exe in a folder of the system ("\\System32", "\\SysWOW64", "\\Sysnative").
+bool RunDll32In(const wchar_t* folder, wchar_t (&path)[MAX_PATH]) {
+  static constexpr wchar_t kProgram[] = L"\\rundll32.exe";
+  const size_t n = GetSystemWindowsDirectoryW(path, MAX_PATH), folder_length = wcslen(folder);
+  if (n == 0 || n + folder_length + sizeof(kProgram) / sizeof(wchar_t) > MAX_PATH) return false;
+  memcpy(path + n, folder, folder_length * sizeof(wchar_t));
+  memcpy(path + n + folder_length, kProgram, sizeof(kProgram));
+  return true;
+}
+
+// Whether the image of a process, as the system names it, is the system's rundll32.exe of either bitness.
+bool IsRunDll32(const wchar_t* image) {
+  wchar_t path[MAX_PATH];
+  for (const wchar_t* folder : {L"\\System32", L"\\SysWOW64"})
+    if (RunDll32In(folder, path) && CompareStringOrdinal(image, -1, path, -1, TRUE) == CSTR_EQUAL)
+      return true;
+  return false;
+}
 
 // The order that this process was started with; null in every other process.
 const HelperOrder* FindOrder() {
@@ -72,18 +101,12 @@ const HelperOrder* FindOrder() {
 
 // Full path of the rundll32.exe of the target's bitness.
 bool HelperImage(HANDLE target, wchar_t (&path)[MAX_PATH]) {
-  static constexpr wchar_t kProgram[] = L"\\rundll32.exe";
   // System32 means the caller's own bitness; the other one has a name of its own.
   const bool target_wow64 = IsWow64(target), own_wow64 = IsWow64(GetCurrentProcess());
   const wchar_t* folder = L"\\System32";
   if (target_wow64 && !own_wow64) folder = L"\\SysWOW64";
   if (!target_wow64 && own_wow64) folder = L"\\Sysnative";
-  size_t n = GetSystemWindowsDirectoryW(path, MAX_PATH);
-  const size_t folder_length = wcslen(folder);
-  if (n == 0 || n + folder_length + sizeof(kProgram) / sizeof(wchar_t) > MAX_PATH) return false;
-  memcpy(path + n, folder, folder_length * sizeof(wchar_t));
-  memcpy(path + n + folder_length, kProgram, sizeof(kProgram));
-  return true;
+  return RunDll32In(folder, path);
 }
 
 DWORD WaitForHelper(HANDLE helper) {
@@ -136,20 +159,35 @@ DWORD CarryOut(const HelperOrder& order) {
   return DetourUpdateProcessWithDll(target.get(), &dll, 1) ? kHelperDone : Failure();
 }
 
+// The DLL that this code is linked into, loaded under exactly the name in the order.
+bool IsOwnDll(const char* dll) { return GetModuleHandleA(dll) == reinterpret_cast<HMODULE>(&__ImageBase); }
+
+bool IsOwnImageRunDll32() {
+  wchar_t image[MAX_PATH];
+  DWORD units = MAX_PATH;
+  return QueryFullProcessImageNameW(GetCurrentProcess(), 0, image, &units) && IsRunDll32(image);
+}
+
 }  // namespace
 }  // namespace detours
 
 // The loader calls the DLL for every thread, so this compares one length in all processes but a helper. There
-// the command line must be the one that goes with the order too: a rundll32 that would run anything else is
-// an ordinary process.
+// the order is believed only where nothing but the helper's work can follow from it: the program is the
+// system's rundll32, which is told to run this very DLL. Any other program or DLL that comes with an order,
+// which whoever starts a process can write, is an ordinary process.
 BOOL WINAPI DetourIsHelperProcess() {
   using namespace detours;
   const HelperOrder* order = FindOrder();
   if (!order) return FALSE;
-  const HelperCommand command(order->dll);
   const UNICODE_STRING& actual = nt::CurrentParameters()->CommandLine;
-  return command.length && actual.Length == command.length * sizeof(wchar_t) &&
-         memcmp(actual.Buffer, command.text, actual.Length) == 0;
+  const HelperCommand command(order->dll);
+  return command.Is(actual.Buffer, actual.Length / sizeof(wchar_t)) && IsOwnDll(order->dll) &&
+         IsOwnImageRunDll32();
+}
+
+BOOL WINAPI DetourIsHelperCommand(LPCWSTR image, LPCWSTR command, LPCSTR dll) {
+  return image && command && dll && detours::IsRunDll32(image) &&
+         detours::HelperCommand(dll).Is(command, wcslen(command));
 }
 
 BOOL WINAPI DetourProcessViaHelperW(DWORD pid, LPCSTR dll, PDETOUR_CREATE_PROCESS_ROUTINEW create_process) {

@@ -13,9 +13,10 @@ std::string Line(const ProcessNode& node, std::size_t depth) {
   const std::string state = node.confined         ? "confined"
                             : node.failed         ? fmt::format("NOT CONFINED (error {})", node.code)
                             : node.exited_at_once ? fmt::format("exited at once (code {:#x})", node.code)
-                            : node.console_host   ? "console host of the system"
-                            : node.injected       ? "confined, ended before it reported"
-                                                  : "NOT CONFINED (never reported)";
+                            : node.role == ProcessRole::kConsoleHost     ? "console host of the system"
+                            : node.role == ProcessRole::kInjectionHelper ? "injection helper of vorn"
+                            : node.injected ? "confined, ended before it reported"
+                                            : "NOT CONFINED (never reported)";
   return fmt::format("{:{}}{} ({})  {}", "", depth * 2, node.name.empty() ? "?" : host::Printable(node.name),
                      node.pid, state);
 }
@@ -61,19 +62,19 @@ void ProcessTree::ExitedAtOnce(std::uint32_t parent, std::uint32_t pid, std::uin
   node.code = exit_code;
 }
 
-void ProcessTree::Ran(std::uint32_t pid, std::uint32_t parent, std::string name, bool console_host) {
+void ProcessTree::Ran(std::uint32_t pid, std::uint32_t parent, std::string name, ProcessRole role) {
   // Of the processes that had this id, the one that was spoken of as the same in number.
   std::size_t before = ran_[pid]++;
   auto node =
       std::ranges::find_if(nodes_, [&](const ProcessNode& n) { return n.pid == pid && before-- == 0; });
   if (node == nodes_.end()) node = nodes_.emplace(node, pid, parent);
-  node->console_host = console_host;
+  node->role = role;
   if (node->name.empty()) node->name = std::move(name);
 }
 
 std::size_t ProcessTree::unconfined() const {
   return static_cast<std::size_t>(std::ranges::count_if(nodes_, [](const ProcessNode& n) {
-    return !n.confined && !n.injected && !n.exited_at_once && !n.console_host;
+    return !n.confined && !n.injected && !n.exited_at_once && n.role == ProcessRole::kProgram;
   }));
 }
 

@@ -9,6 +9,13 @@
 
 namespace vorn::cli {
 
+// What a process is that need not introduce itself.
+enum class ProcessRole {
+  kProgram,          // anything else: it must
+  kConsoleHost,      // the system's own, which the system starts for a program that has a console
+  kInjectionHelper,  // vorn's own, which gives the library to a child of the other bitness
+};
+
 struct ProcessNode {
   ProcessNode(std::uint32_t process, std::uint32_t started_by) : pid(process), parent(started_by) {}
 
@@ -20,7 +27,7 @@ struct ProcessNode {
   bool failed = false;     // its parent could not give it the library
   std::uint32_t code = 0;  // Win32 error of that failure, or exit code
   bool exited_at_once = false;
-  bool console_host = false;
+  ProcessRole role = ProcessRole::kProgram;
 };
 
 class ProcessTree {
@@ -32,8 +39,8 @@ class ProcessTree {
   void NotInjected(std::uint32_t parent, std::uint32_t pid, std::string name, std::uint32_t error);
   void ExitedAtOnce(std::uint32_t parent, std::uint32_t pid, std::uint32_t exit_code);
   // The system tells that it ran, once for every process in the order of their start, whoever else spoke of
-  // it. console_host: it is the system's own, which the system starts for a program that has a console.
-  void Ran(std::uint32_t pid, std::uint32_t parent, std::string name, bool console_host);
+  // it.
+  void Ran(std::uint32_t pid, std::uint32_t parent, std::string name, ProcessRole role);
 
   std::size_t size() const { return nodes_.size(); }
   std::size_t unconfined() const;

@@ -48,14 +48,18 @@ void RunReport::OnProcesses(std::uint32_t program, const std::vector<host::Launc
   wchar_t system[MAX_PATH + 1] = {};
   GetSystemDirectoryW(system, MAX_PATH);
   const std::wstring console_host = std::wstring(system) + L"\\conhost.exe";
+  const auto role = [&](const host::LaunchedProcess& process) {
+    if (process.injection_helper) return ProcessRole::kInjectionHelper;
+    return CompareStringOrdinal(process.image.c_str(), -1, console_host.c_str(), -1, TRUE) == CSTR_EQUAL
+               ? ProcessRole::kConsoleHost
+               : ProcessRole::kProgram;
+  };
   for (const host::LaunchedProcess& process : all) {
     const std::string name = host::ToUtf8(std::filesystem::path(process.image).filename().wstring());
     if (process.pid == program)
       processes_.Injected(process.parent_pid, process.pid, name);
     else
-      processes_.Ran(
-          process.pid, process.parent_pid, name,
-          CompareStringOrdinal(process.image.c_str(), -1, console_host.c_str(), -1, TRUE) == CSTR_EQUAL);
+      processes_.Ran(process.pid, process.parent_pid, name, role(process));
   }
 }
 

@@ -9,7 +9,9 @@
 #include <system_error>
 #include <thread>
 
+#include "detours/detours.h"
 #include "injection/child_start.h"
+#include "process_query.h"
 #include "vorn/create_process.h"
 #include "vorn/environment.h"
 #include "vorn/text.h"
@@ -91,14 +93,6 @@ AttributeList HandleList(InheritedStreams& streams) {
     return {};
   }
   return list;
-}
-
-// Full path of its program, or "".
-std::wstring ImageOf(HANDLE process) {
-  std::wstring image(32768, L'\0');
-  DWORD units = static_cast<DWORD>(image.size());
-  image.resize(QueryFullProcessImageNameW(process, 0, image.data(), &units) ? units : 0);
-  return image;
 }
 
 // 0 or a Win32 error.
@@ -225,8 +219,9 @@ class Launcher::Impl {
   void TerminateAll(std::uint32_t exit_code) { TerminateJobObject(job_.get(), exit_code); }
 
  private:
-  // A process that had no name yet when its notice came: Wine's tells its image once it has loaded it.
-  struct Nameless {
+  // A process that did not tell everything yet when its notice came: Wine's tells its image once it has
+  // loaded it.
+  struct Unasked {
     std::size_t index;  // in processes_
     UniqueHandle process;
     ULONGLONG give_up = GetTickCount64() + 10'000;
@@ -236,15 +231,15 @@ class Launcher::Impl {
   // it can be.
   void Watch() {
     constexpr DWORD kAskAgainMs = 2;
-    std::vector<Nameless> nameless;
+    std::vector<Unasked> unasked;
     for (;;) {
       DWORD message = 0;
       ULONG_PTR key = 0;
       OVERLAPPED* pid = nullptr;  // where the notice is about a process
       const bool got = GetQueuedCompletionStatus(notices_.get(), &message, &key, &pid,
-                                                 nameless.empty() ? INFINITE : kAskAgainMs);
+                                                 unasked.empty() ? INFINITE : kAskAgainMs);
       if (!got && GetLastError() != WAIT_TIMEOUT) return;
-      std::erase_if(nameless, [this](Nameless& process) { return AskAgain(process); });
+      std::erase_if(unasked, [this](Unasked& process) { return AskAgain(process); });
       if (!got) continue;
       if (key == kStopKey) return;
       if (key == kFenceKey) {
@@ -255,8 +250,7 @@ class Launcher::Impl {
         UniqueHandle process;
         LaunchedProcess described = Describe(static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(pid)), process);
         std::lock_guard lock(mutex_);
-        if (process && described.image.empty())
-          nameless.push_back({.index = processes_.size(), .process = std::move(process)});
+        if (process) unasked.push_back({.index = processes_.size(), .process = std::move(process)});
         processes_.push_back(std::move(described));
       } else if (message == JOB_OBJECT_MSG_ACTIVE_PROCESS_ZERO) {
         std::lock_guard lock(mutex_);
@@ -265,29 +259,45 @@ class Launcher::Impl {
     }
   }
 
-  // Opens the process, unless the id is another process's by now.
+  // process: opened when there is more to ask later.
   LaunchedProcess Describe(DWORD pid, UniqueHandle& process) const {
     LaunchedProcess description{.pid = pid};
-    process.reset(OpenProcess(PROCESS_QUERY_INFORMATION | SYNCHRONIZE, FALSE, pid));
+    process.reset(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ | SYNCHRONIZE, FALSE, pid));
     BOOL inside = FALSE;
     if (!process || !IsProcessInJob(process.get(), job_.get(), &inside) || !inside) {
       process.reset();
       return description;
     }
     description.parent_pid = windows::ParentProcessIdOf(process.get());
-    description.image = ImageOf(process.get());
+    if (Ask(process.get(), description)) process.reset();
     return description;
   }
 
-  // True when there is no more to ask: it is named, or has ended, or does not tell.
-  bool AskAgain(Nameless& nameless) {
-    std::wstring image = ImageOf(nameless.process.get());
-    if (image.empty())
-      return WaitForSingleObject(nameless.process.get(), 0) == WAIT_OBJECT_0 ||
-             GetTickCount64() >= nameless.give_up;
-    std::lock_guard lock(mutex_);
-    processes_[nameless.index].image = std::move(image);
-    return true;
+  // Fills in what the process tells by now; false when it may tell more later.
+  bool Ask(HANDLE process, LaunchedProcess& described) const {
+    described.image = ImageOf(process);
+    if (described.image.empty()) return false;
+    if (!described.image.ends_with(L"\\rundll32.exe")) return true;  // spares most the second question
+    const std::wstring command = CommandLineOf(process);
+    const SectionContents& contents = section_.contents();
+    described.injection_helper =
+        std::ranges::any_of(std::array{&contents.core_x64, &contents.core_x86}, [&](const auto* library) {
+          return DetourIsHelperCommand(described.image.c_str(), command.c_str(), ToAnsi(*library).c_str());
+        });
+    return !command.empty();
+  }
+
+  // True when there is no more to ask: it has told everything, or has ended, or does not tell.
+  bool AskAgain(Unasked& unasked) {
+    LaunchedProcess now;
+    const bool complete = Ask(unasked.process.get(), now);
+    if (!now.image.empty()) {
+      std::lock_guard lock(mutex_);
+      processes_[unasked.index].image = std::move(now.image);
+      processes_[unasked.index].injection_helper |= now.injection_helper;
+    }
+    return complete || WaitForSingleObject(unasked.process.get(), 0) == WAIT_OBJECT_0 ||
+           GetTickCount64() >= unasked.give_up;
   }
 
   DWORD ActiveProcesses() const {

@@ -9,23 +9,28 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "build_paths.h"
 #include "detours/detours.h"
 #include "tests/probes/injection_record.h"
+#include "tests/stdcall.h"
+#include "tests/time_scale.h"
 #include "vorn/create_process.h"
 
 namespace {
 
 constexpr DWORD kProbeExit = 42;
-constexpr uint64_t kReach = uint64_t{1} << 32;
+// Of the other width than this program.
+constexpr WORD kOtherMachine = vorn::test::kX64 ? IMAGE_FILE_MACHINE_I386 : IMAGE_FILE_MACHINE_AMD64;
+constexpr WORD kOtherMagic = vorn::test::kX64 ? IMAGE_NT_OPTIONAL_HDR32_MAGIC : IMAGE_NT_OPTIONAL_HDR64_MAGIC;
 
 std::string Sibling(const char* name) { return vorn::test::BuildPath(name).string(); }
 const std::string kProbe = Sibling("injection_probe.exe"), kBareProbe = Sibling("injection_bare_probe.exe"),
                   kDll = Sibling("injection_dll.dll");
 
-using Headers = IMAGE_NT_HEADERS64*;
+using Headers = IMAGE_NT_HEADERS*;
 
 // A file of this test, gone with it.
 class ScratchFile {
@@ -82,7 +87,8 @@ class Child {
     record = std::make_unique<Record>(info_.dwProcessId);
     PROCESS_BASIC_INFORMATION basic;
     NtQueryInformationProcess(info_.hProcess, ProcessBasicInformation, &basic, sizeof(basic), nullptr);
-    ReadProcessMemory(info_.hProcess, reinterpret_cast<char*>(basic.PebBaseAddress) + 16, &base_, 8, nullptr);
+    ReadProcessMemory(info_.hProcess, reinterpret_cast<char*>(basic.PebBaseAddress) + 2 * sizeof(void*),
+                      &base_, sizeof base_, nullptr);
   }
   ~Child() {
     TerminateProcess(info_.hProcess, 1);
@@ -93,21 +99,22 @@ class Child {
   HANDLE process() const { return info_.hProcess; }
   DWORD pid() const { return info_.dwProcessId; }
 
-  bool Inject(std::vector<LPCSTR> dlls) const {
-    return DetourUpdateProcessWithDll(info_.hProcess, dlls.data(), static_cast<DWORD>(dlls.size()));
+  bool Inject(std::vector<LPCSTR> dlls) const { return InjectInto(info_.hProcess, std::move(dlls)); }
+  static bool InjectInto(HANDLE process, std::vector<LPCSTR> dlls) {
+    return DetourUpdateProcessWithDll(process, dlls.data(), static_cast<DWORD>(dlls.size()));
   }
 
   DWORD RunToEnd() const {
     DWORD code = STILL_ACTIVE;
     ResumeThread(info_.hThread);
-    WaitForSingleObject(info_.hProcess, 20'000);
+    WaitForSingleObject(info_.hProcess, vorn::test::Scaled(20'000));
     GetExitCodeProcess(info_.hProcess, &code);
     return code;
   }
 
-  IMAGE_NT_HEADERS64 NtHeaders(ULONG* offset = nullptr) const {
+  IMAGE_NT_HEADERS NtHeaders(ULONG* offset = nullptr) const {
     IMAGE_DOS_HEADER dos = {};
-    IMAGE_NT_HEADERS64 nt = {};
+    IMAGE_NT_HEADERS nt = {};
     ReadProcessMemory(process(), base_, &dos, sizeof(dos), nullptr);
     ReadProcessMemory(process(), base_ + dos.e_lfanew, &nt, sizeof(nt), nullptr);
     if (offset) *offset = static_cast<ULONG>(dos.e_lfanew);
@@ -126,7 +133,7 @@ class Child {
   template <class Look>
   void ForEachRegion(Look look) const {
     MEMORY_BASIC_INFORMATION r;
-    for (char* at = base_; at < base_ + kReach && VirtualQueryEx(process(), at, &r, sizeof(r));
+    for (char* at = base_; at < Reach() && VirtualQueryEx(process(), at, &r, sizeof(r));
          at = static_cast<char*>(r.BaseAddress) + r.RegionSize)
       look(r);
   }
@@ -151,7 +158,7 @@ class Child {
       if (r.State != MEM_FREE) return;
       const auto base = reinterpret_cast<uintptr_t>(r.BaseAddress),
                  start = (base + 0xffff) & ~uintptr_t{0xffff};
-      const uintptr_t end = std::min(base + r.RegionSize, reinterpret_cast<uintptr_t>(base_) + kReach);
+      const uintptr_t end = std::min(base + r.RegionSize, reinterpret_cast<uintptr_t>(Reach()));
       if (start < end)
         VirtualAllocEx(process(), reinterpret_cast<void*>(start), end - start, MEM_RESERVE, PAGE_NOACCESS);
     });
@@ -160,6 +167,12 @@ class Child {
   std::unique_ptr<Record> record;
 
  private:
+  // What a 32-bit distance from the image reaches.
+  char* Reach() const {
+    const uint64_t end = reinterpret_cast<uintptr_t>(base_) + (uint64_t{1} << 32);
+    return reinterpret_cast<char*>(static_cast<uintptr_t>(end < UINTPTR_MAX ? end : UINTPTR_MAX));
+  }
+
   PROCESS_INFORMATION info_ = {};
   char* base_ = nullptr;
 };
@@ -211,12 +224,13 @@ TEST(Injection, UnusualImportTablesWorkAndComeBack) {
 
 TEST(Injection, RepairedImportSizeIsReportedToTheDebugger) {
   static std::string text;  // what this thread sends to a debugger, in its narrow form
-  void* const listener = AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS* e) -> LONG {
-    const EXCEPTION_RECORD& r = *e->ExceptionRecord;
-    if (r.ExceptionCode == static_cast<DWORD>(DBG_PRINTEXCEPTION_C))
-      text = reinterpret_cast<const char*>(r.ExceptionInformation[1]);
-    return EXCEPTION_CONTINUE_SEARCH;
-  });
+  void* const listener =
+      AddVectoredExceptionHandler(1, vorn::test::Stdcall([](EXCEPTION_POINTERS* e) -> LONG {
+                                    const EXCEPTION_RECORD& r = *e->ExceptionRecord;
+                                    if (r.ExceptionCode == static_cast<DWORD>(DBG_PRINTEXCEPTION_C))
+                                      text = reinterpret_cast<const char*>(r.ExceptionInformation[1]);
+                                    return EXCEPTION_CONTINUE_SEARCH;
+                                  }));
   const ScratchFile program(kProbe, "zero_size_report.exe",
                             [](Headers nt) { nt->OptionalHeader.DataDirectory[1].Size = 0; });
   Child repaired(program.path()), sound(kProbe);
@@ -253,8 +267,8 @@ TEST(Injection, RefusedUpdateLeavesTheProcessAsItWas) {
        [](const Child& c, ULONG) { c.Overwrite(0x3c, ~DWORD{0}); }},
       {"image of the other width in a process of ours", ERROR_NOT_SUPPORTED,
        [](const Child& c, ULONG n) {
-         c.Overwrite(n + 4, WORD{IMAGE_FILE_MACHINE_I386});
-         c.Overwrite(n + 24, WORD{IMAGE_NT_OPTIONAL_HDR32_MAGIC});
+         c.Overwrite(n + 4, kOtherMachine);
+         c.Overwrite(n + 24, kOtherMagic);
        }},
       {"image of another processor", ERROR_INVALID_HANDLE,
        [](const Child& c, ULONG n) { c.Overwrite(n + 4, WORD{0xAA64}); }},
@@ -311,6 +325,40 @@ TEST(HelperProcess, ErrorsComeBackThroughTheHelper) {
   EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
 }
 
+// Whoever starts a process can write an order. Then the DLL, which the process gets like any other, starts up
+// in it.
+TEST(HelperProcess, OrderForAnotherProgramOrAnotherDllMakesNoHelper) {
+  static const ScratchFile other(kDll, "another_injection.dll");
+  Child child(kProbe);
+  static const auto start = [](LPCWSTR image, LPWSTR command, LPSTARTUPINFOW startup,
+                               LPPROCESS_INFORMATION info) {
+    if (!vorn::host::CreateProcessAgain(image, command, FALSE, CREATE_SUSPENDED, nullptr, nullptr, startup,
+                                        info))
+      return FALSE;
+    HelperWatch::record = std::make_unique<Record>(info->dwProcessId);
+    EXPECT_TRUE(Child::InjectInto(info->hProcess, {kDll.c_str()}));
+    ResumeThread(info->hThread);
+    return TRUE;
+  };
+  // The program is another one.
+  DetourProcessViaHelperW(child.pid(), kDll.c_str(),
+                          vorn::test::Stdcall([](LPCWSTR, LPWSTR command, LPSECURITY_ATTRIBUTES,
+                                                 LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID, LPCWSTR,
+                                                 LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) -> BOOL {
+                            const std::wstring probe(kProbe.begin(), kProbe.end());
+                            return start(probe.c_str(), command, startup, info);
+                          }));
+  EXPECT_STREQ((*HelperWatch::record)->order, "iTM");
+  // The order names a DLL that is not the one that reads it.
+  DetourProcessViaHelperW(child.pid(), other.path().c_str(),
+                          vorn::test::Stdcall([](LPCWSTR image, LPWSTR command, LPSECURITY_ATTRIBUTES,
+                                                 LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID, LPCWSTR,
+                                                 LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) -> BOOL {
+                            return start(image, command, startup, info);
+                          }));
+  EXPECT_EQ((*HelperWatch::record)->order[0], 'i');
+}
+
 TEST(HelperProcess, CommandLineAloneMakesNoHelper) {
   std::wstring line = L"rundll32.exe \"" + std::wstring(kDll.begin(), kDll.end()) + L"\",#1";
   STARTUPINFOW startup = {};
@@ -321,7 +369,7 @@ TEST(HelperProcess, CommandLineAloneMakesNoHelper) {
   wcscat(image, L"\\rundll32.exe");
   ASSERT_TRUE(
       HelperWatch::Create(image, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info));
-  EXPECT_EQ(WaitForSingleObject(info.hProcess, 20'000), DWORD{WAIT_OBJECT_0});
+  EXPECT_EQ(WaitForSingleObject(info.hProcess, vorn::test::Scaled(20'000)), DWORD{WAIT_OBJECT_0});
   EXPECT_STREQ((*HelperWatch::record)->order, "i");
   TerminateProcess(info.hProcess, 1);
   CloseHandle(info.hThread);

@@ -96,6 +96,10 @@ struct LaunchedProcess {
   std::uint32_t pid = 0;
   std::uint32_t parent_pid = 0;  // 0: it had ended before it could be asked
   std::wstring image = {};       // full path; empty as above
+  // It was seen to be the system's rundll32 running the run's own library: the process that gives the library
+  // to a child of the other bitness, and which starts the library up like any other process when it is not
+  // that.
+  bool injection_helper = false;
 };
 
 class Launcher {
