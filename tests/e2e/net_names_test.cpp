@@ -1,8 +1,10 @@
 // Domain rules decide connections by the name that the program resolved, on every way to resolve one. This
 // program is the name server of its own network (see with-own-resolver): it answers on 127.0.0.1:53, with
 // addresses of the loopback interface, where its TCP server listens.
+#include <array>
 #include <atomic>
 #include <map>
+#include <random>
 #include <thread>
 
 #include "tests/e2e/net_run.h"
@@ -114,13 +116,18 @@ class NetNames : public NetTest {
     listen(listener_, 100);
   }
 
-  std::vector<host::NetRule> Rules() const {
-    auto document = host::ParsePolicy("[network]\nallow = ['*.allowed.test:" + std::to_string(port_) + "']\n",
-                                      [](auto) { return std::nullopt; });
+  static host::CompiledPolicy Compile(const std::string& text) {
+    auto document = host::ParsePolicy(text, [](auto) { return std::nullopt; });
     auto policy = host::CompiledPolicy::Make(std::get<host::PolicyDocument>(std::move(document)));
+    return std::get<host::CompiledPolicy>(std::move(policy));
+  }
+  static std::vector<host::NetRule> RulesOf(const host::CompiledPolicy& policy) {
     host::SectionContents contents;
-    std::get<host::CompiledPolicy>(policy).BuildSectionContents(contents);
+    policy.BuildSectionContents(contents);
     return contents.net_rules;
+  }
+  std::vector<host::NetRule> Rules() const {
+    return RulesOf(Compile("[network]\nallow = ['*.allowed.test:" + std::to_string(port_) + "']\n"));
   }
   std::string Resolve(const std::string& how, const std::string& name) const {
     return "resolve " + how + " " + name + " " + std::to_string(port_);
@@ -180,6 +187,77 @@ TEST_F(NetNames, AnOverlappedQueryThatIsNotAnsweredEndsAfterHalfAMinute) {
        Resolve("addrinfoex_bare", "next.allowed.test")},
       Rules());
   EXPECT_EQ(run.lines, (std::vector<std::string>{"resolve 0 0", "resolve 11004", "resolve 0 0"}));
+}
+
+// Addresses and names under generated policies: what the policy says, and what the library reports of a
+// confined process, are the same decision.
+TEST_F(NetNames, ExplainAndTheLibraryDecideAlike) {
+  constexpr int kRounds = 10, kQuestions = 300, kNames = 40;
+  const auto seed = std::random_device{}();
+  std::mt19937 random(seed);
+  const auto one_of = [&](auto... texts) {
+    return std::array{std::string(texts)...}[random() % sizeof...(texts)];
+  };
+  std::map<std::string, Entry> names;
+  for (int i = 0; i < kNames; ++i)
+    names["n" + std::to_string(i) + ".p" + std::to_string(i % 4) + ".test"] = {
+        "", static_cast<std::uint8_t>(10 + i)};
+  const NameServer server(names);
+  ASSERT_TRUE(server.working);
+  const auto address = [&] {
+    return "127." + one_of("7", "8", "9") + "." + one_of("0", "1", "2") + "." +
+           std::to_string(1 + random() % 4);
+  };
+  const auto port = [&] { return one_of("", ":81", ":82,83", ":84"); };
+
+  for (int round = 0; round < kRounds; ++round) {
+    SCOPED_TRACE("seed " + std::to_string(seed) + " round " + std::to_string(round));
+    std::map<std::string, std::string> rules;  // one verdict a destination
+    for (int i = 0; i < 20; ++i) {
+      const std::string name = std::next(names.begin(), random() % kNames)->first;
+      rules[one_of("127.0.0.0/8", "127.8.0.0/16", "127.9.2.0/24", "127.7.1.0/30", address(), address(),
+                   "[::1]", name, "*" + name.substr(name.find('.'))) +
+            port()] = one_of("allow", "deny");
+    }
+    std::map<std::string, std::string> lists;
+    for (const auto& [destination, verdict] : rules) lists[verdict] += "'" + destination + "', ";
+    std::string text = "[network]\ndefault = '" + one_of("allow", "deny") + "'\n";
+    for (const auto& [verdict, list] : lists) text += verdict + " = [" + list + "]\n";
+    const host::CompiledPolicy policy = Compile(text);
+
+    std::vector<std::string> commands;
+    std::vector<policy::DestinationDecision> expected;
+    for (int i = 0; i < kQuestions; ++i) {
+      const std::string to = one_of("81", "82", "83", "84", "85");
+      host::PolicyNetRule asked{};
+      if (random() % 3 == 0) {
+        const auto name = std::next(names.begin(), random() % kNames);
+        commands.push_back("resolve addrinfo " + name->first + " " + to);
+        asked.domain = name->first;
+        asked.address = {127, 0, 0, name->second.last};
+        asked.ports = {static_cast<std::uint16_t>(std::stoi(to))};
+      } else {
+        const std::string host = one_of(address(), address(), "::1");
+        const bool mapped = host[0] != ':' && random() % 4 == 0;  // the same place in another form
+        commands.push_back("connect " + (mapped ? "::ffff:" + host : host) + " " + to);
+        asked = std::get<host::PolicyNetRule>(
+            host::ParseDestination((host[0] == ':' ? "[" + host + "]" : host) + ":" + to));
+      }
+      expected.push_back(policy.DecideDestination(asked));
+    }
+    const NetRun run = RunProbe(commands, RulesOf(policy),
+                                static_cast<std::uint32_t>(policy::SectionOption::kDecisionInAudit));
+    ASSERT_EQ(run.audits.size(), commands.size()) << text;
+    for (std::size_t i = 0; i < commands.size(); ++i) {
+      const policy::NetAudit& audit = run.audits[i];
+      ASSERT_EQ(policy.Describe({static_cast<std::uint32_t>(audit.verdict), audit.fact, audit.rule}),
+                policy.Describe(expected[i]))
+          << commands[i] << "\n"
+          << text;
+      ASSERT_EQ(static_cast<std::uint32_t>(audit.verdict), expected[i].verdict) << commands[i] << "\n"
+                                                                                << text;
+    }
+  }
 }
 
 }  // namespace

@@ -25,14 +25,18 @@ class NetTest : public testing::Test {
 };
 
 // A program, with its standard output kept. Without rules, nothing of the network is confined.
-inline NetRun RunProgram(const std::wstring& command_line, const std::vector<host::NetRule>& rules) {
+inline NetRun RunProgram(const std::wstring& command_line, const std::vector<host::NetRule>& rules,
+                         std::uint32_t options = 0) {
   TestFolder folder;
   const std::filesystem::path output = folder.path() / "output.txt";
   const HANDLE file = CreateFileW(output.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
                                   FILE_ATTRIBUTE_NORMAL, nullptr);
   NetRun run;
   {
-    Confinement confinement([&](host::SectionContents& section) { section.net_rules = rules; });
+    Confinement confinement([&](host::SectionContents& section) {
+      section.net_rules = rules;
+      section.options |= options;
+    });
     host::LaunchOptions options;
     options.standard_output = file;
     EXPECT_EQ(confinement.Run(command_line, options), 0);
@@ -50,10 +54,11 @@ inline NetRun RunProgram(const std::wstring& command_line, const std::vector<hos
 }
 
 // The commands of net_probe.cpp, in one process.
-inline NetRun RunProbe(const std::vector<std::string>& commands, const std::vector<host::NetRule>& rules) {
+inline NetRun RunProbe(const std::vector<std::string>& commands, const std::vector<host::NetRule>& rules,
+                       std::uint32_t options = 0) {
   std::string arguments;
   for (const std::string& command : commands) arguments += (arguments.empty() ? "" : " / ") + command;
-  return RunProgram(Probe("net_probe.exe", host::ToWide(arguments)), rules);
+  return RunProgram(Probe("net_probe.exe", host::ToWide(arguments)), rules, options);
 }
 
 }  // namespace vorn::test

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "Policy/file_rules.h"
 #include "Policy/section_view.h"
 #include "section_builder.h"
 
@@ -102,6 +103,36 @@ TEST(SectionView, RulesOutsideTheTableOrTheMappingDoNotExist) {
   EXPECT_TRUE(view.HasNetRules()) << "rules that cannot be read must not lift the confinement";
   header->net_rule_count = 0;
   EXPECT_FALSE(view.HasNetRules());
+}
+
+TEST(SectionView, OptionsCountOnlyInABlockThatIsWholeAndOfTheRightKind) {
+  constexpr auto kWanted = SectionOption::kDecisionInAudit;
+  constexpr auto kBit = static_cast<std::uint32_t>(kWanted);
+  SectionOptions good{kSectionOptionsId, sizeof(SectionOptions), kBit};
+  SectionOptions longer = good, others = good, shorter = good, stranger = good;
+  longer.size = 4096;  // of a newer host
+  others.enabled = ~kBit;
+  shorter.size = sizeof(SectionOptions) - 1;
+  stranger.id[15] ^= 1;
+  const struct {
+    const char* what;
+    SectionOptions block;
+    bool on;
+  } kCases[] = {{"whole", good, true},
+                {"longer than known", longer, true},
+                {"other options", others, false},
+                {"too short for its field", shorter, false},
+                {"another identifier", stranger, false}};
+  for (const auto& [what, block, on] : kCases) {
+    SectionBuilder builder;
+    builder.BehindHeader(std::as_bytes(std::span(&block, 1))).FileRule(1, u"\\Device\\a");
+    const auto memory = builder.Build();
+    EXPECT_EQ(SectionView{memory}.Has(kWanted), on) << what;
+    EXPECT_TRUE(CheckFileACL(SectionView{memory}, u"\\Device\\a").found) << what;
+    const std::span<const std::byte> cut = std::span(memory).first(sizeof(SharedDataHeader) + 23);
+    EXPECT_FALSE(SectionView{cut}.Has(kWanted)) << what << ", cut off by the end of the section";
+  }
+  EXPECT_FALSE(SectionView{SectionBuilder().FileRule(1, u"\\Device\\a").Build()}.Has(kWanted)) << "none";
 }
 
 }  // namespace

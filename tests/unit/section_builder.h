@@ -34,6 +34,12 @@ class SectionBuilder {
 
   SharedDataHeader& header() { return header_; }
 
+  // Bytes directly behind the header; before everything else.
+  SectionBuilder& BehindHeader(std::span<const std::byte> bytes) {
+    blobs_.assign(bytes.begin(), bytes.end());
+    return *this;
+  }
+
   // Strings and arrays that follow are placed at the next odd offset.
   SectionBuilder& Misalign() {
     misalign_ = true;
