@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "Policy/file_rules.h"
 #include "Policy/destination_decision.h"
+#include "Policy/file_rules.h"
 #include "Policy/net_rules.h"
 #include "fuzz/require.h"
 #include "tests/unit/reference_rules.h"

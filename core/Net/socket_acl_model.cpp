@@ -17,7 +17,6 @@ namespace {
 
 namespace policy = vorn::policy;
 using net_helper::SocketAddress;
-using policy::kVerdictAllow;
 using policy::kVerdictDeny;
 using policy::VerdictText;
 

@@ -21,7 +21,7 @@ constexpr bool kCanBeExtended = requires {
 template <class Message>
 constexpr std::uint32_t CountFields(FieldKind kind) noexcept {
   std::uint32_t count = 0;
-  ForEachField<Message>([&](const auto& field) { count += field.kKind == kind; });
+  ForEachField<Message>([&](const auto& field) { count += kKindOf<decltype(field)> == kind; });
   return count;
 }
 
@@ -31,7 +31,7 @@ constexpr std::uint32_t NumberBytes(FieldKind kind) noexcept {
   std::uint32_t bytes = 0;
   ForEachField<Message>([&]<class Field>(const Field& field) {
     if constexpr (Field::kKind != FieldKind::kText)
-      if (field.kKind == kind) bytes += sizeof(typename Field::Type);
+      if (kKindOf<decltype(field)> == kind) bytes += sizeof(typename Field::Type);
   });
   return bytes;
 }
@@ -41,7 +41,7 @@ template <class Message>
 constexpr std::uint32_t FixedPayload() noexcept {
   constexpr std::uint32_t texts = CountFields<Message>(FieldKind::kText);
   return NumberBytes<Message>(FieldKind::kNumber) + NumberBytes<Message>(FieldKind::kMarker) +
-         (kHasTextTable<Message> ? texts * 2 * sizeof(std::uint32_t) : 0) +
+         (kHasTextTable<Message> ? texts * 2 * std::uint32_t{sizeof(std::uint32_t)} : 0) +
          (texts ? sizeof(std::uint32_t) + 1 : 0);
 }
 
@@ -72,7 +72,7 @@ std::size_t BytesOf(std::string_view text, EmptyText empty) noexcept {
 template <class Message, class Visitor>
 void ForEachText(const Message& message, Visitor&& visit) noexcept {
   ForEachField<Message>([&](const auto& field) {
-    if constexpr (field.kKind == FieldKind::kText)
+    if constexpr (kKindOf<decltype(field)> == FieldKind::kText)
       visit(message.*field.member, BytesOf(message.*field.member, field.empty));
   });
 }
@@ -238,7 +238,7 @@ void ReadTexts(Reader& reader, Message& message) noexcept {
     }
     reader.ExpectTextArea();
     ForEachField<Message>([&](const auto& field) {
-      if constexpr (field.kKind == FieldKind::kText) {
+      if constexpr (kKindOf<decltype(field)> == FieldKind::kText) {
         const bool last = index + 1 == count;
         message.*field.member = kHasTextTable<Message> ? reader.Text(lengths[index])
                                 : last                 ? reader.LastText()
@@ -310,12 +310,12 @@ std::size_t Encode(const Message& message, MessageOrigin origin, std::span<std::
   if (const std::uint32_t bytes = ExtensionPayload(message)) {
     writer.PutLength(bytes - sizeof(std::uint32_t));
     ForEachField<Message>([&](const auto& field) {
-      if constexpr (field.kKind == FieldKind::kExtension) writer.Put(message.*field.member);
+      if constexpr (kKindOf<decltype(field)> == FieldKind::kExtension) writer.Put(message.*field.member);
     });
   }
   ForEachField<Message>([&](const auto& field) {
-    if constexpr (field.kKind == FieldKind::kNumber) writer.Put(message.*field.member);
-    if constexpr (field.kKind == FieldKind::kMarker) writer.Put(field.value);
+    if constexpr (kKindOf<decltype(field)> == FieldKind::kNumber) writer.Put(message.*field.member);
+    if constexpr (kKindOf<decltype(field)> == FieldKind::kMarker) writer.Put(field.value);
   });
   if constexpr (CountFields<Message>(FieldKind::kText) != 0) {
     std::size_t position = 0;

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 
 namespace vorn::policy {
@@ -23,48 +24,49 @@ template <class Message, class T>
 struct Number {
   static constexpr FieldKind kKind = FieldKind::kNumber;
   using Type = T;
+  constexpr Number(const char* json_key, T Message::*of, Show when = Show::kAlways)
+      : key(json_key), member(of), show(when) {}
   const char* key;  // in JSON
   T Message::*member;
-  Show show = Show::kAlways;
+  Show show;
 };
-template <class Message, class T>
-Number(const char*, T Message::*) -> Number<Message, T>;
-template <class Message, class T>
-Number(const char*, T Message::*, Show) -> Number<Message, T>;
 
 template <class Message, class T>
 struct Text {
   static constexpr FieldKind kKind = FieldKind::kText;
+  constexpr Text(const char* json_key, T Message::*of, EmptyText if_empty, Show when)
+      : key(json_key), member(of), empty(if_empty), show(when) {}
   const char* key;
   T Message::*member;
   EmptyText empty;
   Show show;
 };
-template <class Message, class T>
-Text(const char*, T Message::*, EmptyText, Show) -> Text<Message, T>;
 
 // A number that only extended messages carry.
 template <class Message, class T>
 struct Extension {
   static constexpr FieldKind kKind = FieldKind::kExtension;
   using Type = T;
+  constexpr Extension(const char* json_key, T Message::*of, Show when)
+      : key(json_key), member(of), show(when) {}
   const char* key;
   T Message::*member;
   Show show;
 };
-template <class Message, class T>
-Extension(const char*, T Message::*, Show) -> Extension<Message, T>;
 
 // Bytes that always have this value. Checked when `must_match`, otherwise skipped.
 template <class T>
 struct Marker {
   static constexpr FieldKind kKind = FieldKind::kMarker;
   using Type = T;
+  constexpr Marker(T always, bool check) : value(always), must_match(check) {}
   T value;
   bool must_match;
 };
-template <class T>
-Marker(T, bool) -> Marker<T>;
+
+// The kind of a field, from decltype of it.
+template <class Field>
+inline constexpr FieldKind kKindOf = std::remove_cvref_t<Field>::kKind;
 
 // Calls visit(field) for each field of the list.
 template <class Message, class Visitor>
@@ -77,7 +79,7 @@ template <class To, class From>
 To CopyFields(const From& from) {
   To to{};
   const auto copy = [&](const auto& target, const auto& source) {
-    if constexpr (source.kKind != FieldKind::kMarker)
+    if constexpr (kKindOf<decltype(source)> != FieldKind::kMarker)
       to.*target.member = std::remove_cvref_t<decltype(to.*target.member)>(from.*source.member);
   };
   std::apply(

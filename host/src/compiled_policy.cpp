@@ -10,8 +10,8 @@
 #include "Policy/device_path.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
-#include "windows/unique_handle.h"
 #include "vorn/text.h"
+#include "windows/unique_handle.h"
 
 namespace vorn::host {
 namespace {
@@ -84,7 +84,7 @@ class OtherNames final : public policy::FileContext {
  private:
   static bool HasSeveralNames(const std::wstring& path) {
     const windows::UniqueHandle file(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, nt::kShareAll, nullptr,
-                                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+                                                 OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     BY_HANDLE_FILE_INFORMATION info;
     return file && GetFileInformationByHandle(file.get(), &info) &&
            !(info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && info.nNumberOfLinks >= 2;

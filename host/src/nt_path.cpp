@@ -63,7 +63,7 @@ std::wstring FinalPath(const std::wstring& path, bool* missing) {
   // A drive is opened as its root folder: without the backslash it would be the volume.
   const std::wstring name = path.size() == 2 ? path + L'\\' : path;
   const windows::UniqueHandle file(CreateFileW(name.c_str(), FILE_READ_ATTRIBUTES, nt::kShareAll, nullptr,
-                                           OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+                                               OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
   const DWORD error = GetLastError();
   *missing = !file && (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND);
   if (!file) return {};

@@ -136,8 +136,8 @@ std::vector<std::byte> LayOutSection(const SectionContents& contents) {
   header.net_rule_offset = static_cast<std::uint32_t>(net_table);
   layout.Put(0, header);
   if (options_bytes)
-    layout.Put(sizeof header, policy::SectionOptions{policy::kSectionOptionsId, sizeof(policy::SectionOptions),
-                                                     contents.options});
+    layout.Put(sizeof header, policy::SectionOptions{policy::kSectionOptionsId,
+                                                     sizeof(policy::SectionOptions), contents.options});
   for (std::size_t i = 0; i < contents.file_rules.size(); ++i) {
     layout.Put(file_table + i * sizeof(policy::FileRuleRecord), LayOut(contents.file_rules[i], layout));
   }

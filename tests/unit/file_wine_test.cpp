@@ -84,7 +84,8 @@ TEST_F(FileWine, NameThatTheSearchCannotFindLowersTheAccess) {
   SetRules({{FileACL::kReadWrite, vorn::host::ToNtPath(folder_ + L"\\write")}});
   EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\f.txt")).file.access, FileACL::kRead);
   SetRules({{FileACL::kReadWrite, vorn::host::ToNtPath(folder_)}});
-  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\f.txt")).file.access, FileACL::kReadWrite) << "found";
+  EXPECT_EQ(GetFileMgr().model().DecideFileACL(Nt(L"\\write\\f.txt")).file.access, FileACL::kReadWrite)
+      << "found";
 }
 
 }  // namespace
