@@ -16,7 +16,8 @@ template <typename Message>
 bool SameFields(const Message& a, const Message& b) {
   bool same = true;
   ForEachField<Message>([&](const auto& field) {
-    if constexpr (policy::kKindOf<decltype(field)> != FieldKind::kMarker) same = same && a.*field.member == b.*field.member;
+    if constexpr (kKindOf<decltype(field)> != FieldKind::kMarker)
+      same = same && a.*field.member == b.*field.member;
   });
   return same;
 }
