@@ -15,7 +15,7 @@ endif()
 # One ctest entry per program: a process start under Wine costs more than a test.
 function(vorn_test_entry name)
   add_test(NAME ${name} COMMAND ${name} WORKING_DIRECTORY ${CMAKE_BINARY_DIR})
-  set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+  set_tests_properties(${name} PROPERTIES TIMEOUT 600)
   if(VORN_UNDER_WINE)
     set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED wine)
   endif()
