@@ -7,7 +7,7 @@
 namespace VornCore::platform::wine {
 
 // Whether the function that call() calls, with arguments that change nothing, does its work. One that is
-// exported may only answer "not implemented", or raise.
+// exported may answer every call with the same failure, or raise.
 template <class Call>
 bool DoesItsWork(Call call) {
   constexpr DWORD kUnimplementedRaised = 0x80000100;

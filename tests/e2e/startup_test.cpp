@@ -277,7 +277,7 @@ TEST_F(StartUp, InitEventThatCannotBeOpenedOrNamedIsLeftAlone) {
 // Whatever the section says, a start ends with a code of the library or the program runs; it never faults,
 // and never hangs. VORN_RANDOM_SECTIONS sets the number of sections; the seed is fixed.
 TEST_F(StartUp, RandomSectionsNeverFault) {
-  const int sections = vorn::test::LongForm("VORN_RANDOM_SECTIONS", 300);
+  const int sections = vorn::test::LongForm("VORN_RANDOM_SECTIONS", 1000);
   contents.file_rules = {{vorn::policy::FileACL::kDeny, L"\\Device\\HarddiskVolume1\\a"},
                          {vorn::policy::FileACL::kRead, L"\\Device\\HarddiskVolume1\\b\\c"}};
   contents.net_rules = {{.verdict = 1,
