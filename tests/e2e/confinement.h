@@ -1,7 +1,7 @@
 // A host for end-to-end tests: the real library confines real programs, and everything that they send is
 // kept.
 //
-//   Confinement host([](SectionContents& section) { section.file_rules.push_back(…); });
+//   E2eConfinement host([](SectionContents& section) { section.file_rules.push_back(…); });
 //   EXPECT_EQ(host.Run(Probe(L"process_probe.exe", L"open C:\\secret.txt")), ERROR_ACCESS_DENIED);
 //   for (const Received& message : host.Settle()) …
 //
@@ -49,6 +49,16 @@ struct Received {
   }
 };
 
+inline std::vector<std::string> ReadLines(const std::filesystem::path& path) {
+  std::vector<std::string> lines;
+  std::ifstream file(path, std::ios::binary);
+  for (std::string line; std::getline(file, line);) {
+    if (line.ends_with('\r')) line.pop_back();
+    lines.push_back(line);
+  }
+  return lines;
+}
+
 // A folder of its own, removed with the object. Not below the temporary folder, which is open to every
 // process.
 class TestFolder {
@@ -88,10 +98,10 @@ inline std::wstring Probe(const char* program, const std::wstring& arguments) {
   return L"\"" + BuildPath(program).wstring() + L"\" " + arguments;
 }
 
-class Confinement {
+class E2eConfinement {
  public:
   // adjust changes the section before it is published; by default there are no rules.
-  explicit Confinement(const std::function<void(host::SectionContents&)>& adjust = {})
+  explicit E2eConfinement(const std::function<void(host::SectionContents&)>& adjust = {})
       : server_(host::RandomName(L"vorn_e2e"),
                 {.on_message = [this](const host::Peer&, std::span<const std::byte> bytes) { Keep(bytes); },
                  .on_connect = {},

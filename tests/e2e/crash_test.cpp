@@ -83,8 +83,7 @@ class Crashes {
   std::vector<std::string> LogLines(const std::string& text) const {
     std::vector<std::string> lines;
     for (const auto& entry : fs::directory_iterator(host_.folder())) {
-      std::ifstream file(entry.path());
-      for (std::string line; std::getline(file, line);)
+      for (const std::string& line : ReadLines(entry.path()))
         if (const auto at = line.find(text); at != std::string::npos) lines.push_back(line.substr(at));
     }
     return lines;
@@ -96,7 +95,7 @@ class Crashes {
   fs::path directory_;
   fs::path ids_;
   std::multimap<std::uint32_t, Received> notices_;
-  Confinement host_;
+  E2eConfinement host_;
 };
 
 // One dump, named and filled as it should be; returns the exception.
@@ -176,7 +175,7 @@ TEST(CrashE2E, EachCrashLeavesADumpANoticeAndALine) {
   EXPECT_EQ(lines.size(), expected);
 }
 
-TEST(CrashE2E, WhatIsNoCrashIsLeftToTheSystem) {
+TEST(CrashE2E, OtherExceptionsAreLeftToTheSystem) {
   Crashes crashes;
   EXPECT_EQ(crashes.Run({L"raise 80000003", L"raise 80000004", L"raise 40010006", L"raise 4001000A"}),
             (std::vector<std::int64_t>{0x80000003, 0x80000004, 0x40010006, 0x4001000A}));

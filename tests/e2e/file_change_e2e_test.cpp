@@ -61,7 +61,7 @@ TEST_F(FileChangeE2E, DeletedFilesLieInTheRecycleBin) {
   }
 }
 
-TEST_F(FileChangeE2E, DeletionsThatTheRulesForbidAreReportedWhereTheyHappen) {
+TEST_F(FileChangeE2E, ForbiddenDeletionsAreRefusedAndReported) {
   script.Add("delete " + script.Nt("read\\f.txt"));
   script.Add("delete " + script.Nt("deny\\f.txt"));
   script.Add(Open("read\\f.txt", "10000")).Add("disposition 0 13 1").Add("close 0");

@@ -11,12 +11,11 @@ namespace {
 constexpr char kOk[] = "0", kRefused[] = "C0000022", kNotFound[] = "C0000034";
 
 struct OpenCase {
-  const char* what;
   std::string command;
-  std::string answer;  // under the rules
+  std::string answer;  // under the rules; "*": whatever the system says
   int step;            // 0: no canonical path (131), of which the log tells the reason only
-  std::optional<Audit> audit;
-  std::string control;  // where everything may be written
+  std::optional<Audit> audit = {};
+  std::string control = kOk;  // where everything may be written
 };
 
 Audit Refusal(AuditType type, FileACL access, const std::string& path) {
@@ -38,54 +37,30 @@ TEST(FileOpenE2E, EveryDecisionAndStep) {
   };
   ASSERT_TRUE(link());
 
+  const std::string new_file = script.Nt("read\\new.txt"), both = script.Nt("write\\both.txt");
+  const auto overwritten = created(FileACL::kRead, "read\\f.txt");
   const std::vector<OpenCase> cases = {
-      {"a pipe by name",
-       "create 0 C0000000 1 20 \\??\\pipe\\vorn_no_such_pipe",
-       kNotFound,
-       123,
-       {},
-       kNotFound},
-      {"an unknown drive", "create 0 80000000 1 20 \\??\\Q:\\x", "", 0, {}, ""},
-      {"a device", "create 0 80100000 1 20 \\??\\NUL", kOk, 160, {}, kOk},
-      {"denied", "create 0 80000000 1 20 " + deny, kRefused, 165, created(FileACL::kDeny, "deny\\f.txt"),
-       kOk},
-      {"denied, through NtOpenFile", "openfile 0 80100000 20 " + deny, kRefused, 165,
-       created(FileACL::kDeny, "deny\\f.txt"), kOk},
-      {"a new file in a denied folder", "create 0 40000000 2 0 " + script.Nt("deny\\new.txt"), kRefused, 165,
-       created(FileACL::kDeny, "deny\\new.txt"), kOk},
-      {"read only: delete on close", "create 0 10000 1 1000 " + read, kRefused, 175,
-       Refusal(AuditType::kDelete, FileACL::kRead, script.Dos("read\\f.txt")), kOk},
-      {"read only: superseding", "create 0 C0000000 0 0 " + read, kRefused, 194,
-       created(FileACL::kRead, "read\\f.txt"), kOk},
-      {"read only: overwriting", "create 0 C0000000 4 0 " + read, kRefused, 194,
-       created(FileACL::kRead, "read\\f.txt"), kOk},
-      {"read only: overwriting or creating", "create 0 C0000000 5 0 " + read, kRefused, 194,
-       created(FileACL::kRead, "read\\f.txt"), kOk},
-      {"read only: creating", "create 0 C0000000 2 0 " + script.Nt("read\\new.txt"), kRefused, 216,
-       created(FileACL::kRead, "read\\new.txt"), kOk},
-      {"read only: opening or creating what is not there",
-       "create 0 C0000000 3 0 " + script.Nt("read\\new2.txt"),
-       kNotFound,
-       216,
-       {},
-       kOk},
-      {"read only: opening or creating what is there", "create 0 C0000000 3 0 " + read, kOk, 216, {}, kOk},
-      {"read only: reading", "create 0 80000000 1 0 " + read, kOk, 216, {}, kOk},
-      {"read-write", "create 0 C0000000 5 0 " + write, kOk, 216, {}, kOk},
-      {"read-write with delete on close",
-       "create 0 10000 1 1000 " + script.Nt("write\\both.txt"),
-       kOk,
-       216,
-       {},
-       kOk},
-      {"an invalid rule", "create 0 C0000000 1 0 " + script.Nt("bad\\f.txt"), kOk, 160, {}, kOk},
-      {"no file system",
-       "create 0 80000000 1 0 " + script.Nt("none\\none\\f.txt"),
-       "C000003A",
-       160,
-       {},
-       "C000003A"},
-      {"a fault", "unreadable 1", "10", 218, {}, "10"},
+      {"create 0 C0000000 1 20 \\??\\pipe\\vorn_no_such_pipe", kNotFound, 123, {}, kNotFound},
+      {"create 0 80000000 1 20 \\??\\Q:\\x", "*", 0, {}, "*"},
+      {"create 0 80100000 1 20 \\??\\NUL", kOk, 160},
+      {"create 0 80000000 1 20 " + deny, kRefused, 165, created(FileACL::kDeny, "deny\\f.txt")},
+      {"openfile 0 80100000 20 " + deny, kRefused, 165, created(FileACL::kDeny, "deny\\f.txt")},
+      {"create 0 40000000 2 0 " + script.Nt("deny\\new.txt"), kRefused, 165,
+       created(FileACL::kDeny, "deny\\new.txt")},
+      {"create 0 10000 1 1000 " + read, kRefused, 175,
+       Refusal(AuditType::kDelete, FileACL::kRead, script.Dos("read\\f.txt"))},
+      {"create 0 C0000000 0 0 " + read, kRefused, 194, overwritten},
+      {"create 0 C0000000 4 0 " + read, kRefused, 194, overwritten},
+      {"create 0 C0000000 5 0 " + read, kRefused, 194, overwritten},
+      {"create 0 C0000000 2 0 " + new_file, kRefused, 216, created(FileACL::kRead, "read\\new.txt")},
+      {"create 0 C0000000 3 0 " + script.Nt("read\\new2.txt"), kNotFound, 216},
+      {"create 0 C0000000 3 0 " + read, kOk, 216},
+      {"create 0 80000000 1 0 " + read, kOk, 216},
+      {"create 0 C0000000 5 0 " + write, kOk, 216},
+      {"create 0 10000 1 1000 " + both, kOk, 216},
+      {"create 0 C0000000 1 0 " + script.Nt("bad\\f.txt"), kOk, 160},  // its rule is invalid
+      {"create 0 80000000 1 0 " + script.Nt("none\\none\\f.txt"), "C000003A", 160, {}, "C000003A"},
+      {"unreadable 1", "10", 218, {}, "10"},
   };
   for (const OpenCase& c : cases) script.Add(c.command).Add("close 0");
   auto rules = script.Rules();
@@ -95,9 +70,9 @@ TEST(FileOpenE2E, EveryDecisionAndStep) {
   std::vector<Audit> expected;
   for (std::size_t i = 0; i < cases.size(); ++i) {
     const OpenCase& c = cases[i];
-    EXPECT_EQ(run.answers[2 * i], c.answer.empty() ? run.answers[2 * i] : c.answer) << c.what;
+    EXPECT_TRUE(c.answer == "*" || run.answers[2 * i] == c.answer) << c.command << ": " << run.answers[2 * i];
     const std::string line = c.step ? "step:" + std::to_string(c.step) + "," : "GetDriveForLetter Error:Q";
-    EXPECT_FALSE(run.LogLines(line).empty()) << c.what << ": " << line;
+    EXPECT_FALSE(run.LogLines(line).empty()) << c.command << ": " << line;
     if (c.audit) expected.push_back(*c.audit);
   }
   std::vector<Audit> arrived;
@@ -114,8 +89,8 @@ TEST(FileOpenE2E, EveryDecisionAndStep) {
   const ScriptRun control = script.Run(script.NoRefusals());
   ASSERT_EQ(control.answers.size(), 2 * cases.size());
   for (std::size_t i = 0; i < cases.size(); ++i)
-    EXPECT_EQ(control.answers[2 * i], cases[i].control.empty() ? control.answers[2 * i] : cases[i].control)
-        << cases[i].what;
+    EXPECT_TRUE(cases[i].control == "*" || control.answers[2 * i] == cases[i].control)
+        << cases[i].command << ": " << control.answers[2 * i];
 }
 
 TEST(FileOpenE2E, PathsArriveAsUtf8) {
@@ -182,7 +157,7 @@ TEST(FileOpenE2E, CheckOffLetsEverythingPassAndLogsFailures) {
 
 // The audit of every refusal arrives, and once, but for those that the library says it dropped. VORN_STORM
 // sets how often each thread opens and is refused: 20000 keep the process busy for about a minute.
-TEST(FileOpenE2E, NoRefusalIsLostUnreported) {
+TEST(FileOpenE2E, EveryRefusalIsReported) {
   constexpr std::uint32_t kLogInfoAlone = 0x08;
   constexpr int kThreads = 8;
   FileScript script;
@@ -190,7 +165,6 @@ TEST(FileOpenE2E, NoRefusalIsLostUnreported) {
   std::filesystem::create_directory(script.path() / "open");
   const int count = LongForm("VORN_STORM", 300);
   script.Add("storm " + std::to_string(kThreads) + " " + std::to_string(count) + " " + script.Nt(""));
-  script.KeepLogLines(" msg, pid ");
   const ScriptRun run = script.Run(
       {script.Rule(FileACL::kDeny, "denied"), script.Rule(FileACL::kReadWrite, "open")}, kLogInfoAlone);
   const auto refusals = static_cast<std::size_t>(kThreads * count);
@@ -209,16 +183,6 @@ TEST(FileOpenE2E, NoRefusalIsLostUnreported) {
   for (const char* how : {"drop spam msg", "drop unlucky msg"})
     for (const std::string& line : run.LogLines(how)) dropped += line.ends_with("type 3, subtype 0");
   EXPECT_EQ(missing.size(), dropped) << testing::PrintToString(missing);
-}
-
-TEST(FileOpenE2E, UnreadablePointersLeaveTheProcessAlive) {
-  FileScript script;
-  script.Add("create 0 C0110000 1 20 " + script.Nt("write\\f.txt")).Add("unreadable 50").Add("write 0 alive");
-  const ScriptRun run = script.Run(script.Rules(), 0x07);
-  EXPECT_EQ(run.answers, (std::vector<std::string>{kOk, "500", kOk}));
-  EXPECT_EQ(run.exit_code, 0);
-  EXPECT_EQ(script.Read("write\\f.txt"), "alive");
-  EXPECT_FALSE(run.LogLines("NtCreateFile Execption step:218, status:C0000005").empty());
 }
 
 }  // namespace

@@ -8,13 +8,10 @@
 
 #include <algorithm>
 #include <fstream>
-#include <sstream>
-#include <string_view>
 
 #include "Policy/device_path.h"
 #include "Policy/file_decision.h"
 #include "tests/e2e/confinement.h"
-#include "tests/e2e/log_follower.h"
 
 namespace vorn::test {
 
@@ -43,13 +40,12 @@ struct ScriptRun {
   std::vector<Audit> audits;                  // in the order in which they were sent
   std::vector<policy::FileVerdict> verdicts;  // of the audits, where the section asks for them
   std::vector<Received> messages;
-  std::string log;
+  std::vector<std::string> log;
 
   std::vector<std::string> LogLines(const std::string& with) const {
     std::vector<std::string> lines;
-    std::istringstream text(log);
-    for (std::string line; std::getline(text, line);)
-      if (line.find(with) != line.npos) lines.push_back(line);
+    std::ranges::copy_if(log, std::back_inserter(lines),
+                         [&](const std::string& line) { return line.find(with) != line.npos; });
     return lines;
   }
 };
@@ -82,12 +78,6 @@ class FileScript : public TestFolder {
     return *this;
   }
 
-  // Of the log, keep the lines with this text alone: for a log too long to be kept.
-  FileScript& KeepLogLines(const std::string& with) {
-    kept_log_lines_ = with;
-    return *this;
-  }
-
   ScriptRun Run(const std::vector<host::FileRule>& rules, std::uint32_t flags = kEverythingLogged,
                 std::uint32_t options = 0) const {
     const std::filesystem::path script = Path("script.txt"), answers = Path("answers.txt");
@@ -103,7 +93,7 @@ class FileScript : public TestFolder {
       const auto* audit = message.As<policy::FileAudit>();
       return audit && audit->source == sentinel;
     };
-    Confinement host([&](host::SectionContents& section) {
+    E2eConfinement host([&](host::SectionContents& section) {
       section.file_rules = rules;
       section.file_rules.push_back(Rule(FileACL::kDeny, host::ToUtf8(last)));
       section.flags = flags;
@@ -116,15 +106,11 @@ class FileScript : public TestFolder {
     HANDLE output =
         CreateFileW(answers.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr);
     ScriptRun run;
-    LogFollower log(host.folder(), [&](std::string_view line) {
-      if (line.find(kept_log_lines_) != line.npos) run.log.append(line) += '\n';
-    });
     run.exit_code = host.Run(Probe("file_probe.exe", L"\"" + script.wstring() + L"\" \"" +
                                                          (path() / last).wstring() + L"\" " + last),
                              {.standard_output = output});
     CloseHandle(output);
     run.messages = host.Settle();
-    log.Finish();
     CloseHandle(seen);
     std::erase_if(run.messages, is_sentinel);
     for (const Received& message : run.messages)
@@ -133,17 +119,14 @@ class FileScript : public TestFolder {
                               std::string(audit->source), std::string(audit->destination)});
         run.verdicts.push_back({audit->source_access, audit->fact, audit->rule});
       }
-    std::ifstream text(answers);
-    for (std::string line; std::getline(text, line);) {
-      if (!line.empty() && line.back() == '\r') line.pop_back();
-      run.answers.push_back(line);
-    }
+    for (const auto& log : std::filesystem::directory_iterator(host.folder()))
+      for (std::string& line : ReadLines(log.path())) run.log.push_back(std::move(line));
+    run.answers = ReadLines(answers);
     return run;
   }
 
  private:
   std::vector<std::string> commands_;
-  std::string kept_log_lines_;
 };
 
 }  // namespace vorn::test

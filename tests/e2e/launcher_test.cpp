@@ -75,7 +75,7 @@ class HostLauncher : public testing::Test {
   Launcher launcher{section};
 };
 
-TEST_F(HostLauncher, StandardStreamsAreTheGivenOnesAndNoOtherHandleIsInherited) {
+TEST_F(HostLauncher, OnlyTheGivenStandardStreamsAreInherited) {
   UniqueHandle in_read, in_write, out_read, out_write;
   ASSERT_TRUE(CreatePipe(in_read.put(), in_write.put(), nullptr, 0));
   ASSERT_TRUE(CreatePipe(out_read.put(), out_write.put(), nullptr, 0));
@@ -108,7 +108,7 @@ TEST_F(HostLauncher, StandardStreamsAreTheGivenOnesAndNoOtherHandleIsInherited) 
   EXPECT_EQ(ExitCodeOf({.command_line = ProbeCommand(L"handle " + value)}), 0u);
 }
 
-TEST_F(HostLauncher, EnvironmentAndFolderAreTheProgramsOwn) {
+TEST_F(HostLauncher, ProgramGetsItsEnvironmentAndFolder) {
   SetEnvironmentVariableW(L"VORN_TEST_REMOVED", L"here");
   SetEnvironmentVariableW(L"VORN_TEST_SET", L"one");
   EXPECT_EQ(ExitCodeOf({.command_line = ProbeCommand(L"environment x"),
@@ -117,7 +117,7 @@ TEST_F(HostLauncher, EnvironmentAndFolderAreTheProgramsOwn) {
             7u);
 }
 
-TEST_F(HostLauncher, AFailedStartNamesItsStageAndLeavesNothingRunning) {
+TEST_F(HostLauncher, FailedStartNamesItsStage) {
   const auto expect = [&](void (*spoil)(SectionContents&), LaunchOptions options, LaunchStage stage,
                           std::uint32_t code, std::string_view part) {
     SectionContents contents = Contents();
@@ -141,8 +141,6 @@ TEST_F(HostLauncher, AFailedStartNamesItsStageAndLeavesNothingRunning) {
          ERROR_FILE_NOT_FOUND, "program.exe");
   expect([](SectionContents& c) { c.core_x64 = L"C:\\no\\such\\vorn_core.dll"; }, {}, LaunchStage::kInject,
          ERROR_MOD_NOT_FOUND, "vorn_core.dll");
-  expect([](SectionContents& c) { c.log_directory += L"\\missing"; }, {}, LaunchStage::kLog,
-         ERROR_PATH_NOT_FOUND, "log files");
   expect([](SectionContents& c) { c.server_port = L"vorn_no_such_port"; }, {}, LaunchStage::kManagers,
          ERROR_DLL_INIT_FAILED, "hooks");
   expect(nothing, {.start_timeout = 500ms}, LaunchStage::kTimeout, 0, "500 ms");
@@ -174,7 +172,7 @@ TEST(StartUpExit, CodeSaysStageAndReason) {
   }
 }
 
-TEST_F(HostLauncher, TheTreeBelongsToTheLauncherAndEndsWithIt) {
+TEST_F(HostLauncher, TreeBelongsToTheLauncherAndEndsWithIt) {
   UniqueHandle child;
   {
     Launcher scoped(section);

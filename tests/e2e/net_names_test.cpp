@@ -137,7 +137,7 @@ class NetNames : public NetTest {
   std::uint16_t port_ = 0;
 };
 
-TEST_F(NetNames, EveryWayToResolveANameLetsItsRuleDecide) {
+TEST_F(NetNames, RuleDecidesForEveryWayToResolveAName) {
   std::map<std::string, Entry> names;
   std::vector<std::string> commands, asked, confined, plain;
   std::uint8_t last = 10;
@@ -179,7 +179,7 @@ TEST_F(NetNames, NamesThatDoNotExistFailAsTheyDoUnconfined) {
   for (const std::string& line : plain.lines) EXPECT_NE(line, "resolve 0 0");
 }
 
-TEST_F(NetNames, AnOverlappedQueryThatIsNotAnsweredEndsAfterHalfAMinute) {
+TEST_F(NetNames, UnansweredOverlappedQueryEndsAfterHalfAMinute) {
   const NameServer server({{"next.allowed.test", {"", 90}}});
   ASSERT_TRUE(server.working);
   const NetRun run = RunProbe(

@@ -3,8 +3,6 @@
 
 #include "tests/sockets.h"  // before <windows.h>
 
-#include <fstream>
-
 #include "tests/e2e/confinement.h"
 #include "tests/net_rules.h"
 
@@ -33,7 +31,7 @@ inline NetRun RunProgram(const std::wstring& command_line, const std::vector<hos
                                   FILE_ATTRIBUTE_NORMAL, nullptr);
   NetRun run;
   {
-    Confinement confinement([&](host::SectionContents& section) {
+    E2eConfinement confinement([&](host::SectionContents& section) {
       section.net_rules = rules;
       section.options |= options;
     });
@@ -43,11 +41,7 @@ inline NetRun RunProgram(const std::wstring& command_line, const std::vector<hos
     run.messages = confinement.Settle();
   }
   CloseHandle(file);
-  std::ifstream stream(output);
-  for (std::string line; std::getline(stream, line);) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    run.lines.push_back(line);
-  }
+  run.lines = ReadLines(output);
   for (const Received& message : run.messages)
     if (const auto* audit = message.As<policy::NetAudit>()) run.audits.push_back(*audit);
   return run;

@@ -118,7 +118,7 @@ class Net : public NetTest {
   Servers servers;
 };
 
-TEST_F(Net, ConnectionsAreMadeOrRefusedLikeAnUnreachableNetworkAndEachIsReported) {
+TEST_F(Net, ConnectionsAreMadeOrRefusedAndReported) {
   std::vector<Case> cases;
   for (const std::string how : {"connect", "wsaconnect", "connectex"}) {
     for (const auto& [address, good, bad] :
@@ -181,7 +181,7 @@ TEST_F(Net, OverlappedReceivesAreJudgedOnEveryPath) {
   Check(cases, servers.Rules());
 }
 
-TEST_F(Net, AServersTrafficIsItsOwnAffair) {
+TEST_F(Net, TrafficOfAServerIsNotChecked) {
   Listener reserved(AF_INET, SOCK_DGRAM);
   const std::uint16_t port = reserved.port;
   reserved.Close();
@@ -224,7 +224,7 @@ void ServePages(SOCKET listener) {
   }
 }
 
-TEST_F(Net, AScriptsRequestsAreAnsweredOrFailAsWithoutANetwork) {
+TEST_F(Net, RefusedScriptRequestFailsAsWithoutANetwork) {
   TestFolder folder;
   const std::filesystem::path script = folder.path() / "get.js";
   std::ofstream(script) << "var urls = WScript.Arguments;\n"

@@ -51,7 +51,7 @@ Counts Count(const std::vector<Received>& messages) {
 
 TEST(Children, AreConfinedThreeLevelsDeepAndEachIsAnnouncedOnceBeforeAnythingElse) {
   for (int run = 0; run < 10; ++run) {
-    Confinement host;
+    E2eConfinement host;
     EXPECT_EQ(host.Run(Self(L"spawn " + Self(L"spawn " + Self(L"spawn " + Self(L"confined"))))), 0);
     const auto messages = host.Settle();
     const Counts counts = Count(messages);
@@ -66,9 +66,9 @@ TEST(Children, AreConfinedThreeLevelsDeepAndEachIsAnnouncedOnceBeforeAnythingEls
 }
 
 // Its end overtakes the channel's threads, at any point of their start.
-TEST(Process, ThatEndsAtOnceIsHeard) {
+TEST(Process, ThatEndsAtOnceIsReported) {
   constexpr int kRuns = 12;
-  Confinement host;
+  E2eConfinement host;
   for (int i = 0; i < kRuns; ++i) EXPECT_EQ(host.Run(Self(L"exit 0")), 0);
   std::set<std::pair<std::uint32_t, std::uint64_t>> heard;  // process ids come back
   for (const Received& message : host.Settle())
@@ -81,9 +81,9 @@ TEST(Children, RulesHoldInTheDeepest) {
   const std::filesystem::path secret = folder.path() / "secret.txt";
   std::ofstream(secret) << "secret";
   const std::wstring deep = Self(L"spawn " + Self(L"spawn " + Self(L"open " + secret.wstring())));
-  Confinement control;
+  E2eConfinement control;
   EXPECT_EQ(control.Run(deep), 0);
-  Confinement host([&](host::SectionContents& section) {
+  E2eConfinement host([&](host::SectionContents& section) {
     section.file_rules.push_back({policy::FileACL::kDeny, host::ToNtPath(folder.path().wstring())});
   });
   EXPECT_EQ(host.Run(deep), ERROR_ACCESS_DENIED);
@@ -92,7 +92,7 @@ TEST(Children, RulesHoldInTheDeepest) {
 // A caller-built environment: the section's name is added to it, unless there is one in any letter case; that
 // one is the child's business, and a child that finds no section ends.
 TEST(Children, EnvironmentBuiltByTheCallerNamesTheSection) {
-  Confinement host;
+  E2eConfinement host;
   EXPECT_EQ(host.Run(Self(L"spawn_env - " + Self(L"confined"))), 0);
   EXPECT_EQ(host.Run(Self(L"spawn_env OTHER=1 " + Self(L"confined"))), 0);
   const std::int64_t code = host.Run(Self(L"spawn_env vorn_shared_data_NAME=\\nowhere " + Self(L"confined")));
@@ -100,13 +100,13 @@ TEST(Children, EnvironmentBuiltByTheCallerNamesTheSection) {
 }
 
 TEST(Children, SuspendedChildIsInjectedAtEachResume) {
-  Confinement host;
+  E2eConfinement host;
   EXPECT_EQ(host.Run(Self(L"spawn_twice " + Self(L"confined"))), 0);
   EXPECT_EQ(Count(host.Settle()).injected, 2);
 }
 
-TEST(Children, AreFollowedWhenTheirHandleIsClosedBeforeTheResume) {
-  Confinement host;
+TEST(Children, AreFollowedWithoutAHandle) {
+  E2eConfinement host;
   EXPECT_EQ(host.Run(Self(L"spawn_closed " + Self(L"confined"))), 0);
   EXPECT_EQ(host.Run(Self(L"spawn_reused " + Self(L"confined"))), 0)
       << "its value stands for another process";
@@ -114,7 +114,7 @@ TEST(Children, AreFollowedWhenTheirHandleIsClosedBeforeTheResume) {
 }
 
 TEST(Children, ThatEndDuringTheirStartAreReportedWithTheirCode) {
-  Confinement host;
+  E2eConfinement host;
   // The child finds no section: its library ends it before it signals.
   const std::int64_t code = host.Run(Self(L"spawn_env VORN_SHARED_DATA_NAME=\\nowhere " + Self(L"exit 0")));
   const Counts counts = Count(host.Settle());
@@ -122,7 +122,7 @@ TEST(Children, ThatEndDuringTheirStartAreReportedWithTheirCode) {
 }
 
 TEST(Children, InjectionThatFailsIsReportedWithItsError) {
-  Confinement host;
+  E2eConfinement host;
   host.header().biz_dll_path_x64.length =
       0;  // the first process has it from the launcher, its children do not
   EXPECT_EQ(host.Run(Self(L"spawn " + Self(L"confined"))), 1) << "the child runs without the library";
@@ -133,7 +133,7 @@ TEST(Children, InjectionThatFailsIsReportedWithItsError) {
 
 // A library that cannot be loaded ends the child, which so never runs unconfined.
 TEST(Children, EndWhenTheLibraryCannotBeLoaded) {
-  Confinement host([](host::SectionContents& section) {
+  E2eConfinement host([](host::SectionContents& section) {
     section.core_x86 = L"C:\\no\\such\\library.dll";  // takes the other path's place below
   });
   host.header().biz_dll_path_x64 = host.header().biz_dll_path_x86;
@@ -143,7 +143,7 @@ TEST(Children, EndWhenTheLibraryCannotBeLoaded) {
 
 TEST(Children, OfAForeignKindAreReportedAsNotFollowed) {
   if (!GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version")) GTEST_SKIP() << "no such programs";
-  Confinement host;
+  E2eConfinement host;
   EXPECT_EQ(host.Run(Self(L"spawn Z:\\bin\\true")), 0);
   const Counts counts = Count(host.Settle());
   EXPECT_EQ(counts.failed_codes, std::vector<std::uint32_t>{ERROR_NOT_SUPPORTED});
@@ -154,7 +154,7 @@ TEST(Modules, LoadFromAFolderThatTheRulesDeny) {
   TestFolder folder;
   const std::filesystem::path module = folder.path() / "module.dll";
   std::filesystem::copy_file(BuildPath("vorn_ipc.dll"), module);
-  Confinement host([&](host::SectionContents& section) {
+  E2eConfinement host([&](host::SectionContents& section) {
     section.file_rules.push_back({policy::FileACL::kDeny, host::ToNtPath(folder.path().wstring())});
   });
   EXPECT_EQ(host.Run(Self(L"load " + module.wstring())), 0);
@@ -162,7 +162,7 @@ TEST(Modules, LoadFromAFolderThatTheRulesDeny) {
 }
 
 TEST(Children, TwoHundredFromEightThreadsAreAllConfined) {
-  Confinement host;
+  E2eConfinement host;
   EXPECT_EQ(host.Run(Self(L"storm 8 200 " + Self(L"confined"))), 0);
   const Counts counts = Count(host.Settle());
   EXPECT_EQ(counts.injected, 200);

@@ -1,27 +1,14 @@
 // How a confined process starts, and how it ends when it cannot be confined: the library is injected into
 // real processes whose section, environment or host is as good or as bad as each case says. The started
 // program is this one, as "probe N": it exits with N.
-#include <gtest/gtest.h>
-
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <mutex>
-#include <optional>
 #include <random>
-#include <sstream>
-#include <string>
-#include <vector>
 
-#include "Policy/message.h"
 #include "detours/detours.h"
-#include "tests/unit/build_paths.h"
+#include "tests/e2e/confinement.h"
+#include "tests/net_rules.h"
 #include "tests/unit/long_form.h"
 #include "vorn/create_process.h"
-#include "vorn/message_server.h"
-#include "vorn/section.h"
-#include "vorn/text.h"
 #include "windows/nt.h"
 #include "windows/unique_handle.h"
 
@@ -78,16 +65,11 @@ class InjectedProcess {
 
 class StartUp : public testing::Test {
  protected:
-  StartUp() : folder(std::filesystem::temp_directory_path() / RandomName(L"vorn_startup")) {
-    std::filesystem::create_directories(folder);
+  StartUp() {
     contents.UseLibrariesIn(vorn::test::ThisProgram().parent_path().wstring());
-    contents.log_directory = folder.wstring();
+    contents.log_directory = folder.path().wstring();
     contents.server_port = server.port_name();
     contents.flags = 0xF;
-  }
-  ~StartUp() override {
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
   }
 
   DWORD CodeWith(const SharedSection& section) { return InjectedProcess(section.name()).Run(); }
@@ -98,15 +80,14 @@ class StartUp : public testing::Test {
     return *reinterpret_cast<vorn::policy::SharedDataHeader*>(section.bytes().data());
   }
 
-  // The messages of the newest log, without their prefixes; removes the log.
+  // The messages of the only log, without their prefixes; removes the log.
   std::vector<std::string> TakeLog() {
     std::vector<std::string> messages;
-    std::vector<std::filesystem::path> files(std::filesystem::directory_iterator{folder}, {});
-    if (files.size() > 1) ADD_FAILURE() << files.size() << " log files";
+    const std::vector<std::filesystem::path> files(std::filesystem::directory_iterator{folder.path()}, {});
+    EXPECT_EQ(files.size(), 1u);
     for (const auto& path : files) {
-      std::ifstream file(path, std::ios::binary);
-      for (std::string line; std::getline(file, line);) messages.push_back(line.substr(line.find("] ") + 2));
-      file.close();
+      messages = vorn::test::ReadLines(path);
+      for (std::string& line : messages) line.erase(0, line.find("] ") + 2);
       std::filesystem::remove(path);
     }
     return messages;
@@ -116,11 +97,11 @@ class StartUp : public testing::Test {
     const auto name = L"vorn_core_" + vorn::test::ThisProgram().filename().wstring() + L"_" +
                       std::to_wstring(pid) + L"_0.log";
     std::error_code ignored;
-    for (auto at = folder; at.has_relative_path(); at = at.parent_path())
+    for (auto at = folder.path(); at.has_relative_path(); at = at.parent_path())
       std::filesystem::remove(at / name, ignored);
-    std::filesystem::remove(folder.root_path() / name, ignored);
+    std::filesystem::remove(folder.path().root_path() / name, ignored);
   }
-  bool NothingLogged() { return std::filesystem::is_empty(folder); }
+  bool NothingLogged() { return std::filesystem::is_empty(folder.path()); }
 
   std::mutex mutex;
   std::vector<std::vector<std::byte>> received;
@@ -128,15 +109,9 @@ class StartUp : public testing::Test {
                          std::lock_guard lock(mutex);
                          received.emplace_back(bytes.begin(), bytes.end());
                        }}};
-  std::filesystem::path folder;
+  vorn::test::TestFolder folder;
   SectionContents contents;
 };
-
-std::string Joined(const std::vector<std::string>& lines) {
-  std::ostringstream text;
-  for (const auto& line : lines) text << line << '\n';
-  return text.str();
-}
 
 // Whether these texts come one after another, with anything between them.
 testing::AssertionResult InOrder(const std::vector<std::string>& lines,
@@ -145,17 +120,14 @@ testing::AssertionResult InOrder(const std::vector<std::string>& lines,
   for (const auto& text : texts) {
     line = std::find_if(line, lines.end(), [&](const auto& l) { return l.find(text) != std::string::npos; });
     if (line == lines.end())
-      return testing::AssertionFailure() << '"' << text << "\" is missing in\n" << Joined(lines);
+      return testing::AssertionFailure()
+             << '"' << text << "\" is missing in " << testing::PrintToString(lines);
     ++line;
   }
   return testing::AssertionSuccess();
 }
 
-bool Contains(const std::vector<std::string>& lines, const std::string& text) {
-  return Joined(lines).find(text) != std::string::npos;
-}
-
-TEST_F(StartUp, ConfinedProcessRunsAndTellsItsStory) {
+TEST_F(StartUp, ConfinedProcessRunsAndReportsItsStart) {
   SharedSection section(contents);
   InjectedProcess process(section.name());
   const std::wstring event_name = section.contents().init_event_prefix + std::to_wstring(process.pid());
@@ -174,7 +146,7 @@ TEST_F(StartUp, ConfinedProcessRunsAndTellsItsStory) {
                             "Process Start:1, path:", "Process End, pid:" + pid}));
   EXPECT_TRUE(InOrder(log, {"Process Start:1, path:" + vorn::test::ThisProgram().string() + ", cmdline:\"" +
                             vorn::test::ThisProgram().string() + "\" probe 123, IL:0x"}));
-  EXPECT_FALSE(Contains(log, "init event"));
+  EXPECT_FALSE(InOrder(log, {"init event"}));
 
   ASSERT_TRUE(server.WaitUntilIdle(30s));
   // Calls of the program's own threads may be told before it, when the send thread starts late.
@@ -215,62 +187,52 @@ TEST_F(StartUp, SectionOfAnotherMagicOrVersionEndsTheProcess) {
 }
 
 TEST_F(StartUp, LogThatCannotBeOpenedEndsTheProcess) {
-  contents.log_directory = (folder / L"missing").wstring();
+  contents.log_directory = (folder.path() / L"missing").wstring();
   EXPECT_EQ(CodeWith(contents), 0x80000003u);
   contents.log_directory.clear();
   EXPECT_EQ(CodeWith(contents), 0x80000057u);
-  contents.log_directory = folder.wstring() + L"\\" + std::wstring(520, L'd');
+  contents.log_directory = folder.path().wstring() + L"\\" + std::wstring(520, L'd');
   EXPECT_EQ(CodeWith(contents), 0x800000CEu);
 }
 
 // A manager that fails: here the last one, the channel, in each of the ways that a host can be wrong.
 TEST_F(StartUp, FailingManagerRemovesTheHooksAndEndsTheProcess) {
-  struct Case {
-    const char* what;
-    void (*spoil)(SectionContents&);
-    std::vector<std::string> log;
+  const struct {
+    std::wstring SectionContents::*field;
+    const wchar_t* value;
+    const char* log;
+  } cases[] = {
+      {&SectionContents::server_port, L"vorn_no_such_port", "IPC::Init() Failed"},
+      {&SectionContents::server_port, L"", "InitIPC: invalid parameter(s)"},
+      {&SectionContents::ipc_x64, L"", "GetIPCxxFullPath returned NULL"},
+      {&SectionContents::ipc_x64, L"C:\\no such folder\\vorn_ipc.dll",
+       "Load vorn_ipc.dll Failed, ErrorCode is "},
+      {&SectionContents::ipc_x64, L"C:\\windows\\system32\\version.dll",
+       "GetProcAddress CreateIPCInterface2 or DestroyIPCInterface Failed, ErrorCode is 127"},
   };
-  for (const Case& c : {
-           Case{"no server",
-                [](SectionContents& s) { s.server_port = L"vorn_no_such_port"; },
-                {"IPC::Init() Failed"}},
-           Case{"no port",
-                [](SectionContents& s) { s.server_port.clear(); },
-                {"InitIPC: invalid parameter(s)"}},
-           Case{"no transport",
-                [](SectionContents& s) { s.ipc_x64.clear(); },
-                {"GetIPCxxFullPath returned NULL"}},
-           Case{"missing transport",
-                [](SectionContents& s) { s.ipc_x64 = L"C:\\no such folder\\vorn_ipc.dll"; },
-                {"Load vorn_ipc.dll Failed, ErrorCode is "}},
-           Case{"library of another kind",
-                [](SectionContents& s) { s.ipc_x64 = L"C:\\windows\\system32\\version.dll"; },
-                {"GetProcAddress CreateIPCInterface2 or DestroyIPCInterface Failed, ErrorCode is 127"}},
-       }) {
-    SCOPED_TRACE(c.what);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.log);
     SectionContents spoiled = contents;
-    c.spoil(spoiled);
+    spoiled.*c.field = c.value;
     EXPECT_EQ(CodeWith(spoiled), kFailedManager);
-    auto expected = c.log;
-    expected.insert(expected.end(), {"Init IPC Failed", "channel::Init failed!", "UnInitLowLevel success!",
-                                     "Process Start:0, path:"});
     const auto log = TakeLog();
-    EXPECT_TRUE(InOrder(log, expected));
-    EXPECT_FALSE(Contains(log, "InitBiz success!") || Contains(log, "Process End"));
+    EXPECT_TRUE(InOrder(log, {c.log, "Init IPC Failed", "channel::Init failed!", "UnInitLowLevel success!",
+                              "Process Start:0, path:"}));
+    EXPECT_FALSE(InOrder(log, {"InitBiz success!"}) || InOrder(log, {"Process End"}));
   }
 }
 
 TEST_F(StartUp, InitEventThatCannotBeOpenedOrNamedIsLeftAlone) {
   SharedSection section(contents);
   EXPECT_EQ(CodeWith(section), kProbeCode);
-  EXPECT_TRUE(Contains(TakeLog(), "open init event failed, status 0xC0000034"));
+  EXPECT_TRUE(InOrder(TakeLog(), {"open init event failed, status 0xC0000034"}));
   // Longer than a prefix may be, and so long that the process id has no room behind it: no line either.
   auto& prefix = HeaderOf(section).create_process_event_prefix;
   const std::uint32_t offset = sizeof(vorn::policy::SharedDataHeader);
   for (const std::uint32_t bytes : {0u, 2 * 259u, 2 * 260u, 2 * 400u}) {
     prefix = {bytes, offset};
     EXPECT_EQ(CodeWith(section), kProbeCode);
-    EXPECT_FALSE(Contains(TakeLog(), "init event")) << bytes;
+    EXPECT_FALSE(InOrder(TakeLog(), {"init event"})) << bytes;
   }
 }
 
@@ -280,18 +242,8 @@ TEST_F(StartUp, RandomSectionsNeverFault) {
   const int sections = vorn::test::LongForm("VORN_RANDOM_SECTIONS", 1000);
   contents.file_rules = {{vorn::policy::FileACL::kDeny, L"\\Device\\HarddiskVolume1\\a"},
                          {vorn::policy::FileACL::kRead, L"\\Device\\HarddiskVolume1\\b\\c"}};
-  contents.net_rules = {{.verdict = 1,
-                         .kind = vorn::policy::NetRuleKind::kAddress,
-                         .address = {127, 0, 0, 1},
-                         .prefix = 32,
-                         .ports = {80, 443},
-                         .domain = {}},
-                        {.verdict = 0,
-                         .kind = vorn::policy::NetRuleKind::kDomain,
-                         .address = {},
-                         .prefix = 0,
-                         .ports = {},
-                         .domain = L"*.example.com"}};
+  contents.net_rules = {vorn::test::AddressRule(1, {127, 0, 0, 1}, {80, 443}),
+                        vorn::test::DomainRule(0, L"*.example.com")};
   std::mt19937 random(20'251'212);
   const auto below = [&](std::uint32_t n) { return static_cast<std::uint32_t>(random() % n); };
   constexpr std::uint32_t kSpan = 1'024;  // bytes of the section that are in use, and some more
@@ -299,25 +251,13 @@ TEST_F(StartUp, RandomSectionsNeverFault) {
   for (int n = 0; n < sections && !HasFailure(); ++n) {
     SharedSection section(contents);
     const auto bytes = section.bytes();
-    const auto any_value = [&]() -> std::uint32_t {
-      switch (below(5)) {
-        case 0:
-          return below(kSpan);
-        case 1:
-          return 4096 - below(64);  // around the end of the mapping
-        case 2:
-          return below(64);
-        case 3:
-          return UINT32_MAX - below(64);
-        default:
-          return static_cast<std::uint32_t>(random());
-      }
-    };
     if (below(4) == 0)  // noise behind the first two words
       for (std::size_t i = 8; i < bytes.size(); ++i) bytes[i] = static_cast<std::byte>(random());
     // Fields of the header, and of the records behind it, become any number.
     for (std::uint32_t count = 1 + below(6); count > 0; --count) {
-      const std::uint32_t value = any_value();
+      const std::uint32_t values[] = {below(kSpan), 4096 - below(64), below(64), UINT32_MAX - below(64),
+                                      static_cast<std::uint32_t>(random())};
+      const std::uint32_t value = values[below(5)];
       const std::uint32_t word = below(3) ? 2 + below(23) : 2 + below(kSpan / 4 - 2);
       std::memcpy(bytes.data() + word * 4, &value, sizeof value);
     }

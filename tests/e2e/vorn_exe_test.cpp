@@ -76,7 +76,7 @@ class VornExe : public testing::Test, public TestFolder {
   }
 };
 
-TEST_F(VornExe, ShowsWhatWasRefusedAndWhyAndReturnsTheProgramsCode) {
+TEST_F(VornExe, ShowsEachRefusalWithItsRule) {
   Write("try.bat", "@type \"" + Dos("denied\\f.txt") + "\"\r\n@type \"" + Dos("protected\\f.txt") +
                        "\"\r\n@echo new> \"" + Dos("protected\\f.txt") + "\"\r\n@echo new> \"" +
                        Dos("work\\f.txt") + "\"\r\n@cmd /c rem\r\n@exit 23\r\n");
@@ -118,7 +118,7 @@ TEST_F(VornExe, ShowsWhichNetworkRuleRefused) {
       << session.text;
 }
 
-TEST_F(VornExe, FollowsATreeOfProgramsAndPutsBackWhatTheDeepestDeleted) {
+TEST_F(VornExe, FollowsATreeOfProgramsAndRestoresItsDeletions) {
   Write("top.bat", "@cscript.exe //nologo \"" + Dos("middle.js") + "\"\r\n");
   std::string script = "var shell = new ActiveXObject('WScript.Shell');\n";
   for (const std::string& command :
@@ -172,7 +172,7 @@ TEST_F(VornExe, CtrlCEndsTheWholeTreeAndTheSummaryStillComes) {
   if (left) CloseHandle(left);
 }
 
-TEST_F(VornExe, LastsAsLongAsWhatTheProgramLeavesRunning) {
+TEST_F(VornExe, WaitsForWhatTheProgramLeavesRunning) {
   const Session session = Run("cmd /c \"start /b ping -n 60 127.0.0.1 & exit 9\"", "", [&](HANDLE vorn) {
     const DWORD ping = WaitForStart("ping");
     EXPECT_EQ(WaitForSingleObject(vorn, 300), WAIT_TIMEOUT);
@@ -184,7 +184,7 @@ TEST_F(VornExe, LastsAsLongAsWhatTheProgramLeavesRunning) {
   EXPECT_TRUE(std::regex_search(session.text, std::regex(R"(ping\.exe \(\d+\)  confined)"))) << session.text;
 }
 
-TEST_F(VornExe, ShowsACrashAndWhereItsDumpLiesWhichNoConfinedProgramCanDelete) {
+TEST_F(VornExe, ShowsACrashAndProtectsItsDump) {
   const std::string crash =
       "\"" + host::ToUtf8(BuildPath("crash_probe.exe").wstring()) + "\" write \"" + Dos("work\\id") + "\"";
   const std::string files = "[files]\nwrite = ['" + Dos("work") + "']\n[dump]\n";
@@ -260,7 +260,7 @@ TEST_F(VornExe, SaysWhatIsWrongAndRunsNothing) {
   EXPECT_FALSE(alone.Says("\nran"));
 }
 
-TEST_F(VornExe, ConfinesChildrenAlsoFromAFolderThatTheAnsiCodePageCannotExpress) {
+TEST_F(VornExe, ConfinesChildrenFromAFolderWithAnyName) {
   const fs::path folder = Path("") / L"\u0416\u4e2d\u00fc";
   fs::create_directory(folder);
   for (const char* file : {"vorn.exe", "vorn_core.dll", "vorn_ipc.dll"})
