@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <deque>
 #include <functional>
 
 #include "Platform/wine_nested_calls.h"
@@ -67,29 +68,34 @@ class NtdllHooks : public testing::Test {
   std::vector<Listener*> registered_;
 };
 
-TEST_F(NtdllHooks, FirstListenerThatDoesNotPassOnDecides) {
-  Listener passing('a'), deciding('B'), unreached('C');
-  ASSERT_TRUE(Register(passing) && Register(deciding) && Register(unreached));
-  EXPECT_EQ(DeleteByName(), kDecided);
-  EXPECT_EQ(calls, "aB");
-}
-
-TEST_F(NtdllHooks, RealFunctionRunsWhenAllFourPassOn) {
-  Listener a('a'), b('b'), c('c'), d('d'), fifth('E');
-  ASSERT_TRUE(Register(a) && Register(b) && Register(c) && Register(d));
-  EXPECT_FALSE(Register(fifth));
-  EXPECT_FALSE(Ntdll::RegisterNtDeleteFileListener(&a)) << "registered twice";
-  EXPECT_EQ(DeleteByName(), unhooked_status_);
-  EXPECT_EQ(calls, "abcd");
-}
-
-TEST_F(NtdllHooks, ChangesOfAnEarlierListenerAreSeenByTheNextAndByTheRealFunction) {
+TEST_F(NtdllHooks, ChangedArgumentsReachTheNextListenerAndTheRealFunction) {
   USHORT seen = 1;
   Listener emptying('a', [](POBJECT_ATTRIBUTES attributes) { attributes->ObjectName->Length = 0; });
   Listener looking('b', [&](POBJECT_ATTRIBUTES attributes) { seen = attributes->ObjectName->Length; });
   ASSERT_TRUE(Register(emptying) && Register(looking));
   EXPECT_NE(DeleteByName(), unhooked_status_) << "an empty name fails otherwise than a missing file";
   EXPECT_EQ(seen, 0);
+}
+
+TEST_F(NtdllHooks, ListenersAreAskedInOrderUntilOneDecides) {
+  const struct {
+    const char* letters;  // a fifth listener finds no room
+    NTSTATUS status;
+    const char* asked;
+  } cases[] = {{"aBC", kDecided, "aB"}, {"abcdE", unhooked_status_, "abcd"}, {"", unhooked_status_, ""}};
+  for (const auto& c : cases) {
+    calls.clear();
+    std::deque<Listener> listeners;
+    for (const char* letter = c.letters; *letter; ++letter) {
+      listeners.emplace_back(*letter);
+      EXPECT_EQ(Register(listeners.back()), listeners.size() <= 4);
+      EXPECT_FALSE(Ntdll::RegisterNtDeleteFileListener(&listeners.back())) << "registered twice";
+    }
+    EXPECT_EQ(DeleteByName(), c.status);
+    EXPECT_EQ(calls, c.asked);
+    for (Listener& listener : listeners) Ntdll::UnregisterNtDeleteFileListener(&listener);
+  }
+  registered_.clear();
 }
 
 TEST_F(NtdllHooks, FreedSlotIsTheNextOneTaken) {
@@ -112,7 +118,7 @@ TEST_F(NtdllHooks, CallOriginalDoesNotDispatchAgain) {
   EXPECT_EQ(calls, "A");
 }
 
-TEST_F(NtdllHooks, OperationThatIsNotOverriddenPerformsTheRealCallAndDecides) {
+TEST_F(NtdllHooks, DefaultListenerMakesTheRealCall) {
   INtdllApiListener without_opinion;
   Listener unreached('A');
   ASSERT_TRUE(Ntdll::RegisterNtDeleteFileListener(&without_opinion));
