@@ -60,7 +60,6 @@ TEST(FileOpenE2E, EveryDecisionAndStep) {
       {"create 0 10000 1 1000 " + both, kOk, 216},
       {"create 0 C0000000 1 0 " + script.Nt("bad\\f.txt"), kOk, 160},  // its rule is invalid
       {"create 0 80000000 1 0 " + script.Nt("none\\none\\f.txt"), "C000003A", 160, {}, "C000003A"},
-      {"unreadable 1", "10", 218, {}, "10"},
   };
   for (const OpenCase& c : cases) script.Add(c.command).Add("close 0");
   auto rules = script.Rules();

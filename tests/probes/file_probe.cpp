@@ -18,7 +18,6 @@
 //   times SLOT                                    sets the last write time
 //   delete NAME                                   NtDeleteFile
 //   move FLAGS FROM|TO                            MoveFileExW, drive-letter paths; prints the Win32 error
-//   unreadable COUNT                              calls with unreadable pointers; prints how many failed
 //   storm THREADS COUNT FOLDER                    each thread opens and closes a file of FOLDER\open and is
 //                                                 refused THREAD_NUMBER of FOLDER\denied; prints how often
 //                                                 and failures, and on a line of its own how many handles
@@ -130,38 +129,6 @@ NTSTATUS OpenById(HANDLE* file, ACCESS_MASK access, HANDLE folder, HANDLE named)
                 Name({reinterpret_cast<const wchar_t*>(id), 4}, folder));
 }
 
-// Every pointer in turn is one that cannot be read or written. The process must live on.
-int Unreadable(int count) {
-  auto* nowhere = reinterpret_cast<void*>(16);
-  int refused = 0;
-  const auto expect_failure = [&](NTSTATUS status) { refused += status < 0; };
-  for (int i = 0; i < count; ++i) {
-    HANDLE file = nullptr;
-    IO_STATUS_BLOCK io;
-    UNICODE_STRING name{20, 20, static_cast<wchar_t*>(nowhere)};
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &name, 0, nullptr, nullptr);
-    OBJECT_ATTRIBUTES no_name;
-    InitializeObjectAttributes(&no_name, static_cast<UNICODE_STRING*>(nowhere), 0, nullptr, nullptr);
-    auto* bad_io = static_cast<IO_STATUS_BLOCK*>(nowhere);
-    const auto create = [&](OBJECT_ATTRIBUTES* object, IO_STATUS_BLOCK* block) {
-      return NtCreateFile(&file, GENERIC_READ, object, block, nullptr, 0, kShareAll, FILE_OPEN, 0, nullptr,
-                          0);
-    };
-    expect_failure(create(static_cast<OBJECT_ATTRIBUTES*>(nowhere), &io));
-    expect_failure(create(&no_name, &io));
-    expect_failure(create(&attributes, &io));
-    expect_failure(create(&attributes, bad_io));
-    expect_failure(NtOpenFile(&file, GENERIC_READ, &attributes, &io, kShareAll, 0));
-    expect_failure(NtDeleteFile(&attributes));
-    expect_failure(Set(slots[0], nowhere, 64, 10));
-    expect_failure(Set(slots[0], nowhere, 1, 13));
-    expect_failure(Set(slots[0], nowhere, 4, 64));
-    expect_failure(Set(slots[0], nowhere, 64, 65));
-  }
-  return refused;
-}
-
 void Storm(int threads, int count, const std::wstring& folder) {
   std::atomic<int> refused = 0, failures = 0;
   const auto run = [&](int first, int end) {
@@ -254,8 +221,6 @@ void Execute(const std::string& line) {
     const std::size_t bar = both.find(L'|');
     const bool moved = MoveFileExW(both.substr(0, bar).c_str(), both.substr(bar + 1).c_str(), flags);
     printf("%lu\n", moved ? 0 : GetLastError());
-  } else if (command == "unreadable") {
-    printf("%d\n", Unreadable(static_cast<int>(words.Decimal())));
   } else if (command == "storm") {
     const int threads = static_cast<int>(words.Decimal()), count = static_cast<int>(words.Decimal());
     Storm(threads, count, words.Rest());

@@ -54,16 +54,6 @@ TEST_F(Log, LineCarriesTimeProcessThreadTagFileAndLine) {
   EXPECT_TRUE(lines[1].ends_with("[I][Room/file.cpp:4000000] 100%")) << lines[1];
 }
 
-TEST_F(Log, EveryLineEndsWithOneLineFeed) {
-  LogPrint("f", kLogNormal, 1, "N", "already ended\n");
-  LogPrint("f", kLogNormal, 1, "N", "%s", "");
-  const std::string text = log.NewText();
-  EXPECT_TRUE(std::regex_match(
-      text,
-      std::regex(R"(\[[^\]]*\]\([^)]*\)\[N\]\[f:1\] already ended\n\[[^\]]*\]\([^)]*\)\[N\]\[f:1\] \n)")))
-      << text;
-}
-
 TEST_F(Log, LongLinesAreCutTo1023Bytes) {
   for (const std::size_t size :
        {std::size_t{900}, std::size_t{1022}, std::size_t{1023}, std::size_t{1024}, std::size_t{9000}}) {
@@ -88,20 +78,6 @@ TEST_F(Log, MaskDecidesAtOnceWhichLevelsAreWritten) {
     log_all();
     EXPECT_EQ(log.NewMessages(), messages) << mask;
   }
-}
-
-TEST_F(Log, LinesOfThreadsDoNotInterleave) {
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([t] {
-      for (int i = 0; i < 300; ++i)
-        VORN_LOG_N("thread %d %s.", t, std::string(static_cast<std::size_t>(i), 'y').c_str());
-    });
-  for (auto& thread : threads) thread.join();
-  const auto messages = log.NewMessages();
-  EXPECT_EQ(messages.size(), 1200u);
-  for (const std::string& message : messages)
-    EXPECT_TRUE(std::regex_match(message, std::regex(R"(thread \d y*\.)"))) << message;
 }
 
 // The three zones are three entries of the test run, each with its own TZ.

@@ -35,22 +35,6 @@ TEST_F(ThreadStateTest, GettingTheBlockKeepsTheLastError) {
   }).join();
 }
 
-TEST_F(ThreadStateTest, ScratchBuffersHaveRoomToSpareInWholePages) {
-  ThreadState* state = GetThreadState();
-  ScratchLevel level(state);
-  const ScratchBuffer& buffer = state->scratch[2][1];
-  for (const auto& [size, capacity] : {std::pair{1u, 4096u}, {4032u, 4096u}, {4033u, 8192u}, {100u, 8192u}}) {
-    void* data = GetScratchBuffer(state, 2, size);
-    ASSERT_NE(data, nullptr);
-    std::memset(data, 0xAB, size);
-    EXPECT_EQ(data, buffer.data);
-    EXPECT_EQ(buffer.capacity, capacity) << size;
-  }
-  void* const before = buffer.data;
-  EXPECT_EQ(GetScratchBuffer(state, 2, UINT32_MAX), nullptr) << "a size that 32 bits cannot round up";
-  EXPECT_EQ(buffer.data, before);
-}
-
 TEST_F(ThreadStateTest, EachScratchLevelHasItsOwnBuffers) {
   ThreadState* state = GetThreadState();
   std::set<void*> buffers;

@@ -119,31 +119,6 @@ TEST(Interception, RefusedOrAbortedTransactionChangesNothing) {
   }
 }
 
-TEST(Interception, MisuseIsReported) {
-  Code code;
-  Byte* target = code.Put(0, {RETURNS(7)});
-  void* pointer = target;
-  void* none = nullptr;
-  void* data = code.data();
-  EXPECT_EQ(DetourAttach(&pointer, Address(PlusHundred)), ERROR_INVALID_OPERATION);
-  EXPECT_EQ(DetourUpdateThread(GetCurrentThread()), ERROR_INVALID_OPERATION);
-  EXPECT_EQ(DetourTransactionCommit(), ERROR_INVALID_OPERATION);
-  EXPECT_EQ(DetourTransactionAbort(), ERROR_INVALID_OPERATION);
-
-  ASSERT_EQ(DetourTransactionBegin(), NO_ERROR);
-  EXPECT_EQ(DetourTransactionBegin(), ERROR_INVALID_OPERATION);
-  std::thread([&] {
-    EXPECT_EQ(DetourTransactionBegin(), ERROR_INVALID_OPERATION);
-    EXPECT_EQ(DetourAttach(&pointer, Address(PlusHundred)), ERROR_INVALID_OPERATION);
-    EXPECT_EQ(DetourTransactionCommit(), ERROR_INVALID_OPERATION);
-  }).join();
-  EXPECT_EQ(DetourUpdateThread(GetCurrentThread()), NO_ERROR);
-  EXPECT_EQ(DetourAttach(&data, Address(PlusHundred)), ERROR_INVALID_HANDLE);
-  EXPECT_EQ(DetourAttach(&none, Address(PlusHundred)), ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(DetourDetach(&pointer, Address(PlusHundred)), ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(DetourTransactionCommit(), ERROR_INVALID_HANDLE) << "the first error of the transaction";
-}
-
 TEST(Interception, StubsAreFollowedToTheFunction) {
   Code module;
   Code other;
@@ -295,32 +270,6 @@ TEST(Interception, ThreadInsidePatchedBytesIsMovedToTheTrampoline) {
   stop = true;
   spinner.join();
   EXPECT_EQ(*counter, 1);
-}
-
-// As the whole hook tables are, but many more: every trampoline lies in reach and holds its own function.
-TEST(Interception, ThousandsOfFunctionsAreAttachedTogetherAndRestored) {
-  constexpr std::size_t kFunctions = 2000, kApart = 32, kFit = Code::kPage / kApart;
-  std::vector<std::unique_ptr<Code>> pages;
-  std::vector<void*> targets, pointers;
-  for (std::size_t i = 0; i < kFunctions; ++i) {
-    if (i % kFit == 0) pages.push_back(std::make_unique<Code>());
-    targets.push_back(pages.back()->Put(i % kFit * kApart, {RETURNS(static_cast<Byte>(i))}));
-  }
-  pointers = targets;
-  DetourTransactionBegin();
-  for (void*& pointer : pointers) ASSERT_EQ(DetourAttach(&pointer, Address(PlusHundred)), NO_ERROR);
-  ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
-  for (std::size_t i = 0; i < kFunctions; ++i) {
-    real = pointers[i];
-    ASSERT_EQ(Call(targets[i]), static_cast<Byte>(i) + 100);
-  }
-  DetourTransactionBegin();
-  for (std::size_t i = kFunctions; i-- > 0;)
-    ASSERT_EQ(DetourDetach(&pointers[i], Address(PlusHundred)), NO_ERROR) << i;
-  ASSERT_EQ(DetourTransactionCommit(), NO_ERROR);
-  EXPECT_EQ(pointers, targets);
-  for (std::size_t i = 0; i < kFunctions; ++i)
-    ASSERT_EQ(Bytes(targets[i], 6), (std::vector<Byte>{RETURNS(static_cast<Byte>(i))}));
 }
 
 }  // namespace

@@ -94,18 +94,6 @@ TEST_P(PeImages, OurDllsComeFirstAndTheImageIsRestored) {
   }
 }
 
-TEST_P(PeImages, MissingAddressTableDirectoryIsReplaced) {
-  BuildOptions o = Options();
-  o.with_iat_directory = false;
-  Memory section(BuildImage(o));
-  ASSERT_EQ(Inject(section, {"a.dll"}), pe::Status::kOk);
-  EXPECT_EQ(DirectoryOf(section, pe::kIatDirectory), (pe::DataDirectory{kSection, kImageSize - kSection}));
-  o.dlls = {};
-  Memory own(BuildImage(o));
-  ASSERT_EQ(Inject(own, {"a.dll"}), pe::Status::kOk);
-  EXPECT_GE(DirectoryOf(own, pe::kIatDirectory).rva, kBlock);
-}
-
 TEST_P(PeImages, ManagedImageLosesTheFlagThatHidesItsImports) {
   BuildOptions o = Options();
   o.clr_flags = 0x9;

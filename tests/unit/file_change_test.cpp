@@ -143,16 +143,6 @@ TEST_F(FileChange, FailedCloseKeepsTheRecord) {
   EXPECT_TRUE(GetFileMgr().model().handles().Take(file)) << "still there";
 }
 
-TEST_F(FileChange, RecycleBinReportsWhatTheShellSays) {
-  Unconfined([&] {
-    EXPECT_EQ(MoveToRecycleBin(L""), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(ShellDeleteToRecycleBin(L"\\Device\\Nowhere\\x"), static_cast<NTSTATUS>(0xC00000EF));
-    EXPECT_LT(MoveToRecycleBin(Nt(L"\\write\\none.txt")), 0);
-    EXPECT_EQ(CheckDirectoryEmpty(Nt(L"\\write")), STATUS_DIRECTORY_NOT_EMPTY);
-    EXPECT_EQ(CheckDirectoryEmpty(Nt(L"\\write\\f.txt")), STATUS_SUCCESS);
-  });
-}
-
 TEST(HandleRecords, OldestRecordOfAHandleIsFoundFirst) {
   HandleRecords records;
   HANDLE handle = reinterpret_cast<HANDLE>(0x40);

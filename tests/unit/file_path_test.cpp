@@ -173,32 +173,6 @@ TEST_F(FilePath, ShortNamesAreExpandedWhereTheyNameSomething) {
   InitFileHelper();
 }
 
-TEST_F(FilePath, FilesOpenedByIdAreNamed) {
-  const Opened file = Create(L"\\write\\f.txt", GENERIC_READ);
-  const Opened root = Create(L"\\write", FILE_LIST_DIRECTORY, FILE_OPEN, FILE_DIRECTORY_FILE);
-  BY_HANDLE_FILE_INFORMATION info;
-  ASSERT_TRUE(GetFileInformationByHandle(file.handle, &info));
-  DWORD id[2] = {info.nFileIndexLow, info.nFileIndexHigh};
-  UNICODE_STRING name = nt::CountedString(reinterpret_cast<wchar_t*>(id), sizeof id);
-  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
-  std::wstring_view path;
-  ScratchLevel level(GetThreadState());
-  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_OBJECT_PATH_SYNTAX_BAD) << "no root";
-  attributes.RootDirectory = root.handle;
-  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_SUCCESS);
-  EXPECT_EQ(std::wstring(path), Nt(L"\\write\\f.txt"));
-  for (DWORD& word : id) word = ~word;
-  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_SUCCESS) << "an inverted id";
-  id[0] ^= 0x55555555;
-  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_INVALID_PARAMETER);
-  name.Length = 7;
-  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_OBJECT_NAME_INVALID);
-  attributes.ObjectName = nullptr;
-  EXPECT_EQ(ResolveFileIdPath(&attributes, &path), STATUS_OBJECT_NAME_INVALID);
-  NtClose(root.handle);
-  NtClose(file.handle);
-}
-
 TEST_F(FilePath, PathsGoToDosFormAndBack) {
   EXPECT_EQ(DosOf(C(L"\\a\\b.txt")), L"C:\\a\\b.txt");
   EXPECT_EQ(DosOf(C(L"")), L"C:");
@@ -207,17 +181,6 @@ TEST_F(FilePath, PathsGoToDosFormAndBack) {
   EXPECT_STREQ(DosPathToNtPath(L"\\\\srv\\share\\f").get(), L"\\device\\mup\\srv\\share\\f");
   EXPECT_EQ(DosPathToNtPath(L"c:\\a").get(), C(L"\\a"));
   for (const wchar_t* none : {L"", L"C:", L"Q:\\x", L"a\\b", L"C:a"}) EXPECT_FALSE(DosPathToNtPath(none));
-}
-
-TEST_F(FilePath, LinksLeadToTheirTarget) {
-  ScratchLevel level(GetThreadState());
-  FileLinkHelper links;
-  EXPECT_EQ(std::wstring(links.GetFileSymbolicLink(C(L"\\WINDOWS"))), C(L"\\windows"));
-  links.Close();
-  EXPECT_EQ(std::wstring(links.GetFileSymbolicLink(Nt(L"\\read\\new.txt"))), Nt(L"\\read\\new.txt"));
-  EXPECT_EQ(std::wstring(links.GetFileSymbolicLink(C(L"\\no_such_file"))), C(L"\\no_such_file"))
-      << "the root ends with the only backslash";
-  EXPECT_TRUE(links.GetFileSymbolicLink(Nt(L"\\read") + L"\\nowhere\\new.txt").empty());
 }
 
 TEST_F(FilePath, WebDavPathsNameTheirRootOnce) {

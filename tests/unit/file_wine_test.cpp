@@ -55,26 +55,6 @@ TEST_F(FileWine, UnixNamesDoNotGetAroundARule) {
   }
 }
 
-TEST_F(FileWine, SymbolicLinksOfTheUnixFileSystemAreFollowed) {
-  const std::wstring link = UnixName(L"\\write") + L"/link", target = UnixName(L"\\deny");
-  // A Unix program has no process handle to wait for: its work is waited for.
-  const auto run = [&](const wchar_t* program, std::wstring arguments, bool link_exists) {
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    EXPECT_TRUE(CreateProcessW(program, arguments.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                               &startup, &process));
-    for (int i = 0; i < 200 && Exists(L"\\write\\link") != link_exists; ++i) Sleep(10);
-  };
-  run(L"\\\\?\\unix\\bin\\ln", L"ln -s " + target + L" " + link, true);
-  ASSERT_TRUE(Exists(L"\\write\\link"));
-  EXPECT_EQ(Create(L"\\write\\link\\f.txt", GENERIC_READ).status, STATUS_ACCESS_DENIED)
-      << "where the data lies decides";
-  EXPECT_EQ(Create(L"\\write\\link\\new.txt", GENERIC_WRITE, FILE_CREATE).status, STATUS_ACCESS_DENIED);
-  run(L"\\\\?\\unix\\bin\\rm", L"rm " + link, false);
-  EXPECT_FALSE(Exists(L"\\write\\link"));
-}
-
 TEST_F(FileWine, NameThatTheSearchCannotFindLowersTheAccess) {
   Unconfined([&] {
     ASSERT_TRUE(CreateDirectoryW(Dos(L"\\elsewhere").c_str(), nullptr));

@@ -1,5 +1,4 @@
-// Real hooks in this process: the dispatcher, registration, the way to the real functions, and what a table
-// does about functions that it cannot find or patch.
+// Real hooks in this process: the dispatcher, registration and the way to the real functions.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,11 +6,7 @@
 #include <functional>
 
 #include "Platform/wine_nested_calls.h"
-#include "VornCore/Hook/dnsapi.h"
-#include "VornCore/Hook/hook_entry.h"
-#include "VornCore/Hook/hook_table.h"
 #include "VornCore/Hook/ntdll.h"
-#include "VornCore/Hook/ws2_32.h"
 
 extern "C" {
 VORN_IMPORT(GetProcAddress, 8);
@@ -98,16 +93,6 @@ TEST_F(NtdllHooks, ListenersAreAskedInOrderUntilOneDecides) {
   registered_.clear();
 }
 
-TEST_F(NtdllHooks, FreedSlotIsTheNextOneTaken) {
-  Listener a('a'), b('b'), c('c');
-  ASSERT_TRUE(Register(a) && Register(b));
-  Ntdll::UnregisterNtDeleteFileListener(&a);
-  Ntdll::UnregisterNtDeleteFileListener(&c);  // not registered: changes nothing
-  ASSERT_TRUE(Register(c));
-  DeleteByName();
-  EXPECT_EQ(calls, "cb");
-}
-
 TEST_F(NtdllHooks, CallOriginalDoesNotDispatchAgain) {
   NTSTATUS real = 0;
   Listener calling(
@@ -116,16 +101,6 @@ TEST_F(NtdllHooks, CallOriginalDoesNotDispatchAgain) {
   EXPECT_EQ(DeleteByName(), kDecided);
   EXPECT_EQ(real, unhooked_status_);
   EXPECT_EQ(calls, "A");
-}
-
-TEST_F(NtdllHooks, DefaultListenerMakesTheRealCall) {
-  INtdllApiListener without_opinion;
-  Listener unreached('A');
-  ASSERT_TRUE(Ntdll::RegisterNtDeleteFileListener(&without_opinion));
-  ASSERT_TRUE(Register(unreached));
-  EXPECT_EQ(DeleteByName(), unhooked_status_);
-  EXPECT_EQ(calls, "");
-  Ntdll::UnregisterNtDeleteFileListener(&without_opinion);
 }
 
 // A compatibility shim or the verifier answers lookups with a function of its own, which not every caller
@@ -175,89 +150,6 @@ TEST(NestedCalls, OnlyTheInnerCallOfAPairThatReallyNestsPassesThrough) {
   EXPECT_NE(outer, &CallingOuter);
   EXPECT_EQ(outer(1), 1 + 101) << "the first call is the outer one's own; what follows is somebody else's";
   EXPECT_EQ(patched_inner(1), 101);
-}
-
-TEST(NeverInstalled, CallOriginalFailsAsTheFunctionWould) {
-  SetLastError(0);
-  EXPECT_EQ(Ws2_32::CallOriginalclosesocket(1), SOCKET_ERROR);
-  EXPECT_NE(GetLastError(), 0u);
-  EXPECT_EQ(Ws2_32::CallOriginalWSASocketW(AF_INET, SOCK_STREAM, 0, nullptr, 0, 0), INVALID_SOCKET);
-  EXPECT_NE(Ws2_32::CallOriginalGetAddrInfoW(L"a", nullptr, nullptr, nullptr), 0);
-  EXPECT_EQ(Ws2_32::CallOriginalgethostbyname("a"), nullptr);
-  EXPECT_NE(Dnsapi::CallOriginalDnsQueryEx(nullptr, nullptr, nullptr), 0);
-}
-
-TEST(LateTables, LeaveOutWhatTheModuleDoesNotExport) {
-  class Names : public IDnsapiApiListener {
-   public:
-    DNS_STATUS DnsQuery_A(PCSTR, WORD, DWORD, PVOID, PDNS_RECORD*, PVOID*, bool*) override { return 4711; }
-  } names;
-  HMODULE dnsapi = LoadLibraryW(L"dnsapi.dll");
-  ASSERT_TRUE(dnsapi);
-  ASSERT_TRUE(Dnsapi::Init(dnsapi));
-  ASSERT_TRUE(Dnsapi::RegisterDnsQuery_AListener(&names));
-  auto query = reinterpret_cast<DNS_STATUS(WINAPI*)(PCSTR, WORD, DWORD, PVOID, PDNS_RECORD*, PVOID*)>(
-      GetProcAddress(dnsapi, "DnsQuery_A"));
-  EXPECT_EQ(query("a.invalid", DNS_TYPE_A, 0, nullptr, nullptr, nullptr), 4711);
-  if (!GetProcAddress(dnsapi, "DnsQueryEx")) {
-    EXPECT_NE(Dnsapi::CallOriginalDnsQueryEx(nullptr, nullptr, nullptr), 0) << "left out";
-  }
-  // A function that was left out does not stand in the way of the removal.
-  const auto* code = reinterpret_cast<const unsigned char*>(query);
-  const unsigned char patched = *code;
-  Dnsapi::UnInit();
-  EXPECT_NE(*code, patched);
-  Dnsapi::UnregisterDnsQuery_AListener(&names);
-}
-
-// Two functions in memory of our own: one that can be patched, and one that is a single byte long, directly
-// followed by another function.
-class RejectedAttach : public testing::Test {
- protected:
-  void SetUp() override {
-    code_ = static_cast<unsigned char*>(
-        VirtualAlloc(nullptr, 4096, MEM_COMMIT | MEM_RESERVE, PAGE_EXECUTE_READWRITE));
-    ASSERT_TRUE(code_);
-    memset(code_, 0xC3, 64);
-    const unsigned char returns_seven[] = {0xB8, 7, 0, 0, 0, 0x83, 0xC0, 0, 0x83, 0xC0, 0, 0x90, 0x90, 0xC3};
-    memcpy(code_, returns_seven, sizeof returns_seven);
-    targets_[0] = code_;
-    targets_[1] = code_ + 32;
-  }
-  void TearDown() override { VirtualFree(code_, 0, MEM_RELEASE); }
-  static int WINAPI Hooked() { return entry_.Dispatch<&Interface::Answer>(); }
-
-  struct Interface {
-    virtual int Answer(bool*) { return 8; }
-  };
-  static int WINAPI Uninstalled() { return -1; }
-  static inline HookEntry<Interface, int()> entry_{.bridged = Uninstalled},
-      short_entry_{.bridged = Uninstalled};
-  unsigned char* code_ = nullptr;
-  void* targets_[2] = {};
-};
-
-TEST_F(RejectedAttach, PatchesNothingOfTheTable) {
-  const auto row = [this](int index, HookEntry<Interface, int()>& entry) {
-    return HookRow{"f", &targets_[index], reinterpret_cast<void*>(Hooked),
-                   reinterpret_cast<void**>(&entry.original), reinterpret_cast<void**>(&entry.bridged)};
-  };
-  const auto function = reinterpret_cast<int(WINAPI*)()>(code_);
-  Interface listener;
-  ASSERT_TRUE(entry_.Register(&listener));
-
-  const HookRow both[] = {row(0, entry_), row(1, short_entry_)};
-  InstallTable({.rows = both}, nullptr);
-  EXPECT_EQ(function(), 7) << "the good function is as it was";
-  EXPECT_EQ(entry_.bridged(), 7);
-
-  const HookRow good[] = {row(0, entry_)};
-  InstallTable({.rows = good}, nullptr);
-  EXPECT_EQ(function(), 8);
-  EXPECT_EQ(entry_.bridged(), 7);
-  RemoveTable({.rows = good});
-  EXPECT_EQ(function(), 7);
-  entry_.Unregister(&listener);
 }
 
 }  // namespace

@@ -116,35 +116,6 @@ TEST(HostEvent, ProcessesChildrenAndCrashes) {
                                         R"("decision_us":22,"access":"read-write","path":"C:\\x"})"));
 }
 
-TEST(HostEvent, ACrashShowsWhatItsDumpSays) {
-  Event event = Decoded(policy::CrashNotice{0xC0000005, 0, 9});
-  auto& crash = std::get<host::CrashEvent>(event.body);
-  EXPECT_FALSE(JsonOf(event).contains("dump"));
-  crash.dump_problem = "no dump was written";
-  EXPECT_EQ(host::EventLine(event),
-            "[7] crashed with exception 0xc0000005 (access violation) on thread 9, no dump was written");
-  crash.dump = "C:\\d\\a.dmp";
-  crash.dump_problem = "cut";
-  EXPECT_TRUE(host::EventLine(event).ends_with(" on thread 9, dump C:\\d\\a.dmp cannot be read: cut"));
-  EXPECT_EQ(JsonOf(event)["dump_problem"], "cut");
-  EXPECT_FALSE(JsonOf(event).contains("address"));
-  crash.dump_problem.clear();
-  crash.fault = "executing 0x0";
-  EXPECT_EQ(
-      host::EventLine(event),
-      "[7] crashed with exception 0xc0000005 (access violation executing 0x0) at 0x0 in no module on thread "
-      "9, dump C:\\d\\a.dmp");
-  EXPECT_FALSE(JsonOf(event).contains("module"));
-  crash.address = 0x140001A2B;
-  crash.module = "a\n.exe";
-  crash.offset = 0x1A2B;
-  EXPECT_NE(host::EventLine(event).find(") in a\\x0a.exe+0x1a2b on thread"), std::string::npos);
-  const auto json = JsonOf(event);
-  EXPECT_EQ(json["exception"], "access violation");
-  EXPECT_EQ(json["fault"], "executing 0x0");
-  EXPECT_EQ(json["offset"], 0x1A2B);
-}
-
 TEST(HostEvent, BrokenMessagesAreEventsTooAndThePipeSaysWhoSentThem) {
   auto bytes = Encoded(policy::FileAudit{.type = policy::AuditType{1}, .source = "C:\\a"});
   bytes.pop_back();

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
 #include <vector>
 
 #include "vorn/recycle_info.h"
@@ -39,20 +38,11 @@ TEST(RecycleInfo, BothVersionsGivePathSizeAndTime) {
 
 TEST(RecycleInfo, DamagedFilesGiveNothing) {
   auto good = InfoFile(2, 0, u"C:\\a");
-  EXPECT_FALSE(ParseRecycleInfo({}));
   EXPECT_FALSE(ParseRecycleInfo(InfoFile(3, 0, u"C:\\a")));
   EXPECT_FALSE(ParseRecycleInfo(InfoFile(2, 0, u"")));
-  for (std::size_t size = 0; size < good.size() - 1; ++size) {
-    std::vector<std::byte> cut(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size));
-    EXPECT_FALSE(ParseRecycleInfo(cut)) << size;
-  }
-  std::mt19937 random(1);
-  for (int i = 0; i < 10000; ++i) {
-    std::vector<std::byte> bytes(random() % 80);
-    for (auto& byte : bytes) byte = static_cast<std::byte>(random());
-    if (!bytes.empty()) bytes[0] = std::byte{2};
-    (void)ParseRecycleInfo(bytes);
-  }
+  for (std::size_t size = 0; size < good.size() - 1; ++size)
+    EXPECT_FALSE(
+        ParseRecycleInfo(std::vector(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size))));
 }
 
 TEST(TrashInfo, ReadsTheGroupAndDecodesThePath) {

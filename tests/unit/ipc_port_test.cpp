@@ -350,19 +350,6 @@ TEST(IpcPort, HostRefusesAPortThatBelongsToAnotherProcess) {
   EXPECT_EQ(host.server.Send(GetCurrentProcessId(), Bytes("secret")).value(), ERROR_ACCESS_DENIED);
 }
 
-TEST(IpcPort, StopEndsRecvLoopEvenBeforeItStarts) {
-  Host host;
-  Client client;
-  ASSERT_TRUE(client.Init(host.server.port_name()));
-  client.StartLoop();
-  client.StopLoop();
-  EXPECT_TRUE(client.library.ipc->Stop());
-  EXPECT_TRUE(client.library.ipc->RecvLoop());
-  client.library.ipc->UnInit();
-  EXPECT_TRUE(host.server.WaitUntilIdle(20s)) << "UnInit ends the connection";
-  EXPECT_EQ(client.disconnects, 0) << "an end of one's own making is not notified";
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {

@@ -72,14 +72,6 @@ TEST_F(LoadMark, NestedLoadClearsItForTheRestOfTheOuterOne) {
   FreeLibrary(module);
 }
 
-TEST_F(LoadMark, FailureReachesTheCallerUnchanged) {
-  UNICODE_STRING name = nt::CountedString(L"no_such_module.dll", 18 * sizeof(wchar_t));
-  PVOID base = nullptr;
-  EXPECT_EQ(::LdrLoadDll(nullptr, nullptr, &name, &base), STATUS_DLL_NOT_FOUND);
-  EXPECT_EQ(state_->bInLoader, 0);
-  EXPECT_EQ(state_->hookDepth, 0u);
-}
-
 TEST_F(LoadMark, FaultInTheLoaderRestoresTheDepthButNotTheMark) {
   // The delay-load resolver reads its descriptor: a bad one faults inside the real function.
   DWORD code = 0;

@@ -115,44 +115,6 @@ TEST(DnsCache, NameIsFoundByEachOfItsAddresses) {
   EXPECT_EQ(NameOf(cache, V4(0xC000020B)), L"Example.ORG");
 }
 
-TEST(DnsCache, MappedAddressesCountAsIPv4AndZeroAddressesAreIgnored) {
-  DnsCache cache;
-  AddInfo(cache, L"mapped.test", {Mapped(20, 0)});
-  EXPECT_EQ(NameOf(cache, Local(20)), L"mapped.test");
-  Address zero6 = Local6();
-  zero6.v6.sin6_addr.s6_addr[15] = 0;
-  AddInfo(cache, L"zero.test", {V4(0), zero6});
-  EXPECT_EQ(NameOf(cache, V4(0)), L"");
-  EXPECT_EQ(NameOf(cache, zero6), L"");
-}
-
-TEST(DnsCache, NullMembersAndShortAddressesAddNothing) {
-  DnsCache cache;
-  hostent answer{};
-  answer.h_addrtype = AF_INET;
-  answer.h_length = 4;
-  cache.AddHostent("null.test", &answer);
-  cache.AddHostent("null.test", nullptr);
-  cache.AddHostent(nullptr, &answer);
-  cache.AddHostent("", &answer);
-  cache.AddDnsRecords(static_cast<const wchar_t*>(nullptr),
-                      reinterpret_cast<DNS_RECORD*>(Records().A(L"a", 1).list()));
-  cache.AddDnsRecords(L"null.test", nullptr);
-  Address address = V4(9);
-  ADDRINFOEXW second{}, first{};
-  second.ai_addr = &address.any;
-  second.ai_addrlen = 15;
-  first.ai_next = reinterpret_cast<decltype(first.ai_next)>(&second);
-  cache.AddAddrInfoEx(L"null.test", &first);
-  EXPECT_EQ(NameOf(cache, V4(1)), L"");
-  EXPECT_EQ(NameOf(cache, V4(9)), L"");
-  DomainName name;
-  cache.FindDomainByAddress(nullptr, 16, name);
-  cache.FindDomainByAddress(reinterpret_cast<const sockaddr*>(16), 16, name);
-  cache.FindDomainByAddress(&address.any, 0, name);
-  EXPECT_EQ(name.get(), nullptr);
-}
-
 TEST(DnsCache, SystemCacheIsFiledUnderTheRequestedNames) {
   DnsCache cache;
   Records records;
@@ -183,22 +145,6 @@ TEST(DnsCache, AliasLoopsEnd) {
   ResolverDouble resolver(records.list());
   cache.LoadSystemCache();
   EXPECT_NE(NameOf(cache, V4(40)), L"");
-}
-
-TEST(DnsCache, AFailingResolverLeavesTheCacheAsItIs) {
-  Records records;
-  records.A(L"a.test", 50);
-  DnsCache cache;
-  ResolverDouble resolver(records.list(), ERROR_ACCESS_DENIED);
-  cache.LoadSystemCache();
-  for (auto break_it :
-       {+[] { platform::Dns().DnsFree = nullptr; }, +[] { platform::Dns().DnsGetCacheRecords = nullptr; },
-        +[] { platform::Dns().loaded = false; }}) {
-    break_it();
-    cache.LoadSystemCache();
-  }
-  EXPECT_EQ(ResolverDouble::freed, 0);
-  EXPECT_EQ(NameOf(cache, V4(50)), L"");
 }
 
 TEST(DnsCache, AFaultInTheResolversRecordsLeavesTheCacheUsable) {

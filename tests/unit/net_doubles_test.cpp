@@ -1,6 +1,6 @@
-// What the test machine's Windows lacks, stood in for by functions that this program exports: registered I/O,
-// the request form of DNS queries, and name queries that end when the test wants. The library's hooks are
-// installed in this program as they would be in ws2_32 and dnsapi.
+// What the test machine's Windows lacks, stood in for by functions that this program exports: registered I/O
+// and the request form of DNS queries. The library's hooks are installed in this program as they would be in
+// ws2_32 and dnsapi.
 #include <gtest/gtest.h>
 
 #include "Net/dns_cache.h"
@@ -23,22 +23,6 @@ struct Doubles {
   DNS_STATUS dns_status = ERROR_SUCCESS;
   PDNS_RECORD dns_records = nullptr;
   int net_call = 0;
-  // GetAddrInfoExW
-  bool pending = false;
-  INT final_status = 0;
-  ADDRINFOEXW answer{};
-  LPOVERLAPPED overlapped = nullptr;
-  PADDRINFOEXW* result = nullptr;
-  LPVOID routine = nullptr;
-  int cancelled = 0, freed = 0;
-  DWORD waited = 0;
-
-  void End(INT status) {
-    overlapped->Internal = static_cast<ULONG_PTR>(status);
-    overlapped->Pointer = result;
-    *result = status ? nullptr : &answer;
-    SetEvent(overlapped->hEvent);
-  }
 } doubles;
 
 BOOL PASCAL Send(RIO_RQ, PRIO_BUF, ULONG, DWORD, PVOID) { return ++doubles.rio_calls, TRUE; }
@@ -84,36 +68,16 @@ DNS_STATUS WINAPI DoubleDnsQueryEx(PDNS_QUERY_REQUEST request, PDNS_QUERY_RESULT
   if (results) results->pQueryRecords = doubles.dns_records;
   return doubles.dns_status;
 }
-
-INT WSAAPI DoubleGetAddrInfoExW(PCWSTR, PCWSTR, DWORD, LPGUID, const ADDRINFOEXW*, PADDRINFOEXW* result,
-                                timeval*, LPOVERLAPPED overlapped, LPLOOKUPSERVICE_COMPLETION_ROUTINE routine,
-                                LPHANDLE handle) {
-  doubles.overlapped = overlapped;
-  doubles.result = result;
-  doubles.routine = reinterpret_cast<LPVOID>(routine);
-  doubles.net_call = GetThreadState()->bInNetCall;
-  if (handle) *handle = reinterpret_cast<HANDLE>(0x44);
-  if (!overlapped) {
-    *result = &doubles.answer;
-    return doubles.final_status;
-  }
-  if (!doubles.pending) doubles.End(doubles.final_status);
-  return WSA_IO_PENDING;
-}
 }
 
 namespace {
 
 using Ioctl = decltype(&DoubleWSAIoctl);
 using QueryEx = decltype(&DoubleDnsQueryEx);
-using AddrInfoEx = decltype(&DoubleGetAddrInfoExW);
 
 class NetDoubles : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    static bool installed = false;  // (each suite comes through here)
-    if (installed) return;
-    installed = true;
     NetConfinement::Get();
     GetNetMgr().Init();
     CNetMgr::OnWs2_32Loaded(GetModuleHandleW(nullptr), L"");
@@ -124,7 +88,6 @@ class NetDoubles : public ::testing::Test {
     // (a pointer that the compiler cannot see through: the hooks patch the functions, not their callers)
     ioctl = reinterpret_cast<Ioctl>(GetProcAddress(GetModuleHandleW(nullptr), "WSAIoctl"));
     query_ex = reinterpret_cast<QueryEx>(GetProcAddress(GetModuleHandleW(nullptr), "DnsQueryEx"));
-    addr_info_ex = reinterpret_cast<AddrInfoEx>(GetProcAddress(GetModuleHandleW(nullptr), "GetAddrInfoExW"));
   }
 
   static std::wstring NameOf(std::uint8_t last) {
@@ -136,7 +99,6 @@ class NetDoubles : public ::testing::Test {
 
   Ioctl ioctl;
   QueryEx query_ex;
-  AddrInfoEx addr_info_ex;
 };
 
 // ---- Registered I/O ----
@@ -233,83 +195,6 @@ TEST_F(NetDoubles, UnreadableRequestsPassUnchanged) {
   EXPECT_EQ(doubles.seen_request.pQueryCompletionCallback, &QueryCallback);
   EXPECT_EQ(doubles.net_call, 0);
   VirtualFree(page, 0, MEM_RELEASE);
-}
-
-// ---- GetAddrInfoExW ----
-
-class NetDoublesAddrInfo : public NetDoubles {
- protected:
-  void SetUp() override {
-    NetDoubles::SetUp();
-    original_ = platform::Winsock();
-    platform::Winsock().WaitForSingleObject = [](HANDLE event, DWORD milliseconds) -> DWORD {
-      doubles.waited = milliseconds;
-      return WaitForSingleObject(event, 0);  // a query that has not ended yet does not end in time
-    };
-    platform::Winsock().GetAddrInfoExCancel = [](HANDLE* handle) -> INT {
-      EXPECT_EQ(*handle, reinterpret_cast<HANDLE>(0x44));
-      return ++doubles.cancelled, 0;
-    };
-    platform::Winsock().FreeAddrInfoExW = [](PADDRINFOEXW list) {
-      EXPECT_EQ(list, &doubles.answer);
-      ++doubles.freed;
-    };
-  }
-  void TearDown() override { platform::Winsock() = original_; }
-
-  INT Query(std::uint8_t last, DWORD name_space, OVERLAPPED* overlapped, HANDLE* handle = nullptr) {
-    address_ = Local(last);
-    doubles.answer.ai_addr = &address_.any;
-    doubles.answer.ai_addrlen = sizeof address_.v4;
-    result_ = nullptr;
-    return addr_info_ex(L"info.test", nullptr, name_space, nullptr, nullptr, &result_, nullptr, overlapped,
-                        reinterpret_cast<LPLOOKUPSERVICE_COMPLETION_ROUTINE>(&QueryCallback), handle);
-  }
-
-  platform::WinsockApi original_;
-  Address address_;
-  PADDRINFOEXW result_ = nullptr;
-};
-
-TEST_F(NetDoublesAddrInfo, OverlappedDnsQueryIsWaitedFor) {
-  OVERLAPPED overlapped{};
-  EXPECT_EQ(Query(111, NS_DNS, &overlapped), 0);
-  EXPECT_EQ(doubles.waited, 30'000u);
-  EXPECT_EQ(doubles.routine, nullptr);
-  EXPECT_EQ(doubles.net_call, 1);
-  EXPECT_EQ(overlapped.Internal, 0u);
-  EXPECT_EQ(overlapped.Pointer, &result_);
-  EXPECT_EQ(NameOf(111), L"info.test");
-
-  EXPECT_EQ(Query(122, NS_ALL, nullptr), 0);
-  EXPECT_NE(doubles.routine, nullptr) << "not touched";
-  EXPECT_EQ(doubles.net_call, 0);
-  EXPECT_EQ(NameOf(122), L"");
-}
-
-TEST_F(NetDoublesAddrInfo, StorageOfAnAbandonedQueryLivesUntilTheQueryEnds) {
-  doubles.pending = true;
-  {
-    OVERLAPPED overlapped{};
-    EXPECT_EQ(Query(131, NS_DNS, &overlapped), WSANO_DATA);
-    EXPECT_EQ(WSAGetLastError(), WSANO_DATA);
-    EXPECT_EQ(doubles.cancelled, 1);
-    EXPECT_NE(doubles.overlapped, &overlapped) << "the caller's may be gone when the query ends";
-    EXPECT_NE(doubles.result, &result_);
-  }
-  Doubles late = doubles;  // the abandoned query, while others come
-  doubles.pending = false;
-  EXPECT_EQ(Query(132, NS_DNS, nullptr), 0);
-  EXPECT_EQ(doubles.freed, 0);
-  late.End(0);
-  late.answer = {};
-  EXPECT_EQ(*late.result, &late.answer);
-  *late.result = &doubles.answer;
-  EXPECT_EQ(Query(133, NS_DNS, nullptr), 0);
-  EXPECT_EQ(doubles.freed, 1) << "its late answer";
-  EXPECT_EQ(Query(133, NS_DNS, nullptr), 0);
-  EXPECT_EQ(doubles.freed, 1);
-  EXPECT_EQ(NameOf(131), L"");
 }
 
 }  // namespace

@@ -291,46 +291,6 @@ TEST_F(NetHooks, OtherCompletionsOfAPortAreNotTouched) {
 
 // ---- Bad input ----
 
-TEST_F(NetHooks, BadAddressesNeverFault) {
-  NetConfinement::Get().SetRules({AddressRule(1, {127, 0, 0, kAllowed}), DefaultRule(0)});
-  Socket udp(AF_INET, SOCK_DGRAM), tcp(AF_INET, SOCK_STREAM);
-  const Address good = Local(kAllowed, 9);
-  Address odd = good;
-  odd.any.sa_family = 77;
-  auto* unreadable = reinterpret_cast<const sockaddr*>(16);
-  char roomy[300] = {};
-  memcpy(roomy, &good, sizeof good.v4);
-  struct Case {
-    const sockaddr* address;
-    int length;
-  };
-  for (const Case& c : {Case{unreadable, 16}, Case{&good.any, 0}, Case{&good.any, 1}, Case{&good.any, 3},
-                        Case{&good.any, -1}, Case{&odd.any, 16}, Case{nullptr, 16}, Case{nullptr, 0},
-                        Case{reinterpret_cast<sockaddr*>(roomy), 300}}) {
-    connect(tcp, c.address, c.length);
-    sendto(udp, "x", 1, 0, c.address, c.length);
-    WSABUF buffer{1, const_cast<char*>("x")};
-    DWORD sent = 0;
-    WSASendTo(udp, &buffer, 1, &sent, 0, c.address, c.length, nullptr, nullptr);
-  }
-  // What the library cannot read it hands to the real function, fault and all: the fault is the caller's.
-  DWORD received = 0, flags = 0;
-  (void)platform::Guarded([&] {
-    WSARecvFrom(udp, reinterpret_cast<WSABUF*>(16), 1, &received, &flags, nullptr, nullptr, nullptr, nullptr);
-  });
-  const auto send_msg = Extension<LPFN_WSASENDMSG>(udp, WSAID_WSASENDMSG);
-  const auto recv_msg = Extension<LPFN_WSARECVMSG>(udp, WSAID_WSARECVMSG);
-  (void)platform::Guarded([&] { recv_msg(udp, reinterpret_cast<WSAMSG*>(16), &received, nullptr, nullptr); });
-  WSABUF one{1, const_cast<char*>("x")};
-  WSAMSG message{};
-  message.name = const_cast<sockaddr*>(unreadable);
-  message.namelen = 16;
-  message.lpBuffers = &one;
-  message.dwBufferCount = 1;
-  EXPECT_EQ(send_msg(udp, &message, 0, &received, nullptr, nullptr), -1);
-  EXPECT_EQ(WSAGetLastError(), WSAENETUNREACH);
-}
-
 // ---- Many threads ----
 
 TEST_F(NetHooks, CountsOfManyThreadsAddUp) {
@@ -378,16 +338,6 @@ TEST_F(NetHooks, CountsOfManyThreadsAddUp) {
 }
 
 // ---- Names ----
-
-TEST_F(NetHooks, FaultInsideAResolutionLeavesTheThreadChecked) {
-  (void)platform::Guarded([] { (void)gethostbyname(reinterpret_cast<const char*>(16)); });
-  (void)platform::Guarded([] {
-    ADDRINFOW* info = nullptr;
-    (void)GetAddrInfoW(reinterpret_cast<const wchar_t*>(16), nullptr, nullptr, &info);
-  });
-  EXPECT_EQ(GetThreadState()->bInNetCall, 0);
-  EXPECT_EQ(GetThreadState()->hookDepth, 0u);
-}
 
 }  // namespace
 }  // namespace VornCore::test

@@ -50,25 +50,6 @@ class SocketModel : public ::testing::Test {
   SocketACLModel model;
 };
 
-TEST_F(SocketModel, ExactAddressOfAnOwnServerIsAllowed) {
-  model.AddSocket(kProtocolTcp, AF_INET, 10);
-  model.AddSocket(kProtocolUdp, AF_INET, 20);
-  model.SetBoundAddress(10, At(Local(1, 8080)));
-  EXPECT_EQ(Check(Local(1, 8080), kProtocolTcp), 1u);
-  EXPECT_EQ(Check(Local(1, 8080), kProtocolUdp), 0u);
-  EXPECT_EQ(Check(Local(1, 8081), kProtocolTcp), 0u);
-  EXPECT_EQ(Check(Local(2, 8080), kProtocolTcp), 0u);
-  model.SetBoundAddress(10, At(Local(0, 0)));  // not the any-address: bound nowhere
-  EXPECT_EQ(Check(Local(1, 8080), kProtocolTcp), 0u);
-  model.SetBoundAddress(10, At(Local(1, 8080)));
-  char roomy[200] = {};
-  const Address to = Local(1, 8080);
-  memcpy(roomy, &to, sizeof to.v4);
-  EXPECT_EQ(model.CheckSocketACL(nullptr, reinterpret_cast<sockaddr*>(roomy), 200, kProtocolTcp).verdict, 0u);
-  model.RemoveSocket(10);
-  EXPECT_EQ(Check(Local(1, 8080), kProtocolTcp), 0u);
-}
-
 TEST_F(SocketModel, SocketBoundByASendIsFoundByTheNextCheck) {
   model.AddSocket(kProtocolUdp, AF_INET, 10);
   model.AddSendCount(10, 1);
@@ -100,24 +81,6 @@ TEST_F(SocketModel, WinsockCallsOfACheckDoNotGrowWithTheSockets) {
   EXPECT_EQ(SocketNames::calls, 0) << "another protocol's sockets";
   (void)Check(Local(9, 9), kProtocolUdp);
   EXPECT_EQ(SocketNames::calls, 1);
-}
-
-TEST_F(SocketModel, BoundSocketThatReceivesFirstIsAServer) {
-  model.AddSocket(kProtocolUdp, AF_INET, 10);
-  EXPECT_FALSE(model.QuerySocket(10, true).is_server) << "not bound to a port";
-  model.SetBoundAddress(10, At(Local(1, 53)));
-  EXPECT_FALSE(model.QuerySocket(10, false).is_server);
-  EXPECT_TRUE(model.QuerySocket(10, true).is_server);
-  EXPECT_TRUE(model.QuerySocket(10, false).is_server);
-  model.SetBoundAddress(10, At(Local(1, 53)));
-  EXPECT_TRUE(model.QuerySocket(10, false).is_server) << "the same address";
-  model.SetBoundAddress(10, At(Local(1, 54)));
-  EXPECT_FALSE(model.QuerySocket(10, false).is_server);
-
-  model.AddSocket(kProtocolUdp, AF_INET, 20);
-  model.SetBoundAddress(20, At(Local(1, 55)));
-  model.AddSendCount(20, 1);
-  EXPECT_FALSE(model.QuerySocket(20, true).is_server) << "it sent first";
 }
 
 }  // namespace

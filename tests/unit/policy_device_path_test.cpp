@@ -47,16 +47,6 @@ TEST(DevicePath, PipesMailslotsAndNetworkDevicesAreToldApart) {
   for (const auto& c : cases) EXPECT_EQ(ClassifyDevicePath(c.path), c.kind) << Narrow(c.path);
 }
 
-TEST(DevicePath, OnlyTheDirectoryAndItsContentsAreUnderIt) {
-  constexpr std::u16string_view kTemp = u"\\Device\\HarddiskVolume3\\Temp\\";
-  EXPECT_TRUE(IsUnder(u"\\device\\harddiskvolume3\\TEMP", kTemp));
-  EXPECT_TRUE(IsUnder(u"\\device\\harddiskvolume3\\temp\\", kTemp));
-  EXPECT_TRUE(IsUnder(u"\\device\\harddiskvolume3\\temp\\a\\b", kTemp));
-  EXPECT_FALSE(IsUnder(u"\\device\\harddiskvolume3\\temp2", kTemp));
-  EXPECT_FALSE(IsUnder(u"\\device\\harddiskvolume3\\tem", kTemp));
-  EXPECT_FALSE(IsUnder(u"\\anything", u""));
-}
-
 TEST(DevicePath, RecycleBinVolumesAndShares) {
   EXPECT_TRUE(IsRecycleBinPath(u"\\Device\\HarddiskVolume3\\$RECYCLE.BIN\\S-1-5"));
   EXPECT_TRUE(IsRecycleBinPath(u"\\Device\\HarddiskVolume12\\$Recycle.Bin\\"));
@@ -68,17 +58,6 @@ TEST(DevicePath, RecycleBinVolumesAndShares) {
   EXPECT_TRUE(IsHardDiskVolumeOrMup(u"\\Device\\Mup\\srv\\share"));
   EXPECT_FALSE(IsHardDiskVolumeOrMup(u"\\Device\\Mup\\srv\\pipe\\x"));
   EXPECT_FALSE(IsHardDiskVolumeOrMup(u"\\Device\\CdRom0\\x"));
-}
-
-TEST(DevicePath, TheLastComponentFollowsTheLastSeparator) {
-  const struct {
-    std::u16string_view path;
-    std::size_t at;
-  } cases[] = {
-      {u"\\a\\bc", 3},  {u"\\a\\bc\\", 3},   {u"\\a", kNotFound}, {u"a\\b", 2},       {u"\\", kNotFound},
-      {u"", kNotFound}, {u"a\\", kNotFound}, {u"\\\\b", 2},       {u"ab", kNotFound},
-  };
-  for (const auto& c : cases) EXPECT_EQ(FindLastComponent(c.path), c.at) << Narrow(c.path);
 }
 
 TEST(DevicePath, NetworkDrivesMatchUpToTheirShare) {

@@ -9,8 +9,6 @@ namespace {
 
 using test::SectionBuilder;
 
-SectionView View(const std::vector<std::byte>& memory) { return SectionView{memory}; }
-
 TEST(PathHash, FoldsOnlyTheLettersAToZ) {
   EXPECT_EQ(HashPathNoCase(u""), 0u);
   EXPECT_EQ(HashPathNoCase(u"a"), 5381u * 33 + 'a');
@@ -18,65 +16,6 @@ TEST(PathHash, FoldsOnlyTheLettersAToZ) {
   EXPECT_NE(HashPathNoCase(u"\u00C4"), HashPathNoCase(u"\u00E4"));
   EXPECT_NE(HashPathNoCase(u"["), HashPathNoCase(u"{"));
   EXPECT_NE(HashPathNoCase(u"@"), HashPathNoCase(u"`"));
-}
-
-TEST(SectionView, IsValidOnlyWithAWholeHeader) {
-  const auto memory = SectionBuilder().Build();
-  EXPECT_TRUE(View(memory).Valid());
-  EXPECT_EQ(SectionView().Check(), SectionStatus::kTooSmall);
-  EXPECT_EQ(SectionView(std::span(memory).first(99)).Check(), SectionStatus::kTooSmall);
-}
-
-TEST(SectionView, ReadsEveryHeaderStringAtAnyAlignment) {
-  struct Case {
-    SharedString SharedDataHeader::*field;
-    SectionText (SectionView::*get)() const noexcept;
-  };
-  const Case cases[] = {
-      {&SharedDataHeader::log_directory, &SectionView::LogDirectory},
-      {&SharedDataHeader::dump_directory, &SectionView::DumpDirectory},
-      {&SharedDataHeader::server_port_name, &SectionView::ServerPortName},
-      {&SharedDataHeader::create_process_event_prefix, &SectionView::CreateProcessEventPrefix},
-      {&SharedDataHeader::biz_dll_path_x64, &SectionView::BizDllPathX64},
-      {&SharedDataHeader::biz_dll_path_x86, &SectionView::BizDllPathX86},
-      {&SharedDataHeader::ipc_path_64, &SectionView::IPC64FullPath},
-      {&SharedDataHeader::ipc_path_32, &SectionView::IPC32FullPath},
-  };
-  for (const bool misaligned : {false, true}) {
-    SectionBuilder builder;
-    if (misaligned) builder.Misalign();
-    std::u16string text = u"C:\\folder";
-    for (const Case& c : cases) builder.String(c.field, text += u'x');
-    const auto memory = builder.Build();
-    text = u"C:\\folder";
-    for (const Case& c : cases) {
-      const SectionText read = (View(memory).*c.get)();
-      EXPECT_TRUE(EqualsNoCase(read.text, text += u'x'));
-      EXPECT_EQ(read.byte_length, text.size() * 2);
-    }
-  }
-}
-
-TEST(SectionView, StringsThatLeaveTheMappingAreAbsent) {
-  SectionBuilder builder;
-  builder.String(&SharedDataHeader::log_directory, u"12345678");
-  const auto size = static_cast<std::uint32_t>(builder.Build().size());
-  const struct {
-    std::uint32_t length, offset;
-    bool present;
-  } cases[] = {
-      {0, 100, false},         {16, 100, true},      {16, size - 16, true},  {16, size - 15, false},
-      {2, size, false},        {2, size + 1, false}, {0xFFFFFFFF, 1, false}, {0xFFFFFFFF, 0xFFFFFFFF, false},
-      {16, 0xFFFFFFF8, false}, {size, 0, true},      {size + 1, 0, false},   {1, 100, true},
-  };
-  for (const auto& c : cases) {
-    builder.header().log_directory = {c.length, c.offset};
-    const auto memory = builder.Build();
-    const SectionText text = View(memory).LogDirectory();
-    EXPECT_EQ(text.Present(), c.present) << c.length << " at " << c.offset;
-    EXPECT_EQ(text.byte_length, c.length);
-    EXPECT_EQ(text.text.size(), c.present ? c.length / 2 : 0);
-  }
 }
 
 TEST(SectionView, RulesOutsideTheTableOrTheMappingDoNotExist) {

@@ -46,11 +46,6 @@ class SectionBuilder {
     return *this;
   }
 
-  SectionBuilder& String(SharedString SharedDataHeader::*field, std::u16string_view text) {
-    header_.*field = Text(text);
-    return *this;
-  }
-
   SectionBuilder& FileRule(std::uint32_t access, std::u16string_view path) {
     return FileRule(access, path, HashPathNoCase(path));
   }
