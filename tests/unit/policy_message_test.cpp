@@ -178,5 +178,16 @@ TEST(Message, ExtensionsOfOlderAndNewerSendersAreRead) {
   }
 }
 
+TEST(Message, EveryTruncationIsRefusedAlsoWithAMatchingHeader) {
+  for (const Row& row : Rows()) {
+    for (std::size_t size = 30; size < row.encoded.size(); ++size) {
+      std::vector<std::byte> cut(row.encoded.begin(),
+                                 row.encoded.begin() + static_cast<std::ptrdiff_t>(size));
+      EXPECT_FALSE(DecodeMessage(cut).Ok());
+      EXPECT_NE(DecodeWith(cut, 25, static_cast<std::uint32_t>(size - 30)).reason, DecodeReason::kNone);
+    }
+  }
+}
+
 }  // namespace
 }  // namespace vorn::policy

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "Policy/file_rules.h"
 #include "Policy/section_view.h"
 #include "section_builder.h"
@@ -16,6 +18,19 @@ TEST(PathHash, FoldsOnlyTheLettersAToZ) {
   EXPECT_NE(HashPathNoCase(u"\u00C4"), HashPathNoCase(u"\u00E4"));
   EXPECT_NE(HashPathNoCase(u"["), HashPathNoCase(u"{"));
   EXPECT_NE(HashPathNoCase(u"@"), HashPathNoCase(u"`"));
+}
+
+TEST(SectionView, StringsEndWithTheMappingAndNoByteLater) {
+  auto memory = SectionBuilder().FileRule(1, u"12345678").Build();
+  const auto size = static_cast<std::uint32_t>(memory.size());
+  auto* header = reinterpret_cast<SharedDataHeader*>(memory.data());
+  for (const auto& [length, offset, present] : {std::tuple(16u, size - 16, true),
+                                                {16u, size - 15, false},
+                                                {size, 0u, true},
+                                                {16u, 0xFFFFFFF8, false}}) {
+    header->log_directory = {length, offset};
+    EXPECT_EQ(SectionView{memory}.LogDirectory().Present(), present) << length << " at " << offset;
+  }
 }
 
 TEST(SectionView, RulesOutsideTheTableOrTheMappingDoNotExist) {
