@@ -349,8 +349,10 @@ std::string Run(const Arguments& a) {
 
 int main(int count, char** words) {
   WSADATA data;
-  for (int i = 0; i < 2; ++i)  // as a program and its libraries do
+  for (int i = 0; i < 2; ++i) {  // as a program and its libraries do
     if (const int error = WSAStartup(MAKEWORD(2, 2), &data)) return error;
+    Sleep(2);  // two reports of one millisecond could not be told from one that was sent twice
+  }
   std::vector<Arguments> commands(1);
   for (int i = 1; i < count; ++i) {
     if (std::string(words[i]) == "/")
