@@ -137,6 +137,31 @@ FileACL FileACLModel::CheckFileACLAdapterHardLinks(std::wstring_view path, FileA
   return vorn::policy::WeakestName(GetSection(), verdict, context).access;
 }
 
+FileVerdict FileACLModel::HeldByRule(std::wstring_view path) const noexcept {
+  FileVerdict verdict{.access = FileACL::kReadWrite};
+  ThreadState* state = GetThreadState();
+  if (!state || !GetSection().Has(vorn::policy::SectionOption::kRulesHoldPlaces)) return verdict;
+  ScratchLevel level(state);
+  FileLinkHelper links;
+  platform::WithFinally(
+      [&] {
+        const std::wstring_view target = links.GetFileSymbolicLink(path);
+        verdict = vorn::policy::HeldByRule(GetSection(), U16(target.empty() ? path : target));
+      },
+      [&] { links.Close(); });
+  return verdict;
+}
+
+FileVerdict FileACLModel::HeldByRule(HANDLE file) const noexcept {
+  FileVerdict verdict{.access = FileACL::kReadWrite};
+  ThreadState* state = GetThreadState();
+  if (!state || !GetSection().Has(vorn::policy::SectionOption::kRulesHoldPlaces)) return verdict;
+  const ScratchLevel level(state);
+  std::wstring_view path;
+  if (nt::Success(GetPath(file, nullptr, &path))) verdict = vorn::policy::HeldByRule(GetSection(), U16(path));
+  return verdict;
+}
+
 void FileACLModel::PrintACLFilesLog() const noexcept {
   if (!IsDebugLogEnabled()) return;
   for (std::uint32_t i = 0, count = GetFileRuleCount(); i < count; ++i) {

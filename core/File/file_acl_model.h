@@ -28,6 +28,11 @@ class FileACLModel {
   // The weakest access among all names of the file at path, access itself included.
   FileACL CheckFileACLAdapterHardLinks(std::wstring_view path, FileACL access) const noexcept;
 
+  // Whether what stands at path, or what a handle stands for, may be renamed, moved or deleted: the kernel's
+  // HeldByRule of the final path. kReadWrite also when no path can be told.
+  FileVerdict HeldByRule(std::wstring_view path) const noexcept;
+  FileVerdict HeldByRule(HANDLE file) const noexcept;
+
   HandleRecords& handles() noexcept { return handles_; }
 
  private:

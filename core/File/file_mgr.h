@@ -9,6 +9,7 @@
 #pragma once
 
 #include "File/file_acl_model.h"
+#include "File/file_audit.h"
 #include "Platform/lock.h"
 #include "VornCore/Base/thread_state.h"
 #include "VornCore/Hook/kernel_base.h"
@@ -61,6 +62,8 @@ class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKer
     BOOLEAN delete_file;  // class 13
     ULONG flags;          // class 64
   };
+  Outcome HoldPlace(AuditType type, HANDLE handle, std::wstring_view target = {}) noexcept;
+  Outcome HandleBasicInformation(HANDLE handle) noexcept;
   void* HandleDisposition(HANDLE handle, void* information, ULONG length, bool extended,
                           DispositionBuffer* substitute) noexcept;
   Outcome HandleRename(HANDLE handle, const void* information, ULONG length, ULONG info_class) noexcept;

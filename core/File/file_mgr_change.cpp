@@ -36,6 +36,13 @@ bool IsRename(ULONG info_class) {
   return info_class == nt::kFileRenameInformation || info_class == nt::kFileRenameInformationEx;
 }
 
+// Whether a disposition asks for deletion. Reads the caller's buffer.
+bool AsksToDelete(const void* information, ULONG length, bool extended) {
+  if (!extended) return length >= sizeof(BOOLEAN) && *static_cast<const BOOLEAN*>(information);
+  return length >= sizeof(ULONG) && (static_cast<const nt::DispositionInformationEx*>(information)->Flags &
+                                     (nt::kDispositionDelete | nt::kDispositionOnClose));
+}
+
 // What a rename or a new hard link asks for, read from the caller's buffer.
 struct RenameRequest {
   HANDLE root;
@@ -100,11 +107,17 @@ NTSTATUS CFileMgr::NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoSt
     void* information = FileInformation;
     DispositionBuffer substitute = {};
     if (FileInformation) {
-      if (info_class == nt::kFileDispositionInformation || info_class == nt::kFileDispositionInformationEx)
-        information = HandleDisposition(FileHandle, FileInformation, Length,
-                                        info_class == nt::kFileDispositionInformationEx, &substitute);
-      else if ((IsRename(info_class) || IsLink(info_class)) && !(state && state->bOwnCall))
+      if (info_class == nt::kFileDispositionInformation || info_class == nt::kFileDispositionInformationEx) {
+        const bool extended = info_class == nt::kFileDispositionInformationEx;
+        if (AsksToDelete(FileInformation, Length, extended))
+          outcome = HoldPlace(AuditType::kDelete, FileHandle);
+        if (!outcome.decided)
+          information = HandleDisposition(FileHandle, FileInformation, Length, extended, &substitute);
+      } else if (info_class == nt::kFileBasicInformation) {
+        outcome = HandleBasicInformation(FileHandle);
+      } else if ((IsRename(info_class) || IsLink(info_class)) && !(state && state->bOwnCall)) {
         outcome = HandleRename(FileHandle, FileInformation, Length, info_class);
+      }
     }
     if (outcome.decided) {
       status = Answer(IoStatusBlock, outcome.status);
@@ -117,6 +130,30 @@ NTSTATUS CFileMgr::NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoSt
     if (answer != status) status = Answer(IoStatusBlock, answer);
   });
   return status;
+}
+
+// A folder that has a stricter rule below it stays where it is: under another name, or made anew, it would be
+// without that rule.
+CFileMgr::Outcome CFileMgr::HoldPlace(AuditType type, HANDLE handle, std::wstring_view target) noexcept {
+  ThreadState* state = GetThreadState();
+  if (!state || state->bOwnCall) return {};
+  const FileVerdict held = model_.HeldByRule(handle);
+  if (held.access == FileACL::kReadWrite) return {};
+  const ScratchLevel level(state);
+  std::wstring_view path;
+  (void)GetPath(handle, nullptr, &path);
+  SendFileAudit(type, STATUS_ACCESS_DENIED, {held, path}, {{}, target});
+  return {true, STATUS_ACCESS_DENIED};
+}
+
+// Not every system asks for the right to write attributes when they are written.
+CFileMgr::Outcome CFileMgr::HandleBasicInformation(HANDLE handle) noexcept {
+  if (!GetSection().Has(vorn::policy::SectionOption::kProtectionIsAWrite)) return {};
+  const HandleRecordPtr record = model_.handles().Find(handle);
+  if (!record || record->file.access != FileACL::kRead || (record->desired_access & FILE_WRITE_ATTRIBUTES))
+    return {};
+  SendFileAudit(AuditType::kWrite, STATUS_ACCESS_DENIED, {record->file, record->path});
+  return {true, HandleSetInformationFailure(STATUS_ACCESS_DENIED, handle, nt::kFileBasicInformation)};
 }
 
 // A delete request on a recorded handle is remembered, and the real call that follows asks the system to
@@ -165,6 +202,8 @@ CFileMgr::Outcome CFileMgr::HandleRename(HANDLE handle, const void* information,
     SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, {source_verdict, source}, {{}, target});
     return kRefused;
   }
+  if (!IsLink(info_class))
+    if (const Outcome held = HoldPlace(AuditType::kRename, handle, target); held.decided) return held;
   if (target.empty()) {
     VORN_LOG_E("GetRenameTargetPath error, path:%s", OrNil(WideToAnsi(source.data())));
     return kRealCall;

@@ -15,6 +15,7 @@
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
+#include "VornCore/Hook/own_handle.h"
 
 namespace VornCore {
 namespace {
@@ -28,6 +29,8 @@ using vorn::policy::U16;
 constexpr ACCESS_MASK kWriteRights = GENERIC_WRITE | GENERIC_ALL | MAXIMUM_ALLOWED | FILE_WRITE_ATTRIBUTES |
                                      FILE_WRITE_EA | FILE_APPEND_DATA | FILE_WRITE_DATA;
 static_assert(kWriteRights == 0x52000116);
+// Change who may do what with the file.
+constexpr ACCESS_MASK kProtectionRights = WRITE_DAC | WRITE_OWNER;
 // Asked for when nothing else is left.
 constexpr ACCESS_MASK kAttributeAccess = SYNCHRONIZE | FILE_READ_ATTRIBUTES;
 
@@ -40,6 +43,7 @@ enum Step : unsigned {
   kStepUnconfined = 160,      // undecided: on the canonical path, access unchanged
   kStepDenied = 165,          // refused
   kStepDeleteRefused = 175,   // read only, delete on close: refused
+  kStepProtectRefused = 185,  // read only, would change its protection: refused
   kStepReplaceRefused = 194,  // read only, would replace or overwrite: refused
   kStepOpened = 216,          // on the canonical path, with adjusted arguments
   kStepException = 218,       // a fault while the call was being confined
@@ -193,6 +197,28 @@ void OfferSample(std::uint64_t path_time, std::uint64_t acl_time, std::uint64_t 
                vorn::policy::kSubtypeSampleFileCreate, call.path.data());
 }
 
+// Inside the loader: whether the call was made as asked, because it opens a module (or, in a plain section,
+// whatever it does). A file that no image can be made of is no module: its open is judged like any other.
+bool PassesInLoader(OpenCall& call) {
+  if (GetSection().Has(SectionOption::kLoaderOnlyLoads)) {
+    constexpr ACCESS_MASK kChanges = kWriteRights | kProtectionRights | DELETE | ACCESS_SYSTEM_SECURITY;
+    constexpr ACCESS_MASK kRuns = FILE_EXECUTE | GENERIC_EXECUTE;
+    if ((call.asked.access & kChanges) || call.asked.disposition != FILE_OPEN || !call.handle) return false;
+    call.status = call.CallReal(call.attributes, call.asked);
+    if (!nt::Success(call.status)) return false;
+    OwnHandle image;
+    const NTSTATUS status =
+        NtCreateSection(image.put(), SECTION_QUERY, nullptr, nullptr,
+                        (call.asked.access & kRuns) ? PAGE_EXECUTE : PAGE_READONLY, SEC_IMAGE, *call.handle);
+    if (nt::Success(status)) return true;
+    CloseOwnHandle(*call.handle);
+    *call.handle = nullptr;
+    return false;
+  }
+  call.status = call.CallReal(call.attributes, call.asked);
+  return true;
+}
+
 // Takes rights away; a call that asked for nothing else may still look at the file.
 void RemoveAccess(OpenArguments& arguments, ACCESS_MASK rights) {
   if (!(arguments.access & rights)) return;
@@ -226,10 +252,11 @@ NTSTATUS CFileMgr::NtCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
     return status;
   }
   ThreadState* state = GetThreadState();
-  if (!state || state->bInLoader || state->bInCreateFile || state->bOwnCall || !ObjectAttributes)
+  if (!state || state->bInCreateFile || state->bOwnCall || !ObjectAttributes)
     return call.CallReal(ObjectAttributes, asked);
-
   const platform::LastErrorKeeper last_error;
+  if (state->bInLoader && PassesInLoader(call)) return call.status;
+
   const HookDepthGuard handler(state);
   const ScratchLevel level(state);
   state->bInCreateFile = 1;
@@ -286,6 +313,10 @@ void CFileMgr::ApplyDecision(OpenCall& call) noexcept {
     case FileACL::kRead:
       if (delete_on_close && call.decision.named.access != FileACL::kReadWrite)
         return call.Refuse(kStepDeleteRefused, AuditType::kDelete);
+      if (GetSection().Has(SectionOption::kProtectionIsAWrite)) {
+        if (call.given.access & kProtectionRights) return call.Refuse(kStepProtectRefused, AuditType::kWrite);
+        RemoveAccess(call.given, ACCESS_SYSTEM_SECURITY);
+      }
       RemoveAccess(call.given, kWriteRights);
       if (call.given.disposition == FILE_CREATE || call.given.disposition == FILE_OPEN_IF)
         call.given.disposition = FILE_OPEN;
@@ -293,6 +324,15 @@ void CFileMgr::ApplyDecision(OpenCall& call) noexcept {
       return OpenRecorded(call);
     case FileACL::kReadWrite:
       if (call.decision.in_recycle_bin) RemoveAccess(call.given, DELETE);
+      if (delete_on_close) {
+        const FileVerdict held = model_.HeldByRule(call.path);
+        if (held.access != FileACL::kReadWrite) {
+          call.decision.file = held;
+          return call.Refuse(kStepDeleteRefused, AuditType::kDelete);
+        }
+      }
+      // What is deleted while the loader works cannot be moved to the bin: it is deleted as asked.
+      if (GetThreadState()->bInLoader) return call.CallOnPath(kStepOpened);
       return OpenRecorded(call);
   }
 }

@@ -1,20 +1,31 @@
 #include "Load/load_dll_mgr.h"
 
 #include "VornCore/Base/hook_depth_guard.h"
+#include "VornCore/Base/shared_data.h"
 
 namespace VornCore {
 namespace {
 
-// Runs load with the thread marked as inside the loader. The mark is a flag, not a counter: a load that nests
-// in another clears it on its way out. It stands outside of the handler's scope, so that a fault which leaves
-// the loader leaves it set.
+// Runs load with the thread marked as inside the loader. The mark stands outside of the handler's scope. In a
+// plain section it is cleared on the way out, also of a load that nests in another, and a fault which leaves
+// the loader leaves it set; where the loader only loads, every way out brings back what it was.
 template <class Load>
 auto InLoader(Load load) {
   ThreadState* state = GetThreadState();
   if (!state) return load();  // no memory for the mark: the file handlers judge this load like any other work
+  const bool only_loads = GetSection().Has(vorn::policy::SectionOption::kLoaderOnlyLoads);
+  const std::uint8_t before = only_loads ? state->bInLoader : 0;
   state->bInLoader = 1;
-  const auto result = HookDepthGuard(state).Real(load);
-  state->bInLoader = 0;
+  decltype(load()) result{};
+  bool returned = false;
+  platform::WithFinally(
+      [&] {
+        result = HookDepthGuard(state).Real(load);
+        returned = true;
+      },
+      [&] {
+        if (returned || only_loads) state->bInLoader = before;
+      });
   return result;
 }
 

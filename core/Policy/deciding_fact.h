@@ -28,6 +28,7 @@ enum class DecidingFact : std::uint32_t {
   kDomainRule = 15,
   kDefaultRule = 16,
   kNoMatch = 17,
+  kRuleBelow = 18,
 };
 
 // A short phrase, empty for kNone; "unknown" for any value that is not above.
@@ -69,6 +70,8 @@ enum class DecidingFact : std::uint32_t {
       return "default rule";
     case DecidingFact::kNoMatch:
       return "no rule matches";
+    case DecidingFact::kRuleBelow:
+      return "a stricter rule lies below";
   }
   return "unknown";
 }

@@ -29,14 +29,17 @@ FileDecision DecideFile(const SectionView& section, const FileFacts& facts, File
   if (facts.path.empty() || !facts.on_file_system)
     return same({FileACL::kUnknown, DecidingFact::kNoFileSystem, kNoRule});
   FileDecision decision;
-  decision.in_recycle_bin = IsRecycleBinPath(facts.path);
-  if (decision.in_recycle_bin || IsUnder(facts.path, facts.temp_directory)) {
-    const auto place = decision.in_recycle_bin ? DecidingFact::kRecycleBin : DecidingFact::kTemp;
+  const bool in_bin = IsRecycleBinPath(facts.path);
+  const bool free_place = in_bin || IsUnder(facts.path, facts.temp_directory);
+  if (free_place && !section.Has(SectionOption::kPlacesFromRules)) {
+    const auto place = in_bin ? DecidingFact::kRecycleBin : DecidingFact::kTemp;
     decision.file = decision.named = {FileACL::kReadWrite, place, kNoRule};
+    decision.in_recycle_bin = in_bin;
     return decision;
   }
   decision.file = decision.named = DecidePath(section, facts.path, context);
   if (decision.named.access != FileACL::kReadWrite) return decision;
+  decision.in_recycle_bin = in_bin;
   const FileVerdict weakest = WeakestName(section, decision.named, context);
   if (weakest.access != FileACL::kReadWrite)
     decision.file = {FileACL::kRead, DecidingFact::kOtherName, weakest.rule};
@@ -52,6 +55,14 @@ FileVerdict WeakestName(const SectionView& section, FileVerdict start, FileConte
     if (verdict.access < weakest.access) weakest = verdict;
   }
   return weakest;
+}
+
+FileVerdict HeldByRule(const SectionView& section, std::u16string_view path) noexcept {
+  if (section.Has(SectionOption::kRulesHoldPlaces)) {
+    const FileRuleMatch match = FindStricterRuleWithin(section, path, FileACL::kReadWrite);
+    if (match.found) return {match.access, DecidingFact::kRuleBelow, match.rule_index};
+  }
+  return {FileACL::kReadWrite, DecidingFact::kNone, kNoRule};
 }
 
 std::size_t FindStream(std::u16string_view path) noexcept {

@@ -54,4 +54,20 @@ FileRuleMatch CheckConfigPermission(const SectionView& section, std::u16string_v
   return FindRule(section, rules, path, prefixes);
 }
 
+FileRuleMatch FindStricterRuleWithin(const SectionView& section, std::u16string_view path,
+                                     FileACL access) noexcept {
+  if (!path.empty() && path.back() == u'\\') path.remove_suffix(1);
+  const auto rules = section.FileRules();
+  for (std::size_t i = 0; !path.empty() && i < rules.size(); ++i) {
+    const std::uint32_t rule_access = rules[i].access;
+    if (rule_access == 0 || rule_access >= static_cast<std::uint32_t>(access)) continue;
+    // Volumes and top folders are alike: a rule elsewhere differs where `path` ends.
+    const std::u16string_view place = section.PathOf(rules[i]).text;
+    if (place.size() < path.size() || (place.size() > path.size() && place[path.size()] != u'\\')) continue;
+    if (!StartsWithNoCase(place, path)) continue;
+    return {static_cast<FileACL>(rule_access), true, false, static_cast<std::uint32_t>(i)};
+  }
+  return {};
+}
+
 }  // namespace vorn::policy

@@ -56,4 +56,9 @@ struct FileRuleMatch {
 [[nodiscard]] FileRuleMatch CheckConfigPermission(const SectionView& section, std::u16string_view path,
                                                   std::size_t length) noexcept;
 
+// The first rule in the table with less than `access` that names `path` or something below it. One pass over
+// the table, in which most rules cost one comparison.
+[[nodiscard]] FileRuleMatch FindStricterRuleWithin(const SectionView& section, std::u16string_view path,
+                                                   FileACL access) noexcept;
+
 }  // namespace vorn::policy

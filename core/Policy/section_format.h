@@ -82,6 +82,10 @@ static_assert(offsetof(SharedDataHeader, net_rule_offset) == 96);
 enum class SectionOption : std::uint32_t {
   kDecisionInAudit = 1u << 0,  // audits carry the rule and the fact that decided
   kAuditAllowed = 1u << 1,     // files that a program may open are audited, too
+  kPlacesFromRules = 1u << 2,  // no place is open by itself: temp folder and recycle bins take rules as well
+  kLoaderOnlyLoads = 1u << 3,  // inside the loader only modules pass unjudged
+  kProtectionIsAWrite = 1u << 4,  // changing who may do what with a file, or its attributes, is writing it
+  kRulesHoldPlaces = 1u << 5,     // a folder with a stricter rule below keeps its name and its place
 };
 
 // Tells the block from whatever else may follow the header.

@@ -32,8 +32,10 @@ int Restore(const std::string& run, bool list, const std::vector<std::string>& p
 // Shows what a crash dump says.
 int Dump(const std::string& file);
 
-// Reads, parses and compiles a policy; on failure prints every mistake and returns nothing.
-std::optional<host::CompiledPolicy> LoadPolicy(const std::string& file);
+// Reads, parses and compiles a policy; on failure prints every mistake and returns nothing. private_temp: the
+// temp folder of the run, where there is one.
+std::optional<host::CompiledPolicy> LoadPolicy(const std::string& file,
+                                               const std::wstring& private_temp = {});
 
 // Writes a line of UTF-8 to standard output or standard error.
 void PrintLine(const std::string& text);

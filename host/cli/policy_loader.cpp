@@ -35,7 +35,7 @@ void PrintTo(DWORD stream, const std::string& text) {
 void PrintLine(const std::string& text) { PrintTo(STD_OUTPUT_HANDLE, text); }
 void PrintErrorLine(const std::string& text) { PrintTo(STD_ERROR_HANDLE, text); }
 
-std::optional<host::CompiledPolicy> LoadPolicy(const std::string& file) {
+std::optional<host::CompiledPolicy> LoadPolicy(const std::string& file, const std::wstring& private_temp) {
   std::ifstream stream(std::filesystem::path(host::ToWide(file)), std::ios::binary);
   if (!stream) {
     PrintErrorLine("vorn: cannot read the policy \"" + file + "\": " + host::Win32ErrorText(GetLastError()));
@@ -47,7 +47,9 @@ std::optional<host::CompiledPolicy> LoadPolicy(const std::string& file) {
   };
   auto parsed = host::ParsePolicy(text, EnvironmentVariable);
   if (auto* errors = std::get_if<1>(&parsed)) return print(*errors), std::nullopt;
-  auto compiled = host::CompiledPolicy::Make(std::get<host::PolicyDocument>(std::move(parsed)));
+  auto document = std::get<host::PolicyDocument>(std::move(parsed));
+  auto host_rules = host::FreePlaces(document.temp, private_temp);
+  auto compiled = host::CompiledPolicy::Make(std::move(document), std::move(host_rules));
   if (auto* errors = std::get_if<1>(&compiled)) return print(*errors), std::nullopt;
   return std::get<host::CompiledPolicy>(std::move(compiled));
 }

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <system_error>
 
@@ -12,6 +13,7 @@
 #include "vorn/environment.h"
 #include "vorn/launcher.h"
 #include "vorn/message_server.h"
+#include "vorn/private_temp.h"
 #include "vorn/text.h"
 
 namespace vorn::cli {
@@ -75,6 +77,14 @@ std::wstring Directory(const std::string& from_policy, const char* table, const 
   return path.wstring();
 }
 
+// The run's own temp folder, where the policy asks for one.
+std::unique_ptr<host::PrivateTemp> MakePrivateTemp(host::TempFolder choice, const std::wstring& path) {
+  if (choice != host::TempFolder::kPrivate) return {};
+  if (path.empty())
+    throw std::runtime_error("%LOCALAPPDATA% is not set: there is no place for temp = \"private\"");
+  return std::make_unique<host::PrivateTemp>(path);
+}
+
 void OpenEvents(RunReport& report, const RunArguments& arguments) {
   std::error_code ignored;  // a file that does not exist yet
   if (std::filesystem::equivalent(host::ToWide(arguments.events_file), host::ToWide(arguments.policy_file),
@@ -94,14 +104,17 @@ std::string ExitText(std::uint32_t exit_code) {
 }  // namespace
 
 int Run(const RunArguments& arguments) {
-  const auto policy = LoadPolicy(arguments.policy_file);
+  const std::string run = host::RunJournal::NewRunName();
+  const std::wstring private_temp = host::PrivateTempPath(run);
+  const auto policy = LoadPolicy(arguments.policy_file, private_temp);
   if (!policy) return kExitCannotRun;
   try {
     const host::PolicyDocument& document = policy->document();
     const std::wstring log_directory = Directory(document.log_directory, "log", L"logs");
     const std::wstring dump_directory =
         document.write_dumps ? Directory(document.dump_directory, "dump", L"dumps") : std::wstring();
-    host::RunJournal journal(host::RunJournal::NewRunName());
+    host::RunJournal journal(run);
+    const auto temp = MakePrivateTemp(document.temp, private_temp);
     RunReport report(*policy, journal, dump_directory, arguments.quiet);
     if (!arguments.events_file.empty()) OpenEvents(report, arguments);
     host::MessageServer server(
@@ -123,6 +136,7 @@ int Run(const RunArguments& arguments) {
 
     host::LaunchOptions options;
     options.command_line = arguments.program_command_line;
+    if (temp) options.environment = {{L"TMP", private_temp}, {L"TEMP", private_temp}};
     auto started = launcher.Start(options);
     if (auto* failure = std::get_if<host::LaunchFailure>(&started)) {
       server.WaitUntilIdle(kLastMessages);

@@ -136,9 +136,10 @@ class PolicyReader {
   }
 
   void ReadFiles(const toml::table& table) {
-    ForEachKey(table, "[files]", {"deny", "read", "write", "enforce"},
+    ForEachKey(table, "[files]", {"deny", "read", "write", "temp", "enforce"},
                [&](const toml::key& key, const toml::node& node) {
                  if (key.str() == "enforce") return ReadBool(node, "enforce", policy_.enforce_files);
+                 if (key.str() == "temp") return ReadTemp(node);
                  const FileAccess access = key.str() == "deny"   ? FileAccess::kDeny
                                            : key.str() == "read" ? FileAccess::kRead
                                                                  : FileAccess::kWrite;
@@ -146,6 +147,17 @@ class PolicyReader {
                    if (auto path = ReadPath(text, place)) policy_.files.push_back({access, *path, place});
                  });
                });
+  }
+
+  void ReadTemp(const toml::node& node) {
+    static const std::map<std::string, TempFolder, std::less<>> choices = {
+        {"write", TempFolder::kWrite}, {"private", TempFolder::kPrivate}, {"rules", TempFolder::kRules}};
+    auto text = ReadString(node, "temp");
+    if (!text) return;
+    const auto choice = choices.find(*text);
+    if (choice == choices.end())
+      return Error(PlaceOf(node), "temp must be \"write\", \"private\" or \"rules\", not " + Quoted(*text));
+    policy_.temp = choice->second;
   }
 
   void ReadNetwork(const toml::table& table) {

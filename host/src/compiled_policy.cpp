@@ -34,17 +34,6 @@ std::wstring Folded(std::wstring path) {
   return path;
 }
 
-std::wstring TempDirectory(PathResolver& resolver) {
-  wchar_t path[MAX_PATH + 1];
-  const DWORD length = GetTempPathW(MAX_PATH + 1, path);
-  if (length == 0 || length > MAX_PATH) return {};
-  try {
-    return resolver.Resolve(path).nt_path;
-  } catch (const std::system_error&) {
-    return {};
-  }
-}
-
 // Where the other names of a file matter, for a system that cannot list them.
 const std::vector<FileRule>* g_link_folders;
 std::wstring_view LinkFolder(std::uint32_t index) {
@@ -100,7 +89,8 @@ class OtherNames final : public policy::FileContext {
 
 }  // namespace
 
-std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(PolicyDocument document) {
+std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(
+    PolicyDocument document, std::vector<HostRule> host_rules) {
   CompiledPolicy compiled(std::move(document));
   std::vector<PolicyError> errors;
   std::unordered_map<std::wstring, const PolicyFileRule*> rule_of;  // by place
@@ -120,15 +110,37 @@ std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(Poli
     }
   }
   if (!errors.empty()) return errors;
-  compiled.temp_directory_ = TempDirectory(resolver);
+  for (HostRule& rule : host_rules) compiled.AddHostRule(std::move(rule), resolver);
   SectionContents contents;
   compiled.BuildSectionContents(contents);
   compiled.section_ = LayOutSection(contents);
   return compiled;
 }
 
+void CompiledPolicy::AddHostRule(HostRule rule, PathResolver& resolver) {
+  std::wstring path;
+  try {
+    path = resolver.Resolve(rule.path).nt_path;
+  } catch (const std::system_error&) {
+    return;  // a place that cannot be named cannot be opened either
+  }
+  const std::wstring folded = Folded(path);
+  const auto beats = [&](const FileRule& other) {
+    const std::wstring place = Folded(other.path);
+    return place == folded ||
+           (rule.yields_to_deny && other.access == policy::FileACL::kDeny &&
+            policy::IsUnder(policy::U16(std::wstring_view(folded)), policy::U16(std::wstring_view(place))));
+  };
+  if (std::ranges::any_of(file_rules_, beats)) return;
+  file_rules_.push_back({static_cast<policy::FileACL>(rule.access), std::move(path)});
+  host_rules_.push_back(std::move(rule));
+}
+
 void CompiledPolicy::BuildSectionContents(SectionContents& contents) const {
-  contents.options = static_cast<std::uint32_t>(policy::SectionOption::kDecisionInAudit);
+  using Option = policy::SectionOption;
+  for (const Option option : {Option::kDecisionInAudit, Option::kPlacesFromRules, Option::kLoaderOnlyLoads,
+                              Option::kProtectionIsAWrite, Option::kRulesHoldPlaces})
+    contents.options |= static_cast<std::uint32_t>(option);
   contents.flags = document_.log_level;
   if (!document_.enforce_files) contents.flags |= policy::kFlagFileCreateCheckOff;
   if (!document_.enforce_network) contents.flags |= policy::kFlagNetCheckOff;
@@ -167,10 +179,8 @@ PathDecision CompiledPolicy::DecidePath(const std::wstring& path) const {
   g_link_folders = &file_rules_;
   VornCore::platform::SetLinkFolderSource(&LinkFolder);
   OtherNames names(decision.path);
-  decision.verdict = policy::DecideFile(policy::SectionView(section_),
-                                        {.path = policy::U16(std::wstring_view(decision.path.nt_path)),
-                                         .temp_directory = policy::U16(std::wstring_view(temp_directory_))},
-                                        names);
+  decision.verdict = policy::DecideFile(
+      policy::SectionView(section_), {.path = policy::U16(std::wstring_view(decision.path.nt_path))}, names);
   return decision;
 }
 
@@ -204,6 +214,9 @@ std::string CompiledPolicy::Describe(const policy::FileVerdict& verdict) const {
   if (verdict.rule < document_.files.size()) {
     const PolicyFileRule& decided = document_.files[verdict.rule];
     rule = fmt::format("{} {} (line {})", AccessName(decided.access), decided.path, decided.place.line);
+  } else if (const std::size_t index = verdict.rule - document_.files.size(); index < host_rules_.size()) {
+    const HostRule& decided = host_rules_[index];
+    rule = fmt::format("{} {} ({})", AccessName(decided.access), ToUtf8(decided.path), decided.what);
   } else if (by_rule || verdict.rule != policy::kNoRule) {
     rule = "unknown rule";
   } else if (verdict.fact == policy::DecidingFact::kOtherName) {

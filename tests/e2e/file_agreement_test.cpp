@@ -12,19 +12,19 @@ namespace {
 namespace fs = std::filesystem;
 using policy::SectionOption;
 
-constexpr std::uint32_t kReportEverything = static_cast<std::uint32_t>(SectionOption::kDecisionInAudit) |
-                                            static_cast<std::uint32_t>(SectionOption::kAuditAllowed);
+constexpr auto kAuditAllowed = static_cast<std::uint32_t>(SectionOption::kAuditAllowed);
 
 host::CompiledPolicy Compile(const std::string& text) {
   auto document = host::ParsePolicy(text, [](auto) { return std::nullopt; });
-  auto compiled = host::CompiledPolicy::Make(std::get<host::PolicyDocument>(std::move(document)));
+  auto compiled = host::CompiledPolicy::Make(std::get<host::PolicyDocument>(std::move(document)),
+                                             host::FreePlaces(host::TempFolder::kWrite));
   return std::get<host::CompiledPolicy>(std::move(compiled));
 }
 
-std::vector<host::FileRule> RulesOf(const host::CompiledPolicy& policy) {
+host::SectionContents ContentsOf(const host::CompiledPolicy& policy) {
   host::SectionContents contents;
   policy.BuildSectionContents(contents);
-  return contents.file_rules;
+  return contents;
 }
 
 // A program of a Unix file system; its end cannot be waited for.
@@ -184,7 +184,8 @@ TEST(Agreement, ExplainAndTheLibraryDecideAlike) {
       asked.push_back(path);
       expected.push_back(decision.verdict.file);
     }
-    ScriptRun run = script.Run(RulesOf(policy), 0, kReportEverything);
+    const host::SectionContents contents = ContentsOf(policy);
+    ScriptRun run = script.Run(contents.file_rules, 0, contents.options | kAuditAllowed);
     ASSERT_EQ(run.exit_code, 0);
     ASSERT_FALSE(run.audits.empty());
     EXPECT_EQ(fs::path(run.audits.front().source).filename(), "script.txt") << "the probe's own";
@@ -217,10 +218,9 @@ TEST(Agreement, AStreamAndAnotherNameAreExplainedAsTheyAreDecided) {
             "the stream's file: read " + script.Dos("write\\f.txt") + " (line 2)");
   EXPECT_EQ(explain("write\\twin.txt"),
             "another name of this file: read " + script.Dos("read") + " (line 2)");
-  const ScriptRun run =
-      script.Add("create 0 40000000 2 0 " + script.Nt("write\\f.txt:notes"))
-          .Add("create 0 40000000 5 0 " + script.Nt("write\\twin.txt"))
-          .Run(RulesOf(policy), 0, static_cast<std::uint32_t>(SectionOption::kDecisionInAudit));
+  const ScriptRun run = script.Add("create 0 40000000 2 0 " + script.Nt("write\\f.txt:notes"))
+                            .Add("create 0 40000000 5 0 " + script.Nt("write\\twin.txt"))
+                            .Run(ContentsOf(policy).file_rules, 0, ContentsOf(policy).options);
   EXPECT_EQ(run.answers, (std::vector<std::string>{"C0000022", "C0000022"}));
   ASSERT_EQ(run.verdicts.size(), 2u);
   EXPECT_EQ(Text(run.verdicts[0]), "R, the stream's file, rule 0");

@@ -118,7 +118,7 @@ class NetNames : public NetTest {
 
   static host::CompiledPolicy Compile(const std::string& text) {
     auto document = host::ParsePolicy(text, [](auto) { return std::nullopt; });
-    auto policy = host::CompiledPolicy::Make(std::get<host::PolicyDocument>(std::move(document)));
+    auto policy = host::CompiledPolicy::Make(std::get<host::PolicyDocument>(std::move(document)), {});
     return std::get<host::CompiledPolicy>(std::move(policy));
   }
   static std::vector<host::NetRule> RulesOf(const host::CompiledPolicy& policy) {

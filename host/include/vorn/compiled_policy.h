@@ -1,6 +1,6 @@
 // A policy ready for use: its rules in the section's form, and the answer to "which rule decides this?".
 //
-//   auto compiled = CompiledPolicy::Make(document);          // or errors with line and column
+//   auto compiled = CompiledPolicy::Make(document, {});      // or errors with line and column
 //   compiled.BuildSectionContents(contents);
 //   PathDecision decision = compiled.DecidePath(L"C:\\work\\a.txt");
 //   std::puts(compiled.Describe(decision.verdict.file).c_str());
@@ -15,6 +15,7 @@
 
 #include "Policy/destination_decision.h"
 #include "Policy/file_decision.h"
+#include "vorn/host_places.h"
 #include "vorn/nt_path.h"
 #include "vorn/policy_file.h"
 #include "vorn/section.h"
@@ -28,8 +29,10 @@ struct PathDecision {
 
 class CompiledPolicy {
  public:
-  // Errors: a drive that does not exist. Paths are resolved to their final form here, once.
-  static std::variant<CompiledPolicy, std::vector<PolicyError>> Make(PolicyDocument document);
+  // Errors: a drive that does not exist. Paths are resolved to their final form here, once. host_rules: what
+  // the host adds of its own (host_places.h); the document's rule for the same place beats them.
+  static std::variant<CompiledPolicy, std::vector<PolicyError>> Make(PolicyDocument document,
+                                                                     std::vector<HostRule> host_rules);
 
   const PolicyDocument& document() const { return document_; }
 
@@ -51,14 +54,15 @@ class CompiledPolicy {
 
  private:
   explicit CompiledPolicy(PolicyDocument document) : document_(std::move(document)) {}
+  void AddHostRule(HostRule rule, PathResolver& resolver);
 
   // The rule behind a network rule of the section: first those of the document, then the names among them
   // once more, with a dot at the end. Null for the default rule and for none.
   const PolicyNetRule* NetworkRule(std::size_t index) const;
 
   PolicyDocument document_;
-  std::vector<FileRule> file_rules_;  // same order as document_.files
-  std::wstring temp_directory_;       // canonical NT form, empty when unknown
+  std::vector<HostRule> host_rules_;  // those in use
+  std::vector<FileRule> file_rules_;  // document_.files, then host_rules_
   std::vector<std::byte> section_;    // the rule tables as confined processes see them
   mutable PathResolver resolver_;
 };

@@ -34,6 +34,9 @@ struct PolicyError {
 
 enum class FileAccess : std::uint32_t { kDeny = 1, kRead = 2, kWrite = 3 };
 
+// What the temp folder is to the program: the host's own, writable; one of the run; nothing special.
+enum class TempFolder { kWrite, kPrivate, kRules };
+
 struct PolicyFileRule {
   FileAccess access;
   std::string path;  // UTF-8, variables expanded: X:\… or \\server\share\…, no backslash at the end
@@ -58,6 +61,7 @@ struct PolicyDocument {
   std::string dump_directory;   // empty: the host's default; at most kMaxDumpDirectoryUnits
   bool enforce_files = true;    // false: file creation passes unchecked
   bool enforce_network = true;  // false: every destination is allowed
+  TempFolder temp = TempFolder::kWrite;
   std::vector<PolicyFileRule> files;
   // Network confinement is on exactly when the policy has a [network] table. The rules stand in the order in
   // which they are tried: addresses before names, longer prefixes and names first, deny before allow.
