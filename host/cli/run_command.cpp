@@ -52,6 +52,9 @@ class InterruptibleRun {
   }
 };
 
+// Whether the library of another run works in this process.
+bool IsConfined() { return GetModuleHandleW(L"vorn_core.dll") || GetModuleHandleW(L"vorn_core32.dll"); }
+
 std::wstring OwnFolder() {
   std::wstring path(32768, L'\0');
   path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
@@ -104,6 +107,11 @@ std::string ExitText(std::uint32_t exit_code) {
 }  // namespace
 
 int Run(const RunArguments& arguments) {
+  if (IsConfined()) {
+    PrintErrorLine(
+        "vorn: not run: this process is confined by another run, whose rules a run inside it would replace");
+    return kExitCannotRun;
+  }
   const std::string run = host::RunJournal::NewRunName();
   const std::wstring private_temp = host::PrivateTempPath(run);
   const auto policy = LoadPolicy(arguments.policy_file, private_temp);

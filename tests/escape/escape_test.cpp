@@ -32,7 +32,7 @@ enum class Report { kNone, kEvent };  // whether the refusal must have come as a
 
 struct Row {
   const char* name;   // also its folder's
-  const char* lines;  // @ is the row's folder, # a name that nothing else has, $ escape_probe
+  const char* lines;  // @ is the row's folder, # a name that nothing else has, $ escape_probe, ! vorn
   Outcome outcome = Outcome::kBlocked;
   Report report = Report::kEvent;
   const char* limit = "";  // why it is one
@@ -64,6 +64,10 @@ constexpr Row kRows[] = {
     {"no-temp", "set TMP=\nset TEMP=\nset USERPROFILE=@\ncmd /c type @\\denied\\s.txt"},
     {"temp-link", "mklink /H %TEMP%\\# @\\plain\\f.txt\necho new> %TEMP%\\#\ndel %TEMP%\\#"},
     {"denied-temp", "type %TEMP%\\#-denied\\s.txt"},
+    // A second run.
+    {.name = "nested",
+     .lines = "echo [files]> @\\work\\open.toml\n! run -p @\\work\\open.toml -- cmd /c type @\\denied\\s.txt",
+     .report = Report::kNone},
     // The loader.
     {"dll-main",
      "set ESCAPE_READ=@\\denied\\s.txt\nset ESCAPE_COPY=@\\work\\c.txt\nset ESCAPE_WRITE=@\\read\\f.txt\n"
@@ -103,7 +107,8 @@ class Escape : public testing::Test, public TestFolder {
     std::string lines = std::string("@echo off\n") + row.lines + "\n";
     for (const auto& [mark, text] : {std::pair{'@', Dos(row.name)},
                                      {'#', unique_},
-                                     {'$', host::ToUtf8(BuildPath("escape_probe.exe").wstring())}})
+                                     {'$', host::ToUtf8(BuildPath("escape_probe.exe").wstring())},
+                                     {'!', host::ToUtf8(BuildPath("vorn.exe").wstring())}})
       for (std::size_t at = 9; (at = lines.find(mark, at)) != lines.npos; at += text.size())
         lines.replace(at, 1, text);
     Write(std::string(row.name) + "\\row.bat", lines);
