@@ -86,6 +86,7 @@ enum FileClass : ULONG {
   kFileDirectoryInformation = 1,
   kFileBothDirectoryInformation = 3,
   kFileBasicInformation = 4,           // set: FILE_WRITE_ATTRIBUTES
+  kFileInternalInformation = 6,        // the id of the file on its volume
   kFileRenameInformation = 10,         // set: DELETE
   kFileLinkInformation = 11,           // set: laid out as a rename
   kFileDispositionInformation = 13,    // set: DELETE
@@ -115,7 +116,8 @@ struct RenameInformation {
 struct DispositionInformationEx {
   ULONG Flags;
 };
-inline constexpr ULONG kDispositionDelete = 0x1, kDispositionOnClose = 0x8;  // class 64
+inline constexpr ULONG kDispositionDelete = 0x1, kDispositionPosix = 0x2, kDispositionOnClose = 0x8,
+                       kDispositionIgnoreReadonly = 0x10;  // class 64
 inline constexpr ULONG kRenameReplaceIfExists = 0x1;                         // class 65
 struct NetworkOpenInformation {
   LARGE_INTEGER CreationTime, LastAccessTime, LastWriteTime, ChangeTime, AllocationSize, EndOfFile;
@@ -167,6 +169,8 @@ VORN_IMPORT(SetUnhandledExceptionFilter, 4);
 NTSYSAPI NTSTATUS NTAPI NtDeleteFile(POBJECT_ATTRIBUTES);
 NTSYSAPI NTSTATUS NTAPI NtWriteFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PVOID, ULONG,
                                     PLARGE_INTEGER, PULONG);
+NTSYSAPI NTSTATUS NTAPI NtReadFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PVOID, ULONG,
+                                   PLARGE_INTEGER, PULONG);
 NTSYSAPI NTSTATUS NTAPI NtResumeThread(HANDLE, PULONG);
 NTSYSAPI NTSTATUS NTAPI NtCreateUserProcess(PHANDLE, PHANDLE, ACCESS_MASK, ACCESS_MASK, POBJECT_ATTRIBUTES,
                                             POBJECT_ATTRIBUTES, ULONG, ULONG, PRTL_USER_PROCESS_PARAMETERS,

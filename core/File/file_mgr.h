@@ -3,14 +3,16 @@
 // file_mgr_open.cpp: opening and creating. Decided, refused, narrowed or passed on; handles are recorded.
 // file_mgr_change.cpp: renaming, deleting, writing, closing, moving. Judged by the record of the handle;
 // deletions wait for the close and go to the recycle bin.
+// file_mgr_delete.cpp: deletions and replacements for a host that wants them to be the system's own: at once,
+// with a second name of what is deleted made just before.
 //
 // Handlers run on whatever thread makes the call; what belongs to one call lives on its stack and in its
-// ThreadState. Lock order: close lock, then the lock of the handle records.
+// ThreadState. No lock is held across a system call.
 #pragma once
 
+#include "File/created_files.h"
 #include "File/file_acl_model.h"
 #include "File/file_audit.h"
-#include "Platform/lock.h"
 #include "VornCore/Base/thread_state.h"
 #include "VornCore/Hook/kernel_base.h"
 #include "VornCore/Hook/manager.h"
@@ -19,6 +21,9 @@
 namespace VornCore {
 
 struct OpenCall;
+struct OpenedFile;
+struct SetFileCall;
+struct Renaming;
 
 class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKernelBaseApiListener {
  public:
@@ -55,7 +60,8 @@ class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKer
 
   // Changing.
   struct Outcome {
-    bool decided = false;  // the caller gets status, and no real call is made
+    bool decided = false;  // the caller gets status: nothing is left to be done
+    bool refused = false;  // by us: the real call has not filled in the caller's block
     NTSTATUS status = 0;
   };
   union DispositionBuffer {
@@ -64,15 +70,25 @@ class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKer
   };
   Outcome HoldPlace(AuditType type, HANDLE handle, std::wstring_view target = {}) noexcept;
   Outcome HandleBasicInformation(HANDLE handle) noexcept;
-  void* HandleDisposition(HANDLE handle, void* information, ULONG length, bool extended,
-                          DispositionBuffer* substitute) noexcept;
-  Outcome HandleRename(HANDLE handle, const void* information, ULONG length, ULONG info_class) noexcept;
+  void* HandleDisposition(const SetFileCall& call, DispositionBuffer* substitute) noexcept;
+  Outcome HandleRename(const SetFileCall& call) noexcept;
+  Outcome JudgeRename(const SetFileCall& call, Renaming& renaming) noexcept;
   NTSTATUS HandleSetInformationFailure(NTSTATUS status, HANDLE handle, ULONG info_class) noexcept;
   NTSTATUS CloseFileHandle(HANDLE handle) noexcept;
   NTSTATUS DeleteFileToRecycleBin(std::wstring_view path, const FileVerdict& verdict) noexcept;
 
+  // Deleting and replacing for real.
+  HandleRecordPtr RecordOf(HANDLE handle) noexcept;
+  Outcome DeleteForReal(const SetFileCall& call) noexcept;
+  NTSTATUS KeepPending(const SetFileCall& call, const FileHandleRecord& record) noexcept;
+  Outcome RenameForReal(const SetFileCall& call) noexcept;
+  std::uint32_t KeepReplaced(HANDLE handle, const Renaming& renaming) noexcept;
+  void FollowRename(HANDLE handle, const Renaming& renaming) noexcept;
+  std::uint32_t KeepOpened(HANDLE handle, const OpenedFile& opened) noexcept;
+  void ReportKept(const FileHandleRecord& record) noexcept;
+
   FileACLModel model_;
-  platform::CriticalSection close_lock_;  // held around the real NtClose
+  CreatedFiles created_;
 };
 
 inline CFileMgr& GetFileMgr() noexcept { return *CFileMgr::GetInstance(); }

@@ -1,5 +1,6 @@
 // Renaming, deleting, writing, closing, moving: guard, judge by the handle's record, real call, audit.
 #include "File/file_audit.h"
+#include "File/file_change.h"
 #include "File/file_helper.h"
 #include "File/file_mgr.h"
 #include "File/recycle_bin.h"
@@ -17,6 +18,7 @@ namespace VornCore {
 namespace {
 
 using vorn::policy::EqualsNoCase;
+using vorn::policy::SectionOption;
 using vorn::policy::U16;
 
 bool IsRealHandle(HANDLE handle) { return handle && handle != INVALID_HANDLE_VALUE; }
@@ -29,20 +31,6 @@ NTSTATUS Answer(PIO_STATUS_BLOCK io, NTSTATUS status) {
   return status;
 }
 
-bool IsLink(ULONG info_class) {
-  return info_class == nt::kFileLinkInformation || info_class == nt::kFileLinkInformationEx;
-}
-bool IsRename(ULONG info_class) {
-  return info_class == nt::kFileRenameInformation || info_class == nt::kFileRenameInformationEx;
-}
-
-// Whether a disposition asks for deletion. Reads the caller's buffer.
-bool AsksToDelete(const void* information, ULONG length, bool extended) {
-  if (!extended) return length >= sizeof(BOOLEAN) && *static_cast<const BOOLEAN*>(information);
-  return length >= sizeof(ULONG) && (static_cast<const nt::DispositionInformationEx*>(information)->Flags &
-                                     (nt::kDispositionDelete | nt::kDispositionOnClose));
-}
-
 // What a rename or a new hard link asks for, read from the caller's buffer.
 struct RenameRequest {
   HANDLE root;
@@ -51,15 +39,16 @@ struct RenameRequest {
   bool replace;
 };
 
-RenameRequest ReadRename(const nt::RenameInformation* information, ULONG length, ULONG info_class) {
+RenameRequest ReadRename(const SetFileCall& call) {
   constexpr ULONG kHead = offsetof(nt::RenameInformation, FileName);
+  const auto* information = static_cast<const nt::RenameInformation*>(call.information);
   const bool extended =
-      info_class == nt::kFileRenameInformationEx || info_class == nt::kFileLinkInformationEx;
+      call.info_class == nt::kFileRenameInformationEx || call.info_class == nt::kFileLinkInformationEx;
   RenameRequest request{
       information->RootDirectory, information->FileNameLength, information->FileName,
       extended ? (information->Flags & nt::kRenameReplaceIfExists) != 0 : information->ReplaceIfExists != 0};
   // A name that leaves the buffer is no name; the real call refuses it.
-  if (request.name_bytes > length - kHead) request.name_bytes = 0;
+  if (request.name_bytes > call.length - kHead) request.name_bytes = 0;
   return request;
 }
 
@@ -93,6 +82,15 @@ std::wstring_view GetRenameTargetPath(HANDLE file, const RenameRequest& request)
 
 }  // namespace
 
+DispositionRequest ReadDisposition(const SetFileCall& call) {
+  if (call.info_class == nt::kFileDispositionInformation)
+    return {.remove = call.length >= sizeof(BOOLEAN) && *static_cast<const BOOLEAN*>(call.information)};
+  if (call.length < sizeof(nt::DispositionInformationEx)) return {};
+  const ULONG flags = static_cast<const nt::DispositionInformationEx*>(call.information)->Flags;
+  const bool remove = flags & nt::kDispositionDelete;
+  return {.remove = remove, .on_close = (flags & nt::kDispositionOnClose) && !remove};
+}
+
 NTSTATUS CFileMgr::NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
                                         PVOID FileInformation, ULONG Length,
                                         FILE_INFORMATION_CLASS FileInformationClass, bool*) {
@@ -103,29 +101,27 @@ NTSTATUS CFileMgr::NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoSt
   NTSTATUS status = STATUS_ACCESS_DENIED;
 
   (void)GuardedHandler(state, &status, [&] {
+    SetFileCall call{FileHandle, IoStatusBlock, FileInformation, Length, info_class};
+    const bool for_real = GetSection().Has(SectionOption::kKeepByLink);
+    const bool own = state && state->bOwnCall;
     Outcome outcome;
-    void* information = FileInformation;
     DispositionBuffer substitute = {};
-    if (FileInformation) {
-      if (info_class == nt::kFileDispositionInformation || info_class == nt::kFileDispositionInformationEx) {
-        const bool extended = info_class == nt::kFileDispositionInformationEx;
-        if (AsksToDelete(FileInformation, Length, extended))
-          outcome = HoldPlace(AuditType::kDelete, FileHandle);
-        if (!outcome.decided)
-          information = HandleDisposition(FileHandle, FileInformation, Length, extended, &substitute);
-      } else if (info_class == nt::kFileBasicInformation) {
-        outcome = HandleBasicInformation(FileHandle);
-      } else if ((IsRename(info_class) || IsLink(info_class)) && !(state && state->bOwnCall)) {
-        outcome = HandleRename(FileHandle, FileInformation, Length, info_class);
-      }
+    if (FileInformation && call.Deletes()) {
+      if (ReadDisposition(call).remove) outcome = HoldPlace(AuditType::kDelete, FileHandle);
+      if (!outcome.decided && for_real && !own) outcome = DeleteForReal(call);
+      if (!outcome.decided) call.information = HandleDisposition(call, &substitute);
+    } else if (FileInformation && info_class == nt::kFileBasicInformation) {
+      outcome = HandleBasicInformation(FileHandle);
+    } else if (FileInformation && (call.Renames() || call.Links()) && !own) {
+      outcome = for_real ? RenameForReal(call) : HandleRename(call);
     }
     if (outcome.decided) {
-      status = Answer(IoStatusBlock, outcome.status);
+      status = outcome.status;
+      if (outcome.refused) (void)Answer(IoStatusBlock, status);
       return;
     }
-    status = Ntdll::CallOriginalNtSetInformationFile(
-        FileHandle, IoStatusBlock, information,
-        information == &substitute ? static_cast<ULONG>(sizeof substitute) : Length, FileInformationClass);
+    if (call.information == &substitute) call.length = sizeof substitute;
+    status = call.Real();
     const NTSTATUS answer = HandleSetInformationFailure(status, FileHandle, info_class);
     if (answer != status) status = Answer(IoStatusBlock, answer);
   });
@@ -143,7 +139,7 @@ CFileMgr::Outcome CFileMgr::HoldPlace(AuditType type, HANDLE handle, std::wstrin
   std::wstring_view path;
   (void)GetPath(handle, nullptr, &path);
   SendFileAudit(type, STATUS_ACCESS_DENIED, {held, path}, {{}, target});
-  return {true, STATUS_ACCESS_DENIED};
+  return {true, true, STATUS_ACCESS_DENIED};
 }
 
 // Not every system asks for the right to write attributes when they are written.
@@ -153,75 +149,77 @@ CFileMgr::Outcome CFileMgr::HandleBasicInformation(HANDLE handle) noexcept {
   if (!record || record->file.access != FileACL::kRead || (record->desired_access & FILE_WRITE_ATTRIBUTES))
     return {};
   SendFileAudit(AuditType::kWrite, STATUS_ACCESS_DENIED, {record->file, record->path});
-  return {true, HandleSetInformationFailure(STATUS_ACCESS_DENIED, handle, nt::kFileBasicInformation)};
+  return {true, true, HandleSetInformationFailure(STATUS_ACCESS_DENIED, handle, nt::kFileBasicInformation)};
 }
 
 // A delete request on a recorded handle is remembered, and the real call that follows asks the system to
 // delete nothing. Returns what that call is given: the caller's buffer, with the request taken out of it, or
 // substitute where that buffer cannot be written.
-void* CFileMgr::HandleDisposition(HANDLE handle, void* information, ULONG length, bool extended,
-                                  DispositionBuffer* substitute) noexcept {
+void* CFileMgr::HandleDisposition(const SetFileCall& call, DispositionBuffer* substitute) noexcept {
   constexpr ULONG kRequests = nt::kDispositionDelete | nt::kDispositionOnClose;
-  const ULONG needed = extended ? sizeof substitute->flags : sizeof substitute->delete_file;
-  if (!model_.handles().Has(handle)) return information;
-  bool remove = false, on_close = false;
-  if (length < needed) {
-    // The real call refuses it; it still counts as a request to keep the file.
-  } else if (extended) {
-    const ULONG flags = static_cast<nt::DispositionInformationEx*>(information)->Flags;
-    remove = flags & nt::kDispositionDelete;
-    on_close = (flags & nt::kDispositionOnClose) && !remove;
-    substitute->flags = flags & ~kRequests;
-  } else {
-    remove = *static_cast<BOOLEAN*>(information);
-    substitute->delete_file = FALSE;
-  }
-  if (IsRealHandle(handle)) model_.handles().SetDeleteDisposition(handle, remove, on_close);
-  if (!remove && !on_close) return information;
-  const bool cleared = platform::Guarded([&] { memcpy(information, substitute, needed); });
-  return cleared ? information : substitute;
+  const bool extended = call.info_class == nt::kFileDispositionInformationEx;
+  if (!model_.handles().Has(call.handle)) return call.information;
+  const DispositionRequest request = ReadDisposition(call);
+  if (IsRealHandle(call.handle))
+    model_.handles().SetDeleteDisposition(call.handle, request.remove, request.on_close);
+  if (!request.remove && !request.on_close) return call.information;
+  if (extended)
+    substitute->flags = static_cast<nt::DispositionInformationEx*>(call.information)->Flags & ~kRequests;
+  const ULONG bytes = extended ? sizeof substitute->flags : sizeof substitute->delete_file;
+  const bool cleared = platform::Guarded([&] { memcpy(call.information, substitute, bytes); });
+  return cleared ? call.information : substitute;
+}
+
+CFileMgr::Outcome CFileMgr::HandleRename(const SetFileCall& call) noexcept {
+  ThreadState* state = GetThreadState();
+  if (call.length < sizeof(nt::RenameInformation) || !state) return {};
+  const ScratchLevel level(state);
+  Renaming renaming;
+  const Outcome outcome = JudgeRename(call, renaming);
+  // What the rename would replace can be restored afterwards. A file that only gets another spelling of its
+  // own name replaces nothing.
+  const std::wstring_view source = renaming.record ? renaming.record->path : std::wstring_view();
+  if (renaming.replace && !EqualsNoCase(U16(source), U16(renaming.target)) && FileExists(renaming.target))
+    (void)DeleteFileToRecycleBin(renaming.target, renaming.named);
+  return outcome;
 }
 
 // A rename gives a file another name, a hard link one name more: both are judged by the place of that name. A
-// link leaves its file alone, which stays as protected under the new name as it was.
-CFileMgr::Outcome CFileMgr::HandleRename(HANDLE handle, const void* information, ULONG length,
-                                         ULONG info_class) noexcept {
+// link leaves its file alone, which stays as protected under the new name as it was. replace is set only
+// where the rename may replace a file.
+CFileMgr::Outcome CFileMgr::JudgeRename(const SetFileCall& call, Renaming& renaming) noexcept {
   constexpr Outcome kRealCall{};
-  constexpr Outcome kRefused{true, STATUS_ACCESS_DENIED};
-  ThreadState* state = GetThreadState();
-  if (length < sizeof(nt::RenameInformation) || !state) return kRealCall;
-  const ScratchLevel level(state);
-  const RenameRequest request =
-      ReadRename(static_cast<const nt::RenameInformation*>(information), length, info_class);
-  const std::wstring_view target = GetRenameTargetPath(handle, request);
-  const HandleRecordPtr record = model_.handles().Find(handle);
-  const std::wstring_view source = record ? record->path : std::wstring_view();
-  const FileVerdict source_verdict = record ? record->named : FileVerdict();
+  constexpr Outcome kRefused{true, true, STATUS_ACCESS_DENIED};
+  const RenameRequest request = ReadRename(call);
+  renaming.target = GetRenameTargetPath(call.handle, request);
+  if (!renaming.record) renaming.record = model_.handles().Find(call.handle);
+  const std::wstring_view source = renaming.record ? renaming.record->path : std::wstring_view();
+  const FileVerdict source_verdict = renaming.record ? renaming.record->named : FileVerdict();
 
-  if (record && source_verdict.access != FileACL::kReadWrite && !IsLink(info_class)) {
-    SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, {source_verdict, source}, {{}, target});
+  if (renaming.record && source_verdict.access != FileACL::kReadWrite && !call.Links()) {
+    SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, {source_verdict, source}, {{}, renaming.target});
     return kRefused;
   }
-  if (!IsLink(info_class))
-    if (const Outcome held = HoldPlace(AuditType::kRename, handle, target); held.decided) return held;
-  if (target.empty()) {
+  if (!call.Links())
+    if (const Outcome held = HoldPlace(AuditType::kRename, call.handle, renaming.target); held.decided)
+      return held;
+  if (renaming.target.empty()) {
     VORN_LOG_E("GetRenameTargetPath error, path:%s", OrNil(WideToAnsi(source.data())));
     return kRealCall;
   }
-  const FileDecision decision = model_.DecideFileACL(target);
+  const FileDecision decision = model_.DecideFileACL(renaming.target);
+  renaming.file = decision.file;
+  renaming.named = decision.named;
   if (decision.in_recycle_bin) return kRealCall;
   if (decision.named.access != FileACL::kReadWrite) {
-    if (IsLink(info_class))
-      SendFileAudit(AuditType::kCreate, STATUS_ACCESS_DENIED, {decision.named, target});
+    if (call.Links())
+      SendFileAudit(AuditType::kCreate, STATUS_ACCESS_DENIED, {decision.named, renaming.target});
     else
       SendFileAudit(AuditType::kRename, STATUS_ACCESS_DENIED, {source_verdict, source},
-                    {decision.named, target});
+                    {decision.named, renaming.target});
     return kRefused;
   }
-  // What the rename would replace can be restored afterwards. A file that only gets another spelling of its
-  // own name replaces nothing.
-  const bool replaces = request.replace && !EqualsNoCase(U16(source), U16(target)) && FileExists(target);
-  if (replaces) (void)DeleteFileToRecycleBin(target, decision.named);
+  renaming.replace = request.replace;
   return kRealCall;
 }
 
@@ -256,26 +254,20 @@ NTSTATUS CFileMgr::NtClose(HANDLE Handle, bool*) {
   return handler.Real([&] { return CloseFileHandle(Handle); });
 }
 
-// The lock is held from taking the record to the real close, so that a value which another thread gets again
-// meets no old record; the deferred deletion runs after it.
+// The record is taken before the real close, so that a value which another thread gets again meets no old
+// record; what is still to be done about a deletion runs after it.
 NTSTATUS CFileMgr::CloseFileHandle(HANDLE handle) noexcept {
-  FileHandleRecord* taken = nullptr;
+  FileHandleRecord* taken = IsRealHandle(handle) ? model_.handles().Take(handle).release() : nullptr;
   NTSTATUS status = STATUS_INVALID_HANDLE;
-  close_lock_.Enter();
-  platform::WithFinally(
-      [&] {
-        if (IsRealHandle(handle)) taken = model_.handles().Take(handle).release();
-        status = Ntdll::CallOriginalNtClose(handle);
-      },
-      [&] {
-        // A close that fails, or raises, leaves the handle open.
-        if (taken && !nt::Success(status)) {
-          model_.handles().Add(HandleRecordPtr(taken));
-          taken = nullptr;
-        }
-        close_lock_.Leave();
-      });
+  platform::WithFinally([&] { status = Ntdll::CallOriginalNtClose(handle); },
+                        [&] {
+                          // A close that fails, or raises, leaves the handle open.
+                          if (!taken || nt::Success(status)) return;
+                          model_.handles().Add(HandleRecordPtr(taken));
+                          taken = nullptr;
+                        });
   const HandleRecordPtr record(taken);
+  if (record && record->kept) ReportKept(*record);
   return record && record->delete_flags ? DeleteFileToRecycleBin(record->path, record->named) : status;
 }
 

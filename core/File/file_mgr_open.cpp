@@ -4,8 +4,10 @@
 #include <cstring>
 
 #include "File/file_audit.h"
+#include "File/file_change.h"
 #include "File/file_helper.h"
 #include "File/file_mgr.h"
+#include "File/kept_files.h"
 #include "Platform/last_error.h"
 #include "Policy/device_path.h"
 #include "Policy/wide.h"
@@ -79,6 +81,12 @@ struct OpenCall {
   NTSTATUS CallReal(POBJECT_ATTRIBUTES name, const OpenArguments& arguments) const {
     return Ntdll::CallOriginalNtCreateFile(handle, arguments.access, name, io, allocation, file_attributes,
                                            share, arguments.disposition, arguments.options, ea, ea_length);
+  }
+  // With the rights that are left.
+  bool DeletesOnClose() const {
+    const bool wide = GetSection().Has(SectionOption::kKeepByLink);
+    const ACCESS_MASK rights = wide ? DELETE | GENERIC_ALL | MAXIMUM_ALLOWED : DELETE;
+    return (asked.options & FILE_DELETE_ON_CLOSE) && (given.access & rights);
   }
   void PassAsAsked(Step how) {
     status = CallReal(attributes, asked);
@@ -304,14 +312,13 @@ void CFileMgr::Confine(OpenCall& call) noexcept {
 }
 
 void CFileMgr::ApplyDecision(OpenCall& call) noexcept {
-  const bool delete_on_close = (call.given.access & DELETE) && (call.given.options & FILE_DELETE_ON_CLOSE);
   switch (call.decision.file.access) {
     case FileACL::kUnknown:
       return call.CallOnPath(kStepUnconfined);
     case FileACL::kDeny:
       return call.Refuse(kStepDenied, AuditType::kCreate);
     case FileACL::kRead:
-      if (delete_on_close && call.decision.named.access != FileACL::kReadWrite)
+      if (call.DeletesOnClose() && call.decision.named.access != FileACL::kReadWrite)
         return call.Refuse(kStepDeleteRefused, AuditType::kDelete);
       if (GetSection().Has(SectionOption::kProtectionIsAWrite)) {
         if (call.given.access & kProtectionRights) return call.Refuse(kStepProtectRefused, AuditType::kWrite);
@@ -338,18 +345,21 @@ void CFileMgr::ApplyDecision(OpenCall& call) noexcept {
 }
 
 void CFileMgr::OpenRecorded(OpenCall& call) noexcept {
-  const bool delete_on_close = (call.given.access & DELETE) && (call.asked.options & FILE_DELETE_ON_CLOSE);
-  call.given.options &= ~FILE_DELETE_ON_CLOSE;
+  const bool deletes = call.DeletesOnClose();
+  const bool for_real = GetSection().Has(SectionOption::kKeepByLink) && CanKeep(call.path);
+  if (!(deletes && for_real)) call.given.options &= ~FILE_DELETE_ON_CLOSE;
   call.CallOnPath(kStepOpened);
   if (!nt::Success(call.status) || !call.handle) return;
   HANDLE handle = *call.handle;
   if (!handle || handle == INVALID_HANDLE_VALUE) return;
-  model_.handles().Add(MakeHandleRecord({.handle = handle,
-                                         .delete_flags = delete_on_close ? kDeleteOnClose : 0,
-                                         .file = call.decision.file,
-                                         .named = call.decision.named,
-                                         .desired_access = call.given.access},
-                                        call.path));
+  HandleFacts facts{.handle = handle,
+                    .delete_flags = deletes && !for_real ? kDeleteOnClose : 0,
+                    .file = call.decision.file,
+                    .named = call.decision.named,
+                    .desired_access = call.given.access};
+  if (for_real && facts.named.access == FileACL::kReadWrite)
+    facts.kept = KeepOpened(handle, {call.path, facts.named, call.io->Information == FILE_CREATED, deletes});
+  model_.handles().AddNew(MakeHandleRecord(facts, call.path));
 }
 
 }  // namespace VornCore

@@ -1,6 +1,7 @@
 #include "File/handle_records.h"
 
 #include <new>
+#include <utility>
 
 #include "File/scratch_path.h"
 
@@ -36,6 +37,12 @@ void HandleRecords::Add(HandleRecordPtr record) noexcept {
   Append(list_, record.release());
 }
 
+void HandleRecords::AddNew(HandleRecordPtr record) noexcept {
+  if (!record) return;
+  while (Take(record->handle)) continue;
+  Add(std::move(record));
+}
+
 HandleRecordPtr HandleRecords::Find(HANDLE handle) noexcept {
   platform::LockGuard guard(lock_);
   const FileHandleRecord* record = Lookup(handle);
@@ -65,6 +72,14 @@ void HandleRecords::SetDeleteDisposition(HANDLE handle, bool remove, bool on_clo
   else
     record->delete_flags &= ~kDeleteDisposition;
   if (on_close) record->delete_flags &= ~kDeleteOnClose;
+}
+
+void HandleRecords::SetKept(HANDLE handle, std::uint32_t kept, bool called_off) noexcept {
+  platform::LockGuard guard(lock_);
+  FileHandleRecord* record = Lookup(handle);
+  if (!record) return;
+  record->kept = kept;
+  record->kept_called_off = called_off;
 }
 
 std::int32_t HandleRecords::count() noexcept {

@@ -32,6 +32,8 @@ struct HandleFacts {
   FileVerdict file = {};           // the decision at open
   FileVerdict named = {};          // before the file's other names lowered it
   ACCESS_MASK desired_access = 0;  // asked of the system at open
+  std::uint32_t kept = 0;          // the file is deleted with this handle, and kept under this number
+  bool kept_called_off = false;    // the deletion was
 };
 
 struct ByHandle;
@@ -51,6 +53,9 @@ class HandleRecords {
 
   // Appends record; nothing for null.
   void Add(HandleRecordPtr record) noexcept;
+  // The same for a handle that has just been made: what is known of an older one of that value, which was
+  // closed without passing here, is forgotten.
+  void AddNew(HandleRecordPtr record) noexcept;
   // The oldest record of handle: a copy, or the record itself, taken out. Null when there is none.
   HandleRecordPtr Find(HANDLE handle) noexcept;
   HandleRecordPtr Take(HANDLE handle) noexcept;
@@ -58,6 +63,9 @@ class HandleRecords {
   // Only for a handle with DELETE access: remembers or forgets a later request to delete; on_close also
   // forgets the one made at open.
   void SetDeleteDisposition(HANDLE handle, bool remove, bool on_close) noexcept;
+
+  // Notes that the file is kept under this number, or that its deletion was called off.
+  void SetKept(HANDLE handle, std::uint32_t kept, bool called_off = false) noexcept;
 
   std::int32_t count() noexcept;
 

@@ -15,6 +15,8 @@ NativeApi RealFunctions() noexcept {
   api.GetLogicalDrives = &::GetLogicalDrives;
   api.NtQueryFullAttributesFile = &::NtQueryFullAttributesFile;
   api.NtQueryDirectoryFile = &::NtQueryDirectoryFile;
+  api.NtQueryInformationFile = &::NtQueryInformationFile;
+  api.NtReadFile = &::NtReadFile;
   api.GetFinalPathNameByHandleW = &::GetFinalPathNameByHandleW;
   api.GetFileInformationByHandle = &::GetFileInformationByHandle;
   api.GetFileInformationByHandleEx = &::GetFileInformationByHandleEx;
@@ -25,6 +27,7 @@ NativeApi RealFunctions() noexcept {
       reinterpret_cast<decltype(&::FindNextFileNameW)>(GetProcAddress(kernel32, "FindNextFileNameW"));
   api.FindClose = &::FindClose;
   api.AliasTarget = [](std::wstring_view, wchar_t*, std::size_t) -> std::size_t { return 0; };
+  api.UnixPath = [](const wchar_t*, char*, std::size_t) -> std::size_t { return 0; };
   api.LoadMiniDumpWriteDump = &LoadMiniDumpWriteDump;
   if (IsWine()) wine::Adapt(api);
   return api;

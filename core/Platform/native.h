@@ -26,6 +26,8 @@ struct NativeApi {
   // Files.
   decltype(&::NtQueryFullAttributesFile) NtQueryFullAttributesFile;
   decltype(&::NtQueryDirectoryFile) NtQueryDirectoryFile;
+  decltype(&::NtQueryInformationFile) NtQueryInformationFile;
+  decltype(&::NtReadFile) NtReadFile;
   decltype(&::GetFinalPathNameByHandleW) GetFinalPathNameByHandleW;
   decltype(&::GetFileInformationByHandle) GetFileInformationByHandle;
   decltype(&::GetFileInformationByHandleEx) GetFileInformationByHandleEx;
@@ -35,6 +37,9 @@ struct NativeApi {
   // The path that a name means which the system accepts although no symbolic-link object stands for it:
   // writes it (at most units UTF-16 units, not terminated) and returns its length, 0 when there is none.
   std::size_t (*AliasTarget)(std::wstring_view name, wchar_t* target, std::size_t units);
+  // The Unix path of a drive-letter path, not terminated, on an implementation that has one: its length, else
+  // 0.
+  std::size_t (*UnixPath)(const wchar_t* path, char* out, std::size_t bytes);
   // Crashes.
   decltype(&platform::LoadMiniDumpWriteDump) LoadMiniDumpWriteDump;
 };

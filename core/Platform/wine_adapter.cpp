@@ -83,6 +83,18 @@ DWORD WINAPI GetFinalPathNameByHandle(HANDLE file, LPWSTR path, DWORD units, DWO
   return length;
 }
 
+std::size_t UnixPath(const wchar_t* path, char* out, std::size_t bytes) {
+  using Convert = char*(CDECL*)(LPCWSTR);
+  static const auto convert = reinterpret_cast<Convert>(
+      GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name"));
+  char* name = convert ? convert(path) : nullptr;
+  if (!name) return 0;
+  const std::size_t length = strlen(name);
+  if (length <= bytes) memcpy(out, name, length);
+  HeapFree(GetProcessHeap(), 0, name);
+  return length <= bytes ? length : 0;
+}
+
 // Whether the system lists the names of a file; asked for those of none.
 bool ListsLinkNames(const NativeApi& api) {
   return api.FindFirstFileNameW && DoesItsWork([&] {
@@ -100,6 +112,7 @@ void Adapt(NativeApi& api) noexcept {
   api.NtQueryFullAttributesFile = &QueryFullAttributesFile;
   api.GetFinalPathNameByHandleW = &GetFinalPathNameByHandle;
   api.AliasTarget = &AliasTarget;
+  api.UnixPath = &UnixPath;
   if (!ListsLinkNames(api)) {
     api.FindFirstFileNameW = &FindFirstLinkName;
     api.FindNextFileNameW = &FindNextLinkName;

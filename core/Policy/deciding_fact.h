@@ -29,6 +29,7 @@ enum class DecidingFact : std::uint32_t {
   kDefaultRule = 16,
   kNoMatch = 17,
   kRuleBelow = 18,
+  kKept = 19,
 };
 
 // A short phrase, empty for kNone; "unknown" for any value that is not above.
@@ -72,6 +73,8 @@ enum class DecidingFact : std::uint32_t {
       return "no rule matches";
     case DecidingFact::kRuleBelow:
       return "a stricter rule lies below";
+    case DecidingFact::kKept:
+      return "kept for restore";
   }
   return "unknown";
 }

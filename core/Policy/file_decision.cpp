@@ -1,6 +1,7 @@
 #include "Policy/file_decision.h"
 
 #include "Policy/device_path.h"
+#include "Policy/kept_file.h"
 
 namespace vorn::policy {
 namespace {
@@ -38,6 +39,8 @@ FileDecision DecideFile(const SectionView& section, const FileFacts& facts, File
     return decision;
   }
   decision.file = decision.named = DecidePath(section, facts.path, context);
+  if (decision.named.access == FileACL::kReadWrite && IsKept(section, facts.path))
+    return same({FileACL::kRead, DecidingFact::kKept, kNoRule});
   if (decision.named.access != FileACL::kReadWrite) return decision;
   decision.in_recycle_bin = in_bin;
   const FileVerdict weakest = WeakestName(section, decision.named, context);
@@ -50,6 +53,7 @@ FileVerdict WeakestName(const SectionView& section, FileVerdict start, FileConte
   FileVerdict weakest = start;
   std::u16string_view name;
   while (context.NextName(&name)) {
+    if (IsKept(section, name)) continue;  // it was given to the file, and protects nothing else
     const FileVerdict verdict = LookUp(section, name, context);
     context.OnName(name, verdict.access);
     if (verdict.access < weakest.access) weakest = verdict;

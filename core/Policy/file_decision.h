@@ -7,7 +7,7 @@
 // The facts come from whoever asks: the library takes them from the system while a call is made, a host from
 // a path that a person names. Nobody else decides. Places come first (the recycle bin, the temp directory;
 // not where the host wants them under rules), then the rules for the path, the file of a stream, and the
-// file's other names.
+// file's other names. What a run has kept of deleted files is for reading alone.
 //
 // Pure: no system calls, no allocation, no state. Any thread.
 #pragma once

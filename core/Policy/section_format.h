@@ -82,10 +82,13 @@ static_assert(offsetof(SharedDataHeader, net_rule_offset) == 96);
 enum class SectionOption : std::uint32_t {
   kDecisionInAudit = 1u << 0,  // audits carry the rule and the fact that decided
   kAuditAllowed = 1u << 1,     // files that a program may open are audited, too
-  kPlacesFromRules = 1u << 2,  // no place is open by itself: temp folder and recycle bins take rules as well
-  kLoaderOnlyLoads = 1u << 3,  // inside the loader only modules pass unjudged
-  kProtectionIsAWrite = 1u << 4,  // changing who may do what with a file, or its attributes, is writing it
-  kRulesHoldPlaces = 1u << 5,     // a folder with a stricter rule below keeps its name and its place
+  // Deletions and replacements are the system's own, at once; what is deleted is kept by a second name in one
+  // of the keep places. Without such a place for its volume, a file's deletion waits for the close.
+  kKeepByLink = 1u << 2,
+  kPlacesFromRules = 1u << 3,  // no place is open by itself: temp folder and recycle bins take rules as well
+  kLoaderOnlyLoads = 1u << 4,  // inside the loader only modules pass unjudged
+  kProtectionIsAWrite = 1u << 5,  // changing who may do what with a file, or its attributes, is writing it
+  kRulesHoldPlaces = 1u << 6,     // a folder with a stricter rule below keeps its name and its place
 };
 
 // Tells the block from whatever else may follow the header.
@@ -97,8 +100,26 @@ struct SectionOptions {
   std::array<std::uint8_t, 16> id;  // kSectionOptionsId
   SharedU32 size;                   // bytes, id and size included
   SharedU32 enabled;                // SectionOption bits; unknown ones are ignored
+  SharedString run;                 // names this run in what is kept: digits, letters, dashes
+  SharedU32 keep_format;            // KeepFormat
+  SharedU32 keep_place_count;
+  SharedU32 keep_place_offset;  // KeepPlaceRecord, back to back
 };
-static_assert(sizeof(SectionOptions) == 24 && alignof(SectionOptions) == 1);
+static_assert(sizeof(SectionOptions) == 44 && alignof(SectionOptions) == 1);
+
+// How a place for deleted files remembers where they came from.
+enum class KeepFormat : std::uint32_t {
+  kNone = 0,        // nothing is kept
+  kRecycleBin = 1,  // $R… holds the file, $I… beside it its origin
+  kTrash = 2,       // files\… and info\….trashinfo
+};
+
+// Where deleted files of a volume are kept: canonical NT paths without trailing backslash.
+struct KeepPlaceRecord {
+  SharedString volume;  // what the paths of its files begin with; absent: every file
+  SharedString folder;  // on the same volume
+};
+static_assert(sizeof(KeepPlaceRecord) == 16 && alignof(KeepPlaceRecord) == 1);
 
 struct FileRuleRecord {
   SharedU32 access;     // FileACL

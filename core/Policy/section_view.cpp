@@ -1,7 +1,10 @@
 #include "Policy/section_view.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
+
+#include "Policy/device_path.h"
 
 namespace vorn::policy {
 namespace {
@@ -95,13 +98,40 @@ std::uint32_t SectionView::Flags() const noexcept {
   return header ? std::uint32_t{header->flags} : 0;
 }
 
-bool SectionView::Has(SectionOption option) const noexcept {
-  const std::byte* block = At(sizeof(SharedDataHeader), sizeof(SectionOptions));
-  if (!block) return false;
+const SectionOptions* SectionView::Options(std::size_t bytes) const noexcept {
+  const std::byte* block = At(sizeof(SharedDataHeader), static_cast<std::uint32_t>(bytes));
+  if (!block) return nullptr;
   const auto* options = reinterpret_cast<const SectionOptions*>(block);
-  return std::memcmp(&options->id, &kSectionOptionsId, sizeof options->id) == 0 &&
-         options->size >= sizeof(SectionOptions) &&
-         (options->enabled & static_cast<std::uint32_t>(option)) != 0;
+  const bool reaches =
+      std::memcmp(&options->id, &kSectionOptionsId, sizeof options->id) == 0 && options->size >= bytes;
+  return reaches ? options : nullptr;
+}
+
+bool SectionView::Has(SectionOption option) const noexcept {
+  const SectionOptions* options = Options(offsetof(SectionOptions, run));
+  return options && (options->enabled & static_cast<std::uint32_t>(option)) != 0;
+}
+
+SectionText SectionView::RunName() const noexcept {
+  const SectionOptions* options = Options(sizeof(SectionOptions));
+  return options ? TextAt(options->run.length, options->run.offset) : SectionText{};
+}
+
+KeepFormat SectionView::FormatOfKept() const noexcept {
+  const SectionOptions* options = Options(sizeof(SectionOptions));
+  return options ? static_cast<KeepFormat>(std::uint32_t{options->keep_format}) : KeepFormat::kNone;
+}
+
+SectionText SectionView::KeepFolderOf(std::u16string_view path) const noexcept {
+  const SectionOptions* options = Options(sizeof(SectionOptions));
+  if (!options) return {};
+  for (const auto& place :
+       Table<KeepPlaceRecord>(*this, options->keep_place_count, options->keep_place_offset)) {
+    const SectionText volume = TextAt(place.volume.length, place.volume.offset);
+    if (place.volume.length == 0 || IsUnder(path, volume.text))
+      return TextAt(place.folder.length, place.folder.offset);
+  }
+  return {};
 }
 
 bool SectionView::HasNetRules() const noexcept {

@@ -99,6 +99,11 @@ class SectionView {
 
   // Whether the host asks for it.
   [[nodiscard]] bool Has(SectionOption option) const noexcept;
+  // The run's name, and how and where its deleted files are kept.
+  [[nodiscard]] SectionText RunName() const noexcept;
+  [[nodiscard]] KeepFormat FormatOfKept() const noexcept;
+  // The folder for the file at this canonical path; absent when there is none.
+  [[nodiscard]] SectionText KeepFolderOf(std::u16string_view path) const noexcept;
 
   // Records that exist: at most as many as the host's count says, and none beyond the section, so that a loop
   // over them ends.
@@ -136,6 +141,8 @@ class SectionView {
                ? nullptr
                : reinterpret_cast<const SharedDataHeader*>(mapping_.data());
   }
+  // The options block, when it reaches as far as `bytes`; else null.
+  [[nodiscard]] const SectionOptions* Options(std::size_t bytes) const noexcept;
   [[nodiscard]] SectionText HeaderText(SharedString SharedDataHeader::*field) const noexcept;
   [[nodiscard]] SectionText TextAt(std::uint32_t length, std::uint32_t offset) const noexcept;
 

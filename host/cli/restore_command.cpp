@@ -5,17 +5,13 @@
 
 #include "Policy/file_time.h"
 #include "commands.h"
+#include "vorn/deletions.h"
 #include "vorn/event.h"
-#include "vorn/recycle_bin.h"
-#include "vorn/run_journal.h"
 #include "vorn/text.h"
 #include "windows/file_time.h"
 
 namespace vorn::cli {
 namespace {
-
-// Deletion times of the journal and of the bin come from two clocks and two roundings.
-constexpr std::uint64_t kSameDeletionMs = 120'000;
 
 bool SamePath(const std::wstring& a, const std::wstring& b) {
   return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_EQUAL;
@@ -30,30 +26,12 @@ std::string TimeText(std::uint64_t time_ms) {
                      t.wSecond);
 }
 
-// Takes the file of this deletion out of the bin's list: same path, nearest time.
-std::optional<host::RecycledFile> TakeFromBin(std::vector<host::RecycledFile>& bin,
-                                              const host::RecycleEntry& entry) {
-  const auto distance = [&](const host::RecycledFile& file) {
-    return file.deleted_at_ms > entry.time_ms ? file.deleted_at_ms - entry.time_ms
-                                              : entry.time_ms - file.deleted_at_ms;
-  };
-  auto best = bin.end();
-  for (auto it = bin.begin(); it != bin.end(); ++it)
-    if (SamePath(it->original_path, entry.path) && distance(*it) <= kSameDeletionMs &&
-        (best == bin.end() || distance(*it) < distance(*best)))
-      best = it;
-  if (best == bin.end()) return {};
-  host::RecycledFile file = *best;
-  bin.erase(best);
-  return file;
-}
-
 int ListRuns() {
-  const std::vector<std::string> runs = host::RunJournal::List();
+  const std::vector<std::string> runs = host::ListDeletingRuns();
   if (runs.empty()) PrintLine("no run has moved anything to the recycle bin");
   for (const std::string& run : runs)
     PrintLine(fmt::format("{}  {} deleted", run,
-                          host::RunJournal::Read(run).value_or(std::vector<host::RecycleEntry>()).size()));
+                          host::ListDeletions(run).value_or(std::vector<host::Deletion>()).size()));
   return kExitOk;
 }
 
@@ -61,13 +39,12 @@ int ListRuns() {
 
 int Restore(const std::string& run, bool list, const std::vector<std::string>& paths) {
   if (run.empty()) return ListRuns();
-  const auto entries = host::RunJournal::Read(run);
+  const auto entries = host::ListDeletions(run);
   if (!entries) {
     PrintErrorLine(
         fmt::format("vorn: there is no run \"{}\" that deleted anything (vorn restore lists the runs)", run));
     return kExitMistake;
   }
-  std::vector<host::RecycledFile> bin = host::ListRecycleBin();
   int result = kExitOk;
   std::vector<std::wstring> wanted;
   for (const std::string& path : paths) {
@@ -86,7 +63,7 @@ int Restore(const std::string& run, bool list, const std::vector<std::string>& p
         std::ranges::none_of(wanted, [&](const std::wstring& path) { return SamePath(path, entry->path); }))
       continue;
     const std::string name = host::Printable(host::ToUtf8(entry->path));
-    const auto file = TakeFromBin(bin, *entry);
+    const std::optional<host::RecycledFile>& file = entry->stored;
     if (list) {
       PrintLine(
           fmt::format("{}  {:<14}  {}", TimeText(entry->time_ms), file ? "in recycle bin" : "gone", name));

@@ -138,6 +138,8 @@ int Run(const RunArguments& arguments) {
     contents.server_port = server.port_name();
     contents.log_directory = log_directory;
     contents.dump_directory = dump_directory;
+    contents.run = journal.run();
+    contents.keep_places = host::FindKeepPlaces();
     const host::SharedSection section(contents);
     host::Launcher launcher(section);
     const InterruptibleRun interruptible(launcher);

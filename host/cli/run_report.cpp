@@ -10,6 +10,7 @@
 #include "Policy/message.h"
 #include "commands.h"
 #include "vorn/crash_dump.h"
+#include "vorn/deletions.h"
 #include "vorn/event.h"
 #include "vorn/text.h"
 
@@ -152,9 +153,10 @@ void RunReport::PrintSummary(const std::string& end) const {
   for (const std::string& line : crash_lines_) PrintErrorLine("vorn:   " + line);
   if (policy_.document().has_network)
     PrintErrorLine(fmt::format("vorn: {} connection{} allowed", connections_, connections_ == 1 ? "" : "s"));
-  if (journal_.count() != 0)
+  // The bin knows, also of what a process that was ended could not tell any more.
+  if (const auto deletions = host::ListDeletions(journal_.run()); deletions && !deletions->empty())
     PrintErrorLine(fmt::format("vorn: {} moved to the recycle bin; put back with: vorn restore {}",
-                               journal_.count(), journal_.run()));
+                               deletions->size(), journal_.run()));
   if (malformed_)
     PrintErrorLine(fmt::format("vorn: {} malformed message{}", malformed_, malformed_ == 1 ? "" : "s"));
 }

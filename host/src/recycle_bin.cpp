@@ -10,10 +10,14 @@
 #include <memory>
 
 #include "Policy/file_time.h"
+#include "Policy/kept_file.h"
+#include "Policy/wide.h"
 #include "vorn/environment.h"
+#include "vorn/nt_path.h"
 #include "vorn/recycle_info.h"
 #include "windows/file_time.h"
 #include "windows/unique_handle.h"
+#include "windows/user_only_security.h"
 
 namespace vorn::host {
 namespace {
@@ -46,19 +50,29 @@ std::wstring CurrentUserSid() {
   return sid;
 }
 
+// The run in the name of a kept file; empty where another than a run has put it there.
+std::string RunOf(const std::wstring& stored_path) {
+  const std::wstring name = fs::path(stored_path).filename().wstring();
+  const auto tail = policy::ParseKeptName(policy::U16(std::wstring_view(name)));
+  return tail ? std::string(tail->run.begin(), tail->run.end()) : std::string();
+}
+
 // $Ixxxxxx.ext remembers the origin of $Rxxxxxx.ext beside it.
-void ListRecycleFolder(const fs::path& folder, std::vector<RecycledFile>& files) {
+void ListRecycleFolder(const fs::path& folder, std::string_view run, std::vector<RecycledFile>& files) {
   ForEachFile(folder, [&](const fs::path& info_path) {
     std::wstring name = info_path.filename().wstring();
     if (!name.starts_with(L"$I")) return;
+    name[1] = L'R';
+    const std::string kept_by = RunOf(name);
+    if (!run.empty() && kept_by != run) return;
     const std::string bytes = ReadWhole(info_path);
     auto info = ParseRecycleInfo(std::as_bytes(std::span(bytes)));
     if (!info) return;
-    name[1] = L'R';
     files.push_back({{info->path.begin(), info->path.end()},
                      (info_path.parent_path() / name).wstring(),
                      info_path.wstring(),
-                     info->deleted_at_ms});
+                     info->deleted_at_ms,
+                     kept_by});
   });
 }
 
@@ -85,39 +99,91 @@ std::uint64_t LocalTimeToMs(const std::string& text) {
   return policy::UnixMilliseconds(windows::TicksOf(time));
 }
 
-void ListTrashFolder(UnixToDos convert, std::vector<RecycledFile>& files) {
+fs::path TrashFolder(UnixToDos convert) {
   std::string unix_root = fs::path(EnvironmentValue(L"XDG_DATA_HOME")).string();
   if (unix_root.empty()) {
     const char* home = std::getenv("HOME");
-    if (!home) return;
+    if (!home) return {};
     unix_root = std::string(home) + "/.local/share";
   }
-  const fs::path trash = DosPath(convert, unix_root + "/Trash");
+  return DosPath(convert, unix_root + "/Trash");
+}
+
+void ListTrashFolder(UnixToDos convert, std::string_view run, std::vector<RecycledFile>& files) {
+  const fs::path trash = TrashFolder(convert);
+  if (trash.empty()) return;
   ForEachFile(trash / L"info", [&](const fs::path& info_path) {
     if (info_path.extension() != L".trashinfo") return;
+    const std::string kept_by = RunOf(info_path.stem());
+    if (!run.empty() && kept_by != run) return;
     auto info = ParseTrashInfo(ReadWhole(info_path));
     if (!info) return;
     files.push_back({DosPath(convert, info->path), (trash / L"files" / info_path.stem()).wstring(),
-                     info_path.wstring(), LocalTimeToMs(info->deletion_date)});
+                     info_path.wstring(), LocalTimeToMs(info->deletion_date), kept_by});
   });
+}
+
+// Calls visit with the root of every fixed drive, "C:\".
+template <class Visit>
+void ForEachFixedDrive(Visit&& visit) {
+  const DWORD drives = GetLogicalDrives();
+  for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
+    const std::wstring root = {letter, L':', L'\\'};
+    if ((drives >> (letter - L'A') & 1) && GetDriveTypeW(root.c_str()) == DRIVE_FIXED) visit(root);
+  }
+}
+
+std::wstring BinOf(const std::wstring& root) { return root + L"$Recycle.Bin\\" + CurrentUserSid(); }
+
+bool HasHardLinks(const std::wstring& root) {
+  DWORD flags = 0;
+  return GetVolumeInformationW(root.c_str(), nullptr, 0, nullptr, nullptr, &flags, nullptr, 0) &&
+         (flags & FILE_SUPPORTS_HARD_LINKS);
+}
+
+bool IsFolder(const std::wstring& path) {
+  std::error_code error;
+  return fs::is_directory(path, error);
+}
+
+// As the shell makes it at the first deletion on a drive.
+bool MakeBin(const std::wstring& bin) {
+  if (IsFolder(bin)) return true;
+  windows::UserOnlySecurity security;
+  if (security.error() || !CreateDirectoryW(bin.c_str(), security.attributes())) return false;
+  SetFileAttributesW(bin.c_str(), FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM);
+  std::ofstream(fs::path(bin) / L"desktop.ini", std::ios::binary)
+      << "[.ShellClassInfo]\r\nCLSID={645FF040-5081-101B-9F08-00AA002F954E}\r\n";
+  return true;
 }
 
 }  // namespace
 
-std::vector<RecycledFile> ListRecycleBin() {
-  std::vector<RecycledFile> files;
+KeepPlaces FindKeepPlaces() {
+  PathResolver resolver;
   if (UnixToDos convert = GetUnixToDos()) {
-    ListTrashFolder(convert, files);
-    return files;
+    const fs::path trash = TrashFolder(convert);
+    std::error_code error;
+    for (const wchar_t* part : {L"files", L"info"}) fs::create_directories(trash / part, error);
+    if (trash.empty() || !IsFolder(trash / L"info")) return {};
+    return {policy::KeepFormat::kTrash, {{.folder = resolver.Resolve(trash.wstring()).nt_path}}};
   }
-  const std::wstring sid = CurrentUserSid();
-  const std::wstring bin = L"$Recycle.Bin\\" + sid;
-  const DWORD drives = sid.empty() ? 0 : GetLogicalDrives();
-  for (wchar_t letter = L'A'; letter <= L'Z'; ++letter) {
-    if (!(drives >> (letter - L'A') & 1)) continue;
-    const std::wstring root = {letter, L':', L'\\'};
-    if (GetDriveTypeW(root.c_str()) == DRIVE_FIXED) ListRecycleFolder(root + bin, files);
-  }
+  KeepPlaces places{.format = policy::KeepFormat::kRecycleBin};
+  ForEachFixedDrive([&](const std::wstring& root) {
+    if (!HasHardLinks(root) || !MakeBin(BinOf(root))) return;
+    std::wstring volume = resolver.Resolve(root).nt_path;
+    if (volume.ends_with(L'\\')) volume.pop_back();
+    places.places.push_back({volume, resolver.Resolve(BinOf(root)).nt_path});
+  });
+  return places;
+}
+
+std::vector<RecycledFile> ListRecycleBin(std::string_view run) {
+  std::vector<RecycledFile> files;
+  if (UnixToDos convert = GetUnixToDos())
+    ListTrashFolder(convert, run, files);
+  else
+    ForEachFixedDrive([&](const std::wstring& root) { ListRecycleFolder(BinOf(root), run, files); });
   return files;
 }
 

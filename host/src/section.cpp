@@ -114,7 +114,9 @@ std::vector<std::byte> LayOutSection(const SectionContents& contents) {
     throw std::invalid_argument("the dump directory is too long");
   }
   const std::size_t options_bytes = contents.options ? sizeof(policy::SectionOptions) : 0;
-  const std::size_t file_table = sizeof(SharedDataHeader) + options_bytes;
+  const std::size_t place_table = sizeof(SharedDataHeader) + options_bytes;
+  const auto& places = contents.keep_places.places;
+  const std::size_t file_table = place_table + places.size() * sizeof(policy::KeepPlaceRecord);
   const std::size_t net_table = file_table + contents.file_rules.size() * sizeof(policy::FileRuleRecord);
   Layout layout(net_table + contents.net_rules.size() * sizeof(policy::NetRuleRecord));
 
@@ -135,9 +137,17 @@ std::vector<std::byte> LayOutSection(const SectionContents& contents) {
   header.net_rule_count = static_cast<std::uint32_t>(contents.net_rules.size());
   header.net_rule_offset = static_cast<std::uint32_t>(net_table);
   layout.Put(0, header);
-  if (options_bytes)
-    layout.Put(sizeof header, policy::SectionOptions{policy::kSectionOptionsId,
-                                                     sizeof(policy::SectionOptions), contents.options});
+  if (options_bytes) {
+    layout.Put(sizeof header,
+               policy::SectionOptions{
+                   policy::kSectionOptionsId, sizeof(policy::SectionOptions), contents.options,
+                   layout.Text(ToWide(contents.run)), static_cast<std::uint32_t>(contents.keep_places.format),
+                   static_cast<std::uint32_t>(places.size()), static_cast<std::uint32_t>(place_table)});
+  }
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    layout.Put(place_table + i * sizeof(policy::KeepPlaceRecord),
+               policy::KeepPlaceRecord{layout.Text(places[i].volume), layout.Text(places[i].folder)});
+  }
   for (std::size_t i = 0; i < contents.file_rules.size(); ++i) {
     layout.Put(file_table + i * sizeof(policy::FileRuleRecord), LayOut(contents.file_rules[i], layout));
   }

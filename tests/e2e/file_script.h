@@ -12,6 +12,7 @@
 #include "Policy/device_path.h"
 #include "Policy/file_decision.h"
 #include "tests/e2e/confinement.h"
+#include "vorn/run_journal.h"
 
 namespace vorn::test {
 
@@ -98,6 +99,10 @@ class FileScript : public TestFolder {
       section.file_rules.push_back(Rule(FileACL::kDeny, host::ToUtf8(last)));
       section.flags = flags;
       if (options) section.options = options;
+      if (options & static_cast<std::uint32_t>(policy::SectionOption::kKeepByLink)) {
+        section.keep_places = host::FindKeepPlaces();
+        section.run = host::RunJournal::NewRunName();
+      }
     });
     host.Watch([&](const Received& message) {
       if (is_sentinel(message)) SetEvent(seen);

@@ -13,6 +13,7 @@
 //   openid SLOT ACCESS FOLDER_SLOT FILE_SLOT      NtCreateFile by the id of an open file
 //   write SLOT TEXT                               NtWriteFile
 //   close SLOT                                    NtClose
+//   duplicate SLOT FROM_SLOT                      DuplicateHandle within the process
 //   disposition SLOT CLASS FLAGS                  NtSetInformationFile; prints the buffer afterwards too
 //   rename SLOT CLASS FLAGS NAME                  NtSetInformationFile; FLAGS 1 replaces an existing file
 //   times SLOT                                    sets the last write time
@@ -198,6 +199,11 @@ void Execute(const std::string& line) {
                       &start, nullptr));
   } else if (command == "close") {
     Print(NtClose(words.Slot()));
+  } else if (command == "duplicate") {
+    HANDLE& slot = words.Slot();
+    const bool made = DuplicateHandle(GetCurrentProcess(), words.Slot(), GetCurrentProcess(), &slot, 0, FALSE,
+                                      DUPLICATE_SAME_ACCESS);
+    Print(made ? 0 : -1);
   } else if (command == "disposition") {
     HANDLE slot = words.Slot();
     const ULONG number = words.Decimal();

@@ -62,11 +62,16 @@ TEST(SectionView, RulesOutsideTheTableOrTheMappingDoNotExist) {
 TEST(SectionView, OptionsCountOnlyInABlockThatIsWholeAndOfTheRightKind) {
   constexpr auto kWanted = SectionOption::kDecisionInAudit;
   constexpr auto kBit = static_cast<std::uint32_t>(kWanted);
-  SectionOptions good{kSectionOptionsId, sizeof(SectionOptions), kBit};
-  SectionOptions longer = good, others = good, shorter = good, stranger = good;
+  constexpr std::uint32_t kToTheBits = offsetof(SectionOptions, run);
+  SectionOptions good{};
+  good.id = kSectionOptionsId;
+  good.size = sizeof(SectionOptions);
+  good.enabled = kBit;
+  SectionOptions longer = good, older = good, others = good, shorter = good, stranger = good;
   longer.size = 4096;  // of a newer host
+  older.size = kToTheBits;
   others.enabled = ~kBit;
-  shorter.size = sizeof(SectionOptions) - 1;
+  shorter.size = kToTheBits - 1;
   stranger.id[15] ^= 1;
   const struct {
     const char* what;
@@ -74,6 +79,7 @@ TEST(SectionView, OptionsCountOnlyInABlockThatIsWholeAndOfTheRightKind) {
     bool on;
   } kCases[] = {{"whole", good, true},
                 {"longer than known", longer, true},
+                {"of an older host", older, true},
                 {"other options", others, false},
                 {"too short for its field", shorter, false},
                 {"another identifier", stranger, false}};

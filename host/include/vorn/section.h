@@ -18,6 +18,7 @@
 #include "Policy/crash_dump.h"
 #include "Policy/file_rules.h"
 #include "Policy/section_format.h"
+#include "vorn/recycle_bin.h"
 
 namespace vorn::host {
 
@@ -51,6 +52,9 @@ struct SectionContents {
   std::wstring ipc_x64, ipc_x86;    // vorn_ipc.dll, vorn_ipc32.dll
   std::uint32_t flags = 0x07;       // SharedDataFlags: log levels 1, 2 and 4
   std::uint32_t options = 0;        // policy::SectionOption bits; 0: the plain section, without the block
+  // Where deleted files are kept (SectionOption::kKeepByLink), and the run's name in what is kept there.
+  KeepPlaces keep_places;
+  std::string run;
   std::vector<FileRule> file_rules;
   std::vector<NetRule> net_rules;  // empty: the network is not confined
 
