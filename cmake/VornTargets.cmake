@@ -79,6 +79,8 @@ function(vorn_plain_libraries out)
 endfunction()
 
 # Flags of a DLL that carries our own runtime: imports ntdll and kernel32 alone, reproducible byte for byte.
+# Every confined process loads it: its sections lie at page boundaries of the file, so that all processes map
+# the same pages, and its debug data lies beside it in NAME.dll.debug, so that no loader maps that.
 function(vorn_runtime_free_dll target)
   if(VORN_ARCH STREQUAL "x64")
     set(entry DllMainCRTStartup)
@@ -88,12 +90,15 @@ function(vorn_runtime_free_dll target)
   set_target_properties(${target} PROPERTIES PREFIX "" LINKER_LANGUAGE CXX)
   target_link_options(${target} PRIVATE -nostdlib -nostartfiles
     -Wl,-e,${entry} -Wl,--disable-auto-import -Wl,--disable-runtime-pseudo-reloc -Wl,--gc-sections
-    -Wl,--dynamicbase -Wl,--nxcompat
+    -Wl,--dynamicbase -Wl,--nxcompat -Wl,--file-alignment,4096
     $<$<CXX_COMPILER_ID:GNU>:-Wl,--no-insert-timestamp>)
   if(VORN_ARCH STREQUAL "x64")
     target_link_options(${target} PRIVATE -Wl,--high-entropy-va)
   endif()
   target_link_libraries(${target} PRIVATE ntdll ntdllcrt kernel32 gcc)
+  add_custom_command(TARGET ${target} POST_BUILD
+    COMMAND ${CMAKE_OBJCOPY} --only-keep-debug $<TARGET_FILE:${target}> $<TARGET_FILE:${target}>.debug
+    COMMAND ${CMAKE_STRIP} --preserve-dates $<TARGET_FILE:${target}>)  # also keeps the header's time stamp of 0
 endfunction()
 
 # Header-only libraries of the distribution for cross builds, without the native /usr/include around them.

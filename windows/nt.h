@@ -118,7 +118,7 @@ struct DispositionInformationEx {
 };
 inline constexpr ULONG kDispositionDelete = 0x1, kDispositionPosix = 0x2, kDispositionOnClose = 0x8,
                        kDispositionIgnoreReadonly = 0x10;  // class 64
-inline constexpr ULONG kRenameReplaceIfExists = 0x1;                         // class 65
+inline constexpr ULONG kRenameReplaceIfExists = 0x1;       // class 65
 struct NetworkOpenInformation {
   LARGE_INTEGER CreationTime, LastAccessTime, LastWriteTime, ChangeTime, AllocationSize, EndOfFile;
   ULONG FileAttributes;

@@ -331,7 +331,7 @@ void CFileMgr::ApplyDecision(OpenCall& call) noexcept {
       return OpenRecorded(call);
     case FileACL::kReadWrite:
       if (call.decision.in_recycle_bin) RemoveAccess(call.given, DELETE);
-      if (delete_on_close) {
+      if (call.DeletesOnClose()) {
         const FileVerdict held = model_.HeldByRule(call.path);
         if (held.access != FileACL::kReadWrite) {
           call.decision.file = held;
@@ -339,14 +339,14 @@ void CFileMgr::ApplyDecision(OpenCall& call) noexcept {
         }
       }
       // What is deleted while the loader works cannot be moved to the bin: it is deleted as asked.
-      if (GetThreadState()->bInLoader) return call.CallOnPath(kStepOpened);
+      if (GetThreadState()->bInLoader && !CanKeep(call.path)) return call.CallOnPath(kStepOpened);
       return OpenRecorded(call);
   }
 }
 
 void CFileMgr::OpenRecorded(OpenCall& call) noexcept {
   const bool deletes = call.DeletesOnClose();
-  const bool for_real = GetSection().Has(SectionOption::kKeepByLink) && CanKeep(call.path);
+  const bool for_real = CanKeep(call.path);
   if (!(deletes && for_real)) call.given.options &= ~FILE_DELETE_ON_CLOSE;
   call.CallOnPath(kStepOpened);
   if (!nt::Success(call.status) || !call.handle) return;

@@ -175,7 +175,9 @@ std::uint32_t Keep(std::wstring_view path, std::uint64_t size, Store&& store) no
 }  // namespace
 
 bool CanKeep(std::wstring_view path) noexcept {
-  return GetSection().FormatOfKept() != KeepFormat::kNone && GetSection().KeepFolderOf(U16(path)).Present();
+  const auto& section = GetSection();
+  return section.Has(vorn::policy::SectionOption::kKeepByLink) &&
+         section.FormatOfKept() != KeepFormat::kNone && section.KeepFolderOf(U16(path)).Present();
 }
 
 std::uint32_t KeepFile(HANDLE file, std::wstring_view path) noexcept {

@@ -1,5 +1,6 @@
 // Marks the time that a thread spends inside the loader, so that the file handlers let the loader's own work
-// through; where the section has kLoaderOnlyLoads, only what opens a module. Decides nothing: the real call is always made and its result returned unchanged.
+// through; where the section has kLoaderOnlyLoads, only what opens a module. Decides nothing: the real call
+// is always made and its result returned unchanged.
 #pragma once
 
 #include "VornCore/Hook/manager.h"

@@ -49,6 +49,11 @@ void* ResolveTarget(HMODULE module, const char* name) noexcept {
   return substitute ? substitute : ExportOf(module, name);
 }
 
+bool IsSubstituted(const char* name) noexcept {
+  const wine::Bridge* bridge = BridgeOf(name);
+  return bridge && bridge->substitute;
+}
+
 void* BridgeOriginal(const char* name, void* original) noexcept {
   const wine::Bridge* bridge = BridgeOf(name);
   return bridge && bridge->original ? bridge->original(original) : original;

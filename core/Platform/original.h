@@ -11,6 +11,9 @@ namespace VornCore::platform {
 // Null when there is none.
 void* ResolveTarget(HMODULE module, const char* name) noexcept;
 
+// Whether ResolveTarget answers with another function than the one of that name.
+bool IsSubstituted(const char* name) noexcept;
+
 // What CallOriginal of the function called name calls, once it is installed: original (its trampoline), or a
 // bridge that adapts the arguments and calls original. Called by the installing thread, once per function.
 void* BridgeOriginal(const char* name, void* original) noexcept;

@@ -1,5 +1,6 @@
 #include "Platform/wine_adapter.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "Platform/wine_asking.h"
@@ -85,12 +86,12 @@ DWORD WINAPI GetFinalPathNameByHandle(HANDLE file, LPWSTR path, DWORD units, DWO
 
 std::size_t UnixPath(const wchar_t* path, char* out, std::size_t bytes) {
   using Convert = char*(CDECL*)(LPCWSTR);
-  static const auto convert = reinterpret_cast<Convert>(
-      GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name"));
+  static const auto convert =
+      reinterpret_cast<Convert>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name"));
   char* name = convert ? convert(path) : nullptr;
   if (!name) return 0;
   const std::size_t length = strlen(name);
-  if (length <= bytes) memcpy(out, name, length);
+  if (length <= bytes) std::copy_n(name, length, out);
   HeapFree(GetProcessHeap(), 0, name);
   return length <= bytes ? length : 0;
 }

@@ -21,7 +21,7 @@ using vorn::policy::W;
 using vorn::windows::UniqueHandle;
 
 constexpr std::size_t kMaxEntries = 20000;  // directory entries looked at for one file
-constexpr ULONGLONG kMaxMilliseconds = 250;
+constexpr ULONGLONG kMaxMilliseconds = 1000;
 constexpr std::size_t kPageBytes = 16384;  // one directory query
 constexpr std::size_t kMaxNameUnits = 32767;
 

@@ -89,7 +89,15 @@ enum class SectionOption : std::uint32_t {
   kLoaderOnlyLoads = 1u << 4,  // inside the loader only modules pass unjudged
   kProtectionIsAWrite = 1u << 5,  // changing who may do what with a file, or its attributes, is writing it
   kRulesHoldPlaces = 1u << 6,     // a folder with a stricter rule below keeps its name and its place
+  kOnDemand = 1u << 7,            // threads and the log file are made when there is something for them
+  kNoSamples = 1u << 8,           // no samples are sent
+  kProveHooks = 1u << 9,          // a process in which a function is found and not intercepted ends
 };
+
+template <class... Options>
+constexpr std::uint32_t OptionBits(Options... options) noexcept {
+  return (0u | ... | static_cast<std::uint32_t>(options));
+}
 
 // Tells the block from whatever else may follow the header.
 inline constexpr std::array<std::uint8_t, 16> kSectionOptionsId = {

@@ -137,11 +137,7 @@ void CompiledPolicy::AddHostRule(HostRule rule, PathResolver& resolver) {
 }
 
 void CompiledPolicy::BuildSectionContents(SectionContents& contents) const {
-  using Option = policy::SectionOption;
-  for (const Option option :
-       {Option::kDecisionInAudit, Option::kKeepByLink, Option::kPlacesFromRules, Option::kLoaderOnlyLoads,
-        Option::kProtectionIsAWrite, Option::kRulesHoldPlaces})
-    contents.options |= static_cast<std::uint32_t>(option);
+  contents.options = kRunOptions;
   contents.flags = document_.log_level;
   if (!document_.enforce_files) contents.flags |= policy::kFlagFileCreateCheckOff;
   if (!document_.enforce_network) contents.flags |= policy::kFlagNetCheckOff;

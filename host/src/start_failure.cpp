@@ -1,7 +1,13 @@
 // What the exit code of a process says that ended before the library reported.
 #include <fmt/format.h>
 
+#include <span>
+
 #include "Policy/exit_code.h"
+#include "VornCore/Hook/api_list_dnsapi.h"
+#include "VornCore/Hook/api_list_kernelbase.h"
+#include "VornCore/Hook/api_list_ntdll.h"
+#include "VornCore/Hook/api_list_ws2_32.h"
 #include "vorn/launcher.h"
 #include "vorn/text.h"
 #include "windows/nt.h"
@@ -49,6 +55,23 @@ constexpr KnownExit kKnownExits[] = {
      "a DLL of the program failed to initialise"},
 };
 
+#define VORN_NAME(fail, result, api, ...) #api,
+constexpr const char* kNtdll[] = {VORN_NTDLL_API(VORN_NAME)};
+constexpr const char* kKernelBase[] = {VORN_KERNELBASE_API(VORN_NAME)};
+constexpr const char* kWs2_32[] = {VORN_WS2_32_API(VORN_NAME)};
+constexpr const char* kDnsapi[] = {VORN_DNSAPI_API(VORN_NAME)};
+#undef VORN_NAME
+constexpr std::span<const char* const> kHooked[] = {kNtdll, kKernelBase, kWs2_32, kDnsapi};
+
+std::string HookText(const policy::HookNotProven& hook) {
+  const auto& names = kHooked[static_cast<std::size_t>(hook.module)];
+  const char* name = hook.row < names.size() ? names[hook.row] : "a function";
+  return fmt::format("the library could not intercept {}: {}", name,
+                     hook.error
+                         ? Win32ErrorText(hook.error)
+                         : "calls of it do not arrive, another product or the program stands in front");
+}
+
 // Errors whose own sentence would mislead here.
 std::string StepErrorText(LaunchStage stage, std::uint32_t error) {
   if (stage == LaunchStage::kSection && error == ERROR_PRODUCT_VERSION) {
@@ -66,6 +89,11 @@ LaunchFailure DescribeStartUpExit(std::uint32_t exit_code) {
     if (known.code == exit_code) {
       return {known.stage, exit_code, exit_code, fmt::format("{} (exit code {:#x})", known.text, exit_code)};
     }
+  }
+  if ((exit_code & policy::kExitHookMask) == policy::kExitHook) {
+    const policy::HookNotProven hook = policy::HookOfExitCode(exit_code);
+    return {LaunchStage::kHooks, hook.error, exit_code,
+            fmt::format("{} (exit code {:#010x})", HookText(hook), exit_code)};
   }
   for (const Step& step : kSteps) {
     if ((exit_code & policy::kExitStepMask) != step.bit) continue;

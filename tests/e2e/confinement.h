@@ -159,9 +159,11 @@ class E2eConfinement {
     contents.UseLibrariesIn(ThisProgram().parent_path().wstring());
     contents.log_directory = folder_.path().wstring();
     contents.server_port = server_.port_name();
-    // The same tests run with a section that asks for more.
+    // The same tests run with a section that asks for what changes no outcome.
     if (GetEnvironmentVariableW(L"VORN_TEST_OPTIONS", nullptr, 0))
-      contents.options = static_cast<std::uint32_t>(policy::SectionOption::kDecisionInAudit);
+      contents.options =
+          policy::OptionBits(policy::SectionOption::kDecisionInAudit, policy::SectionOption::kOnDemand,
+                             policy::SectionOption::kProveHooks);
     if (adjust) adjust(contents);
     return contents;
   }

@@ -3,6 +3,7 @@
 // program is this one, as "probe N": it exits with N.
 #include <cstring>
 #include <random>
+#include <span>
 
 #include "detours/detours.h"
 #include "tests/e2e/confinement.h"
@@ -47,6 +48,14 @@ class InjectedProcess {
   ~InjectedProcess() { TerminateProcess(process_.get(), 0); }
 
   DWORD pid() const { return pid_; }
+  // Writes over the beginning of a function of ntdll, which lies at the same address in every process.
+  void Overwrite(const char* function, std::span<const unsigned char> code) {
+    auto* const at = reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), function));
+    DWORD old = 0;
+    VirtualProtectEx(process_.get(), at, code.size(), PAGE_EXECUTE_READWRITE, &old);
+    if (!WriteProcessMemory(process_.get(), at, code.data(), code.size(), nullptr))
+      throw std::runtime_error("not overwritten");
+  }
   DWORD Run() {
     ResumeThread(thread_.get());
     if (WaitForSingleObject(process_.get(), 60'000) != WAIT_OBJECT_0) {
@@ -220,6 +229,27 @@ TEST_F(StartUp, FailingManagerRemovesTheHooksAndEndsTheProcess) {
                               "Process Start:0, path:"}));
     EXPECT_FALSE(InOrder(log, {"InitBiz success!"}) || InOrder(log, {"Process End"}));
   }
+}
+
+// A function that is too short to be patched keeps the whole table out of force. Without the option the
+// program runs all the same.
+TEST_F(StartUp, FunctionThatCannotBeInterceptedEndsTheProcessAndIsNamed) {
+  constexpr unsigned char kReturnsAtOnce[] = {0xC3, 0xC3, 0xC3, 0xC3, 0xC3, 0xC3, 0xC3, 0xC3};
+  const auto code = [&](std::uint32_t options, bool spoil) {
+    contents.options = options;
+    const SharedSection section(contents);
+    InjectedProcess process(section.name());
+    if (spoil) process.Overwrite("NtDeleteFile", kReturnsAtOnce);
+    return process.Run();
+  };
+  constexpr auto kProve = vorn::policy::OptionBits(vorn::policy::SectionOption::kProveHooks);
+  EXPECT_EQ(code(kProve, false), kProbeCode);
+  EXPECT_EQ(code(0, true), kProbeCode);
+  const DWORD ended = code(kProve, true);
+  const LaunchFailure failure = DescribeStartUpExit(ended);
+  EXPECT_EQ(failure.stage, LaunchStage::kHooks) << std::hex << ended;
+  EXPECT_EQ(failure.code, static_cast<std::uint32_t>(ERROR_INVALID_BLOCK));
+  EXPECT_NE(failure.text.find("NtDeleteFile"), std::string::npos) << failure.text;
 }
 
 TEST_F(StartUp, InitEventThatCannotBeOpenedOrNamedIsLeftAlone) {

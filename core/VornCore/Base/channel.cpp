@@ -6,6 +6,7 @@
 #include <span>
 #include <string_view>
 
+#include "Platform/last_error.h"
 #include "Policy/message.h"
 #include "VornCore/Base/clock.h"
 #include "VornCore/Base/flood_rule.h"
@@ -13,6 +14,7 @@
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/message_queue.h"
 #include "VornCore/Base/process_info.h"
+#include "VornCore/Base/shared_data.h"
 #include "VornCore/Base/strings.h"
 #include "windows/unique_handle.h"
 
@@ -37,7 +39,40 @@ std::atomic<bool> gs_terminate_on_disconnect = false;
 std::atomic<channel::PathConverter> gs_path_converter = nullptr;
 MessageQueue gs_rqGameToHost, gs_rqHostToGame;
 FloodRule gs_flood;
-UniqueHandle gs_recv_thread, gs_dispatch_thread, gs_send_thread;
+
+// One of the three threads. With the option kOnDemand it is made when there is something for it to do, which
+// spares most short processes all of them.
+class Worker {
+ public:
+  explicit constexpr Worker(LPTHREAD_START_ROUTINE routine) : routine_(routine) {}
+
+  // Starts the thread unless it was started before. Any thread. False when there can be none now.
+  bool Start() {
+    if (started_.load(std::memory_order_relaxed) || started_.exchange(true)) return true;
+    const platform::LastErrorKeeper last_error;
+    thread_.reset(CreateThread(nullptr, 0, routine_, nullptr, 0, nullptr));
+    if (!thread_) started_.store(false);
+    return bool(thread_);
+  }
+  void WaitForEnd(DWORD patience_ms) const {
+    if (thread_) WaitForSingleObject(thread_.get(), patience_ms);
+  }
+  void End() {
+    if (thread_) TerminateThread(thread_.get(), kExitStoppedThread);
+    thread_.reset();
+    started_.store(false);
+  }
+
+ private:
+  const LPTHREAD_START_ROUTINE routine_;
+  std::atomic<bool> started_ = false;
+  UniqueHandle thread_;
+};
+
+DWORD WINAPI IPCRecvThreadProc(void*);
+DWORD WINAPI DispatchMsg(void*);
+DWORD WINAPI IPCSendThreadProc(void*);
+Worker gs_receiver{IPCRecvThreadProc}, gs_dispatcher{DispatchMsg}, gs_sender{IPCSendThreadProc};
 
 // The text of a block that was converted to UTF-8; empty without one.
 std::string_view ViewOf(const HeapText& text) {
@@ -49,8 +84,9 @@ HeapText ToUtf8(const wchar_t* text, std::size_t units) {
 }
 
 // Called before the channel is open to anybody else: so the start is the first message of the process, and
-// there is one.
-void QueueProcessStart() {
+// there is one. It goes to the transport as it stands: no thread runs yet, and the host, which has just
+// greeted this process, takes it.
+void SendProcessStart() {
   const wchar_t* image = GetImageBaseName();
   const wchar_t* command = GetCommandLineW();
   const HeapText image_text = image ? ToUtf8(image, std::wcslen(image)) : nullptr;
@@ -63,9 +99,7 @@ void QueueProcessStart() {
   const vorn::policy::ProcessStart start{.parent_pid = GetParentProcessId(),
                                          .image_name = ViewOf(image_text),
                                          .command_line = ViewOf(command_text)};
-  const bool encoded = EncodeInto(
-      start, [](const void* message, std::uint32_t bytes) { return gs_rqGameToHost.Push(message, bytes); });
-  if (!encoded) VORN_LOG_E("pTIPHeader is NULL");
+  if (!EncodeInto(start, IpcSend)) VORN_LOG_E("pTIPHeader is NULL");
 }
 
 void DispatchMsgToBiz(const void* data, std::uint32_t bytes) {
@@ -105,33 +139,35 @@ DWORD WINAPI DispatchMsg(void*) {
 // transport and the others to fall asleep. No time is given to threads that cannot have started yet.
 void StopChannelThreads(DWORD patience_ms) {
   IpcStop();
-  if (gs_recv_thread) WaitForSingleObject(gs_recv_thread.get(), patience_ms);
+  gs_receiver.WaitForEnd(patience_ms);
   gs_rqGameToHost.WaitForSleepingConsumer(patience_ms);
   gs_rqHostToGame.WaitForSleepingConsumer(patience_ms);
-  for (UniqueHandle* thread : {&gs_recv_thread, &gs_send_thread, &gs_dispatch_thread}) {
-    if (!*thread) continue;
-    TerminateThread(thread->get(), kExitStoppedThread);
-    thread->reset();
-  }
+  for (Worker* worker : {&gs_receiver, &gs_sender, &gs_dispatcher}) worker->End();
 }
 
 bool StartRecvData() {
-  const auto start = [](UniqueHandle& thread, LPTHREAD_START_ROUTINE routine) {
-    thread.reset(CreateThread(nullptr, 0, routine, nullptr, 0, nullptr));
-    return bool(thread);
-  };
-  if (start(gs_recv_thread, IPCRecvThreadProc) && start(gs_dispatch_thread, DispatchMsg) &&
-      start(gs_send_thread, IPCSendThreadProc))
-    return true;
+  // A host that ends its processes when it goes away must be watched from the start.
+  const bool watch = gs_terminate_on_disconnect.load();
+  if (GetSection().Has(vorn::policy::SectionOption::kOnDemand)) return !watch || gs_receiver.Start();
+  if (gs_receiver.Start() && gs_dispatcher.Start() && gs_sender.Start()) return true;
   StopChannelThreads(0);
   return false;
+}
+
+// Something was queued for the host. Who sends can be answered, so it is also listened to from then on.
+void StartSending() {
+  if (RtlDllShutdownInProgress()) return;  // the queue is sent at the process's end
+  gs_sender.Start();
+  gs_receiver.Start();
 }
 
 // ---- What the transport calls ----
 
 void __stdcall OnRecvData(void*, const void* data, std::uint32_t bytes) {
+  if (!gs_initialised.load()) return;
   // A full queue has logged itself; nobody would answer the host.
-  if (gs_initialised.load()) (void)gs_rqHostToGame.Push(data, bytes);
+  (void)gs_rqHostToGame.Push(data, bytes);
+  gs_dispatcher.Start();
 }
 
 void __stdcall OnIpcError(void*, const char* text) { VORN_LOG_W("%s", text); }
@@ -181,8 +217,8 @@ const char* Start(const wchar_t* port) {
   VORN_LOG_N("Init gs_rqHostToGame: %p", &gs_rqHostToGame);
   if (!gs_rqHostToGame.InitRing(kQueueNodes)) return "Init gs_rqHostToGame Failed";
   if (!gs_rqGameToHost.InitEvent() || !gs_rqHostToGame.InitEvent()) return "CreateEventW Failed";
-  QueueProcessStart();
-  // The threads may run at once, and the first thing that they send must not find the channel closed.
+  SendProcessStart();
+  // The threads may run at once, and what they say must not find the channel closed.
   gs_initialised.store(true);
   if (!StartRecvData()) return "StartRecvData() Failed";
   return nullptr;
@@ -217,11 +253,13 @@ bool SendToHost(const void* message, std::uint32_t bytes) noexcept {
   if (!queued)
     VORN_LOG_I("drop unlucky msg, pid %d, type %d, subtype %d", static_cast<int>(header.pid), header.type,
                header.subtype);
+  StartSending();
   return queued;
 }
 
 void SendSample(std::uint64_t first, std::uint64_t second, std::uint32_t third, std::uint16_t subtype,
                 const wchar_t* text) noexcept {
+  if (GetSection().Has(vorn::policy::SectionOption::kNoSamples)) return;
   HeapText utf8;
   if (const HeapString path = WideDup(text)) {
     if (const auto convert = gs_path_converter.load()) convert(path.get());

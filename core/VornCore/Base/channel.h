@@ -54,8 +54,9 @@ bool MaySendSample(std::atomic<std::uint64_t>& last_sent, std::uint64_t now) noe
 
 namespace channel {
 
-// Starts the transport, the queues and the three threads. port: the host's server port. Called during process
-// attach: it waits for none of its threads.
+// Starts the transport and the queues, tells the host of this process, and starts the three threads; with the
+// option kOnDemand each is started when there is something for it to do. port: the host's server port. Called
+// during process attach: it waits for none of its threads.
 [[nodiscard]] bool Init(const wchar_t* port, bool terminate_on_disconnect) noexcept;
 bool UnInit() noexcept;
 

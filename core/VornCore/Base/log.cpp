@@ -55,8 +55,9 @@ class LogHelper {
 
   bool opened() const { return opened_.load(std::memory_order_acquire); }
 
-  // Names the three files base_0.log to base_2.log and opens the first. 0 or a Win32 error.
-  DWORD Open(const PathText& base) {
+  // Names the three files base_0.log to base_2.log and opens the first, at once or for its first line. 0 or a
+  // Win32 error.
+  DWORD Open(const PathText& base, bool at_once) {
     for (int n = 0; n < kSlots; ++n) {
       const wchar_t digit[] = {static_cast<wchar_t>(L'0' + n)};
       Slot& slot = slots_[n];
@@ -67,8 +68,9 @@ class LogHelper {
       slot.file = INVALID_HANDLE_VALUE;
       if (!slot.path.fits()) return ERROR_FILENAME_EXCED_RANGE;
     }
-    const NTSTATUS status = OpenSlot(slots_[current_]);
+    const NTSTATUS status = at_once ? OpenSlot(slots_[current_]) : STATUS_SUCCESS;
     if (!nt::Success(status)) return RtlNtStatusToDosErrorNoTeb(status);
+    first_line_opens_ = !at_once;
     opened_.store(true, std::memory_order_release);
     return ERROR_SUCCESS;
   }
@@ -77,6 +79,8 @@ class LogHelper {
     platform::LockGuard guard(lock_);
     OwnCallScope own;
     if (current_ < 0 || current_ >= kSlots) current_ = 0;
+    if (first_line_opens_) OpenSlot(slots_[current_]);
+    first_line_opens_ = false;
     if (slots_[current_].written > kSlotBytes) TakeNextSlot();
     Slot& slot = slots_[current_];
     if (slot.file == INVALID_HANDLE_VALUE) return STATUS_INVALID_HANDLE;
@@ -125,6 +129,7 @@ class LogHelper {
   }
 
   std::atomic<bool> opened_ = false;
+  bool first_line_opens_ = false;
   platform::CriticalSection lock_;
   std::int32_t current_ = 0;
   Slot slots_[kSlots];
@@ -219,7 +224,7 @@ DWORD StartLog(const wchar_t* file_prefix) noexcept {
   base.Append(GetImageBaseName());
   base.Append(L"_");
   base.Append(UIntToWide(GetCurrentProcessId(), 10, digits));
-  return gs_log.Open(base);
+  return gs_log.Open(base, !GetSection().Has(vorn::policy::SectionOption::kOnDemand));
 }
 
 }  // namespace VornCore

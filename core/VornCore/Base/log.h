@@ -33,7 +33,8 @@ enum LogLevel : std::uint32_t {
 void LogPrint(const char* file, std::uint32_t level, int line, const char* tag, const char* format,
               ...) noexcept VORN_PRINTF(5, 6);
 
-// Opens the log files below the section's log directory. file_prefix: for example L"vorn_core_".
+// Opens the log files below the section's log directory; with the option kOnDemand the first line opens them,
+// and a directory in which that fails is told to the debugger alone. file_prefix: for example L"vorn_core_".
 // 0 or a Win32 error (87 without a directory, 206 for one that is too long, else what opening answered).
 [[nodiscard]] DWORD StartLog(const wchar_t* file_prefix) noexcept;
 

@@ -37,6 +37,10 @@ consteval void* const* FallbackOf(std::string_view) { return nullptr; }
     return CallOriginal##api(VORN_ARGUMENTS(__VA_ARGS__));                                             \
   }
 
-#define VORN_TABLE_ROW(fail, result, api, ...)                   \
-  {#api, FallbackOf(#api), reinterpret_cast<void*>(Hooked##api), \
-   reinterpret_cast<void**>(&entry_##api.original), reinterpret_cast<void**>(&entry_##api.bridged)},
+#define VORN_TABLE_ROW(fail, result, api, ...)      \
+  {#api,                                            \
+   FallbackOf(#api),                                \
+   reinterpret_cast<void*>(Hooked##api),            \
+   reinterpret_cast<void**>(&entry_##api.original), \
+   reinterpret_cast<void**>(&entry_##api.bridged),  \
+   [](void* target) { return entry_##api.Arrives(target); }},

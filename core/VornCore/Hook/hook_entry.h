@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 
+#include "Platform/guard.h"
 #include "Platform/net_types.h"
 
 namespace VornCore {
@@ -57,7 +58,35 @@ struct HookEntry<Listener, Result(Args...)> {
     return DispatchRest<Operation>(args...);
   }
 
+  // Whether a call of target comes to this entry's dispatcher. Asked before there are listeners, by the
+  // thread that installs the table: for its one call, which passes zeros, something that does nothing stands
+  // in place of the real function. Other threads' calls go their usual way.
+  bool Arrives(void* target) noexcept {
+    if (listeners[0].load(std::memory_order_relaxed)) return true;
+    proof = {.real = original, .thread = GetCurrentThreadId(), .arrived = false};
+    original = &ArriveForProof;
+    (void)platform::Guarded([&] { CallWithZeros(reinterpret_cast<Function>(target)); });
+    original = proof.real;
+    return proof.arrived;
+  }
+
  private:
+  // One table is installed at a time.
+  struct Proof {
+    Function real;
+    DWORD thread;
+    bool arrived;
+  };
+  inline static Proof proof;
+
+  static Result WINAPI ArriveForProof(Args... args) {
+    if (proof.thread != GetCurrentThreadId()) return proof.real(args...);
+    proof.arrived = true;
+    return Result{};
+  }
+
+  [[gnu::noinline]] static void CallWithZeros(Function function) { (void)function(Args{}...); }
+
   template <auto Operation>
   [[gnu::noinline]] Result DispatchRest(const Args&... args) const {
     for (int i = 1; i < kListenerSlots; ++i) {

@@ -2,13 +2,16 @@
 //
 // Install and removal run on the calling thread, which is the only one that the transaction enlists. A
 // function that cannot be found is left out; one that cannot be patched fails the transaction, and none of
-// the table's functions is patched. Neither is an error here: calls then reach the real functions.
+// the table's functions is patched. Neither is an error in a plain section: calls then reach the real
+// functions. With the option kProveHooks every function that was found is called once, as a program would
+// call it, and a call that does not arrive ends the process with an exit code that names the function.
 #pragma once
 
 #include <cstdint>
 #include <span>
 #include <string_view>
 
+#include "Policy/exit_code.h"
 #include "windows/nt.h"
 
 namespace VornCore {
@@ -19,11 +22,13 @@ struct HookRow {
   void* dispatcher;       // what the patched function leads to
   void** original;        // HookEntry::original
   void** bridged;         // HookEntry::bridged
+  bool (*arrives)(void* target);  // HookEntry::Arrives
 };
 
 // Functions are attached and detached in the order of the rows, but for those that are named here: they come
 // first, in the order of their names.
 struct HookTable {
+  vorn::policy::HookedModule module;
   std::span<const HookRow> rows;
   std::span<const std::string_view> attach_first = {};
   std::span<const std::string_view> detach_first = {};
@@ -38,6 +43,6 @@ void BeginHookTransaction() noexcept;
 // when the target is refused.
 bool AttachHook(const char* name, void* address, void* dispatcher, void** original, HMODULE module) noexcept;
 bool DetachHook(void** original, void* dispatcher) noexcept;
-void CommitHookTransaction() noexcept;
+LONG CommitHookTransaction() noexcept;  // 0 or a Win32 error
 
 }  // namespace VornCore

@@ -14,7 +14,8 @@ static consteval void* const* FallbackOf(std::string_view api) {
 VORN_DEFINE_MODULE(VORN_KERNELBASE_API)
 
 // The exception filter is released first, so that a fault during the removal finds the program's own filter.
-constexpr HookTable kTable = {.rows = kRows, .detach_first = {&kCrashFilter, 1}};
+constexpr HookTable kTable = {
+    .module = vorn::policy::HookedModule::kKernelBase, .rows = kRows, .detach_first = {&kCrashFilter, 1}};
 
 bool Init() noexcept { return InstallTable(kTable, GetModuleHandleW(L"KernelBase.dll")); }
 bool UnInit() noexcept { return RemoveTable(kTable); }

@@ -6,7 +6,7 @@ namespace VornCore::Ntdll {
 
 VORN_DEFINE_MODULE(VORN_NTDLL_API)
 
-constexpr HookTable kTable = {.rows = kRows};
+constexpr HookTable kTable = {.module = vorn::policy::HookedModule::kNtdll, .rows = kRows};
 
 bool Init() noexcept { return InstallTable(kTable, GetModuleHandleW(L"ntdll.dll")); }
 bool UnInit() noexcept { return RemoveTable(kTable); }

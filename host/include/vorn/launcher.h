@@ -36,6 +36,7 @@ enum class LaunchStage {
   kSection,        // the library could not use the section (0x2…)
   kThreadStorage,  // no thread-local storage (0x4…)
   kLog,            // the log files could not be opened (0x8…)
+  kHooks,          // a function could not be intercepted (0xED…)
   kManagers,       // hooks, managers or channel failed (1114)
   kScratch,        // misuse of the library's scratch buffers (0xEED00A4C to 0xEED00A4E)
   kLoad,           // the loader could not load the program or the library (STATUS codes of the loader)
@@ -45,7 +46,7 @@ enum class LaunchStage {
 
 struct LaunchFailure {
   LaunchStage stage = LaunchStage::kCreate;
-  // Win32 error (kCreate to kLog), exit code (kManagers to kExited), 0 (kTimeout).
+  // Win32 error (kCreate to kHooks), exit code (kManagers to kExited), 0 (kTimeout).
   std::uint32_t code = 0;
   std::uint32_t exit_code = 0;  // of the ended process, where it ended by itself; else 0
   std::string text = {};        // UTF-8: what failed and why

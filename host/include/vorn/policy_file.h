@@ -55,7 +55,7 @@ struct PolicyNetRule {
 };
 
 struct PolicyDocument {
-  std::uint32_t log_level = 7;  // mask of the library's levels: 1 normal, 2 errors, 4 warnings, 8 detail
+  std::uint32_t log_level = 6;  // mask of the library's levels: 1 normal, 2 errors, 4 warnings, 8 detail
   std::string log_directory;    // empty: the host's default
   bool write_dumps = true;      // false: crashes leave no dump and no notice
   std::string dump_directory;   // empty: the host's default; at most kMaxDumpDirectoryUnits

@@ -40,6 +40,13 @@ struct NetRule {
 // UTF-16 units with its end). In a longer one most programs could not write a dump.
 inline constexpr std::size_t kMaxDumpDirectoryUnits = 259 - 1 - policy::kDumpNameUnits;
 
+// The options of every run of vorn (policy::SectionOption bits).
+inline constexpr std::uint32_t kRunOptions = policy::OptionBits(
+    policy::SectionOption::kDecisionInAudit, policy::SectionOption::kKeepByLink,
+    policy::SectionOption::kPlacesFromRules, policy::SectionOption::kLoaderOnlyLoads,
+    policy::SectionOption::kProtectionIsAWrite, policy::SectionOption::kRulesHoldPlaces,
+    policy::SectionOption::kOnDemand, policy::SectionOption::kNoSamples, policy::SectionOption::kProveHooks);
+
 struct SectionContents {
   std::wstring log_directory;  // drive-letter path of an existing folder
   // The same, at most kMaxDumpDirectoryUnits; empty: crashes leave no dump and no notice.
