@@ -61,10 +61,11 @@ void RemoveFiles() {
   RemoveDirectoryW(Folder().c_str());
 }
 
-void UseRules(std::uint32_t flags) {
+void UseRules(std::uint32_t flags, std::uint32_t options = 0) {
   static std::optional<vorn::host::SharedSection> section;
   vorn::host::SectionContents contents;
   contents.flags = flags;
+  contents.options = options;
   const std::wstring folder = vorn::host::ToNtPath(Folder());
   for (int i = 0; i < kRules - 3; ++i)
     contents.file_rules.push_back({FileACL::kRead, folder + L"\\other" + std::to_wstring(i)});
@@ -200,6 +201,74 @@ void Mark(const std::string& name) {
   CloseHandle(CreateEventA(nullptr, FALSE, FALSE, ("vorn_mark_" + name).c_str()));
 }
 
+// A tree in which every file has a second name in another folder, opened for writing one after the other.
+class LinkedTree {
+ public:
+  LinkedTree() {
+    for (const wchar_t* folder : {L"\\linked", L"\\twins"})
+      CreateDirectoryW((Folder() + L"\\write" + folder).c_str(), nullptr);
+    for (int i = 0; i < kFiles; ++i) {
+      CloseHandle(CreateFileW(Name(i).c_str(), GENERIC_WRITE, 7, nullptr, CREATE_ALWAYS, 0, nullptr));
+      CreateHardLinkW(Twin(i).c_str(), Name(i).c_str(), nullptr);
+    }
+  }
+  ~LinkedTree() {
+    for (int i = 0; i < kFiles; ++i) {
+      DeleteFileW(Name(i).c_str());
+      DeleteFileW(Twin(i).c_str());
+    }
+    for (const wchar_t* folder : {L"\\linked", L"\\twins"})
+      RemoveDirectoryW((Folder() + L"\\write" + folder).c_str());
+  }
+  LinkedTree(const LinkedTree&) = delete;
+  LinkedTree& operator=(const LinkedTree&) = delete;
+
+  // Milliseconds an open; false in all_open when one was refused.
+  double Open(const char* mark, bool* all_open) const {
+    int i = 0;
+    const auto write = [&] {
+      HANDLE file = CreateFileW(Name(i++).c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr);
+      DWORD written = 0;
+      if (!WriteFile(file, "x", 1, &written, nullptr)) *all_open = false;
+      CloseHandle(file);
+    };
+    Mark(mark);
+    const double nanos = vorn::bench::BatchNanos(write, kFiles);
+    Mark("end");
+    return nanos / 1e6;
+  }
+
+ private:
+  static constexpr int kFiles = 300;
+  static std::wstring Name(int i) { return Folder() + L"\\write\\linked\\" + std::to_wstring(i); }
+  static std::wstring Twin(int i) { return Folder() + L"\\write\\twins\\" + std::to_wstring(i); }
+};
+
+void CompareLinks() {
+  Ntdll::UnInit();
+  const LinkedTree tree;
+  UseRules(0, vorn::policy::OptionBits(vorn::policy::SectionOption::kPlacesFromRules));
+  bool all_open = true;
+  std::vector<double> ratios;
+  double first = 0, plain = 1e9, confined = 1e9;
+  for (int round = 0; round < 5; ++round) {
+    Ntdll::UnInit();
+    const double base = tree.Open("plain_linked", &all_open);
+    Ntdll::Init();
+    const double other = tree.Open("linked", &all_open);
+    if (round == 0) first = other;
+    plain = std::min(plain, base);
+    confined = std::min(confined, other);
+    ratios.push_back(other / base);
+  }
+  std::nth_element(ratios.begin(), ratios.begin() + 2, ratios.end());
+  std::printf("write to a file with a second name elsewhere, confined against plain%s\n",
+              all_open ? "" : "  REFUSED");
+  std::printf("  ratio %4.2f (budget 2)  %.3f ms each, plain %.3f; the first time %.3f ms (budget 1)\n",
+              ratios[2], confined, plain, first);
+  Ntdll::UnInit();
+}
+
 void MarkModes() {
   const auto run = [](const std::string& name, const OpenClose& open_close) {
     for (int i = 0; i < 3; ++i) open_close();  // what happens once, happens here
@@ -226,10 +295,13 @@ int main(int argc, char** argv) {
   if (InitThreadState() != 0 || !Ntdll::Init() || !KernelBase::Init() || !GetFileMgr().Init()) return 1;
   if (argc > 1 && strcmp(argv[1], "--mark") == 0) {
     MarkModes();
+  } else if (argc > 1 && strcmp(argv[1], "--links") == 0) {
+    CompareLinks();
   } else {
     CompareOpens();
     CompareWrites();
     CompareCloses();
+    CompareLinks();
   }
   Ntdll::UnInit();
   KernelBase::UnInit();

@@ -1,5 +1,7 @@
 #include "File/file_acl_model.h"
 
+#include <utility>
+
 #include "File/file_helper.h"
 #include "File/file_link_helper.h"
 #include "File/scratch_path.h"
@@ -19,6 +21,9 @@ using vorn::policy::FileFacts;
 using vorn::policy::FileRuleMatch;
 using vorn::policy::FileVerdict;
 using vorn::policy::U16;
+
+// Stands for the names that are not known: no rule covers it.
+constexpr std::u16string_view kUnlistedName = u":unlisted";
 
 void LogInvalidRule(std::wstring_view path, const FileRuleMatch& match) {
   if (match.found && match.invalid_access)
@@ -40,7 +45,10 @@ class DecisionContext final : public vorn::policy::FileContext {
 
   bool NextName(std::u16string_view* name) noexcept override {
     if (!listed_) ListNames();
-    if (!next_) return false;
+    if (!next_) {
+      *name = kUnlistedName;
+      return std::exchange(unlisted_, false);
+    }
     *name = U16(std::wstring_view(static_cast<const LinkNode*>(next_)->path.get()));
     next_ = NextNode(next_);
     return true;
@@ -64,9 +72,11 @@ class DecisionContext final : public vorn::policy::FileContext {
     const std::wstring_view file = path_.substr(0, vorn::policy::FindStream(U16(path_)));
     wchar_t* dos_path = ScratchPath(0, file.size());
     const ListHead* names = nullptr;
-    if (!dos_path) return;
-    TerminatedCopy(dos_path, file);
-    if (NtPathToDosPath(dos_path) && names_.GetFileHardLinks(dos_path, &names)) next_ = FirstNode(*names);
+    if (dos_path) TerminatedCopy(dos_path, file);
+    if (dos_path && NtPathToDosPath(dos_path) && names_.GetFileHardLinks(dos_path, &names))
+      next_ = FirstNode(*names);
+    else
+      unlisted_ = links_ && GetSection().Has(vorn::policy::SectionOption::kPlacesFromRules);
   }
 
   const std::wstring_view path_;
@@ -75,7 +85,17 @@ class DecisionContext final : public vorn::policy::FileContext {
   FileLinkHelper names_;
   const ListNode* next_ = nullptr;
   bool listed_ = false;
+  bool unlisted_ = false;  // the file has names that could not be told
 };
+
+// Where kept files get their second names in a trash; in scratch slot 2.
+std::wstring_view TrashedFiles() {
+  if (GetSection().FormatOfKept() != vorn::policy::KeepFormat::kTrash) return {};
+  const std::wstring_view folder = vorn::policy::W(GetSection().KeepFolderOf({}).text);
+  constexpr std::wstring_view kFiles = L"\\files";
+  wchar_t* path = ScratchPath(2, folder.size() + kFiles.size());
+  return path && !folder.empty() ? TerminatedCopy(path, folder, kFiles) : std::wstring_view();
+}
 
 // The folders in which another name of a file would matter. An implementation without a list of names looks
 // there.
@@ -83,7 +103,7 @@ std::wstring_view RuleFolder(std::uint32_t index) {
   for (std::uint32_t bytes, access, hash; index < GetFileRuleCount(); ++index)
     if (const wchar_t* path = GetFileRule(index, &bytes, &access, &hash))
       return {path, bytes / sizeof(wchar_t)};
-  return {};
+  return index == GetFileRuleCount() ? TrashedFiles() : std::wstring_view();
 }
 
 }  // namespace

@@ -126,6 +126,8 @@ std::wstring_view InsertDavRoot(std::wstring_view path, wchar_t* buffer, std::si
 
 int FileLinkHelper::GetFileHardLinks(const wchar_t* path, const ListHead** names) noexcept {
   *names = &names_;
+  // How a file is shared must not hide its names: it is not opened for its data.
+  if (GetSection().Has(vorn::policy::SectionOption::kPlacesFromRules)) return ListNames(path);
   // The file is opened under the library's own name: its handler lets the call pass.
   ThreadState* state = GetThreadState();
   const std::uint8_t was_creating = state ? state->bInCreateFile : 0;
@@ -137,8 +139,7 @@ int FileLinkHelper::GetFileHardLinks(const wchar_t* path, const ListHead** names
   if (file) {
     BY_HANDLE_FILE_INFORMATION info;
     if (platform::Native().GetFileInformationByHandle(file.get(), &info) && info.nNumberOfLinks >= 2)
-      if (const DriveRecord* drive = GetDriveForLetter(path[0]))
-        count = FindHardLinks(path, VolumeOf(drive->device_path));
+      count = FindOnDrive(path);
     file.reset();
   } else if (IsDebugLogEnabled()) {
     VORN_LOG_I("FileLinkHelper::GetFileHardLinks error:%d path:%s", static_cast<int>(error),
@@ -146,6 +147,19 @@ int FileLinkHelper::GetFileHardLinks(const wchar_t* path, const ListHead** names
   }
   if (state) state->bInCreateFile = was_creating;
   return count;
+}
+
+int FileLinkHelper::ListNames(const wchar_t* path) noexcept {
+  ThreadState* state = GetThreadState();
+  const std::uint8_t was_creating = state ? std::exchange(state->bInCreateFile, 1) : 0;
+  const int count = FindOnDrive(path);
+  if (state) state->bInCreateFile = was_creating;
+  return count;
+}
+
+int FileLinkHelper::FindOnDrive(const wchar_t* path) noexcept {
+  const DriveRecord* drive = GetDriveForLetter(path[0]);
+  return drive ? FindHardLinks(path, VolumeOf(drive->device_path)) : 0;
 }
 
 int FileLinkHelper::FindHardLinks(const wchar_t* path, std::wstring_view volume) noexcept {
@@ -166,6 +180,10 @@ int FileLinkHelper::FindHardLinks(const wchar_t* path, std::wstring_view volume)
 
 bool FileLinkHelper::AppendLink(const wchar_t* path, std::wstring_view volume,
                                 std::wstring_view name) noexcept {
+  if (name.starts_with(platform::kOtherVolume)) {
+    name.remove_prefix(platform::kOtherVolume.size());
+    volume = {};
+  }
   auto* text = static_cast<wchar_t*>(malloc((volume.size() + name.size() + 1) * sizeof(wchar_t)));
   auto* link = text ? new LinkNode : nullptr;
   if (!link) {

@@ -40,12 +40,14 @@ class FileLinkHelper {
   void Close() noexcept;
 
   // All names of a file with two or more links, its own included: the number of them, 0 when the file has one
-  // link or they cannot be listed. path: drive-letter form. The list is this object's. Opens the file for
-  // reading.
+  // link or they cannot be listed. path: drive-letter form. The list is this object's. In a plain section the
+  // file is opened for reading, and has no names where it cannot be.
   int GetFileHardLinks(const wchar_t* path, const ListHead** names) noexcept;
 
  private:
   std::wstring_view ResolveFinalPath(std::wstring_view path, bool keep_open) noexcept;
+  int ListNames(const wchar_t* path) noexcept;
+  int FindOnDrive(const wchar_t* path) noexcept;
   int FindHardLinks(const wchar_t* path, std::wstring_view volume) noexcept;
   bool AppendLink(const wchar_t* path, std::wstring_view volume, std::wstring_view name) noexcept;
 

@@ -16,6 +16,8 @@
 
 namespace VornCore::platform {
 
+inline constexpr std::wstring_view kOtherVolume = L"\\??";
+
 struct NativeApi {
   // Object names and links.
   decltype(&::NtQueryObject) NtQueryObject;
@@ -31,6 +33,8 @@ struct NativeApi {
   decltype(&::GetFinalPathNameByHandleW) GetFinalPathNameByHandleW;
   decltype(&::GetFileInformationByHandle) GetFileInformationByHandle;
   decltype(&::GetFileInformationByHandleEx) GetFileInformationByHandleEx;
+  // Names are told without the volume; one on another volume than the file's, where a system has such, as
+  // kOtherVolume and a device path.
   decltype(&::FindFirstFileNameW) FindFirstFileNameW;
   decltype(&::FindNextFileNameW) FindNextFileNameW;
   decltype(&::FindClose) FindClose;  // of a FindFirstFileNameW handle

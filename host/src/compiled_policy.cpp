@@ -66,6 +66,8 @@ class OtherNames final : public policy::FileContext {
     }
     const std::size_t device = file_.nt_path.find(L'\\', policy::kDevicePrefix.size());
     name_ = file_.nt_path.substr(0, device) + buffer_.data();
+    if (const auto other = VornCore::platform::kOtherVolume; name_.compare(device, other.size(), other) == 0)
+      name_.erase(0, device + other.size());
     *name = policy::U16(std::wstring_view(name_));
     return true;
   }

@@ -123,6 +123,15 @@ TEST_F(FileKeepE2E, OnlyWhatWasThereBeforeIsKept) {
   EXPECT_EQ(Deleted(run), std::vector<std::string>{script.Dos("read\\f.txt")});
 }
 
+// The name that the bin gave to the file protects nothing.
+TEST_F(FileKeepE2E, WhatIsLeftOfTwoNamesStaysWritable) {
+  ASSERT_TRUE(
+      CreateHardLinkW(script.Path("read\\twin.txt").c_str(), script.Path("write\\f.txt").c_str(), nullptr));
+  script.Add("delete " + script.Nt("write\\f.txt")).Add(Open("read\\twin.txt", "40000000"));
+  EXPECT_EQ(RunPermitted().answers, (Answers{kOk, kOk}));
+  EXPECT_EQ(Kept("write\\f.txt"), kOld);
+}
+
 TEST_F(FileKeepE2E, ADeletionThatIsCalledOffIsNone) {
   script.Add(Open("write\\f.txt", "10000"));
   for (const char* remove : {"1", "0", "1", "0"}) script.Add("disposition 0 13 " + std::string(remove));

@@ -5,6 +5,7 @@
 //   escape_probe acl F           gives F another access list
 //   escape_probe attributes F    makes F read-only by its attributes
 //   escape_probe times F         sets the last write time of F
+//   escape_probe held F L        writes to L while F is open so that nobody else can read it
 #include <windows.h>
 
 #include <winternl.h>
@@ -57,6 +58,12 @@ bool ChangesTimes(const fs::path& file) {
          GetFileTime(handle.get(), nullptr, nullptr, &now) && now.dwHighDateTime == old.dwHighDateTime;
 }
 
+void WritesWhileHeld(const fs::path& file, const fs::path& link) {
+  const UniqueHandle held(CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                      nullptr, OPEN_EXISTING, 0, nullptr));
+  std::ofstream(link, std::ios::binary) << "new";
+}
+
 void FaultInTheLoader() {
   auto* const nowhere = reinterpret_cast<IMAGE_DELAYLOAD_DESCRIPTOR*>(0x10);
   (void)VornCore::platform::Guarded(
@@ -74,6 +81,7 @@ int wmain(int argc, wchar_t** argv) {
     FaultInTheLoader();
     Print(file);
   }
+  if (verb == L"held") WritesWhileHeld(file, argv[3]);
   if (verb == L"acl") escaped = ChangesAccessList(file);
   if (verb == L"attributes") escaped = ChangesAttributes(file);
   if (verb == L"times") escaped = ChangesTimes(file);

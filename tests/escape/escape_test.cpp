@@ -57,6 +57,7 @@ constexpr Row kRows[] = {
     {"copy-out", "copy @\\denied\\s.txt @\\work\\s.txt"},
     {"copy-over", "echo new> @\\work\\n.txt\ncopy /y @\\work\\n.txt @\\read\\f.txt"},
     {"hard-link", "mklink /H @\\work\\h.txt @\\read\\f.txt\necho new> @\\work\\h.txt"},
+    {"hard-link-held", "mklink /H @\\work\\h.txt @\\read\\f.txt\n$ held @\\read\\f.txt @\\work\\h.txt"},
     {"hard-link-deny", "mklink /H @\\work\\h.txt @\\denied\\s.txt\ntype @\\work\\h.txt"},
     // Free places belong to the host.
     {"own-temp", "set TMP=@\nset TEMP=@\ncmd /c type @\\denied\\s.txt"},
