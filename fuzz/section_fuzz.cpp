@@ -1,6 +1,7 @@
 // Any bytes as a configuration section: every accessor stays inside it, and the rules read from it give the
 // answers of the plain scan.
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -43,7 +44,20 @@ void Tame(std::vector<std::byte>& memory) {
   }
   for (const FileRuleRecord& shared : section.FileRules()) {
     auto& rule = const_cast<FileRuleRecord&>(shared);
-    if (rule.access % 8 < 6) rule.path_hash = HashPathNoCase(Copy(section.PathOf(rule)));
+    if (rule.access % 8 == 7) continue;
+    // Paths of few different units, so that prefixes, duplicates and near misses abound.
+    constexpr char16_t kUnits[] = u"\\\\aAb\u00C4";
+    const std::u16string_view path = section.PathOf(rule).text;
+    for (std::size_t i = 0; i < path.size(); ++i) {
+      const char16_t tame = kUnits[UnitAt(path.data() + i) % 6];
+      std::memcpy(static_cast<void*>(const_cast<char16_t*>(path.data() + i)), &tame, sizeof tame);
+    }
+  }
+  for (const FileRuleRecord& shared : section.FileRules()) {
+    auto& rule = const_cast<FileRuleRecord&>(shared);
+    if (rule.access % 8 >= 6) continue;
+    rule.access = rule.access % 8;
+    rule.path_hash = HashPathNoCase(Copy(section.PathOf(rule)));
   }
   for (const NetRuleRecord& shared : section.NetRules()) {
     auto& rule = const_cast<NetRuleRecord&>(shared);
@@ -58,21 +72,28 @@ void Tame(std::vector<std::byte>& memory) {
 }
 
 void CheckFileRules(const SectionView& section) {
+  std::u16string last;
   for (std::uint32_t i = 0; i < section.FileRules().size() && i < 64; ++i) {
     const std::u16string rule = Copy(section.FileRuleAt(i).path);
-    for (const std::u16string& path : {rule, rule + u"\\x", rule + u"x", rule + u'\\' + rule}) {
+    std::u16string deep = rule;  // more prefixes than are looked for at once
+    for (std::uint32_t n = 0; n < 2 * i; ++n) deep += u"\\aA";
+    for (const std::u16string& path :
+         {rule, rule + u"\\x", rule + u"x", rule + u'\\' + rule, rule + u"\\A\\\\b\\" + last, deep}) {
       const FileRuleMatch match = CheckFileACL(section, path);
       const FileRuleMatch literal = test::ReferenceCheckFileACL(section, path);
       Require(match.found == literal.found && match.access == literal.access &&
-              match.rule_index == literal.rule_index);
+              match.invalid_access == literal.invalid_access && match.rule_index == literal.rule_index);
     }
+    last = rule;
   }
 }
 
 void CheckNetRules(const SectionView& section) {
   for (std::uint32_t i = 0; i < section.NetRules().size() && i < 64; ++i) {
     const NetRuleRecord* rule = section.NetRuleAt(i);
-    IpAddress address{.family = rule->family, .bytes = {}, .port = static_cast<std::uint16_t>(i)};
+    IpAddress address{.family = rule->family == kFamilyIPv6 ? kFamilyIPv6 : kFamilyIPv4,
+                      .bytes = {},
+                      .port = static_cast<std::uint16_t>(i)};
     const NetRuleAddress own = section.AddressOf(*rule);
     for (std::size_t k = 0; k < own.bytes.size() && k < 16; ++k)
       address.bytes[k] = static_cast<std::uint8_t>(own.bytes[k]);

@@ -111,6 +111,8 @@ class E2eConfinement {
         launcher_(section_) {}
 
   const std::filesystem::path& folder() const { return folder_.path(); }
+  const host::SharedSection& section() const { return section_; }
+  host::Launcher& launcher() { return launcher_; }
   // The published section, which confined processes read at any time.
   policy::SharedDataHeader& header() {
     return *reinterpret_cast<policy::SharedDataHeader*>(section_.bytes().data());

@@ -35,6 +35,16 @@ inline void PrintTo(const Audit& audit, std::ostream* out) {
        << policy::ACLName(audit.destination_access) << " " << audit.destination;
 }
 
+// The path of a file as Wine's Unix side spells it; "" on Windows.
+inline std::string UnixName(const std::filesystem::path& path) {
+  const auto convert = reinterpret_cast<char*(CDECL*)(const wchar_t*)>(
+      GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name"));
+  char* const text = convert ? convert(path.c_str()) : nullptr;
+  const std::string name = text ? text : "";
+  if (text) HeapFree(GetProcessHeap(), 0, text);
+  return name;
+}
+
 struct ScriptRun {
   std::int64_t exit_code = -1;
   std::vector<std::string> answers;

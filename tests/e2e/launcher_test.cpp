@@ -52,37 +52,17 @@ int ProbeMain(const std::string& job, const std::string& argument) {
 
 class HostLauncher : public testing::Test {
  protected:
-  SectionContents Contents() const {
-    SectionContents contents;
-    contents.UseLibrariesIn(vorn::test::ThisProgram().parent_path().wstring());
-    contents.log_directory = folder.path().wstring();
-    contents.server_port = server.port_name();
-    return contents;
-  }
-
-  std::uint32_t ExitCodeOf(const LaunchOptions& options) {
-    auto result = launcher.Start(options);
-    if (auto* failure = std::get_if<LaunchFailure>(&result)) {
-      ADD_FAILURE() << failure->text;
-      return ~0u;
-    }
-    return std::get<ConfinedProcess>(result).Wait(30s).value_or(~0u);
-  }
-
-  vorn::test::TestFolder folder;
-  MessageServer server{RandomName(L"vorn_launcher"), {}};
-  SharedSection section{Contents()};
-  Launcher launcher{section};
+  vorn::test::E2eConfinement host;
 };
 
 TEST_F(HostLauncher, OnlyTheGivenStandardStreamsAreInherited) {
   UniqueHandle in_read, in_write, out_read, out_write;
   ASSERT_TRUE(CreatePipe(in_read.put(), in_write.put(), nullptr, 0));
   ASSERT_TRUE(CreatePipe(out_read.put(), out_write.put(), nullptr, 0));
-  auto result = launcher.Start({.command_line = ProbeCommand(L"copy x"),
-                                .standard_input = in_read.get(),
-                                .standard_output = out_write.get(),
-                                .standard_error = out_write.get()});
+  auto result = host.launcher().Start({.command_line = ProbeCommand(L"copy x"),
+                                       .standard_input = in_read.get(),
+                                       .standard_output = out_write.get(),
+                                       .standard_error = out_write.get()});
   ASSERT_TRUE(std::holds_alternative<ConfinedProcess>(result)) << std::get<LaunchFailure>(result).text;
   DWORD bytes = 0;
   WriteFile(in_write.get(), "hello", 5, &bytes, nullptr);
@@ -105,22 +85,22 @@ TEST_F(HostLauncher, OnlyTheGivenStandardStreamsAreInherited) {
     if (reinterpret_cast<ULONG_PTR>(high.get()) < 0x2000) fill.push_back(std::move(high));
   }
   const auto value = std::to_wstring(reinterpret_cast<ULONG_PTR>(high.get()));
-  EXPECT_EQ(ExitCodeOf({.command_line = ProbeCommand(L"handle " + value)}), 0u);
+  EXPECT_EQ(host.Run(ProbeCommand(L"handle " + value)), 0);
 }
 
 TEST_F(HostLauncher, ProgramGetsItsEnvironmentAndFolder) {
   SetEnvironmentVariableW(L"VORN_TEST_REMOVED", L"here");
   SetEnvironmentVariableW(L"VORN_TEST_SET", L"one");
-  EXPECT_EQ(ExitCodeOf({.command_line = ProbeCommand(L"environment x"),
-                        .working_directory = L"C:\\windows",
-                        .environment = {{L"vorn_test_removed", std::nullopt}, {L"VORN_TEST_SET", L"two"}}}),
-            7u);
+  EXPECT_EQ(host.Run(ProbeCommand(L"environment x"),
+                     {.working_directory = L"C:\\windows",
+                      .environment = {{L"vorn_test_removed", std::nullopt}, {L"VORN_TEST_SET", L"two"}}}),
+            7);
 }
 
 TEST_F(HostLauncher, FailedStartNamesItsStage) {
   const auto expect = [&](void (*spoil)(SectionContents&), LaunchOptions options, LaunchStage stage,
                           std::uint32_t code, std::string_view part) {
-    SectionContents contents = Contents();
+    SectionContents contents = host.section().contents();
     spoil(contents);
     if (options.command_line.empty()) options.command_line = ProbeCommand(L"sleep x");
     const SharedSection spoiled(contents);
@@ -175,7 +155,7 @@ TEST(StartUpExit, CodeSaysStageAndReason) {
 TEST_F(HostLauncher, TreeBelongsToTheLauncherAndEndsWithIt) {
   UniqueHandle child;
   {
-    Launcher scoped(section);
+    Launcher scoped(host.section());
     auto result = scoped.Start({.command_line = ProbeCommand(L"spawn x")});
     ASSERT_TRUE(std::holds_alternative<ConfinedProcess>(result)) << std::get<LaunchFailure>(result).text;
     const auto child_pid = std::get<ConfinedProcess>(result).Wait(30s);
@@ -183,7 +163,7 @@ TEST_F(HostLauncher, TreeBelongsToTheLauncherAndEndsWithIt) {
     child.reset(OpenProcess(SYNCHRONIZE, FALSE, *child_pid));
     ASSERT_TRUE(child);
     EXPECT_TRUE(scoped.Owns(*child_pid));
-    EXPECT_FALSE(launcher.Owns(*child_pid));
+    EXPECT_FALSE(host.launcher().Owns(*child_pid));
     EXPECT_FALSE(scoped.Owns(GetCurrentProcessId()));
     EXPECT_FALSE(scoped.WaitForAll(50ms)) << "the child runs";
     const std::vector<LaunchedProcess> processes = scoped.Processes();
@@ -192,7 +172,7 @@ TEST_F(HostLauncher, TreeBelongsToTheLauncherAndEndsWithIt) {
     EXPECT_EQ(processes[1].pid, *child_pid);
     EXPECT_EQ(processes[1].parent_pid, processes[0].pid);
     EXPECT_EQ(processes[1].image, vorn::test::ThisProgram().wstring());
-    EXPECT_TRUE(launcher.Processes().empty());
+    EXPECT_TRUE(host.launcher().Processes().empty());
   }
   EXPECT_EQ(WaitForSingleObject(child.get(), 20'000), WAIT_OBJECT_0);
 }

@@ -8,82 +8,54 @@
 #include "detours/detours.h"
 #include "tests/e2e/confinement.h"
 #include "tests/net_rules.h"
+#include "tests/test_process.h"
 #include "tests/unit/long_form.h"
-#include "vorn/create_process.h"
 #include "windows/nt.h"
 #include "windows/unique_handle.h"
 
 namespace {
 
-using namespace std::chrono_literals;
 using namespace vorn::host;
+using namespace vorn::test;
 using vorn::windows::UniqueHandle;
 
 constexpr DWORD kProbeCode = 123;
 constexpr DWORD kFailedManager = 1114;
 constexpr wchar_t kVariable[] = L"VORN_SHARED_DATA_NAME";
 
-// An injected process that has not run yet.
-class InjectedProcess {
+// This program as a probe, injected, that has not run yet.
+class InjectedProcess : public TestProcess {
  public:
   // value: of the variable that names the section; nothing leaves it out.
-  explicit InjectedProcess(const std::optional<std::wstring>& value) {
-    std::wstring command =
-        L"\"" + vorn::test::ThisProgram().wstring() + L"\" probe " + std::to_wstring(kProbeCode);
-    const std::string library = vorn::test::BuildPath("vorn_core.dll").string();
-    const char* libraries[] = {library.c_str()};
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    SetEnvironmentVariableW(kVariable, value ? value->c_str() : nullptr);
-    const BOOL created = CreateProcessAgain(nullptr, command.data(), FALSE, CREATE_SUSPENDED, nullptr,
-                                            nullptr, &startup, &process);
+  explicit InjectedProcess(const std::optional<std::wstring>& value)
+      : TestProcess(ProbeCommand(value), CREATE_SUSPENDED) {
     SetEnvironmentVariableW(kVariable, nullptr);
-    if (!created) throw std::runtime_error("no process: error " + std::to_string(GetLastError()));
-    process_ = UniqueHandle(process.hProcess);
-    thread_ = UniqueHandle(process.hThread);
-    pid_ = process.dwProcessId;
-    if (!DetourUpdateProcessWithDll(process.hProcess, libraries, 1)) throw std::runtime_error("not injected");
+    const std::string library = BuildPath("vorn_core.dll").string();
+    const char* libraries[] = {library.c_str()};
+    if (!DetourUpdateProcessWithDll(handle(), libraries, 1)) ADD_FAILURE() << "not injected";
   }
-  ~InjectedProcess() { TerminateProcess(process_.get(), 0); }
 
-  DWORD pid() const { return pid_; }
   // Writes over the beginning of a function of ntdll, which lies at the same address in every process.
   void Overwrite(const char* function, std::span<const unsigned char> code) {
     auto* const at = reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), function));
     DWORD old = 0;
-    VirtualProtectEx(process_.get(), at, code.size(), PAGE_EXECUTE_READWRITE, &old);
-    if (!WriteProcessMemory(process_.get(), at, code.data(), code.size(), nullptr))
-      throw std::runtime_error("not overwritten");
-  }
-  DWORD Run() {
-    ResumeThread(thread_.get());
-    if (WaitForSingleObject(process_.get(), 60'000) != WAIT_OBJECT_0) {
-      ADD_FAILURE() << "does not end";
-      TerminateProcess(process_.get(), 0);
-    }
-    DWORD code = 0;
-    GetExitCodeProcess(process_.get(), &code);
-    return code;
+    VirtualProtectEx(handle(), at, code.size(), PAGE_EXECUTE_READWRITE, &old);
+    if (!WriteProcessMemory(handle(), at, code.data(), code.size(), nullptr))
+      ADD_FAILURE() << "not overwritten";
   }
 
  private:
-  UniqueHandle process_, thread_;
-  DWORD pid_ = 0;
+  static std::wstring ProbeCommand(const std::optional<std::wstring>& value) {
+    SetEnvironmentVariableW(kVariable, value ? value->c_str() : nullptr);
+    return Probe(ThisProgram().filename().string().c_str(), L"probe " + std::to_wstring(kProbeCode));
+  }
 };
 
-class StartUp : public testing::Test {
+class StartUp : public testing::Test, protected E2eConfinement {
  protected:
-  StartUp() {
-    contents.UseLibrariesIn(vorn::test::ThisProgram().parent_path().wstring());
-    contents.log_directory = folder.path().wstring();
-    contents.server_port = server.port_name();
-    contents.flags = 0xF;
-  }
-
-  DWORD CodeWith(const SharedSection& section) { return InjectedProcess(section.name()).Run(); }
+  DWORD CodeWith(const SharedSection& given) { return InjectedProcess(given.name()).RunToEnd(); }
   DWORD CodeWith(const SectionContents& given) { return CodeWith(SharedSection(given)); }
-  DWORD CodeWithValue(const std::optional<std::wstring>& value) { return InjectedProcess(value).Run(); }
+  DWORD CodeWithValue(const std::optional<std::wstring>& value) { return InjectedProcess(value).RunToEnd(); }
 
   static vorn::policy::SharedDataHeader& HeaderOf(const SharedSection& section) {
     return *reinterpret_cast<vorn::policy::SharedDataHeader*>(section.bytes().data());
@@ -92,10 +64,10 @@ class StartUp : public testing::Test {
   // The messages of the only log, without their prefixes; removes the log.
   std::vector<std::string> TakeLog() {
     std::vector<std::string> messages;
-    const std::vector<std::filesystem::path> files(std::filesystem::directory_iterator{folder.path()}, {});
+    const std::vector<std::filesystem::path> files(std::filesystem::directory_iterator{folder()}, {});
     EXPECT_EQ(files.size(), 1u);
     for (const auto& path : files) {
-      messages = vorn::test::ReadLines(path);
+      messages = ReadLines(path);
       for (std::string& line : messages) line.erase(0, line.find("] ") + 2);
       std::filesystem::remove(path);
     }
@@ -103,23 +75,20 @@ class StartUp : public testing::Test {
   }
   // Removes the log of a process, also from the folders above: a log directory may have been cut short.
   void RemoveLogs(DWORD pid) {
-    const auto name = L"vorn_core_" + vorn::test::ThisProgram().filename().wstring() + L"_" +
-                      std::to_wstring(pid) + L"_0.log";
+    const auto name =
+        L"vorn_core_" + ThisProgram().filename().wstring() + L"_" + std::to_wstring(pid) + L"_0.log";
     std::error_code ignored;
-    for (auto at = folder.path(); at.has_relative_path(); at = at.parent_path())
+    for (auto at = folder(); at.has_relative_path(); at = at.parent_path())
       std::filesystem::remove(at / name, ignored);
-    std::filesystem::remove(folder.path().root_path() / name, ignored);
+    std::filesystem::remove(folder().root_path() / name, ignored);
   }
-  bool NothingLogged() { return std::filesystem::is_empty(folder.path()); }
+  bool NothingLogged() { return std::filesystem::is_empty(folder()); }
 
-  std::mutex mutex;
-  std::vector<std::vector<std::byte>> received;
-  MessageServer server{RandomName(L"vorn_startup"), {.on_message = [this](const Peer&, auto bytes) {
-                         std::lock_guard lock(mutex);
-                         received.emplace_back(bytes.begin(), bytes.end());
-                       }}};
-  vorn::test::TestFolder folder;
-  SectionContents contents;
+  SectionContents contents = [this] {
+    SectionContents all = section().contents();
+    all.flags = 0xF;
+    return all;
+  }();
 };
 
 // Whether these texts come one after another, with anything between them.
@@ -137,41 +106,35 @@ testing::AssertionResult InOrder(const std::vector<std::string>& lines,
 }
 
 TEST_F(StartUp, ConfinedProcessRunsAndReportsItsStart) {
-  SharedSection section(contents);
-  InjectedProcess process(section.name());
-  const std::wstring event_name = section.contents().init_event_prefix + std::to_wstring(process.pid());
+  SharedSection shared(contents);
+  InjectedProcess process(shared.name());
+  const std::wstring event_name = shared.contents().init_event_prefix + std::to_wstring(process.id());
   UNICODE_STRING name = nt::CountedString(event_name.data(), event_name.size() * 2);
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
   HANDLE raw = nullptr;
   ASSERT_TRUE(nt::Success(NtCreateEvent(&raw, EVENT_ALL_ACCESS, &attributes, 0, FALSE)));
   UniqueHandle event(raw);
 
-  EXPECT_EQ(process.Run(), kProbeCode);
+  EXPECT_EQ(process.RunToEnd(), kProbeCode);
   EXPECT_EQ(WaitForSingleObject(event.get(), 0), WAIT_OBJECT_0) << "the init event is set";
   const auto log = TakeLog();
-  const std::string pid = std::to_string(process.pid());
+  const std::string pid = std::to_string(process.id());
   EXPECT_TRUE(InOrder(log, {"InitBaseLib success!", "InitLowLevel success!",
                             "Init gs_rqGameToHost: ", "Init gs_rqHostToGame: ", "InitBiz success!",
                             "Process Start:1, path:", "Process End, pid:" + pid}));
-  EXPECT_TRUE(InOrder(log, {"Process Start:1, path:" + vorn::test::ThisProgram().string() + ", cmdline:\"" +
-                            vorn::test::ThisProgram().string() + "\" probe 123, IL:0x"}));
+  EXPECT_TRUE(InOrder(log, {"Process Start:1, path:" + ThisProgram().string() + ", cmdline:\"" +
+                            ThisProgram().string() + "\" probe 123, IL:0x"}));
   EXPECT_FALSE(InOrder(log, {"init event"}));
 
-  ASSERT_TRUE(server.WaitUntilIdle(30s));
   // Calls of the program's own threads may be told before it, when the send thread starts late.
-  std::vector<vorn::policy::Decoded> starts;
-  for (const auto& message : received) {
-    const auto decoded = vorn::policy::DecodeMessage(message);
-    EXPECT_TRUE(decoded.Ok());
-    if (std::holds_alternative<vorn::policy::ProcessStart>(decoded.body)) starts.push_back(decoded);
-  }
-  ASSERT_FALSE(starts.empty()) << "also of a program that ends at once";
-  const auto& header = starts.front().header;
-  const auto* start = std::get_if<vorn::policy::ProcessStart>(&starts.front().body);
-  EXPECT_EQ(header.pid, process.pid());
-  EXPECT_EQ(header.flag, 1);
+  auto messages = Settle();
+  std::erase_if(messages, [](const Received& each) { return !each.As<vorn::policy::ProcessStart>(); });
+  ASSERT_FALSE(messages.empty()) << "also of a program that ends at once";
+  const auto* start = messages.front().As<vorn::policy::ProcessStart>();
+  EXPECT_EQ(messages.front().sender(), process.id());
+  EXPECT_EQ(messages.front().decoded.header.flag, 1);
   EXPECT_EQ(start->parent_pid, GetCurrentProcessId());
-  EXPECT_EQ(start->image_name, vorn::test::ThisProgram().filename().string());
+  EXPECT_EQ(start->image_name, ThisProgram().filename().string());
   EXPECT_TRUE(start->command_line.ends_with("\" probe 123")) << start->command_line;
 }
 
@@ -196,11 +159,11 @@ TEST_F(StartUp, SectionOfAnotherMagicOrVersionEndsTheProcess) {
 }
 
 TEST_F(StartUp, LogThatCannotBeOpenedEndsTheProcess) {
-  contents.log_directory = (folder.path() / L"missing").wstring();
+  contents.log_directory = (folder() / L"missing").wstring();
   EXPECT_EQ(CodeWith(contents), 0x80000003u);
   contents.log_directory.clear();
   EXPECT_EQ(CodeWith(contents), 0x80000057u);
-  contents.log_directory = folder.path().wstring() + L"\\" + std::wstring(520, L'd');
+  contents.log_directory = folder().wstring() + L"\\" + std::wstring(520, L'd');
   EXPECT_EQ(CodeWith(contents), 0x800000CEu);
 }
 
@@ -240,7 +203,7 @@ TEST_F(StartUp, FunctionThatCannotBeInterceptedEndsTheProcessAndIsNamed) {
     const SharedSection section(contents);
     InjectedProcess process(section.name());
     if (spoil) process.Overwrite("NtDeleteFile", kReturnsAtOnce);
-    return process.Run();
+    return process.RunToEnd();
   };
   constexpr auto kProve = vorn::policy::OptionBits(vorn::policy::SectionOption::kProveHooks);
   EXPECT_EQ(code(kProve, false), kProbeCode);
@@ -269,11 +232,10 @@ TEST_F(StartUp, InitEventThatCannotBeOpenedOrNamedIsLeftAlone) {
 // Whatever the section says, a start ends with a code of the library or the program runs; it never faults,
 // and never hangs. VORN_RANDOM_SECTIONS sets the number of sections; the seed is fixed.
 TEST_F(StartUp, RandomSectionsNeverFault) {
-  const int sections = vorn::test::LongForm("VORN_RANDOM_SECTIONS", 1000);
+  const int sections = LongForm("VORN_RANDOM_SECTIONS", 1000);
   contents.file_rules = {{vorn::policy::FileACL::kDeny, L"\\Device\\HarddiskVolume1\\a"},
                          {vorn::policy::FileACL::kRead, L"\\Device\\HarddiskVolume1\\b\\c"}};
-  contents.net_rules = {vorn::test::AddressRule(1, {127, 0, 0, 1}, {80, 443}),
-                        vorn::test::DomainRule(0, L"*.example.com")};
+  contents.net_rules = {AddressRule(1, {127, 0, 0, 1}, {80, 443}), DomainRule(0, L"*.example.com")};
   std::mt19937 random(20'251'212);
   const auto below = [&](std::uint32_t n) { return static_cast<std::uint32_t>(random() % n); };
   constexpr std::uint32_t kSpan = 1'024;  // bytes of the section that are in use, and some more
@@ -292,8 +254,8 @@ TEST_F(StartUp, RandomSectionsNeverFault) {
       std::memcpy(bytes.data() + word * 4, &value, sizeof value);
     }
     InjectedProcess process(section.name());
-    const DWORD code = process.Run();
-    RemoveLogs(process.pid());
+    const DWORD code = process.RunToEnd();
+    RemoveLogs(process.id());
     // What the library composes, what it answers for a failing manager, or what the program says. A fault
     // would show as its status, 0xC….
     const bool composed = (code >> 28) == 0x8 && (code & 0x0FFF0000) == 0;

@@ -6,7 +6,7 @@
 #include <sstream>
 
 #include "confinement.h"
-#include "vorn/create_process.h"
+#include "tests/test_process.h"
 
 namespace vorn::test {
 namespace {
@@ -33,30 +33,18 @@ class VornExe : public testing::Test, public TestFolder {
   // meanwhile: called while vorn runs, with its process.
   Session Vorn(const std::string& arguments, const fs::path& program = BuildPath("vorn.exe"),
                const std::function<void(HANDLE)>& meanwhile = {}) const {
-    const fs::path output = Path("output.txt");
     SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    const HANDLE file = CreateFileW(output.c_str(), GENERIC_WRITE, 7, &inherit, CREATE_ALWAYS, 0, nullptr);
-    const HANDLE null = CreateFileW(L"NUL", GENERIC_READ, 7, &inherit, OPEN_EXISTING, 0, nullptr);
+    const windows::UniqueHandle file(
+        CreateFileW(Path("output.txt").c_str(), GENERIC_WRITE, 7, &inherit, CREATE_ALWAYS, 0, nullptr)),
+        null(CreateFileW(L"NUL", GENERIC_READ, 7, &inherit, OPEN_EXISTING, 0, nullptr));
     STARTUPINFOW start{};
-    start.cb = sizeof start;
     start.dwFlags = STARTF_USESTDHANDLES;
-    start.hStdInput = null;
-    start.hStdOutput = start.hStdError = file;
-    std::wstring line = L"\"" + program.wstring() + L"\" " + host::ToWide(arguments);
-    PROCESS_INFORMATION process{};
-    Session session;
-    EXPECT_TRUE(host::CreateProcessAgain(nullptr, line.data(), TRUE, 0, nullptr, nullptr, &start, &process));
-    if (meanwhile) meanwhile(process.hProcess);
-    if (WaitForSingleObject(process.hProcess, 60'000) != WAIT_OBJECT_0) {
-      ADD_FAILURE() << "vorn " << arguments << " does not end";
-      TerminateProcess(process.hProcess, 1);
-    }
-    DWORD code = 0;
-    GetExitCodeProcess(process.hProcess, &code);
-    session.exit_code = code;
-    for (HANDLE handle : {process.hThread, process.hProcess, file, null}) CloseHandle(handle);
-    session.text = Read("output.txt");
-    return session;
+    start.hStdInput = null.get();
+    start.hStdOutput = start.hStdError = file.get();
+    const TestProcess process(L"\"" + program.wstring() + L"\" " + host::ToWide(arguments), 0, start);
+    if (meanwhile) meanwhile(process.handle());
+    const DWORD code = process.RunToEnd();
+    return {code, Read("output.txt")};
   }
   Session Run(const std::string& program, const std::string& options = "",
               const std::function<void(HANDLE)>& meanwhile = {}) const {

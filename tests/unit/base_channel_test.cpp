@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "VornCore/Base/channel.h"
-#include "VornCore/Base/clock.h"
 #include "base_environment.h"
 #include "tests/probes/fake_transport.h"
 
@@ -17,8 +16,6 @@ FakeTransport transport;
 std::mutex mutex;
 std::vector<std::string> calls;
 std::vector<std::vector<std::byte>> sent;
-HANDLE send_gate = nullptr;  // Send waits until it is set
-std::atomic<int> sends_begun = 0;
 }  // namespace
 
 extern "C" __declspec(dllexport) FakeTransport* GetFakeTransport() { return &transport; }
@@ -49,19 +46,15 @@ class Channel : public testing::Test {
     transport = {};
     transport.on_call = [](const char* operation) { calls.push_back(operation); };
     transport.on_send = [](const void* data, std::uint32_t bytes) {
-      ++sends_begun;
-      WaitForSingleObject(send_gate, INFINITE);
       const auto* begin = static_cast<const std::byte*>(data);
       std::lock_guard guard(mutex);
       sent.emplace_back(begin, begin + bytes);
     };
     transport.stopped = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    send_gate = CreateEventW(nullptr, TRUE, TRUE, nullptr);
   }
   void TearDown() override {
     channel::UnInit();
     CloseHandle(transport.stopped);
-    CloseHandle(send_gate);
   }
 
   // Starts and waits for the process start message, which it removes.
@@ -117,15 +110,9 @@ TEST_F(Channel, TransportThatFailsIsTakenDownAgain) {
   EXPECT_FALSE(Send(Message(3, 0))) << "the channel does not run";
 }
 
-TEST_F(Channel, ProcessStartIsTheFirstMessage) {
+TEST_F(Channel, LocalPortIsNamedAfterTheProcess) {
   ASSERT_TRUE(channel::Init(kServer, false));
   EXPECT_TRUE(channel::Init(kServer, false)) << "it runs already";
-  ASSERT_TRUE(WaitForSent(1));
-  const policy::Decoded decoded = policy::DecodeMessage(sent[0]);
-  EXPECT_TRUE(std::holds_alternative<policy::ProcessStart>(decoded.body));
-  const std::uint64_t now = GetPreciseTimeMicros() / 1000;
-  EXPECT_TRUE(decoded.header.time_ms <= now && now < decoded.header.time_ms + 60'000);
-
   EXPECT_EQ(calls, std::vector<std::string>{"Init"});
   EXPECT_STREQ(transport.server_port, kServer);
   const std::wregex name(L"base_channel_test\\.exe_" + std::to_wstring(GetCurrentProcessId()) +
@@ -145,48 +132,6 @@ TEST_F(Channel, RefusesWhatIsNoMessageAndStopsWhatItStarted) {
   EXPECT_EQ(calls, (std::vector<std::string>{"Init", "Stop", "UnInit", "Destroy"}));
   EXPECT_FALSE(Send(Message(3, 0)));
   Start();  // and starts again
-}
-
-TEST_F(Channel, FullQueueRefusesAndSaysSo) {
-  Start();
-  ResetEvent(send_gate);
-  const int begun = sends_begun;
-  ASSERT_TRUE(Send(Message(3, 1000)));
-  ASSERT_TRUE(Eventually([&] { return sends_begun > begun; })) << "the send thread stands at the gate";
-  log.SetFlags(0);
-  int queued = 0;
-  for (std::uint16_t n = 0; n < 2000 && Send(Message(3, n)); ++n) ++queued;
-  log.SetFlags(0xF);
-  log.NewText();
-  EXPECT_EQ(queued, 999);
-  EXPECT_FALSE(Send(Message(3, 5001)));
-  EXPECT_TRUE(WaitForLog("drop unlucky msg, pid " + std::to_string(GetCurrentProcessId()) +
-                         ", type 3, subtype 5001"));
-  SetEvent(send_gate);
-  ASSERT_TRUE(WaitForSent(1000));
-  std::lock_guard guard(mutex);
-  EXPECT_EQ(sent.size(), 1000u);
-}
-
-TEST_F(Channel, FloodIsDroppedAndEverythingElseArrives) {
-  Start();
-  std::size_t accepted = 0;
-  bool dropped = false;
-  for (int attempt = 0; attempt < 1000 && !dropped;
-       ++attempt) {  // a busy machine may take long over six messages
-    accepted += Send(Message(2, 0));
-    for (int n = 0; n < 10; ++n) {
-      const bool taken = Send(Message(3, 0));
-      accepted += taken;
-      EXPECT_TRUE(taken || n >= 5);
-      dropped |= !taken;
-    }
-  }
-  EXPECT_TRUE(dropped);
-  EXPECT_TRUE(
-      WaitForLog("drop spam msg, pid " + std::to_string(GetCurrentProcessId()) + ", type 3, subtype 0"));
-  ASSERT_TRUE(WaitForSent(accepted));
-  EXPECT_EQ(sent.size(), accepted);
 }
 
 TEST_F(Channel, SamplesCarryTheHostsPathsAndAreThrottled) {

@@ -55,8 +55,7 @@ TEST_F(Log, LineCarriesTimeProcessThreadTagFileAndLine) {
 }
 
 TEST_F(Log, LongLinesAreCutTo1023Bytes) {
-  for (const std::size_t size :
-       {std::size_t{900}, std::size_t{1022}, std::size_t{1023}, std::size_t{1024}, std::size_t{9000}}) {
+  for (const std::size_t size : {900u, 1022u, 1023u, 1024u, 9000u}) {
     LogPrint("f", kLogNormal, 1, "N", "%s", std::string(size, 'x').c_str());
     const std::string text = log.NewText();
     const std::size_t prefix = text.find("] ") + 2;
@@ -98,13 +97,6 @@ void Fill(const std::filesystem::path& slot) {
   for (auto size = before + line; size <= kSlotBytes; size += line) log_line();
 }
 
-std::string FirstLine(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::string line;
-  std::getline(file, line);
-  return line;
-}
-
 TEST_F(Log, SlotThatCannotBeOpenedIsReportedToTheDebuggerAlone) {
   const auto in_child = [] {
     static std::string reported;
@@ -136,7 +128,9 @@ TEST_F(Log, RotatesOverThreeFilesAndEmptiesTheOldest) {
     EXPECT_EQ(std::filesystem::exists(log.Slot(n + 1)), false);
     VORN_LOG_N("opens the next");
     EXPECT_EQ(std::filesystem::file_size(log.Slot(n)), size);
-    EXPECT_TRUE(FirstLine(log.Slot((n + 1) % 3)).ends_with("opens the next"));
+    std::string line;
+    std::getline(std::ifstream(log.Slot((n + 1) % 3), std::ios::binary) >> std::ws, line);
+    EXPECT_TRUE(line.ends_with("opens the next")) << line;
   }
   EXPECT_LT(std::filesystem::file_size(log.Slot(0)), 1023u) << "emptied and taken again";
   for (int n = 0; n < 3; ++n) std::filesystem::resize_file(log.Slot(n), 0);

@@ -13,7 +13,7 @@
 #include "detours/detours.h"
 #include "tests/probes/injection_record.h"
 #include "tests/stdcall.h"
-#include "tests/time_scale.h"
+#include "tests/test_process.h"
 #include "vorn/create_process.h"
 
 namespace {
@@ -67,44 +67,18 @@ class Record {
   InjectionRecord* view_;
 };
 
-// A child that was created suspended; ended with the test.
-class Child {
+// A child that was created suspended.
+class Child : public vorn::test::TestProcess {
  public:
-  explicit Child(const std::string& program) {
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof(startup);
-    if (!vorn::host::CreateProcessAgain(std::wstring(program.begin(), program.end()).c_str(), nullptr, FALSE,
-                                        CREATE_SUSPENDED, nullptr, nullptr, &startup, &info_)) {
-      ADD_FAILURE() << program << ": error " << GetLastError();
-      return;
-    }
-    record = std::make_unique<Record>(info_.dwProcessId);
-  }
-  ~Child() {
-    TerminateProcess(info_.hProcess, 1);
-    CloseHandle(info_.hThread);
-    CloseHandle(info_.hProcess);
-  }
+  explicit Child(const std::string& program)
+      : TestProcess(L"\"" + std::wstring(program.begin(), program.end()) + L"\"", CREATE_SUSPENDED) {}
 
-  DWORD pid() const { return info_.dwProcessId; }
-
-  bool Inject(std::vector<LPCSTR> dlls) const { return InjectInto(info_.hProcess, std::move(dlls)); }
+  bool Inject(std::vector<LPCSTR> dlls) const { return InjectInto(handle(), std::move(dlls)); }
   static bool InjectInto(HANDLE process, std::vector<LPCSTR> dlls) {
     return DetourUpdateProcessWithDll(process, dlls.data(), static_cast<DWORD>(dlls.size()));
   }
 
-  DWORD RunToEnd() const {
-    DWORD code = STILL_ACTIVE;
-    ResumeThread(info_.hThread);
-    WaitForSingleObject(info_.hProcess, vorn::test::Scaled(20'000));
-    GetExitCodeProcess(info_.hProcess, &code);
-    return code;
-  }
-
-  std::unique_ptr<Record> record;
-
- private:
-  PROCESS_INFORMATION info_ = {};
+  const Record record{id()};
 };
 
 TEST(Injection, DllsRunInOrderBeforeTheProgramAndRestoreItsHeader) {
@@ -112,7 +86,7 @@ TEST(Injection, DllsRunInOrderBeforeTheProgramAndRestoreItsHeader) {
   Child child(kProbe);
   ASSERT_TRUE(child.Inject({kDll.c_str(), second.path().c_str()})) << GetLastError();
   EXPECT_EQ(child.RunToEnd(), kProbeExit);
-  const Record& record = *child.record;
+  const Record& record = child.record;
   EXPECT_STREQ(record->order, "isTM");
   EXPECT_TRUE(record->restored);
   EXPECT_FALSE(record->restored_again);
@@ -144,8 +118,8 @@ TEST(Injection, UnusualImportTablesWorkAndComeBack) {
     Child child(program.path());
     ASSERT_TRUE(child.Inject({kDll.c_str()})) << GetLastError();
     EXPECT_EQ(child.RunToEnd(), kProbeExit);
-    EXPECT_STREQ((*child.record)->order, c.order);
-    EXPECT_TRUE((*child.record)->header_is_the_files);
+    EXPECT_STREQ(child.record->order, c.order);
+    EXPECT_TRUE(child.record->header_is_the_files);
   }
 }
 
@@ -172,16 +146,16 @@ struct HelperWatch {
 
 TEST(HelperProcess, UpdatesTheTargetAndDoesNothingElse) {
   Child child(kProbe);
-  ASSERT_TRUE(DetourProcessViaHelperW(child.pid(), kDll.c_str(), HelperWatch::Create)) << GetLastError();
+  ASSERT_TRUE(DetourProcessViaHelperW(child.id(), kDll.c_str(), HelperWatch::Create)) << GetLastError();
   EXPECT_STREQ((*HelperWatch::record)->order, "") << "the DLL must not start up in the helper";
   EXPECT_EQ(child.RunToEnd(), kProbeExit);
-  EXPECT_STREQ((*child.record)->order, "iTM");
-  EXPECT_TRUE((*child.record)->header_is_the_files);
+  EXPECT_STREQ(child.record->order, "iTM");
+  EXPECT_TRUE(child.record->header_is_the_files);
 }
 
 TEST(HelperProcess, ErrorsComeBackThroughTheHelper) {
   Child child(kProbe);
-  EXPECT_FALSE(DetourProcessViaHelperW(child.pid(), "C:\\no\\such.dll", CreateProcessW));
+  EXPECT_FALSE(DetourProcessViaHelperW(child.id(), "C:\\no\\such.dll", CreateProcessW));
   EXPECT_NE(GetLastError(), DWORD{NO_ERROR});
 }
 
@@ -201,7 +175,7 @@ TEST(HelperProcess, OrderForAnotherProgramOrAnotherDllMakesNoHelper) {
     return TRUE;
   };
   // The program is another one.
-  DetourProcessViaHelperW(child.pid(), kDll.c_str(),
+  DetourProcessViaHelperW(child.id(), kDll.c_str(),
                           vorn::test::Stdcall([](LPCWSTR, LPWSTR command, LPSECURITY_ATTRIBUTES,
                                                  LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID, LPCWSTR,
                                                  LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) -> BOOL {
@@ -210,7 +184,7 @@ TEST(HelperProcess, OrderForAnotherProgramOrAnotherDllMakesNoHelper) {
                           }));
   EXPECT_STREQ((*HelperWatch::record)->order, "iTM");
   // The order names a DLL that is not the one that reads it.
-  DetourProcessViaHelperW(child.pid(), other.path().c_str(),
+  DetourProcessViaHelperW(child.id(), other.path().c_str(),
                           vorn::test::Stdcall([](LPCWSTR image, LPWSTR command, LPSECURITY_ATTRIBUTES,
                                                  LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID, LPCWSTR,
                                                  LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) -> BOOL {
@@ -220,20 +194,14 @@ TEST(HelperProcess, OrderForAnotherProgramOrAnotherDllMakesNoHelper) {
 }
 
 TEST(HelperProcess, CommandLineAloneMakesNoHelper) {
-  std::wstring line = L"rundll32.exe \"" + std::wstring(kDll.begin(), kDll.end()) + L"\",#1";
-  STARTUPINFOW startup = {};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION info = {};
-  wchar_t image[MAX_PATH];
-  GetSystemDirectoryW(image, MAX_PATH);
-  wcscat(image, L"\\rundll32.exe");
-  ASSERT_TRUE(
-      HelperWatch::Create(image, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info));
-  EXPECT_EQ(WaitForSingleObject(info.hProcess, vorn::test::Scaled(20'000)), DWORD{WAIT_OBJECT_0});
-  EXPECT_STREQ((*HelperWatch::record)->order, "i");
-  TerminateProcess(info.hProcess, 1);
-  CloseHandle(info.hThread);
-  CloseHandle(info.hProcess);
+  wchar_t folder[MAX_PATH];
+  GetSystemDirectoryW(folder, MAX_PATH);
+  const vorn::test::TestProcess process(L"\"" + std::wstring(folder) + L"\\rundll32.exe\" \"" +
+                                            std::wstring(kDll.begin(), kDll.end()) + L"\",#1",
+                                        CREATE_SUSPENDED);
+  const Record record(process.id());
+  process.RunToEnd();
+  EXPECT_STREQ(record->order, "i");
 }
 
 }  // namespace

@@ -61,21 +61,19 @@ TEST_P(PeImages, OurDllsComeFirstAndTheImageIsRestored) {
     std::vector<std::string> own;
     bool repaired = false;
   };
-  std::vector<Case> cases(7, {"plain", Options(), {"KERNEL32.dll#7", "msvcrt.dll#7"}});
-  cases[1].what = "import directory of size 0";
-  cases[1].options.import_size_is_zero = cases[1].repaired = true;
-  cases[2].what = "bound imports";
-  cases[2].options.bound = true;
-  cases[3].what = "no imports";
-  cases[3].options.dlls = {};
-  cases[3].own = {};
-  cases[4].what = "no address table directory";
-  cases[4].options.with_iat_directory = false;
-  cases[5].what = "managed code only";
-  cases[5].options.clr_flags = 3;
-  cases[6].what = "many imports";
-  cases[6].options.dlls.assign(50, "m.dll");
-  cases[6].own.assign(50, "m.dll#7");
+  const bool wide = GetParam();
+  const std::vector<std::string> own = {"KERNEL32.dll#7", "msvcrt.dll#7"};
+  const Case cases[] = {
+      {"plain", {.is_64 = wide}, own},
+      {"import directory of size 0", {.is_64 = wide, .import_size_is_zero = true}, own, true},
+      {"bound imports", {.is_64 = wide, .bound = true}, own},
+      {"no imports", {.is_64 = wide, .dlls = {}}, {}},
+      {"no address table directory", {.is_64 = wide, .with_iat_directory = false}, own},
+      {"managed code only", {.is_64 = wide, .clr_flags = 9}, own},
+      {"many imports",
+       {.is_64 = wide, .dlls = std::vector<std::string>(50, "m.dll")},
+       std::vector<std::string>(50, "m.dll#7")},
+  };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     Memory memory(BuildImage(c.options));
@@ -88,28 +86,18 @@ TEST_P(PeImages, OurDllsComeFirstAndTheImageIsRestored) {
     EXPECT_EQ(LoaderView(memory, GetParam()), expected);
     EXPECT_EQ(DirectoryOf(memory, pe::kImportDirectory).size, (expected.size() + 1) * 20);
     EXPECT_EQ(DirectoryOf(memory, pe::kBoundImportDirectory), pe::DataDirectory{});
+    pe::ClrHeader managed{};
+    ASSERT_TRUE(memory.Read(kClr, &managed));
+    EXPECT_EQ(managed.flags, c.options.clr_flags & 8) << "the flag that hides its imports is gone";
     ASSERT_TRUE(Restore(memory));
     EXPECT_EQ(memory.image(), original);
     EXPECT_FALSE(Restore(memory)) << "restored, there is nothing left to restore";
   }
 }
 
-TEST_P(PeImages, ManagedImageLosesTheFlagThatHidesItsImports) {
-  BuildOptions o = Options();
-  o.clr_flags = 0x9;
-  Memory memory(BuildImage(o));
-  ASSERT_EQ(Inject(memory, {"a.dll"}), pe::Status::kOk);
-  pe::ClrHeader header;
-  ASSERT_TRUE(memory.Read(kClr, &header));
-  EXPECT_EQ(header.flags, 0x8u);
-}
-
 TEST_P(PeImages, TwoUpdatesAreUndoneByOneRestoration) {
-  BuildOptions o = Options();
-  o.bound = true;
-  o.with_iat_directory = false;
-  o.clr_flags = 1;
-  Memory memory(BuildImage(o));
+  Memory memory(
+      BuildImage({.is_64 = GetParam(), .bound = true, .with_iat_directory = false, .clr_flags = 1}));
   const std::vector<uint8_t> original = memory.image();
   ASSERT_EQ(Inject(memory, {"one.dll"}), pe::Status::kOk);
   ASSERT_EQ(Inject(memory, {"two.dll"}, 0x20000), pe::Status::kOk);

@@ -10,6 +10,7 @@
 #include "VornCore/Hook/kernel_base.h"
 #include "VornCore/Hook/ntdll.h"
 #include "net_confinement.h"
+#include "tests/stdcall.h"
 
 namespace VornCore::test {
 namespace {
@@ -96,7 +97,7 @@ const BadCall kBadCalls[] = {
 };
 
 TEST(HandlerFaults, BringBackTheWholeNestingThroughNestedHandlers) {
-  NetConfinement::Get();
+  SetNetRules({DefaultRule(1)});
   ASSERT_TRUE(Ntdll::Init() && KernelBase::Init());
   ASSERT_TRUE(GetFileMgr().Init() && GetNetMgr().Init() && CProcMgr::GetInstance()->Init() &&
               CLoadDllMgr::GetInstance()->Init());
@@ -116,6 +117,7 @@ TEST(HandlerFaults, BringBackTheWholeNestingThroughNestedHandlers) {
 
   for (const BadCall& call : kBadCalls) {
     EXPECT_EQ(platform::Guarded(call.run), !call.faults) << call.what;
+    EXPECT_EQ(state->bInLoader, call.what == std::string("load")) << "a fault in the loader leaves its mark";
     expect_before(call.what);
     // Out of one handler, out of three, and caught between the first and the second.
     const auto nested = [&] { UntidyHandler::Run(call.run); };
@@ -132,6 +134,22 @@ TEST(HandlerFaults, BringBackTheWholeNestingThroughNestedHandlers) {
     expect_before(std::string(call.what) + ", caught");
   }
   *state = {};
+}
+
+TEST(LoaderMark, IsSetInsideTheLoaderAndClearedByANestedLoad) {
+  static std::string marks;  // before and after the nested load
+  const auto on_load = vorn::test::Stdcall([](ULONG reason, PCLDR_DLL_NOTIFICATION_DATA, PVOID) {
+    if (reason != 1 || !marks.empty()) return;
+    marks += std::to_string(GetThreadState()->bInLoader);
+    ASSERT_TRUE(LoadLibraryW(L"version.dll"));
+    marks += std::to_string(GetThreadState()->bInLoader);
+  });
+  void* cookie = nullptr;
+  ASSERT_EQ(LdrRegisterDllNotification(0, on_load, nullptr, &cookie), STATUS_SUCCESS);
+  ASSERT_TRUE(LoadLibraryW(L"cabinet.dll"));
+  LdrUnregisterDllNotification(cookie);
+  EXPECT_EQ(marks, "10");
+  EXPECT_EQ(GetThreadState()->bInLoader, 0);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "Platform/wine_nested_calls.h"
+#include "VornCore/Hook/late_modules.h"
 #include "VornCore/Hook/ntdll.h"
 
 extern "C" {
@@ -123,6 +124,77 @@ TEST_F(NtdllHooks, TargetIsTheExportWhateverALookupAnswers) {
   Listener deciding('A');
   ASSERT_TRUE(Register(deciding));
   EXPECT_EQ(DeleteByName(), kDecided);
+}
+
+// ---- Modules that come late, here ones that this process really loads and unloads ----
+
+std::string events;
+
+template <char kLetter>
+bool Record(HMODULE module, const wchar_t*) {
+  EXPECT_NE(module, nullptr);
+  events += kLetter;
+  return true;
+}
+
+// Not imported by the test program; loaded and unloaded below.
+constexpr wchar_t kLateModule[] = L"version.dll";
+
+ModuleHookEntry modules[] = {
+    {L"NTDLL.dll", 0, Record<'n'>, Record<'x'>},    // there from the start
+    {L"VERSION.dll", 0, Record<'l'>, Record<'u'>},  // comes and goes, spelled in another case
+    {L"ersion.dll", 0, Record<'?'>, Record<'?'>},   // part of a name is no match
+    {L"version.dll.dll", 0, Record<'?'>, nullptr},
+};
+
+TEST(LateModules, CallbacksRunOncePerLoadAndUnload) {
+  ASSERT_FALSE(GetModuleHandleW(kLateModule));
+  mod::Watch(modules);
+  ASSERT_TRUE(mod::Init());
+  EXPECT_EQ(events, "n") << "found by the scan";
+
+  HMODULE module = LoadLibraryW(kLateModule);
+  ASSERT_TRUE(module);
+  EXPECT_EQ(events, "nl");
+  ASSERT_TRUE(LoadLibraryW(kLateModule));
+  mod::ScanLoadedModules();
+  EXPECT_EQ(events, "nl") << "another reference is no load, and a scan finds nothing new";
+  FreeLibrary(module);
+  EXPECT_EQ(events, "nl");
+  FreeLibrary(module);
+  EXPECT_EQ(events, "nlu");
+  ASSERT_TRUE((module = LoadLibraryW(kLateModule)));
+  EXPECT_EQ(events, "nlul") << "the entry goes back and forth";
+  FreeLibrary(module);
+
+  EXPECT_TRUE(mod::UnInit());
+  ASSERT_TRUE((module = LoadLibraryW(kLateModule)));
+  EXPECT_EQ(events, "nlulu") << "no notification after the end";
+  FreeLibrary(module);
+}
+
+// Strings of the loader are counted: what follows the count does not belong to the name.
+TEST(LateModules, NamesAreComparedByTheirCount) {
+  static ModuleHookEntry one[] = {{L"late.dll", 0, Record<'c'>, nullptr}};
+  mod::Watch(one);
+  events.clear();
+  const struct {
+    ULONG reason;
+    const wchar_t* text;
+    std::size_t units;
+    const char* events;
+  } cases[] = {{2, L"late.dll", 8, ""},  // unloaded, but never seen loaded
+               {1, L"late.dllx", 9, ""},
+               {3, L"late.dll", 8, ""},
+               {1, L"LATE.dllx", 8, "c"},
+               {2, L"late.dll", 8, "c"}};
+  for (const auto& c : cases) {
+    const UNICODE_STRING name = nt::CountedString(c.text, c.units * sizeof(wchar_t));
+    const LDR_DLL_NOTIFICATION_DATA data{0, &name, &name, &events, 0};
+    mod::OnDllNotification(c.reason, &data, nullptr);
+    EXPECT_EQ(events, c.events) << &c - cases;
+  }
+  EXPECT_EQ(one[0].bLoaded, 0);
 }
 
 // Two exports of which the second one calls the first, or does not.

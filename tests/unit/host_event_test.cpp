@@ -27,61 +27,79 @@ Event Decoded(const Message& message) {
   return host::DecodeEvent(Encoded(message), 7);
 }
 nlohmann::json JsonOf(const Event& event) { return nlohmann::json::parse(host::EventJson(event)); }
-std::string Sentence(std::uint32_t error) { return error == 5 ? "Access is denied" : "?"; }
 
-TEST(HostEvent, FileRefusalNamesOperationPathAccessAndError) {
-  const Event event = Decoded(policy::FileAudit{.type = policy::AuditType{1},
-                                                .error = 5,
-                                                .source_access = policy::FileACL{1},
-                                                .source = "C:\\s\\a.txt"});
-  EXPECT_EQ(host::EventLine(event, Sentence), "[7] refused create C:\\s\\a.txt (deny): Access is denied");
-  EXPECT_EQ(host::EventLine(event), "[7] refused create C:\\s\\a.txt (deny): error 5");
-  EXPECT_EQ(host::EventJson(event),
-            R"({"time":"2026-01-31T23:59:59.123Z","pid":7,"event":"file","operation":"create","error":5,)"
-            R"("access":"deny","path":"C:\\s\\a.txt"})");
-  EXPECT_TRUE(host::IsRefusal(event));
+struct Row {
+  Event event;
+  bool refusal;
+  const char* line;
+  const char* json;  // without pid and time, or nothing to compare
+};
+
+TEST(HostEvent, EveryKindHasItsLineAndItsJson) {
+  using policy::AuditType;
+  using policy::FileACL;
+  using policy::ProcessEventKind;
+  const auto child = [](ProcessEventKind kind, std::uint32_t code, std::string_view image = "b.exe") {
+    return Decoded(policy::ProcessEvent{7, kind, 8, code, image});
+  };
+  const Row rows[] = {
+      {Decoded(policy::FileAudit{AuditType::kCreate, 5, FileACL::kDeny, {}, "C:\\s\\a.txt"}), true,
+       "refused create C:\\s\\a.txt (deny): error 5",
+       R"({"event":"file","operation":"create","error":5,"access":"deny","path":"C:\\s\\a.txt"})"},
+      {Decoded(
+           policy::FileAudit{AuditType::kRename, 5, FileACL::kReadWrite, FileACL::kRead, "C:\\a", "C:\\b"}),
+       true, "refused rename C:\\a -> C:\\b (read-write -> read): error 5",
+       R"({"event":"file","operation":"rename","error":5,"access":"read-write","path":"C:\\a",)"
+       R"("destination":"C:\\b","destination_access":"read"})"},
+      {Decoded(policy::FileAudit{AuditType::kDeleteToRecycle, 0, FileACL::kReadWrite, {}, "C:\\a"}), false,
+       "delete to recycle C:\\a (read-write)", ""},
+      {Decoded(policy::NetAudit{AuditType::kConnect,
+                                5,
+                                policy::Verdict::kDeny,
+                                policy::Protocol::kTcp,
+                                443,
+                                0,
+                                "::1",
+                                {},
+                                "example.com"}),
+       true, "refused connect tcp [::1]:443 example.com (deny): error 5", ""},
+      {Decoded(policy::NetAudit{AuditType::kConnect, 0, policy::Verdict::kAllow, policy::Protocol::kUdp, 53,
+                                1024, "127.0.0.1", "127.0.0.2"}),
+       false, "connect udp 127.0.0.1:53 from 127.0.0.2:1024 (allow)",
+       R"({"event":"net","operation":"connect","error":0,"verdict":"allow","protocol":"udp","port":53,)"
+       R"("address":"127.0.0.1","source_address":"127.0.0.2","source_port":1024})"},
+      {Decoded(policy::ProcessStart{4, "app.exe", "app.exe -x"}), false,
+       "started app.exe (parent 4): app.exe -x", ""},
+      {child(ProcessEventKind::kInjected, 0), false, "child 8 b.exe is confined", ""},
+      {child(ProcessEventKind::kInjectionFailed, 50), true, "child 8 b.exe RUNS UNCONFINED: error 50", ""},
+      {child(ProcessEventKind::kExitedImmediately, 0x100000CB, ""), false,
+       "child 8 exited immediately with code 0x100000cb", ""},
+      {Decoded(policy::CrashNotice{0xC0000005, 2, 9}), false,
+       "crashed with exception 0xc0000005 (access violation) on thread 9, inside the library (depth 2)", ""},
+      {Decoded(policy::Sample{0, 11, 22, 3, "C:\\x"}), false, "sample file-create 11 22 3 C:\\x",
+       R"({"event":"sample","sample":"file-create","path_us":11,"decision_us":22,"access":"read-write",)"
+       R"("path":"C:\\x"})"},
+      // Values that no enumeration has are shown as unknown.
+      {Decoded(policy::FileAudit{AuditType{77}, 5, FileACL{9}, {}, "C:\\a"}), true,
+       "refused unknown C:\\a (unknown): error 5", ""},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(host::EventLine(row.event), std::string("[7] ") + row.line);
+    EXPECT_EQ(host::IsRefusal(row.event), row.refusal) << row.line;
+    auto json = JsonOf(row.event);
+    EXPECT_EQ(json["pid"], 7);
+    EXPECT_EQ(json["time"], row.event.time_ms ? "2026-01-31T23:59:59.123Z" : "");
+    for (const char* common : {"pid", "time"}) json.erase(common);
+    if (*row.json) {
+      EXPECT_EQ(json, nlohmann::json::parse(row.json)) << row.line;
+    }
+  }
+  EXPECT_EQ(host::EventLine(rows[0].event, [](std::uint32_t) { return std::string("Access is denied"); }),
+            "[7] refused create C:\\s\\a.txt (deny): Access is denied");
 }
 
-TEST(HostEvent, RenameShowsBothEndsAndADeletionThatWasDoneIsNoRefusal) {
-  const Event rename = Decoded(policy::FileAudit{.type = policy::AuditType{5},
-                                                 .error = 5,
-                                                 .source_access = policy::FileACL{3},
-                                                 .destination_access = policy::FileACL{2},
-                                                 .source = "C:\\a",
-                                                 .destination = "C:\\b"});
-  EXPECT_EQ(host::EventLine(rename), "[7] refused rename C:\\a -> C:\\b (read-write -> read): error 5");
-  EXPECT_EQ(JsonOf(rename)["destination_access"], "read");
-  const Event deleted = Decoded(policy::FileAudit{
-      .type = policy::AuditType{7}, .source_access = policy::FileACL{3}, .source = "C:\\a"});
-  EXPECT_EQ(host::EventLine(deleted), "[7] delete to recycle C:\\a (read-write)");
-  EXPECT_FALSE(host::IsRefusal(deleted));
-}
-
-TEST(HostEvent, NetAuditShowsVerdictNameAddressPortAndProtocol) {
-  const Event refused = Decoded(policy::NetAudit{.type = policy::AuditType{8},
-                                                 .error = 5,
-                                                 .verdict = policy::Verdict::kDeny,
-                                                 .protocol = policy::Protocol{6},
-                                                 .destination_port = 443,
-                                                 .destination = "::1",
-                                                 .domain = "example.com"});
-  EXPECT_EQ(host::EventLine(refused), "[7] refused connect tcp [::1]:443 example.com (deny): error 5");
-  EXPECT_TRUE(host::IsRefusal(refused));
-  const Event allowed = Decoded(policy::NetAudit{.type = policy::AuditType{8},
-                                                 .verdict = policy::Verdict::kAllow,
-                                                 .protocol = policy::Protocol{17},
-                                                 .destination_port = 53,
-                                                 .source_port = 1024,
-                                                 .destination = "127.0.0.1",
-                                                 .source = "127.0.0.2"});
-  EXPECT_EQ(host::EventLine(allowed), "[7] connect udp 127.0.0.1:53 from 127.0.0.2:1024 (allow)");
-  EXPECT_EQ(JsonOf(allowed)["source_port"], 1024);
-  EXPECT_FALSE(host::IsRefusal(allowed));
-}
-
-TEST(HostEvent, ValuesThatNoEnumerationHasAreKeptAndShownAsUnknown) {
+TEST(HostEvent, ValuesThatNoEnumerationHasAreKept) {
   const Event file = Decoded(policy::FileAudit{policy::AuditType{77}, 5, policy::FileACL{9}, {}, "C:\\a"});
-  EXPECT_EQ(host::EventLine(file), "[7] refused unknown C:\\a (unknown): error 5");
   EXPECT_EQ(static_cast<std::uint32_t>(std::get<host::FileEvent>(file.body).type), 77u);
   const Event net = Decoded(policy::NetAudit{
       .verdict = policy::Verdict{5}, .protocol = policy::Protocol{99}, .extended = true, .rule = 3});
@@ -90,30 +108,6 @@ TEST(HostEvent, ValuesThatNoEnumerationHasAreKeptAndShownAsUnknown) {
   EXPECT_EQ(std::get<host::NetEvent>(net.body).rule, 3u);
   const Event child = Decoded(policy::ProcessEvent{7, policy::ProcessEventKind{9}, 8, 5, "b.exe"});
   EXPECT_EQ(JsonOf(child)["outcome"], "unknown");
-}
-
-TEST(HostEvent, ProcessesChildrenAndCrashes) {
-  EXPECT_EQ(host::EventLine(Decoded(policy::ProcessStart{4, "app.exe", "app.exe -x"})),
-            "[7] started app.exe (parent 4): app.exe -x");
-  const auto child = [](policy::ProcessEventKind kind, std::uint32_t code, std::string_view image) {
-    return Decoded(policy::ProcessEvent{7, kind, 8, code, image});
-  };
-  EXPECT_EQ(host::EventLine(child(policy::ProcessEventKind::kInjected, 0, "b.exe")),
-            "[7] child 8 b.exe is confined");
-  const Event unconfined = child(policy::ProcessEventKind::kInjectionFailed, 50, "b.exe");
-  EXPECT_EQ(host::EventLine(unconfined), "[7] child 8 b.exe RUNS UNCONFINED: error 50");
-  EXPECT_TRUE(host::IsRefusal(unconfined));
-  EXPECT_EQ(host::EventLine(child(policy::ProcessEventKind::kExitedImmediately, 0x100000CB, "")),
-            "[7] child 8 exited immediately with code 0x100000cb");
-  EXPECT_EQ(
-      host::EventLine(Decoded(policy::CrashNotice{0xC0000005, 2, 9})),
-      "[7] crashed with exception 0xc0000005 (access violation) on thread 9, inside the library (depth 2)");
-  const Event sample = Decoded(policy::Sample{0, 11, 22, 3, "C:\\x"});
-  EXPECT_EQ(host::EventLine(sample), "[7] sample file-create 11 22 3 C:\\x");
-  auto json = JsonOf(sample);
-  json.erase("time");
-  EXPECT_EQ(json, nlohmann::json::parse(R"({"pid":7,"event":"sample","sample":"file-create","path_us":11,)"
-                                        R"("decision_us":22,"access":"read-write","path":"C:\\x"})"));
 }
 
 TEST(HostEvent, BrokenMessagesAreEventsTooAndThePipeSaysWhoSentThem) {

@@ -28,10 +28,6 @@ TEST(Minidump, SaysWhatCrashedWhereAndOnWhichThread) {
   EXPECT_EQ(dump.thread_ids, (std::vector<std::uint32_t>{12, 13}));
   EXPECT_EQ(dump.modules[1].path, "C:\\\u00e4\U0001F600\\b.dll");
   EXPECT_EQ(dump.memory_bytes, 64u);
-}
-
-TEST(Minidump, AddressBelongsToTheModuleThatSpansIt) {
-  const Minidump dump = Good({});
   EXPECT_EQ(PlaceText(dump, 0x140000000), "app.exe+0x0");
   EXPECT_EQ(PlaceText(dump, 0x180000FFF), "b.dll+0xfff");
   EXPECT_EQ(PlaceText(dump, 0x180001000), "0x180001000 (in no module)");

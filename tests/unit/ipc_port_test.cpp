@@ -2,7 +2,6 @@
 // vorn_ipc.dll as a confined process does.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -14,7 +13,7 @@
 #include "ipc/ipc_interface.h"
 #include "ipc/port/handshake.h"
 #include "ipc/port/pipe.h"
-#include "vorn/create_process.h"
+#include "tests/test_process.h"
 #include "vorn/message_server.h"
 #include "vorn/text.h"
 
@@ -60,88 +59,14 @@ class Library {
   vorn::ipc::DestroyIPCInterfaceFunction destroy_ = nullptr;
 };
 
-// The client's side of the channel, recorded.
-struct Client {
-  Client() : Client(RandomName(L"client")) {}
-  explicit Client(std::wstring name) : local(std::move(name)) {
-    callbacks.OnRecvData = [](void* self, const void* data, std::uint32_t bytes) {
-      Note(self, [&](Client& c) { c.received.emplace_back(static_cast<const char*>(data), bytes); });
-    };
-    callbacks.OnIpcError = [](void* self, const char* text) {
-      Note(self, [&](Client& c) { c.errors.emplace_back(text); });
-    };
-    callbacks.OnConnectAuth = [](void* self, std::uint32_t pid, std::uint32_t, const char* port) {
-      Note(self, [&](Client& c) {
-        c.auth_pid = pid;
-        c.auth_port = port;
-      });
-      return static_cast<Client*>(self)->accept;
-    };
-    callbacks.OnDisconnectNotify = [](void* self, std::uint32_t, std::uint32_t, const char*) {
-      Note(self, [&](Client& c) { ++c.disconnects; });
-    };
-    callbacks.context = this;
-  }
-  ~Client() { StopLoop(); }
-
+// What a side of the channel saw, waited for.
+struct Recorder {
   template <class Change>
-  static void Note(void* self, Change change) {
-    auto& client = *static_cast<Client*>(self);
-    std::lock_guard lock(client.mutex);
-    change(client);
-    client.changed.notify_all();
-  }
-  bool Init(const std::wstring& server) {
-    return library.ipc->Init(local.c_str(), server.c_str(), &callbacks);
-  }
-  void StartLoop() {
-    loop = std::thread([this] { library.ipc->RecvLoop(); });
-  }
-  void StopLoop() {
-    if (!loop.joinable()) return;
-    library.ipc->Stop();
-    loop.join();
-  }
-  bool Send(const std::string& text) {
-    return library.ipc->Send(text.data(), static_cast<std::uint32_t>(text.size()), 0);
-  }
-  template <class Predicate>
-  bool WaitFor(Predicate predicate) {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(lock, 20s, predicate);
-  }
-
-  Library library;
-  IpcCallbacks callbacks{};
-  std::wstring local;
-  std::thread loop;
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::string> received, errors;
-  std::atomic<std::uint32_t> auth_pid = 0;
-  std::string auth_port;
-  bool accept = true;
-  int disconnects = 0;
-};
-
-// The host's side, recorded.
-struct Host {
-  explicit Host(bool accept = true)
-      : server(RandomName(L"host"),
-               {.on_message =
-                    [this](const Peer& peer, std::span<const std::byte> message) {
-                      Note(received, std::pair(peer.pid, Text(message)));
-                    },
-                .on_connect = [this, accept](const Peer& peer) { return Note(connected, peer), accept; },
-                .on_disconnect = [this](const Peer& peer) { Note(gone, peer.pid); },
-                .on_error = [this](const std::string& text) { Note(errors, text); }}) {}
-  template <class List, class Item>
-  void Note(List& list, Item item) {
+  void Note(Change change) {
     std::lock_guard lock(mutex);
-    list.push_back(std::move(item));
+    change();
     changed.notify_all();
   }
-  ~Host() { server.Stop(); }
   template <class Predicate>
   bool WaitFor(Predicate predicate) {
     std::unique_lock lock(mutex);
@@ -150,69 +75,112 @@ struct Host {
 
   std::mutex mutex;
   std::condition_variable changed;
+  std::vector<std::string> errors;
+};
+
+// The client's side.
+struct Client : Recorder {
+  Client() {
+    callbacks.OnRecvData = [](void* self, const void* data, std::uint32_t bytes) {
+      Of(self).Note([&] { Of(self).received.emplace_back(static_cast<const char*>(data), bytes); });
+    };
+    callbacks.OnIpcError = [](void* self, const char* text) {
+      Of(self).Note([&] { Of(self).errors.emplace_back(text); });
+    };
+    callbacks.OnConnectAuth = [](void* self, std::uint32_t pid, std::uint32_t, const char* port) {
+      Of(self).Note([&] { Of(self).asked = {pid, port}; });
+      return Of(self).accept;
+    };
+    callbacks.OnDisconnectNotify = [](void* self, std::uint32_t, std::uint32_t, const char*) {
+      Of(self).Note([&] { ++Of(self).disconnects; });
+    };
+    callbacks.context = this;
+  }
+  ~Client() {
+    if (!loop.joinable()) return;
+    library.ipc->Stop();
+    loop.join();
+  }
+
+  static Client& Of(void* self) { return *static_cast<Client*>(self); }
+  bool Init(const std::wstring& server) {
+    return library.ipc->Init(RandomName(L"client").c_str(), server.c_str(), &callbacks);
+  }
+  void StartLoop() {
+    loop = std::thread([this] { library.ipc->RecvLoop(); });
+  }
+  bool Send(const std::string& text) {
+    return library.ipc->Send(text.data(), static_cast<std::uint32_t>(text.size()), 0);
+  }
+
+  Library library;
+  IpcCallbacks callbacks{};
+  std::thread loop;
+  std::vector<std::string> received;
+  std::pair<std::uint32_t, std::string> asked;  // whether to accept a server of this process id and port
+  bool accept = true;
+  int disconnects = 0;
+};
+
+// The host's side.
+struct Host : Recorder {
+  explicit Host(bool accept = true)
+      : server(RandomName(L"host"),
+               {.on_message =
+                    [this](const Peer& peer, std::span<const std::byte> message) {
+                      Note([&] { received.emplace_back(peer.pid, Text(message)); });
+                    },
+                .on_connect =
+                    [this, accept](const Peer& peer) {
+                      Note([&] { connected.push_back(peer); });
+                      return accept;
+                    },
+                .on_disconnect = [this](const Peer& peer) { Note([&] { gone.push_back(peer.pid); }); },
+                .on_error = [this](const std::string& text) { Note([&] { errors.push_back(text); }); }}) {}
+  ~Host() { server.Stop(); }
+
   std::vector<std::pair<std::uint32_t, std::string>> received;
   std::vector<Peer> connected;
   std::vector<std::uint32_t> gone;
-  std::vector<std::string> errors;
   MessageServer server;
 };
 
 // This program again, as a client process with one job.
-struct Process {
-  Process(const std::wstring& job, const std::wstring& port, int count) {
-    std::wstring command = L"\"" + vorn::test::ThisProgram().wstring() + L"\" client " + job + L" " + port +
-                           L" " + std::to_wstring(count);
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    vorn::host::CreateProcessAgain(nullptr, command.data(), FALSE, 0, nullptr, nullptr, &startup, &info);
-  }
-  ~Process() {
-    TerminateProcess(info.hProcess, 1);
-    CloseHandle(info.hThread);
-    CloseHandle(info.hProcess);
-  }
-  DWORD Wait() {
-    DWORD code = ~0u;
-    if (WaitForSingleObject(info.hProcess, 60'000) == WAIT_OBJECT_0) GetExitCodeProcess(info.hProcess, &code);
-    return code;
-  }
-  PROCESS_INFORMATION info{};
+struct Process : vorn::test::TestProcess {
+  Process(const std::wstring& job, const Host& host)
+      : TestProcess(L"\"" + vorn::test::ThisProgram().wstring() + L"\" client " + job + L" " +
+                    host.server.port_name()) {}
 };
 
 // ---- What the client process does ----
 
-int SendNumbered(Client& client, int count) {
-  for (int i = 0; i < count; ++i) {
-    // Lengths from a few bytes to beyond the reader's first buffer and the pipe's.
-    if (!client.Send(std::to_string(i) + ":" + std::string(static_cast<std::size_t>(i) * 37 % 9000, 'x')))
-      return 4;
-  }
-  return 0;
+constexpr int kNumbered = 5000;
+// Lengths from a few bytes to beyond the reader's first buffer and the pipe's.
+std::string Numbered(int i) {
+  return std::to_string(i) + ":" + std::string(static_cast<std::size_t>(i) * 37 % 9000, 'x');
 }
 
 int EchoUntilGone(Client& client) {
   client.StartLoop();
   if (!client.Send("ready")) return 5;
-  std::size_t next = 0;
-  for (;;) {
-    std::string message;
-    {
-      std::unique_lock lock(client.mutex);
-      client.changed.wait(lock, [&] { return client.received.size() > next || client.disconnects; });
-      if (client.received.size() == next) return 7;  // the host went away
-      message = client.received[next++];
-    }
+  for (std::size_t next = 0;; ++next) {
+    std::unique_lock lock(client.mutex);
+    client.changed.wait(lock, [&] { return client.received.size() > next || client.disconnects; });
+    if (client.received.size() == next) return 7;  // the host went away
+    const std::string message = client.received[next];
+    lock.unlock();
     if (!client.Send("echo " + message)) return 5;
   }
 }
 
-int ClientMain(const std::wstring& job, const std::wstring& port, int count) {
+int ClientMain(const std::string& job, const std::string& port) {
   Client client;
   if (!client.library.ipc) return 2;
-  if (!client.Init(port)) return 3;
-  if (job == L"numbers") return SendNumbered(client, count);
-  if (job == L"echo") return EchoUntilGone(client);
-  return 6;
+  if (!client.Init({port.begin(), port.end()})) return 3;
+  if (job == "echo") return EchoUntilGone(client);
+  for (int i = 0; i < kNumbered; ++i)
+    if (!client.Send(Numbered(i))) return 4;
+  return 0;
 }
 
 // A connection to the host that does not use the library, and its first message.
@@ -232,36 +200,34 @@ struct Stranger {
 
 TEST(IpcPort, MessagesOfAnEndedProcessArriveWholeAndInOrder) {
   Host host;
-  Process process(L"numbers", host.server.port_name(), 5000);
-  EXPECT_EQ(process.Wait(), 0u);
+  Process process(L"numbers", host);
+  EXPECT_EQ(process.RunToEnd(), 0u);
   ASSERT_TRUE(host.server.WaitUntilIdle(60s));
-  ASSERT_EQ(host.received.size(), 5000u);
-  for (int i = 0; i < 5000; ++i) {
-    ASSERT_EQ(host.received[i].first, process.info.dwProcessId);
-    ASSERT_EQ(host.received[i].second,
-              std::to_string(i) + ":" + std::string(static_cast<std::size_t>(i) * 37 % 9000, 'x'));
-  }
-  EXPECT_EQ(host.gone, std::vector<std::uint32_t>{process.info.dwProcessId});
+  ASSERT_EQ(host.received.size(), std::size_t{kNumbered});
+  for (int i = 0; i < kNumbered; ++i)
+    ASSERT_EQ(host.received[static_cast<std::size_t>(i)],
+              std::pair(std::uint32_t{process.id()}, Numbered(i)));
+  EXPECT_EQ(host.gone, std::vector<std::uint32_t>{process.id()});
 }
 
 TEST(IpcPort, HostReachesProcessesAndNoticesTheirEnd) {
   Host host;
-  Process process(L"echo", host.server.port_name(), 0);
+  Process process(L"echo", host);
   ASSERT_TRUE(host.WaitFor([&] { return host.received.size() == 1; }));
   for (int i = 0; i < 200; ++i) {
-    const auto error = host.server.Send(process.info.dwProcessId, Bytes("hello " + std::to_string(i)));
+    const auto error = host.server.Send(process.id(), Bytes("hello " + std::to_string(i)));
     ASSERT_FALSE(error) << error.message();
   }
   ASSERT_TRUE(host.WaitFor([&] { return host.received.size() == 201; }));
   EXPECT_EQ(host.received.back().second, "echo hello 199");
-  Process killed(L"echo", host.server.port_name(), 0);
+  Process killed(L"echo", host);
   ASSERT_TRUE(host.WaitFor([&] { return host.received.size() == 202; }));
-  TerminateProcess(killed.info.hProcess, 9);
+  TerminateProcess(killed.handle(), 9);
   ASSERT_TRUE(host.WaitFor([&] { return host.gone.size() == 1; }));
-  EXPECT_EQ(host.gone[0], killed.info.dwProcessId);
-  EXPECT_EQ(host.server.Send(killed.info.dwProcessId, Bytes("x")).value(), ERROR_NOT_FOUND);
+  EXPECT_EQ(host.gone[0], killed.id());
+  EXPECT_EQ(host.server.Send(killed.id(), Bytes("x")).value(), ERROR_NOT_FOUND);
   host.server.Stop();
-  EXPECT_EQ(process.Wait(), 7u) << "the process hears that the host went away";
+  EXPECT_EQ(process.RunToEnd(), 7u) << "the process hears that the host went away";
 }
 
 TEST(IpcPort, SizesUpToTheLimitPassAndLargerOnesAreRefused) {
@@ -324,15 +290,16 @@ TEST(IpcPort, EitherSideMayRefuseTheOther) {
   Client choosy;
   choosy.accept = false;
   EXPECT_FALSE(choosy.Init(host.server.port_name()));
-  EXPECT_EQ(choosy.auth_pid, GetCurrentProcessId()) << "the pid is the pipe's word";
   const std::wstring name = host.server.port_name();
-  EXPECT_EQ(choosy.auth_port, std::string(name.begin(), name.end()));
+  EXPECT_EQ(choosy.asked,
+            std::pair(std::uint32_t{GetCurrentProcessId()}, std::string(name.begin(), name.end())))
+      << "the process id is the pipe's word";
   EXPECT_FALSE(choosy.Send("x"));
 }
 
 TEST(IpcPort, HostRefusesAPortThatBelongsToAnotherProcess) {
   Host host;
-  Process process(L"echo", host.server.port_name(), 0);
+  Process process(L"echo", host);
   ASSERT_TRUE(host.WaitFor([&] { return host.received.size() == 1; }));
   // This process introduces itself with the other one's port.
   const std::wstring& port = host.connected[0].port;
@@ -353,10 +320,7 @@ TEST(IpcPort, HostRefusesAPortThatBelongsToAnotherProcess) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 5 && std::string(argv[1]) == "client") {
-    const std::string job = argv[2], port = argv[3];
-    return ClientMain({job.begin(), job.end()}, {port.begin(), port.end()}, std::stoi(argv[4]));
-  }
+  if (argc == 4 && std::string(argv[1]) == "client") return ClientMain(argv[2], argv[3]);
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -78,7 +78,7 @@ using QueryEx = decltype(&DoubleDnsQueryEx);
 class NetDoubles : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    NetConfinement::Get();
+    SetNetRules({DefaultRule(1)});
     GetNetMgr().Init();
     CNetMgr::OnWs2_32Loaded(GetModuleHandleW(nullptr), L"");
     CNetMgr::OnDnsapiLoaded(GetModuleHandleW(nullptr), L"");

@@ -40,7 +40,7 @@ struct SocketNames {
 
 class SocketModel : public ::testing::Test {
  protected:
-  void SetUp() override { NetConfinement::Get().SetRules({DefaultRule(0)}); }
+  void SetUp() override { SetNetRules({DefaultRule(0)}); }
 
   std::uint32_t Check(const Address& to, std::uint32_t protocol, const wchar_t* domain = nullptr) {
     return model.CheckSocketACL(domain, &to.any, static_cast<std::uint32_t>(to.length()), protocol).verdict;
