@@ -159,6 +159,7 @@ TEST_F(StartUp, SectionOfAnotherMagicOrVersionEndsTheProcess) {
 }
 
 TEST_F(StartUp, LogThatCannotBeOpenedEndsTheProcess) {
+  contents.options &= ~vorn::policy::OptionBits(vorn::policy::SectionOption::kOnDemand);  // opened at once
   contents.log_directory = (folder() / L"missing").wstring();
   EXPECT_EQ(CodeWith(contents), 0x80000003u);
   contents.log_directory.clear();
