@@ -8,7 +8,8 @@ target_compile_options(vorn_warnings INTERFACE
 
 # Include paths: the repository root ("detours/detours.h") and the library ("Policy/path_hash.h").
 add_library(vorn_includes INTERFACE)
-target_include_directories(vorn_includes INTERFACE ${CMAKE_SOURCE_DIR} ${CMAKE_SOURCE_DIR}/core)
+target_include_directories(vorn_includes INTERFACE $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/core> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
 # Builds do not depend on where the sources lie.
 add_compile_options(-fdebug-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
@@ -103,14 +104,25 @@ function(vorn_runtime_free_dll target)
     COMMAND ${CMAKE_STRIP} --preserve-dates $<TARGET_FILE:${target}>)  # also keeps the header's time stamp of 0
 endfunction()
 
-# Header-only libraries of the distribution for cross builds, without the native /usr/include around them.
+# vorn_headers(PACKAGE TARGET FOLDER): the headers of a package of the distribution, found through its CMake
+# configuration. Its include folder is the build machine's own, which a cross build must not see: a link leads to the
+# package's headers alone.
 set(VORN_THIRD_PARTY ${CMAKE_BINARY_DIR}/third_party)
 file(MAKE_DIRECTORY ${VORN_THIRD_PARTY})
-foreach(lib CLI toml++ nlohmann fmt)
-  if(NOT EXISTS ${VORN_THIRD_PARTY}/${lib})
-    file(CREATE_LINK /usr/include/${lib} ${VORN_THIRD_PARTY}/${lib} SYMBOLIC)
+function(vorn_headers package target folder)
+  set(CMAKE_SIZEOF_VOID_P "")  # headers fit every architecture, whichever the package was built for
+  file(GLOB places /usr/share/cmake /usr/lib/*/cmake)
+  find_package(${package} CONFIG REQUIRED NO_CMAKE_FIND_ROOT_PATH PATHS ${places} PATH_SUFFIXES ${package})
+  get_target_property(include ${target} INTERFACE_INCLUDE_DIRECTORIES)
+  list(GET include 0 include)
+  if(NOT EXISTS ${VORN_THIRD_PARTY}/${folder})
+    file(CREATE_LINK ${include}/${folder} ${VORN_THIRD_PARTY}/${folder} SYMBOLIC)
   endif()
-endforeach()
+endfunction()
+vorn_headers(CLI11 CLI11::CLI11 CLI)
+vorn_headers(tomlplusplus tomlplusplus::tomlplusplus toml++)
+vorn_headers(nlohmann_json nlohmann_json::nlohmann_json nlohmann)
+vorn_headers(fmt fmt::fmt-header-only fmt)
 add_library(vorn_third_party INTERFACE)
-target_include_directories(vorn_third_party SYSTEM INTERFACE ${VORN_THIRD_PARTY})
+target_include_directories(vorn_third_party SYSTEM INTERFACE $<BUILD_INTERFACE:${VORN_THIRD_PARTY}>)
 target_compile_definitions(vorn_third_party INTERFACE FMT_HEADER_ONLY)

@@ -1,5 +1,4 @@
 # The second compiler for the same target: clang and lld, with the headers and libraries of the first one.
-set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR AMD64)
 set(VORN_TRIPLE x86_64-w64-mingw32)
 foreach(language C CXX ASM)
@@ -7,7 +6,7 @@ foreach(language C CXX ASM)
   set(CMAKE_${language}_COMPILER_TARGET ${VORN_TRIPLE})
 endforeach()
 set(CMAKE_CXX_COMPILER clang++)
-set(CMAKE_RC_COMPILER ${VORN_TRIPLE}-windres)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw.cmake)
 
 # clang does not recognise the folder name of the first compiler ("12-posix") and would fall back to the headers of this
 # system. A small sysroot of links gives it the layout that it knows.
@@ -29,9 +28,4 @@ set(CMAKE_SYSROOT ${vorn_sysroot})
 
 set(CMAKE_EXE_LINKER_FLAGS_INIT -fuse-ld=lld)
 set(CMAKE_SHARED_LINKER_FLAGS_INIT -fuse-ld=lld)
-set(CMAKE_FIND_ROOT_PATH /usr/${VORN_TRIPLE})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${CMAKE_CURRENT_LIST_DIR}/../tools/wine-run CACHE STRING "What runs Windows programs")

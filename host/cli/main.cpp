@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr char kVersion[] = "0.1.0";
-
 std::vector<std::string> Arguments() {
   int count = 0;
   wchar_t** words = CommandLineToArgvW(GetCommandLineW(), &count);
@@ -29,7 +27,7 @@ int Main() {
                "vorn");
   app.require_subcommand(1);
   app.allow_windows_style_options(false);  // "/c/x" is a path
-  app.set_version_flag("--version", kVersion);
+  app.set_version_flag("--version", VORN_VERSION);
   app.set_help_all_flag("--help-all", "Print the help of all commands");
 
   vorn::cli::RunArguments run_arguments;
