@@ -8,6 +8,7 @@
 
 #include "Platform/native.h"
 #include "Policy/device_path.h"
+#include "Policy/path_hash.h"
 #include "Policy/text.h"
 #include "Policy/wide.h"
 #include "vorn/text.h"
@@ -28,11 +29,13 @@ const char* AccessName(FileAccess access) {
   return "";
 }
 
-// Places that the kernel takes for the same have the same folded path.
-std::wstring Folded(std::wstring path) {
-  for (wchar_t& unit : path) unit = static_cast<wchar_t>(policy::FoldCase(static_cast<char16_t>(unit)));
-  return path;
-}
+std::u16string_view PathOf(const FileRule& rule) { return policy::U16(std::wstring_view(rule.path)); }
+
+// Whether the kernel takes two paths for the same place.
+struct SamePlace {
+  std::size_t operator()(std::u16string_view path) const { return policy::HashPathNoCase(path); }
+  bool operator()(std::u16string_view a, std::u16string_view b) const { return policy::EqualsNoCase(a, b); }
+};
 
 // Where the other names of a file matter, for a system that cannot list them.
 const std::vector<FileRule>* g_link_folders;
@@ -95,17 +98,20 @@ std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(
     PolicyDocument document, std::vector<HostRule> host_rules) {
   CompiledPolicy compiled(std::move(document));
   std::vector<PolicyError> errors;
-  std::unordered_map<std::wstring, const PolicyFileRule*> rule_of;  // by place
+  std::unordered_map<std::u16string_view, const PolicyFileRule*, SamePlace, SamePlace> rule_of;  // by place
   PathResolver resolver;
-  for (const PolicyFileRule& rule : compiled.document_.files) {
+  const auto& rules = compiled.document_.files;
+  rule_of.reserve(rules.size());
+  compiled.file_rules_.reserve(rules.size() + host_rules.size());  // the places are views of these
+  for (const PolicyFileRule& rule : rules) {
     try {
-      std::wstring path = resolver.Resolve(ToWide(rule.path)).nt_path;
-      const auto [first, added] = rule_of.emplace(Folded(path), &rule);
-      if (!added && first->second->access != rule.access)
+      compiled.file_rules_.push_back(
+          {static_cast<policy::FileACL>(rule.access), resolver.Resolve(ToWide(rule.path)).nt_path});
+      const auto [first, is_new] = rule_of.emplace(PathOf(compiled.file_rules_.back()), &rule);
+      if (!is_new && first->second->access != rule.access)
         errors.push_back({rule.place, "\"" + rule.path + "\" is the same place as \"" + first->second->path +
                                           "\" in line " + std::to_string(first->second->place.line) +
                                           ", which has another access"});
-      compiled.file_rules_.push_back({static_cast<policy::FileACL>(rule.access), std::move(path)});
     } catch (const std::system_error& error) {
       errors.push_back({rule.place, "\"" + rule.path + "\" cannot be used: " +
                                         Win32ErrorText(static_cast<std::uint32_t>(error.code().value()))});
@@ -114,8 +120,10 @@ std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(
   if (!errors.empty()) return errors;
   for (HostRule& rule : host_rules) compiled.AddHostRule(std::move(rule), resolver);
   SectionContents contents;
-  compiled.BuildSectionContents(contents);
+  contents.file_rules = std::move(compiled.file_rules_);
+  compiled.AddFlagsAndNetRules(contents);
   compiled.section_ = LayOutSection(contents);
+  compiled.file_rules_ = std::move(contents.file_rules);
   return compiled;
 }
 
@@ -126,12 +134,11 @@ void CompiledPolicy::AddHostRule(HostRule rule, PathResolver& resolver) {
   } catch (const std::system_error&) {
     return;  // a place that cannot be named cannot be opened either
   }
-  const std::wstring folded = Folded(path);
+  const std::u16string_view place = policy::U16(std::wstring_view(path));
   const auto beats = [&](const FileRule& other) {
-    const std::wstring place = Folded(other.path);
-    return place == folded ||
+    return policy::EqualsNoCase(PathOf(other), place) ||
            (rule.yields_to_deny && other.access == policy::FileACL::kDeny &&
-            policy::IsUnder(policy::U16(std::wstring_view(folded)), policy::U16(std::wstring_view(place))));
+            policy::IsUnder(place, PathOf(other)));
   };
   if (std::ranges::any_of(file_rules_, beats)) return;
   file_rules_.push_back({static_cast<policy::FileACL>(rule.access), std::move(path)});
@@ -139,11 +146,15 @@ void CompiledPolicy::AddHostRule(HostRule rule, PathResolver& resolver) {
 }
 
 void CompiledPolicy::BuildSectionContents(SectionContents& contents) const {
+  AddFlagsAndNetRules(contents);
+  contents.file_rules = file_rules_;
+}
+
+void CompiledPolicy::AddFlagsAndNetRules(SectionContents& contents) const {
   contents.options = kRunOptions;
   contents.flags = document_.log_level;
   if (!document_.enforce_files) contents.flags |= policy::kFlagFileCreateCheckOff;
   if (!document_.enforce_network) contents.flags |= policy::kFlagNetCheckOff;
-  contents.file_rules = file_rules_;
   contents.net_rules.clear();
   if (!document_.has_network) return;
   for (const PolicyNetRule& rule : document_.network) {

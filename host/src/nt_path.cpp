@@ -107,16 +107,16 @@ const std::wstring& PathResolver::DeviceOf(const std::wstring& drive, const std:
 PathResolver::Place PathResolver::Find(const std::wstring& path) {
   const std::size_t separator = path.rfind(L'\\');
   const bool is_root = separator == std::wstring::npos || path.size() <= RootUnits(path);
-  if (is_root && IsUnc(path)) return {path, true};
+  if (is_root && IsUnc(path)) return {path, true, true};
   const Place* folder = is_root ? nullptr : &FindFolder(path.substr(0, separator));
   bool missing = folder && !folder->exists;
   if (!missing) {
     std::wstring final_path = FinalPath(path, &missing);
-    if (!final_path.empty()) return {std::move(final_path), true};
+    if (!final_path.empty()) return {std::move(final_path), true, true};
   }
   // A folder that may not be opened may have contents that may.
-  if (!folder) return {path, !missing};
-  return {folder->path + path.substr(separator), !missing};
+  if (!folder) return {path, !missing, !missing};
+  return {folder->path + path.substr(separator), !missing, folder->exists};
 }
 
 const PathResolver::Place& PathResolver::FindFolder(const std::wstring& path) {
@@ -139,14 +139,11 @@ ResolvedPath PathResolver::Resolve(const std::wstring& path) {
   const std::size_t stream = policy::FindStream(policy::U16(std::wstring_view(plain)));
   if (!place.exists && stream != policy::kNotFound && stream > 2) {
     Place file = Find(plain.substr(0, stream));
-    if (file.exists) place = {file.path + plain.substr(stream), true};
+    if (file.exists) place = {file.path + plain.substr(stream), true, true};
   }
   ResolvedPath resolved;
   resolved.exists = place.exists;
-  const std::size_t separator = plain.rfind(L'\\');
-  resolved.folder_exists =
-      place.exists || (separator != std::wstring::npos && separator >= RootUnits(plain) &&
-                       FindFolder(plain.substr(0, separator)).exists);
+  resolved.folder_exists = place.folder_exists;
   resolved.nt_path = IsUnc(place.path) ? std::wstring(kMup) + place.path.substr(2)
                                        : DeviceOf(place.path.substr(0, 2), path) + place.path.substr(2);
   if (resolved.nt_path.ends_with(L'\\')) resolved.nt_path.pop_back();

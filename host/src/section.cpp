@@ -23,21 +23,22 @@ class Layout {
  public:
   explicit Layout(std::size_t fixed_bytes) : bytes_(fixed_bytes) {}
 
-  // A terminated string; an empty one is absent.
-  SharedString Text(const std::wstring& text) {
+  // A string, terminated in memory; an empty one is absent.
+  SharedString Text(std::wstring_view text) {
     if (text.empty()) return {};
-    return Block(text.c_str(), text.size() * sizeof(wchar_t), sizeof(wchar_t));
+    const SharedString place = Block(text.data(), text.size() * sizeof(wchar_t));
+    bytes_.resize(bytes_.size() + sizeof(wchar_t));
+    return place;
   }
 
-  // bytes plus unmeasured more of the same memory (a terminator).
-  SharedString Block(const void* data, std::size_t bytes, std::size_t unmeasured = 0) {
+  SharedString Block(const void* data, std::size_t bytes) {
     if (bytes == 0) return {};
     bytes_.resize((bytes_.size() + 1) & ~std::size_t{1});  // keep UTF-16 and ports aligned
     const std::size_t offset = bytes_.size();
-    if (offset + bytes + unmeasured > kMaxBytes)
+    if (offset + bytes + sizeof(wchar_t) > kMaxBytes)
       throw std::invalid_argument("the section would exceed 2 GiB");
     const auto* from = static_cast<const std::byte*>(data);
-    bytes_.insert(bytes_.end(), from, from + bytes + unmeasured);
+    bytes_.insert(bytes_.end(), from, from + bytes);
     return {static_cast<std::uint32_t>(bytes), static_cast<std::uint32_t>(offset)};
   }
 
@@ -54,12 +55,12 @@ class Layout {
 };
 
 policy::FileRuleRecord LayOut(const FileRule& rule, Layout& layout) {
-  std::wstring path = rule.path;
-  if (!path.empty() && path.back() == L'\\') path.pop_back();  // such a rule would never match
+  std::wstring_view path = rule.path;
+  if (path.ends_with(L'\\')) path.remove_suffix(1);  // such a rule would never match
   if (path.empty()) throw std::invalid_argument("a file rule has no path");
   policy::FileRuleRecord record;
   record.access = static_cast<std::uint32_t>(rule.access);
-  record.path_hash = policy::HashPathNoCase(policy::U16(std::wstring_view(path)));
+  record.path_hash = policy::HashPathNoCase(policy::U16(path));
   record.path = layout.Text(path);
   return record;
 }

@@ -55,6 +55,7 @@ class CompiledPolicy {
  private:
   explicit CompiledPolicy(PolicyDocument document) : document_(std::move(document)) {}
   void AddHostRule(HostRule rule, PathResolver& resolver);
+  void AddFlagsAndNetRules(SectionContents& contents) const;
 
   // The rule behind a network rule of the section: first those of the document, then the names among them
   // once more, with a dot at the end. Null for the default rule and for none.

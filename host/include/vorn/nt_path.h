@@ -29,6 +29,7 @@ class PathResolver {
   struct Place {
     std::wstring path;  // final drive-letter or UNC path
     bool exists = false;
+    bool folder_exists = false;  // always true of a place that exists
   };
   Place Find(const std::wstring& path);
   const Place& FindFolder(const std::wstring& path);
