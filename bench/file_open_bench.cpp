@@ -1,5 +1,6 @@
-// What confinement adds to opening and closing a file: time against the plain calls, side by side in one run,
-// and the allocations of one open; what open handles add to a close.
+// What confinement adds to opening and closing a file, and to other work with files: time against the plain
+// calls, side by side in one run, for a section without options and for one of a run of vorn; the allocations
+// of one open; what open handles add to a close.
 //
 //   file_open_bench                 the ratios
 //   file_open_bench --mark          200 opens and closes in each mode between named events, for
@@ -19,6 +20,7 @@
 #include "VornCore/Hook/ntdll.h"
 #include "bench_clock.h"
 #include "vorn/nt_path.h"
+#include "vorn/recycle_bin.h"
 #include "vorn/section.h"
 
 namespace {
@@ -41,12 +43,27 @@ constexpr int kManyHandles = 10'000;
 
 std::wstring Folder() { return L"C:\\vorn_open_bench"; }
 
-const wchar_t* const kModes[] = {L"off", L"deny", L"read", L"write"};
-constexpr double kTimeBudgets[] = {1.05, 2.2, 3.3, 3.8};
+const wchar_t* const kFolders[] = {L"off", L"deny", L"read", L"write"};
+
+// An open and close: where, with which rights, and its budgets, without options and in a run.
+struct Mode {
+  const char* name;
+  const wchar_t* folder;
+  ACCESS_MASK access;
+  double budgets[2];
+};
+constexpr Mode kModes[] = {
+    {"off", L"off", GENERIC_READ, {1.05, 1.05}},         {"deny", L"deny", GENERIC_READ, {2.2, 1.5}},
+    {"read", L"read", GENERIC_READ, {3.3, 1.6}},         {"write", L"write", GENERIC_WRITE, {3.8, 2.0}},
+    {"stat", L"read", FILE_READ_ATTRIBUTES, {3.3, 1.8}},
+};
+const char* const kSectionNames[] = {"no options", "a run"};
+constexpr std::uint32_t kRun =
+    vorn::host::kRunOptions & ~vorn::policy::OptionBits(vorn::policy::SectionOption::kProveHooks);
 
 void MakeFiles() {
   CreateDirectoryW(Folder().c_str(), nullptr);
-  for (const wchar_t* mode : kModes) {
+  for (const wchar_t* mode : kFolders) {
     CreateDirectoryW((Folder() + L"\\" + mode).c_str(), nullptr);
     const std::wstring file = Folder() + L"\\" + mode + L"\\file.txt";
     CloseHandle(CreateFileW(file.c_str(), GENERIC_WRITE, 7, nullptr, CREATE_ALWAYS, 0, nullptr));
@@ -54,7 +71,7 @@ void MakeFiles() {
 }
 
 void RemoveFiles() {
-  for (const wchar_t* mode : kModes) {
+  for (const wchar_t* mode : kFolders) {
     DeleteFileW((Folder() + L"\\" + mode + L"\\file.txt").c_str());
     RemoveDirectoryW((Folder() + L"\\" + mode).c_str());
   }
@@ -66,6 +83,10 @@ void UseRules(std::uint32_t flags, std::uint32_t options = 0) {
   vorn::host::SectionContents contents;
   contents.flags = flags;
   contents.options = options;
+  if (options & vorn::policy::OptionBits(vorn::policy::SectionOption::kKeepByLink)) {
+    contents.run = "bench";
+    contents.keep_places = vorn::host::FindKeepPlaces();
+  }
   const std::wstring folder = vorn::host::ToNtPath(Folder());
   for (int i = 0; i < kRules - 3; ++i)
     contents.file_rules.push_back({FileACL::kRead, folder + L"\\other" + std::to_wstring(i)});
@@ -76,25 +97,29 @@ void UseRules(std::uint32_t flags, std::uint32_t options = 0) {
   if (OpenSharedData(section->name().c_str()) != 0) abort();
 }
 
-// Opens a file of the mode's folder for reading, by drive letter, and closes it.
+// Opens the file of a folder, by drive letter, and closes it.
 class OpenClose {
  public:
-  explicit OpenClose(const wchar_t* mode) : path_(L"\\??\\" + Folder() + L"\\" + mode + L"\\file.txt") {}
+  explicit OpenClose(const wchar_t* folder, ACCESS_MASK access = GENERIC_READ)
+      : path_(L"\\??\\" + Folder() + L"\\" + folder + L"\\file.txt"), access_(access) {}
   void operator()() const {
     UNICODE_STRING name = nt::CountedString(path_.data(), path_.size() * sizeof(wchar_t));
     OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
     IO_STATUS_BLOCK io;
     HANDLE file;
-    if (nt::Success(NtCreateFile(&file, GENERIC_READ | SYNCHRONIZE, &attributes, &io, nullptr, 0, 7,
-                                 FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0)))
+    if (nt::Success(NtCreateFile(&file, access_ | SYNCHRONIZE, &attributes, &io, nullptr, 0, 7, FILE_OPEN,
+                                 FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0)))
       NtClose(file);
   }
 
  private:
-  std::wstring path_;
+  const std::wstring path_;
+  const ACCESS_MASK access_;
 };
 
-std::uint32_t FlagsOf(int mode) { return mode == 0 ? vorn::policy::kFlagFileCreateCheckOff : 0; }
+std::uint32_t FlagsOf(const Mode& mode) {
+  return &mode == kModes ? vorn::policy::kFlagFileCreateCheckOff : 0;
+}
 
 // What two candidates cost in rounds that take turns, so that what else the machine does weighs on both. The
 // ratio is the median of the rounds' ratios; the times are the best of each.
@@ -136,16 +161,46 @@ Comparison ConfinedAgainstPlain(int calls, Work&& work) {
 
 void CompareOpens() {
   std::printf("open and close of an existing file, confined against plain (%d rules)\n", kRules);
-  for (int mode = 0; mode < 4; ++mode) {
-    UseRules(FlagsOf(mode));
-    const OpenClose open_close(kModes[mode]);
-    const Comparison times = ConfinedAgainstPlain(150, open_close);
-    const std::size_t before = allocations;
-    for (int i = 0; i < 100; ++i) open_close();
-    std::printf("  %-6ls ratio %4.2f (budget %.2f)  %6.2f us, plain %6.2f us  allocations per open %.2f\n",
-                kModes[mode], times.ratio, kTimeBudgets[mode], times.other / 1e3, times.base / 1e3,
-                static_cast<double>(allocations - before) / 100);
+  for (const Mode& mode : kModes) {
+    for (const bool run : {false, true}) {
+      UseRules(FlagsOf(mode), run ? kRun : 0);
+      const OpenClose open_close(mode.folder, mode.access);
+      const Comparison times = ConfinedAgainstPlain(150, open_close);
+      const std::size_t before = allocations;
+      for (int i = 0; i < 100; ++i) open_close();
+      std::printf("  %-6s %-11s ratio %4.2f (budget %.2f)  %6.2f us, plain %6.2f us  allocations %.2f\n",
+                  mode.name, kSectionNames[run], times.ratio, mode.budgets[run], times.other / 1e3,
+                  times.base / 1e3, static_cast<double>(allocations - before) / 100);
+    }
   }
+}
+
+// Work that changes a folder, in a run: made and deleted, renamed there and back, replaced.
+void CompareChanges() {
+  UseRules(0, kRun);
+  const std::wstring file = Folder() + L"\\write\\file.txt", other = Folder() + L"\\write\\other.txt";
+  const auto make = [](const std::wstring& path) {
+    CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 7, nullptr, CREATE_ALWAYS, 0, nullptr));
+  };
+  const auto report = [](const char* name, double budget, auto&& work) {
+    const Comparison times = ConfinedAgainstPlain(50, work);
+    std::printf("  %-30s ratio %4.2f (budget %.2f)  %6.2f us, plain %6.2f us\n", name, times.ratio, budget,
+                times.other / 1e3, times.base / 1e3);
+  };
+  std::printf("changes in a run, confined against plain\n");
+  report("create and delete", 1.8, [&] {
+    make(other);
+    DeleteFileW(other.c_str());
+  });
+  report("rename there and back", 2.0, [&] {
+    MoveFileExW(file.c_str(), other.c_str(), 0);
+    MoveFileExW(other.c_str(), file.c_str(), 0);
+  });
+  report("create and replace", 2.0, [&] {
+    make(other);
+    MoveFileExW(other.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING);
+  });
+  report("truncate", 2.0, [&] { make(file); });
 }
 
 // A write that succeeds is only looked at.
@@ -276,14 +331,17 @@ void MarkModes() {
     for (int i = 0; i < kMarked; ++i) open_close();
     Mark("end");
   };
-  for (int mode = 0; mode < 4; ++mode) {
-    const OpenClose open_close(kModes[mode]);
-    const std::wstring wide = kModes[mode];
+  for (const Mode& mode : kModes) {
+    const OpenClose open_close(mode.folder, mode.access);
+    const std::string name = mode.name;
     Ntdll::UnInit();
-    run("plain_" + std::string(wide.begin(), wide.end()), open_close);
-    UseRules(FlagsOf(mode));
-    Ntdll::Init();
-    run(std::string(wide.begin(), wide.end()), open_close);
+    run("plain_" + name, open_close);
+    for (const bool options : {false, true}) {
+      UseRules(FlagsOf(mode), options ? kRun : 0);
+      Ntdll::Init();
+      run(options ? "run_" + name : name, open_close);
+      Ntdll::UnInit();
+    }
   }
 }
 
@@ -299,6 +357,7 @@ int main(int argc, char** argv) {
     CompareLinks();
   } else {
     CompareOpens();
+    CompareChanges();
     CompareWrites();
     CompareCloses();
     CompareLinks();

@@ -36,12 +36,23 @@ void LogLookup(std::wstring_view path, const FileRuleMatch& match) {
     VORN_LOG_I("CheckFileACL path:%s ACL:%d", OrNull(CountedToAnsi(path)), static_cast<int>(match.access));
 }
 
-// Answers the kernel with the other names of the file at path, and logs what it looks up.
-class DecisionContext final : public vorn::policy::FileContext {
+// Logs what the kernel looks up; knows no names.
+class LookupContext : public vorn::policy::FileContext {
+ public:
+  void OnLookup(std::u16string_view path, const FileRuleMatch& match) noexcept override {
+    LogLookup(vorn::policy::W(path), match);
+  }
+};
+
+// Answers the kernel with the other names of the file at path.
+class DecisionContext final : public LookupContext {
  public:
   // access: what the names may lower. links: holds the file open; null: path is asked whatever its links.
   DecisionContext(std::wstring_view path, FileACL access, FileLinkHelper* links) noexcept
       : path_(path), access_(access), links_(links) {}
+  // Of a file that is open.
+  DecisionContext(std::wstring_view path, HANDLE file) noexcept
+      : path_(path), access_(FileACL::kReadWrite), links_(nullptr), file_(file) {}
 
   bool NextName(std::u16string_view* name) noexcept override {
     if (!listed_) ListNames();
@@ -52,9 +63,6 @@ class DecisionContext final : public vorn::policy::FileContext {
     *name = U16(std::wstring_view(static_cast<const LinkNode*>(next_)->path.get()));
     next_ = NextNode(next_);
     return true;
-  }
-  void OnLookup(std::u16string_view path, const FileRuleMatch& match) noexcept override {
-    LogLookup(vorn::policy::W(path), match);
   }
   void OnName(std::u16string_view name, FileACL access) noexcept override {
     if (access != access_ && IsDebugLogEnabled())
@@ -68,20 +76,27 @@ class DecisionContext final : public vorn::policy::FileContext {
     listed_ = true;
     ThreadState* state = GetThreadState();
     if (!state || (links_ && links_->LinkCount() < 2)) return;
+    const std::uint32_t count = file_ ? LinkCountOf(file_) : 0;
+    if (count == 1) return;
     ScratchLevel level(state);
     const std::wstring_view file = path_.substr(0, vorn::policy::FindStream(U16(path_)));
     wchar_t* dos_path = ScratchPath(0, file.size());
     const ListHead* names = nullptr;
     if (dos_path) TerminatedCopy(dos_path, file);
-    if (dos_path && NtPathToDosPath(dos_path) && names_.GetFileHardLinks(dos_path, &names))
-      next_ = FirstNode(*names);
-    else
+    const bool on_drive = dos_path && NtPathToDosPath(dos_path);
+    if (file_) {
+      const int found = on_drive ? names_.ListNames(dos_path, &names) : 0;
+      unlisted_ = !count || static_cast<std::uint32_t>(found) < count;
+    } else if (!on_drive || !names_.GetFileHardLinks(dos_path, &names)) {
       unlisted_ = links_ && GetSection().Has(vorn::policy::SectionOption::kPlacesFromRules);
+    }
+    if (names) next_ = FirstNode(*names);
   }
 
   const std::wstring_view path_;
   const FileACL access_;
   FileLinkHelper* const links_;
+  const HANDLE file_ = nullptr;
   FileLinkHelper names_;
   const ListNode* next_ = nullptr;
   bool listed_ = false;
@@ -115,26 +130,49 @@ bool FileACLModel::Init() noexcept {
 }
 
 FileDecision FileACLModel::DecideFileACL(std::wstring_view path) const noexcept {
-  FileDecision decision;
   ThreadState* state = GetThreadState();
-  if (path.empty() || !state) return decision;
+  if (!state) return {};
+  const ScratchLevel level(state);
+  std::wstring_view final;
+  return DecideFinal(path, false, &final);
+}
+
+FileDecision FileACLModel::DecideFinal(std::wstring_view path, bool itself,
+                                       std::wstring_view* final) const noexcept {
+  FileDecision decision;
+  *final = path;
+  if (path.empty()) return decision;
   if (!vorn::policy::IsHardDiskVolumeOrMup(U16(path)) && !IsFileSystemPath(path)) return decision;
-  ScratchLevel level(state);
   FileLinkHelper links;
   platform::WithFinally(
       [&] {
         FileFacts facts{.temp_directory = U16(TempDirectory())};
-        std::wstring_view target = links.GetFileSymbolicLink(path);
+        const std::wstring_view target = links.GetFileSymbolicLink(path, itself);
         // What resolved exists, or its directory does: only an unresolved path has to be asked about.
-        if (target.empty()) facts.on_file_system = IsFileSystemPath(target = path);
-        facts.path = U16(target);
+        if (target.empty())
+          facts.on_file_system = IsFileSystemPath(path);
+        else
+          *final = target;
+        facts.path = U16(*final);
         if (!facts.on_file_system && IsDebugLogEnabled())
-          VORN_LOG_I("Not FileSystem:%s", OrNil(WideToAnsi(target.data())));
-        DecisionContext context(target, FileACL::kReadWrite, &links);
+          VORN_LOG_I("Not FileSystem:%s", OrNil(WideToAnsi(path.data())));
+        DecisionContext context(*final, FileACL::kReadWrite, &links);
         decision = vorn::policy::DecideFile(GetSection(), facts, context);
       },
       [&] { links.Close(); });
   return decision;
+}
+
+FileDecision FileACLModel::DecideByName(std::wstring_view path) const noexcept {
+  LookupContext context;
+  return vorn::policy::DecideFile(GetSection(), {.path = U16(path), .temp_directory = U16(TempDirectory())},
+                                  context);
+}
+
+FileDecision FileACLModel::DecideOpened(HANDLE file, std::wstring_view path) const noexcept {
+  DecisionContext context(path, file);
+  return vorn::policy::DecideFile(GetSection(), {.path = U16(path), .temp_directory = U16(TempDirectory())},
+                                  context);
 }
 
 bool FileACLModel::CheckConfigPermission(std::wstring_view path, FileACL* access,
@@ -155,21 +193,6 @@ FileACL FileACLModel::CheckFileACLAdapterHardLinks(std::wstring_view path, FileA
   DecisionContext context(path, access, nullptr);
   const FileVerdict verdict{.access = access};
   return vorn::policy::WeakestName(GetSection(), verdict, context).access;
-}
-
-FileVerdict FileACLModel::HeldByRule(std::wstring_view path) const noexcept {
-  FileVerdict verdict{.access = FileACL::kReadWrite};
-  ThreadState* state = GetThreadState();
-  if (!state || !GetSection().Has(vorn::policy::SectionOption::kRulesHoldPlaces)) return verdict;
-  ScratchLevel level(state);
-  FileLinkHelper links;
-  platform::WithFinally(
-      [&] {
-        const std::wstring_view target = links.GetFileSymbolicLink(path);
-        verdict = vorn::policy::HeldByRule(GetSection(), U16(target.empty() ? path : target));
-      },
-      [&] { links.Close(); });
-  return verdict;
 }
 
 FileVerdict FileACLModel::HeldByRule(HANDLE file) const noexcept {

@@ -21,6 +21,14 @@ class FileACLModel {
   // Uses a scratch level of its own and may open files, past the library's own handlers.
   FileDecision DecideFileACL(std::wstring_view path) const noexcept;
 
+  // The same, and where the path leads, in scratch slot 0 of the current level; path is in no slot of that.
+  // itself: a link at the end of path is the file.
+  FileDecision DecideFinal(std::wstring_view path, bool itself, std::wstring_view* final) const noexcept;
+  // What the rules say about a path, wherever it leads.
+  FileDecision DecideByName(std::wstring_view path) const noexcept;
+  // About an open file, under all its names: path is its final one. What cannot be known counts as least.
+  FileDecision DecideOpened(HANDLE file, std::wstring_view path) const noexcept;
+
   // The rule of exactly the first units of path; false when there is none.
   bool CheckConfigPermission(std::wstring_view path, FileACL* access, std::size_t units) const noexcept;
   // The most specific rule that covers path; kRead without one.
@@ -28,9 +36,8 @@ class FileACLModel {
   // The weakest access among all names of the file at path, access itself included.
   FileACL CheckFileACLAdapterHardLinks(std::wstring_view path, FileACL access) const noexcept;
 
-  // Whether what stands at path, or what a handle stands for, may be renamed, moved or deleted: the kernel's
-  // HeldByRule of the final path. kReadWrite also when no path can be told.
-  FileVerdict HeldByRule(std::wstring_view path) const noexcept;
+  // Whether what a handle stands for may be renamed, moved or deleted: the kernel's HeldByRule of its path.
+  // kReadWrite also when no path can be told.
   FileVerdict HeldByRule(HANDLE file) const noexcept;
 
   HandleRecords& handles() noexcept { return handles_; }

@@ -331,6 +331,25 @@ bool IsTempPath(std::wstring_view path) noexcept {
 
 bool FileExists(std::wstring_view path) noexcept { return QueryAttributes(path); }
 
+void RemoveFile(std::wstring_view path) noexcept {
+  UNICODE_STRING name = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+  IO_STATUS_BLOCK io;
+  OwnHandle file;
+  if (!nt::Success(Ntdll::CallOriginalNtCreateFile(
+          file.put(), DELETE | SYNCHRONIZE, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
+          FILE_OPEN_REPARSE_POINT | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0)))
+    return;
+  const auto set = [&](auto information, ULONG info_class) {
+    return nt::Success(Ntdll::CallOriginalNtSetInformationFile(
+        file.get(), &io, &information, sizeof information, static_cast<FILE_INFORMATION_CLASS>(info_class)));
+  };
+  const nt::DispositionInformationEx whatever{nt::kDispositionDelete | nt::kDispositionPosix |
+                                              nt::kDispositionIgnoreReadonly};
+  if (!set(whatever, nt::kFileDispositionInformationEx))
+    (void)set(BOOLEAN{TRUE}, nt::kFileDispositionInformation);
+}
+
 bool IsFileSystemPath(std::wstring_view path) noexcept {
   if (QueryAttributes(path)) return true;
   const std::size_t last = vorn::policy::FindLastComponent(U16(path));

@@ -48,6 +48,10 @@ bool IsTempPath(std::wstring_view path) noexcept;
 // Whether the attributes of path can be queried.
 bool FileExists(std::wstring_view path) noexcept;
 
+// Deletes the file or empty folder at path, a link itself, whatever its attributes. Past the library's own
+// handlers.
+void RemoveFile(std::wstring_view path) noexcept;
+
 // Whether path, or the directory that it would be created in, exists on a file system.
 bool IsFileSystemPath(std::wstring_view path) noexcept;
 

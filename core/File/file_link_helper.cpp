@@ -46,9 +46,9 @@ FileLinkHelper::~FileLinkHelper() {
   }
 }
 
-std::wstring_view FileLinkHelper::GetFileSymbolicLink(std::wstring_view path) noexcept {
+std::wstring_view FileLinkHelper::GetFileSymbolicLink(std::wstring_view path, bool itself) noexcept {
   if (path.empty()) return {};
-  std::wstring_view target = ResolveFinalPath(path, true);
+  std::wstring_view target = ResolveFinalPath(path, true, itself ? FILE_OPEN_REPARSE_POINT : 0);
   if (!target.empty()) {
     if (IsDebugLogEnabled())
       VORN_LOG_I("GetFileSymbolicLink First path:%s target:%s", OrNil(WideToAnsi(path.data())),
@@ -75,39 +75,45 @@ std::wstring_view FileLinkHelper::GetFileSymbolicLink(std::wstring_view path) no
   return TerminatedCopy(buffer, {buffer, units}, rest);
 }
 
-std::wstring_view FileLinkHelper::ResolveFinalPath(std::wstring_view path, bool keep_open) noexcept {
-  // One question with room for every answer; the buffer is the thread's and is reused.
-  wchar_t* buffer = ScratchPath(0, kMaxPathUnits);
-  if (!buffer) return {};
+std::wstring_view FileLinkHelper::ResolveFinalPath(std::wstring_view path, bool keep_open,
+                                                   ULONG options) noexcept {
   UNICODE_STRING name = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
   IO_STATUS_BLOCK io;
   OwnHandle file;
   const NTSTATUS status = Ntdll::CallOriginalNtCreateFile(
       file.put(), SYNCHRONIZE | FILE_READ_ATTRIBUTES, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
-      FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+      options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
   if (!nt::Success(status)) return {};
-  const DWORD room = kMaxPathUnits;
-  const DWORD units = platform::Native().GetFinalPathNameByHandleW(file.get(), buffer, room, VOLUME_NAME_NT);
-  std::wstring_view target;
-  if (units != 0 && units < room) {
-    target = {buffer, units};
-    if (StartsWithNoCase(U16(target), kMupPrefix) && IsDavFile(file.get()))
-      target = InsertDavRoot(target, buffer, room);
-  }
+  const std::wstring_view target = FinalPathOf(file.get());
   if (keep_open && !target.empty()) file_ = std::move(file);
   return target;
 }
 
 std::uint32_t FileLinkHelper::LinkCount() noexcept {
-  FILE_STANDARD_INFO info;
-  if (!file_ ||
-      !platform::Native().GetFileInformationByHandleEx(file_.get(), FileStandardInfo, &info, sizeof info))
-    return 1;
-  return info.Directory ? 1 : info.NumberOfLinks;
+  const std::uint32_t count = file_ ? LinkCountOf(file_.get()) : 0;
+  return count ? count : 1;
 }
 
 void FileLinkHelper::Close() noexcept { file_.reset(); }
+
+std::wstring_view FinalPathOf(HANDLE file) noexcept {
+  // One question with room for every answer; the buffer is the thread's and is reused.
+  wchar_t* buffer = ScratchPath(0, kMaxPathUnits);
+  if (!buffer) return {};
+  const DWORD room = kMaxPathUnits;
+  const DWORD units = platform::Native().GetFinalPathNameByHandleW(file, buffer, room, VOLUME_NAME_NT);
+  if (units == 0 || units >= room) return {};
+  const std::wstring_view path(buffer, units);
+  return StartsWithNoCase(U16(path), kMupPrefix) && IsDavFile(file) ? InsertDavRoot(path, buffer, room)
+                                                                    : path;
+}
+
+std::uint32_t LinkCountOf(HANDLE file) noexcept {
+  FILE_STANDARD_INFO info;
+  if (!platform::Native().GetFileInformationByHandleEx(file, FileStandardInfo, &info, sizeof info)) return 0;
+  return info.Directory ? 1 : info.NumberOfLinks;
+}
 
 std::wstring_view InsertDavRoot(std::wstring_view path, wchar_t* buffer, std::size_t room) noexcept {
   if (!StartsWithNoCase(U16(path), kMupPrefix)) return path;
@@ -127,7 +133,7 @@ std::wstring_view InsertDavRoot(std::wstring_view path, wchar_t* buffer, std::si
 int FileLinkHelper::GetFileHardLinks(const wchar_t* path, const ListHead** names) noexcept {
   *names = &names_;
   // How a file is shared must not hide its names: it is not opened for its data.
-  if (GetSection().Has(vorn::policy::SectionOption::kPlacesFromRules)) return ListNames(path);
+  if (GetSection().Has(vorn::policy::SectionOption::kPlacesFromRules)) return ListNames(path, names);
   // The file is opened under the library's own name: its handler lets the call pass.
   ThreadState* state = GetThreadState();
   const std::uint8_t was_creating = state ? state->bInCreateFile : 0;
@@ -149,7 +155,8 @@ int FileLinkHelper::GetFileHardLinks(const wchar_t* path, const ListHead** names
   return count;
 }
 
-int FileLinkHelper::ListNames(const wchar_t* path) noexcept {
+int FileLinkHelper::ListNames(const wchar_t* path, const ListHead** names) noexcept {
+  *names = &names_;
   ThreadState* state = GetThreadState();
   const std::uint8_t was_creating = state ? std::exchange(state->bInCreateFile, 1) : 0;
   const int count = FindOnDrive(path);

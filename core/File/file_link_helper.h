@@ -31,8 +31,9 @@ class FileLinkHelper {
 
   // The final, link-free NT path of path; for a stream that does not exist, that of its file with the stream;
   // for a file that does not exist, that of its directory with the last component. Empty when none of them
-  // can be resolved. Terminated, in scratch slot 0 of the current level.
-  std::wstring_view GetFileSymbolicLink(std::wstring_view path) noexcept;
+  // can be resolved. Terminated, in scratch slot 0 of the current level. itself: a link at the end of path is
+  // the file, not where it leads.
+  std::wstring_view GetFileSymbolicLink(std::wstring_view path, bool itself = false) noexcept;
 
   // Hard links of that file; 1 when they cannot be counted or it does not exist.
   std::uint32_t LinkCount() noexcept;
@@ -43,10 +44,11 @@ class FileLinkHelper {
   // link or they cannot be listed. path: drive-letter form. The list is this object's. In a plain section the
   // file is opened for reading, and has no names where it cannot be.
   int GetFileHardLinks(const wchar_t* path, const ListHead** names) noexcept;
+  // The same without opening the file for its data, however many links it has.
+  int ListNames(const wchar_t* path, const ListHead** names) noexcept;
 
  private:
-  std::wstring_view ResolveFinalPath(std::wstring_view path, bool keep_open) noexcept;
-  int ListNames(const wchar_t* path) noexcept;
+  std::wstring_view ResolveFinalPath(std::wstring_view path, bool keep_open, ULONG options = 0) noexcept;
   int FindOnDrive(const wchar_t* path) noexcept;
   int FindHardLinks(const wchar_t* path, std::wstring_view volume) noexcept;
   bool AppendLink(const wchar_t* path, std::wstring_view volume, std::wstring_view name) noexcept;
@@ -54,6 +56,13 @@ class FileLinkHelper {
   OwnHandle file_;
   ListHead names_;
 };
+
+// The final, link-free NT path of an open file, terminated, in scratch slot 0 of the current level. Empty
+// when it cannot be told.
+std::wstring_view FinalPathOf(HANDLE file) noexcept;
+
+// Hard links of an open file; of a folder 1. 0 when they cannot be counted.
+std::uint32_t LinkCountOf(HANDLE file) noexcept;
 
 // \device\mup\server\share\f on a WebDAV share as \device\mup\server\davwwwroot\share\f, in place (room is
 // the capacity in units without terminator). Unchanged when it is no such path or names the root already.

@@ -1,6 +1,7 @@
 // The file manager: every file call of the process passes here and is confined.
 //
 // file_mgr_open.cpp: opening and creating. Decided, refused, narrowed or passed on; handles are recorded.
+// file_mgr_open_first.cpp: opening what nobody is harmed by, before it is decided, for a host that wants it.
 // file_mgr_change.cpp: renaming, deleting, writing, closing, moving. Judged by the record of the handle;
 // deletions wait for the close and go to the recycle bin.
 // file_mgr_delete.cpp: deletions and replacements for a host that wants them to be the system's own: at once,
@@ -55,8 +56,12 @@ class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKer
  private:
   // Opening: the stages of one call.
   void Confine(OpenCall& call) noexcept;
+  static bool MayOpenFirst(const OpenCall& call) noexcept;
+  bool OpenFirst(OpenCall& call) noexcept;
   void ApplyDecision(OpenCall& call) noexcept;
+  bool Narrow(OpenCall& call) noexcept;
   void OpenRecorded(OpenCall& call) noexcept;
+  void Record(const OpenCall& call) noexcept;
 
   // Changing.
   struct Outcome {

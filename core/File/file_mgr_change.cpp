@@ -310,7 +310,9 @@ NTSTATUS CFileMgr::NtWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE 
   const NTSTATUS status = handler.Real(write);
   if (!nt::Success(status)) {
     const platform::LastErrorKeeper last_error;
-    if (const HandleRecordPtr record = model_.handles().Find(FileHandle))
+    const HandleRecordPtr record = model_.handles().Find(FileHandle);
+    const bool ours = record && status == STATUS_ACCESS_DENIED && record->file.access != FileACL::kReadWrite;
+    if (record && (ours || !GetSection().Has(SectionOption::kHandleDecides)))
       SendFileAudit(AuditType::kWrite, status, {record->file, record->path});
   }
   return status;

@@ -8,6 +8,7 @@
 #include "File/file_helper.h"
 #include "File/file_mgr.h"
 #include "File/kept_files.h"
+#include "File/open_call.h"
 #include "Platform/last_error.h"
 #include "Policy/device_path.h"
 #include "Policy/wide.h"
@@ -26,86 +27,6 @@ using vorn::policy::ClassifyDevicePath;
 using vorn::policy::DeviceKind;
 using vorn::policy::SectionOption;
 using vorn::policy::U16;
-
-// Taken from the access that is asked for on a read-only path.
-constexpr ACCESS_MASK kWriteRights = GENERIC_WRITE | GENERIC_ALL | MAXIMUM_ALLOWED | FILE_WRITE_ATTRIBUTES |
-                                     FILE_WRITE_EA | FILE_APPEND_DATA | FILE_WRITE_DATA;
-static_assert(kWriteRights == 0x52000116);
-// Change who may do what with the file.
-constexpr ACCESS_MASK kProtectionRights = WRITE_DAC | WRITE_OWNER;
-// Asked for when nothing else is left.
-constexpr ACCESS_MASK kAttributeAccess = SYNCHRONIZE | FILE_READ_ATTRIBUTES;
-
-// How a confined call ended; the log says so.
-enum Step : unsigned {
-  kStepNone = 0,
-  kStepDeviceName = 123,      // the name itself is a pipe, mailslot or network device: as asked
-  kStepNoPath = 131,          // no canonical path: as asked
-  kStepDevicePath = 145,      // the canonical path is such a device: on that path
-  kStepUnconfined = 160,      // undecided: on the canonical path, access unchanged
-  kStepDenied = 165,          // refused
-  kStepDeleteRefused = 175,   // read only, delete on close: refused
-  kStepProtectRefused = 185,  // read only, would change its protection: refused
-  kStepReplaceRefused = 194,  // read only, would replace or overwrite: refused
-  kStepOpened = 216,          // on the canonical path, with adjusted arguments
-  kStepException = 218,       // a fault while the call was being confined
-};
-
-struct OpenArguments {
-  ACCESS_MASK access;
-  ULONG disposition;
-  ULONG options;
-};
-
-}  // namespace
-
-// One confined call.
-struct OpenCall {
-  PHANDLE handle;
-  POBJECT_ATTRIBUTES attributes;
-  PIO_STATUS_BLOCK io;
-  PLARGE_INTEGER allocation;
-  ULONG file_attributes;
-  ULONG share;
-  PVOID ea;
-  ULONG ea_length;
-  const OpenArguments asked;
-  OpenArguments given;  // what the system is asked for
-
-  std::wstring_view path = {};  // canonical, once it is known
-  FileDecision decision = {};
-  NTSTATUS status = STATUS_SUCCESS;
-  Step step = kStepNone;
-  AuditType audit = {};  // of a refusal; 0 for none
-
-  NTSTATUS CallReal(POBJECT_ATTRIBUTES name, const OpenArguments& arguments) const {
-    return Ntdll::CallOriginalNtCreateFile(handle, arguments.access, name, io, allocation, file_attributes,
-                                           share, arguments.disposition, arguments.options, ea, ea_length);
-  }
-  // With the rights that are left.
-  bool DeletesOnClose() const {
-    const bool wide = GetSection().Has(SectionOption::kKeepByLink);
-    const ACCESS_MASK rights = wide ? DELETE | GENERIC_ALL | MAXIMUM_ALLOWED : DELETE;
-    return (asked.options & FILE_DELETE_ON_CLOSE) && (given.access & rights);
-  }
-  void PassAsAsked(Step how) {
-    status = CallReal(attributes, asked);
-    step = how;
-  }
-  void CallOnPath(Step how) {
-    UNICODE_STRING name = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
-    OBJECT_ATTRIBUTES by_path = nt::NamedObject(&name, attributes->Attributes | OBJ_CASE_INSENSITIVE);
-    status = CallReal(&by_path, given);
-    step = how;
-  }
-  void Refuse(Step how, AuditType as) {
-    status = STATUS_ACCESS_DENIED;
-    step = how;
-    audit = as;
-  }
-};
-
-namespace {
 
 // ---- Log lines
 
@@ -227,13 +148,6 @@ bool PassesInLoader(OpenCall& call) {
   return true;
 }
 
-// Takes rights away; a call that asked for nothing else may still look at the file.
-void RemoveAccess(OpenArguments& arguments, ACCESS_MASK rights) {
-  if (!(arguments.access & rights)) return;
-  arguments.access &= ~rights;
-  if (!arguments.access) arguments.access = kAttributeAccess;
-}
-
 void AnswerFailure(PIO_STATUS_BLOCK io, NTSTATUS status) {
   if (!io) return;
   // Where the caller's block cannot be written, the status alone has to do.
@@ -272,7 +186,8 @@ NTSTATUS CFileMgr::NtCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
 
   // A creation that was turned into an opening finds nothing to open.
   if (call.status == STATUS_OBJECT_NAME_NOT_FOUND && call.given.disposition == FILE_OPEN &&
-      asked.disposition == FILE_CREATE) {
+      (asked.disposition == FILE_CREATE ||
+       (asked.disposition == FILE_OPEN_IF && call.Has(SectionOption::kHandleDecides)))) {
     call.status = STATUS_ACCESS_DENIED;
     call.audit = AuditType::kCreate;
   }
@@ -305,7 +220,11 @@ void CFileMgr::Confine(OpenCall& call) noexcept {
 
   call.given.options = options & ~FILE_OPEN_FOR_BACKUP_INTENT;
   if (ClassifyDevicePath(U16(path)) != DeviceKind::kNone) return call.CallOnPath(kStepDevicePath);
-  call.decision = model_.DecideFileACL(path);
+  const ScratchLevel level(GetThreadState());  // of the final path
+  if (MayOpenFirst(call) && OpenFirst(call)) return;
+  const bool itself =
+      call.Has(SectionOption::kHandleDecides) && (call.asked.options & FILE_OPEN_REPARSE_POINT);
+  call.decision = model_.DecideFinal(path, itself, &call.final);
   const std::uint64_t now = GetPreciseTimeMicros();
   OfferSample(path_time, now - start - path_time, now, call);
   ApplyDecision(call);
@@ -318,40 +237,55 @@ void CFileMgr::ApplyDecision(OpenCall& call) noexcept {
     case FileACL::kDeny:
       return call.Refuse(kStepDenied, AuditType::kCreate);
     case FileACL::kRead:
-      if (call.DeletesOnClose() && call.decision.named.access != FileACL::kReadWrite)
-        return call.Refuse(kStepDeleteRefused, AuditType::kDelete);
-      if (GetSection().Has(SectionOption::kProtectionIsAWrite)) {
-        if (call.given.access & kProtectionRights) return call.Refuse(kStepProtectRefused, AuditType::kWrite);
-        RemoveAccess(call.given, ACCESS_SYSTEM_SECURITY);
-      }
-      RemoveAccess(call.given, kWriteRights);
-      if (call.given.disposition == FILE_CREATE || call.given.disposition == FILE_OPEN_IF)
-        call.given.disposition = FILE_OPEN;
-      if (call.given.disposition != FILE_OPEN) return call.Refuse(kStepReplaceRefused, AuditType::kCreate);
-      return OpenRecorded(call);
     case FileACL::kReadWrite:
-      if (call.decision.in_recycle_bin) RemoveAccess(call.given, DELETE);
-      if (call.DeletesOnClose()) {
-        const FileVerdict held = model_.HeldByRule(call.path);
-        if (held.access != FileACL::kReadWrite) {
-          call.decision.file = held;
-          return call.Refuse(kStepDeleteRefused, AuditType::kDelete);
-        }
-      }
+      if (!Narrow(call)) return;
+      const bool writable = call.decision.file.access == FileACL::kReadWrite;
       // What is deleted while the loader works cannot be moved to the bin: it is deleted as asked.
-      if (GetThreadState()->bInLoader && !CanKeep(call.path)) return call.CallOnPath(kStepOpened);
+      if (writable && GetThreadState()->bInLoader && !CanKeep(call.path)) return call.CallOnPath(kStepOpened);
       return OpenRecorded(call);
   }
 }
 
+// Takes from the call what the decision, reading or writing, does not allow. False when it is refused.
+bool CFileMgr::Narrow(OpenCall& call) noexcept {
+  if (call.decision.file.access == FileACL::kReadWrite) {
+    if (call.decision.in_recycle_bin) call.given.Remove(DELETE);
+    if (!call.DeletesOnClose()) return true;
+    const FileVerdict held = vorn::policy::HeldByRule(GetSection(), U16(call.final));
+    if (held.access == FileACL::kReadWrite) return true;
+    call.decision.file = held;
+    call.Refuse(kStepDeleteRefused, AuditType::kDelete);
+    return false;
+  }
+  if (call.DeletesOnClose() && call.decision.named.access != FileACL::kReadWrite) {
+    call.Refuse(kStepDeleteRefused, AuditType::kDelete);
+    return false;
+  }
+  if (call.Has(SectionOption::kProtectionIsAWrite)) {
+    if (call.given.access & kProtectionRights) {
+      call.Refuse(kStepProtectRefused, AuditType::kWrite);
+      return false;
+    }
+    call.given.Remove(ACCESS_SYSTEM_SECURITY);
+  }
+  call.given.Remove(kWriteRights);
+  if (call.Creates()) call.given.disposition = FILE_OPEN;
+  if (call.given.disposition == FILE_OPEN) return true;
+  call.Refuse(kStepReplaceRefused, AuditType::kCreate);
+  return false;
+}
+
 void CFileMgr::OpenRecorded(OpenCall& call) noexcept {
-  const bool deletes = call.DeletesOnClose();
-  const bool for_real = CanKeep(call.path);
-  if (!(deletes && for_real)) call.given.options &= ~FILE_DELETE_ON_CLOSE;
+  if (!(call.DeletesOnClose() && CanKeep(call.path))) call.given.options &= ~FILE_DELETE_ON_CLOSE;
   call.CallOnPath(kStepOpened);
-  if (!nt::Success(call.status) || !call.handle) return;
+  if (nt::Success(call.status) && call.handle) Record(call);
+}
+
+void CFileMgr::Record(const OpenCall& call) noexcept {
   HANDLE handle = *call.handle;
   if (!handle || handle == INVALID_HANDLE_VALUE) return;
+  const bool deletes = call.DeletesOnClose();
+  const bool for_real = CanKeep(call.path);
   HandleFacts facts{.handle = handle,
                     .delete_flags = deletes && !for_real ? kDeleteOnClose : 0,
                     .file = call.decision.file,

@@ -72,15 +72,6 @@ NTSTATUS Set(HANDLE file, const Information& information, ULONG bytes, ULONG inf
                                                  static_cast<FILE_INFORMATION_CLASS>(info_class));
 }
 
-void Remove(std::wstring_view path) noexcept {
-  OwnHandle file;
-  if (!nt::Success(Open(path, DELETE, FILE_OPEN, FILE_OPEN_REPARSE_POINT, file))) return;
-  const nt::DispositionInformationEx whatever{nt::kDispositionDelete | nt::kDispositionPosix |
-                                              nt::kDispositionIgnoreReadonly};
-  if (nt::Success(Set(file.get(), whatever, sizeof whatever, nt::kFileDispositionInformationEx))) return;
-  (void)Set(file.get(), BOOLEAN{TRUE}, sizeof(BOOLEAN), nt::kFileDispositionInformation);
-}
-
 std::size_t TrashIndex(wchar_t* dos_path, std::span<std::byte> out) noexcept {
   char unix_path[4096];
   const std::size_t bytes = platform::Native().UnixPath(dos_path, unix_path, sizeof unix_path);
@@ -164,8 +155,8 @@ std::uint32_t Keep(std::wstring_view path, std::uint64_t size, Store&& store) no
     if (status == STATUS_OBJECT_NAME_COLLISION) continue;
     if (nt::Success(status)) status = store(names.File());
     if (nt::Success(status)) return number;
-    Remove(names.File());
-    Remove(names.Index());
+    RemoveFile(names.File());
+    RemoveFile(names.Index());
     break;
   }
   VORN_LOG_W("KeepFile status:%X, path:%s", static_cast<unsigned>(status), OrNil(WideToAnsi(path.data())));
@@ -198,8 +189,8 @@ std::uint32_t KeepFolder(std::wstring_view path) noexcept {
 void TakeBackKept(std::wstring_view path, std::uint32_t number) noexcept {
   const KeptNames names(path, number);
   if (!number || !names) return;
-  Remove(names.File());
-  Remove(names.Index());
+  RemoveFile(names.File());
+  RemoveFile(names.Index());
 }
 
 }  // namespace VornCore

@@ -91,7 +91,10 @@ enum class SectionOption : std::uint32_t {
   kRulesHoldPlaces = 1u << 6,     // a folder with a stricter rule below keeps its name and its place
   kOnDemand = 1u << 7,            // threads and the log file are made when there is something for them
   kNoSamples = 1u << 8,           // no samples are sent
-  kProveHooks = 1u << 9,          // a process in which a function is found and not intercepted ends
+  // What was opened decides, not what its path said before; only refusals of ours are reported as refusals,
+  // and each is.
+  kHandleDecides = 1u << 10,
+  kProveHooks = 1u << 9,  // a process in which a function is found and not intercepted ends
 };
 
 template <class... Options>

@@ -37,6 +37,9 @@
 
 namespace vorn::test {
 
+// Whether the tests run with a section that asks for what changes few outcomes, as they do a second time.
+inline bool WithOptions() { return GetEnvironmentVariableW(L"VORN_TEST_OPTIONS", nullptr, 0) != 0; }
+
 // A message as it arrived. The texts of its body point into bytes.
 struct Received {
   std::vector<std::byte> bytes;
@@ -161,11 +164,10 @@ class E2eConfinement {
     contents.UseLibrariesIn(ThisProgram().parent_path().wstring());
     contents.log_directory = folder_.path().wstring();
     contents.server_port = server_.port_name();
-    // The same tests run with a section that asks for what changes no outcome.
-    if (GetEnvironmentVariableW(L"VORN_TEST_OPTIONS", nullptr, 0))
+    if (WithOptions())
       contents.options =
           policy::OptionBits(policy::SectionOption::kDecisionInAudit, policy::SectionOption::kOnDemand,
-                             policy::SectionOption::kProveHooks);
+                             policy::SectionOption::kProveHooks, policy::SectionOption::kHandleDecides);
     if (adjust) adjust(contents);
     return contents;
   }
