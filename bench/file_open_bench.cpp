@@ -175,32 +175,36 @@ void CompareOpens() {
   }
 }
 
-// Work that changes a folder, in a run: made and deleted, renamed there and back, replaced.
-void CompareChanges() {
-  UseRules(0, kRun);
+// Work that changes a folder: made and deleted, renamed there and back, replaced, truncated.
+template <class Use>
+void ForEachChange(Use&& use) {
   const std::wstring file = Folder() + L"\\write\\file.txt", other = Folder() + L"\\write\\other.txt";
   const auto make = [](const std::wstring& path) {
     CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 7, nullptr, CREATE_ALWAYS, 0, nullptr));
   };
-  const auto report = [](const char* name, double budget, auto&& work) {
-    const Comparison times = ConfinedAgainstPlain(50, work);
-    std::printf("  %-30s ratio %4.2f (budget %.2f)  %6.2f us, plain %6.2f us\n", name, times.ratio, budget,
-                times.other / 1e3, times.base / 1e3);
-  };
-  std::printf("changes in a run, confined against plain\n");
-  report("create and delete", 1.8, [&] {
+  use("create and delete", 1.8, [&] {
     make(other);
     DeleteFileW(other.c_str());
   });
-  report("rename there and back", 2.0, [&] {
+  use("rename there and back", 2.0, [&] {
     MoveFileExW(file.c_str(), other.c_str(), 0);
     MoveFileExW(other.c_str(), file.c_str(), 0);
   });
-  report("create and replace", 2.0, [&] {
+  use("create and replace", 2.0, [&] {
     make(other);
     MoveFileExW(other.c_str(), file.c_str(), MOVEFILE_REPLACE_EXISTING);
   });
-  report("truncate", 2.0, [&] { make(file); });
+  use("truncate", 2.0, [&] { make(file); });
+}
+
+void CompareChanges() {
+  UseRules(0, kRun);
+  std::printf("changes in a run, confined against plain\n");
+  ForEachChange([](const char* name, double budget, auto&& work) {
+    const Comparison times = ConfinedAgainstPlain(50, work);
+    std::printf("  %-30s ratio %4.2f (budget %.2f)  %6.2f us, plain %6.2f us\n", name, times.ratio, budget,
+                times.other / 1e3, times.base / 1e3);
+  });
 }
 
 // A write that succeeds is only looked at.
@@ -302,7 +306,7 @@ class LinkedTree {
 void CompareLinks() {
   Ntdll::UnInit();
   const LinkedTree tree;
-  UseRules(0, vorn::policy::OptionBits(vorn::policy::SectionOption::kPlacesFromRules));
+  UseRules(0, kRun);
   bool all_open = true;
   std::vector<double> ratios;
   double first = 0, plain = 1e9, confined = 1e9;
@@ -325,24 +329,27 @@ void CompareLinks() {
 }
 
 void MarkModes() {
-  const auto run = [](const std::string& name, const OpenClose& open_close) {
-    for (int i = 0; i < 3; ++i) open_close();  // what happens once, happens here
+  const auto run = [](std::string name, auto&& work) {
+    std::replace(name.begin(), name.end(), ' ', '_');
+    for (int i = 0; i < 3; ++i) work();  // what happens once, happens here
     Mark(name);
-    for (int i = 0; i < kMarked; ++i) open_close();
+    for (int i = 0; i < kMarked; ++i) work();
     Mark("end");
   };
-  for (const Mode& mode : kModes) {
-    const OpenClose open_close(mode.folder, mode.access);
-    const std::string name = mode.name;
+  const auto compare = [&](const std::string& name, std::uint32_t flags, bool plain_section, auto&& work) {
     Ntdll::UnInit();
-    run("plain_" + name, open_close);
+    run("plain_" + name, work);
     for (const bool options : {false, true}) {
-      UseRules(FlagsOf(mode), options ? kRun : 0);
+      if (!options && !plain_section) continue;
+      UseRules(flags, options ? kRun : 0);
       Ntdll::Init();
-      run(options ? "run_" + name : name, open_close);
+      run(options ? "run_" + name : name, work);
       Ntdll::UnInit();
     }
-  }
+  };
+  for (const Mode& mode : kModes)
+    compare(mode.name, FlagsOf(mode), true, OpenClose(mode.folder, mode.access));
+  ForEachChange([&](const char* name, double, auto&& work) { compare(name, 0, false, work); });
 }
 
 }  // namespace

@@ -9,8 +9,9 @@ namespace {
 
 std::uint32_t HashOf(std::wstring_view path) { return vorn::policy::HashPathNoCase(vorn::policy::U16(path)); }
 
-// 0 when the system does not tell.
-std::uint64_t IdOf(HANDLE file) {
+}  // namespace
+
+std::uint64_t FileIdOf(HANDLE file) noexcept {
   std::uint64_t id = 0;
   IO_STATUS_BLOCK io;
   const NTSTATUS status = platform::Native().NtQueryInformationFile(
@@ -18,10 +19,8 @@ std::uint64_t IdOf(HANDLE file) {
   return nt::Success(status) ? id : 0;
 }
 
-}  // namespace
-
 void CreatedFiles::Remember(HANDLE file, std::wstring_view path) noexcept {
-  const std::uint64_t id = IdOf(file);
+  const std::uint64_t id = FileIdOf(file);
   const std::uint32_t hash = HashOf(path);
   platform::LockGuard guard(lock_);
   EntryOf(hash) = {id, hash};
@@ -34,7 +33,7 @@ bool CreatedFiles::Holds(HANDLE file, std::wstring_view path) noexcept {
     platform::LockGuard guard(lock_);
     known = EntryOf(hash);
   }
-  return known.id != 0 && known.path_hash == hash && known.id == IdOf(file);
+  return known.id != 0 && known.path_hash == hash && known.id == FileIdOf(file);
 }
 
 void CreatedFiles::Rename(HANDLE file, std::wstring_view from, std::wstring_view to) noexcept {

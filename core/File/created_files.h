@@ -14,6 +14,9 @@
 
 namespace VornCore {
 
+// The id of an open file on its volume; 0 when the system does not tell.
+std::uint64_t FileIdOf(HANDLE file) noexcept;
+
 class CreatedFiles {
  public:
   // file: an open handle of the file at path, which this process has just made.

@@ -134,10 +134,10 @@ FileDecision FileACLModel::DecideFileACL(std::wstring_view path) const noexcept 
   if (!state) return {};
   const ScratchLevel level(state);
   std::wstring_view final;
-  return DecideFinal(path, false, &final);
+  return DecideFinal(path, {}, &final);
 }
 
-FileDecision FileACLModel::DecideFinal(std::wstring_view path, bool itself,
+FileDecision FileACLModel::DecideFinal(std::wstring_view path, Question question,
                                        std::wstring_view* final) const noexcept {
   FileDecision decision;
   *final = path;
@@ -147,7 +147,7 @@ FileDecision FileACLModel::DecideFinal(std::wstring_view path, bool itself,
   platform::WithFinally(
       [&] {
         FileFacts facts{.temp_directory = U16(TempDirectory())};
-        const std::wstring_view target = links.GetFileSymbolicLink(path, itself);
+        const std::wstring_view target = links.GetFileSymbolicLink(path, question.itself);
         // What resolved exists, or its directory does: only an unresolved path has to be asked about.
         if (target.empty())
           facts.on_file_system = IsFileSystemPath(path);
@@ -156,8 +156,10 @@ FileDecision FileACLModel::DecideFinal(std::wstring_view path, bool itself,
         facts.path = U16(*final);
         if (!facts.on_file_system && IsDebugLogEnabled())
           VORN_LOG_I("Not FileSystem:%s", OrNil(WideToAnsi(path.data())));
-        DecisionContext context(*final, FileACL::kReadWrite, &links);
-        decision = vorn::policy::DecideFile(GetSection(), facts, context);
+        LookupContext rules_alone;
+        DecisionContext all_names(*final, FileACL::kReadWrite, &links);
+        decision = vorn::policy::DecideFile(
+            GetSection(), facts, question.names ? static_cast<LookupContext&>(all_names) : rules_alone);
       },
       [&] { links.Close(); });
   return decision;
@@ -193,16 +195,6 @@ FileACL FileACLModel::CheckFileACLAdapterHardLinks(std::wstring_view path, FileA
   DecisionContext context(path, access, nullptr);
   const FileVerdict verdict{.access = access};
   return vorn::policy::WeakestName(GetSection(), verdict, context).access;
-}
-
-FileVerdict FileACLModel::HeldByRule(HANDLE file) const noexcept {
-  FileVerdict verdict{.access = FileACL::kReadWrite};
-  ThreadState* state = GetThreadState();
-  if (!state || !GetSection().Has(vorn::policy::SectionOption::kRulesHoldPlaces)) return verdict;
-  const ScratchLevel level(state);
-  std::wstring_view path;
-  if (nt::Success(GetPath(file, nullptr, &path))) verdict = vorn::policy::HeldByRule(GetSection(), U16(path));
-  return verdict;
 }
 
 void FileACLModel::PrintACLFilesLog() const noexcept {

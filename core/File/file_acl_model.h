@@ -22,8 +22,12 @@ class FileACLModel {
   FileDecision DecideFileACL(std::wstring_view path) const noexcept;
 
   // The same, and where the path leads, in scratch slot 0 of the current level; path is in no slot of that.
-  // itself: a link at the end of path is the file.
-  FileDecision DecideFinal(std::wstring_view path, bool itself, std::wstring_view* final) const noexcept;
+  struct Question {
+    bool itself = false;  // a link at the end of the path is the file
+    bool names = true;    // the file's other names matter
+  };
+  FileDecision DecideFinal(std::wstring_view path, Question question,
+                           std::wstring_view* final) const noexcept;
   // What the rules say about a path, wherever it leads.
   FileDecision DecideByName(std::wstring_view path) const noexcept;
   // About an open file, under all its names: path is its final one. What cannot be known counts as least.
@@ -35,10 +39,6 @@ class FileACLModel {
   FileACL CheckFileACL(std::wstring_view path) const noexcept;
   // The weakest access among all names of the file at path, access itself included.
   FileACL CheckFileACLAdapterHardLinks(std::wstring_view path, FileACL access) const noexcept;
-
-  // Whether what a handle stands for may be renamed, moved or deleted: the kernel's HeldByRule of its path.
-  // kReadWrite also when no path can be told.
-  FileVerdict HeldByRule(HANDLE file) const noexcept;
 
   HandleRecords& handles() noexcept { return handles_; }
 

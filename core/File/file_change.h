@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "File/handle_records.h"
-#include "VornCore/Hook/ntdll.h"
+#include "VornCore/Hook/own_handle.h"
 
 namespace VornCore {
 
@@ -48,6 +48,8 @@ struct Renaming {
   HandleRecordPtr record = {};    // of the file, if it has one
   FileVerdict file = {};          // of the target: under all names, and of its path alone
   FileVerdict named = {};
+  bool at_final_path = false;  // the target leads through no link
+  OwnHandle existing = {};     // what is there
 };
 
 // A file that a confined call has opened.

@@ -58,6 +58,7 @@ class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKer
   void Confine(OpenCall& call) noexcept;
   static bool MayOpenFirst(const OpenCall& call) noexcept;
   bool OpenFirst(OpenCall& call) noexcept;
+  void DeleteOpened(OpenCall& call) noexcept;
   void ApplyDecision(OpenCall& call) noexcept;
   bool Narrow(OpenCall& call) noexcept;
   void OpenRecorded(OpenCall& call) noexcept;
@@ -87,6 +88,7 @@ class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKer
   Outcome DeleteForReal(const SetFileCall& call) noexcept;
   NTSTATUS KeepPending(const SetFileCall& call, const FileHandleRecord& record) noexcept;
   Outcome RenameForReal(const SetFileCall& call) noexcept;
+  FileDecision DecideTarget(Renaming& renaming) noexcept;
   std::uint32_t KeepReplaced(HANDLE handle, const Renaming& renaming) noexcept;
   void FollowRename(HANDLE handle, const Renaming& renaming) noexcept;
   std::uint32_t KeepOpened(HANDLE handle, const OpenedFile& opened) noexcept;

@@ -132,12 +132,16 @@ NTSTATUS CFileMgr::NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoSt
 // without that rule.
 CFileMgr::Outcome CFileMgr::HoldPlace(AuditType type, HANDLE handle, std::wstring_view target) noexcept {
   ThreadState* state = GetThreadState();
-  if (!state || state->bOwnCall) return {};
-  const FileVerdict held = model_.HeldByRule(handle);
-  if (held.access == FileACL::kReadWrite) return {};
+  if (!state || state->bOwnCall || !GetSection().Has(SectionOption::kRulesHoldPlaces)) return {};
   const ScratchLevel level(state);
+  const HandleRecordPtr record = model_.handles().Find(handle);
   std::wstring_view path;
-  (void)GetPath(handle, nullptr, &path);
+  if (record && record->at_final_path)
+    path = record->path;
+  else if (!nt::Success(GetPath(handle, nullptr, &path)))
+    return {};
+  const FileVerdict held = vorn::policy::HeldByRule(GetSection(), U16(path));
+  if (held.access == FileACL::kReadWrite) return {};
   SendFileAudit(type, STATUS_ACCESS_DENIED, {held, path}, {{}, target});
   return {true, true, STATUS_ACCESS_DENIED};
 }
@@ -207,7 +211,9 @@ CFileMgr::Outcome CFileMgr::JudgeRename(const SetFileCall& call, Renaming& renam
     VORN_LOG_E("GetRenameTargetPath error, path:%s", OrNil(WideToAnsi(source.data())));
     return kRealCall;
   }
-  const FileDecision decision = model_.DecideFileACL(renaming.target);
+  const FileDecision decision = GetSection().Has(SectionOption::kKeepByLink)
+                                    ? DecideTarget(renaming)
+                                    : model_.DecideFileACL(renaming.target);
   renaming.file = decision.file;
   renaming.named = decision.named;
   if (decision.in_recycle_bin) return kRealCall;

@@ -2,11 +2,13 @@
 #include "File/file_audit.h"
 #include "File/file_change.h"
 #include "File/file_helper.h"
+#include "File/file_link_helper.h"
 #include "File/file_mgr.h"
 #include "File/kept_files.h"
 #include "Platform/last_error.h"
 #include "Platform/native.h"
 #include "Policy/device_path.h"
+#include "Policy/text.h"
 #include "Policy/wide.h"
 #include "VornCore/Base/shared_data.h"
 #include "VornCore/Hook/own_handle.h"
@@ -16,6 +18,7 @@ namespace {
 
 using vorn::policy::ClassifyDevicePath;
 using vorn::policy::DeviceKind;
+using vorn::policy::EqualsNoCase;
 using vorn::policy::U16;
 
 // Whether file is a folder, and one that holds files itself.
@@ -29,14 +32,6 @@ Kind KindOf(HANDLE file) {
   (void)platform::Native().GetFileInformationByHandleEx(file, FileAttributeTagInfo, &info, sizeof info);
   return {(info.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0,
           (info.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0};
-}
-
-bool SameFile(HANDLE a, HANDLE b) {
-  BY_HANDLE_FILE_INFORMATION one, other;
-  const platform::NativeApi& native = platform::Native();
-  return native.GetFileInformationByHandle(a, &one) && native.GetFileInformationByHandle(b, &other) &&
-         one.nFileIndexLow == other.nFileIndexLow && one.nFileIndexHigh == other.nFileIndexHigh &&
-         one.dwVolumeSerialNumber == other.dwVolumeSerialNumber;
 }
 
 NTSTATUS CallOff(HANDLE file) {
@@ -148,6 +143,7 @@ CFileMgr::Outcome CFileMgr::RenameForReal(const SetFileCall& call) noexcept {
   if (const Outcome outcome = JudgeRename(call, renaming); outcome.decided || renaming.target.empty())
     return outcome;
   const std::uint32_t kept = renaming.replace ? KeepReplaced(call.handle, renaming) : 0;
+  renaming.existing.reset();
   const NTSTATUS status = call.Real();
   if (!nt::Success(status)) {
     TakeBackKept(renaming.target, kept);
@@ -158,12 +154,29 @@ CFileMgr::Outcome CFileMgr::RenameForReal(const SetFileCall& call) noexcept {
   return {true, false, status};
 }
 
+// What lies at the target stays open until it has been kept. Its other names do not matter: it loses this
+// one.
+FileDecision CFileMgr::DecideTarget(Renaming& renaming) noexcept {
+  const ScratchLevel level(GetThreadState());
+  std::wstring_view final;
+  FileDecision decision;
+  renaming.existing = OpenForKeeping(renaming.target);
+  if (renaming.existing) final = FinalPathOf(renaming.existing.get());
+  if (!final.empty())
+    decision = model_.DecideByName(final);
+  else
+    decision = model_.DecideFinal(renaming.target, {.itself = true, .names = false}, &final);
+  renaming.at_final_path = EqualsNoCase(U16(final), U16(renaming.target));
+  return decision;
+}
+
+// A file of this process's own holds nothing that was there before. Files of two volumes may have one id: the
+// system refuses such a rename.
 std::uint32_t CFileMgr::KeepReplaced(HANDLE handle, const Renaming& renaming) noexcept {
-  const OwnHandle file = OpenForKeeping(renaming.target);
-  if (!file || KindOf(file.get()).folder || SameFile(handle, file.get()) ||
-      created_.Holds(file.get(), renaming.target))
-    return 0;
-  return KeepFile(file.get(), renaming.target);
+  const HANDLE file = renaming.existing.get();
+  if (!file || created_.Holds(file, renaming.target)) return 0;
+  const std::uint64_t id = FileIdOf(file);
+  return id && id == FileIdOf(handle) ? 0 : KeepFile(file, renaming.target);
 }
 
 void CFileMgr::FollowRename(HANDLE handle, const Renaming& renaming) noexcept {
@@ -173,6 +186,7 @@ void CFileMgr::FollowRename(HANDLE handle, const Renaming& renaming) noexcept {
   HandleFacts facts = *record;
   facts.file = renaming.file;
   facts.named = renaming.named;
+  facts.at_final_path = renaming.at_final_path;
   model_.handles().Add(MakeHandleRecord(facts, renaming.target));
 }
 

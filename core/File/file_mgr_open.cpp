@@ -11,6 +11,7 @@
 #include "File/open_call.h"
 #include "Platform/last_error.h"
 #include "Policy/device_path.h"
+#include "Policy/text.h"
 #include "Policy/wide.h"
 #include "VornCore/Base/channel.h"
 #include "VornCore/Base/clock.h"
@@ -222,9 +223,10 @@ void CFileMgr::Confine(OpenCall& call) noexcept {
   if (ClassifyDevicePath(U16(path)) != DeviceKind::kNone) return call.CallOnPath(kStepDevicePath);
   const ScratchLevel level(GetThreadState());  // of the final path
   if (MayOpenFirst(call) && OpenFirst(call)) return;
-  const bool itself =
-      call.Has(SectionOption::kHandleDecides) && (call.asked.options & FILE_OPEN_REPARSE_POINT);
-  call.decision = model_.DecideFinal(path, itself, &call.final);
+  FileACLModel::Question question;
+  if (call.Has(SectionOption::kHandleDecides))
+    question = {.itself = (call.asked.options & FILE_OPEN_REPARSE_POINT) != 0, .names = call.NamesMatter()};
+  call.decision = model_.DecideFinal(path, question, &call.final);
   const std::uint64_t now = GetPreciseTimeMicros();
   OfferSample(path_time, now - start - path_time, now, call);
   ApplyDecision(call);
@@ -251,7 +253,8 @@ bool CFileMgr::Narrow(OpenCall& call) noexcept {
   if (call.decision.file.access == FileACL::kReadWrite) {
     if (call.decision.in_recycle_bin) call.given.Remove(DELETE);
     if (!call.DeletesOnClose()) return true;
-    const FileVerdict held = vorn::policy::HeldByRule(GetSection(), U16(call.final));
+    const FileVerdict held =
+        vorn::policy::HeldByRule(GetSection(), U16(call.final.empty() ? call.path : call.final));
     if (held.access == FileACL::kReadWrite) return true;
     call.decision.file = held;
     call.Refuse(kStepDeleteRefused, AuditType::kDelete);
@@ -290,7 +293,8 @@ void CFileMgr::Record(const OpenCall& call) noexcept {
                     .delete_flags = deletes && !for_real ? kDeleteOnClose : 0,
                     .file = call.decision.file,
                     .named = call.decision.named,
-                    .desired_access = call.given.access};
+                    .desired_access = call.given.access,
+                    .at_final_path = vorn::policy::EqualsNoCase(U16(call.path), U16(call.final))};
   if (for_real && facts.named.access == FileACL::kReadWrite)
     facts.kept = KeepOpened(handle, {call.path, facts.named, call.io->Information == FILE_CREATED, deletes});
   model_.handles().AddNew(MakeHandleRecord(facts, call.path));

@@ -1,5 +1,6 @@
 // Opening what nobody is harmed by: the real open comes first, and the handle says what was opened. One name
 // is followed once, so that no link can be turned in between.
+#include "File/file_change.h"
 #include "File/file_helper.h"
 #include "File/file_link_helper.h"
 #include "File/file_mgr.h"
@@ -21,6 +22,13 @@ bool LiesOnVolume(std::wstring_view path) {
   return root != path.npos && root + 1 < path.size() && vorn::policy::IsHardDiskVolumeOrMup(U16(path));
 }
 
+// What deleting a file by its name is: a handle for that alone, which is closed at once.
+bool DeletesAlone(const OpenCall& call) {
+  return call.Has(SectionOption::kKeepByLink) && call.asked.disposition == FILE_OPEN &&
+         (call.asked.options & FILE_NON_DIRECTORY_FILE) &&
+         (call.asked.access == DELETE || call.asked.access == (DELETE | SYNCHRONIZE));
+}
+
 // Whether a call that was opened as `opened` would have been opened so under this decision, too.
 bool Covers(const FileDecision& decision, const FileDecision& opened, const OpenCall& call, bool created) {
   if (decision.file.access == FileACL::kReadWrite)
@@ -35,11 +43,13 @@ bool Covers(const FileDecision& decision, const FileDecision& opened, const Open
 
 }  // namespace
 
-// Truncation and deletion would be done before the handle could say anything.
+// A truncation would be done before the handle could say anything, unless there is nothing to truncate. So
+// would a deletion at close: for a handle that is good for nothing else, it can be asked for later.
 bool CFileMgr::MayOpenFirst(const OpenCall& call) noexcept {
-  return call.Has(SectionOption::kHandleDecides) && call.handle && call.io && LiesOnVolume(call.path) &&
-         (call.asked.disposition == FILE_OPEN || call.Creates()) &&
-         !(call.asked.options & FILE_DELETE_ON_CLOSE);
+  if (!call.Has(SectionOption::kHandleDecides) || !call.handle || !call.io || !LiesOnVolume(call.path))
+    return false;
+  if (call.asked.options & FILE_DELETE_ON_CLOSE) return DeletesAlone(call);
+  return !call.Truncates() || (call.asked.disposition != FILE_OVERWRITE && !FileExists(call.path));
 }
 
 // With the rights that the rules give to the spelled path. False when the file has to be asked about before
@@ -48,6 +58,7 @@ bool CFileMgr::OpenFirst(OpenCall& call) noexcept {
   const OpenArguments before = call.given;
   const auto ask = [&] {
     call.given = before;
+    call.delete_by_handle = false;
     call.status = STATUS_SUCCESS;
     call.audit = {};
     return false;
@@ -57,37 +68,58 @@ bool CFileMgr::OpenFirst(OpenCall& call) noexcept {
     return ask();
   const bool creation_taken = call.given.disposition != call.asked.disposition;
   if (creation_taken && call.asked.disposition == FILE_CREATE) return ask();
+  if (call.Truncates()) call.given.disposition = FILE_CREATE;
+  call.delete_by_handle = (call.asked.options & FILE_DELETE_ON_CLOSE) != 0;
+  if (call.delete_by_handle) call.given.options &= ~FILE_DELETE_ON_CLOSE;
   call.CallOnPath(kStepOpened);
   if (!nt::Success(call.status)) {
-    // Where the path really leads, it may be created.
-    if (creation_taken && call.status == STATUS_OBJECT_NAME_NOT_FOUND) return ask();
-    return true;
+    // Where the path really leads, it may be created; or there is something by now.
+    const bool otherwise = (creation_taken && call.status == STATUS_OBJECT_NAME_NOT_FOUND) ||
+                           (call.Truncates() && call.status == STATUS_OBJECT_NAME_COLLISION);
+    return !otherwise || ask();
   }
   const bool created = call.io->Information == FILE_CREATED;
-  const std::wstring_view final = FinalPathOf(*call.handle);
-  if (final.empty() && !created) {
+  call.final = FinalPathOf(*call.handle);
+  if (call.final.empty() && !created) {
     call.CloseReal();
     return ask();
   }
-  const bool as_spelled = EqualsNoCase(U16(final), U16(call.path));
-  const bool names_matter =
-      !created && ((call.given.access & kWriteRights) || call.Has(SectionOption::kAuditAllowed));
-  if (!as_spelled || names_matter)
-    call.decision = final.empty() ? FileDecision{} : model_.DecideOpened(*call.handle, final);
+  const bool as_spelled = EqualsNoCase(U16(call.final), U16(call.path));
+  const bool names_matter = !created && call.NamesMatter();
+  if (!as_spelled || names_matter) {
+    if (call.final.empty())
+      call.decision = {};
+    else
+      call.decision =
+          names_matter ? model_.DecideOpened(*call.handle, call.final) : model_.DecideByName(call.final);
+  }
   if (Covers(call.decision, spelled, call, created)) {
     Record(call);
+    if (call.delete_by_handle) DeleteOpened(call);
     return true;
   }
   call.CloseReal();
-  call.final = final;
   if (created) {
-    RemoveFile(final.empty() ? call.path : final);
+    RemoveFile(call.final.empty() ? call.path : call.final);
     call.Refuse(kStepReplaceRefused, AuditType::kCreate);
   } else {
     (void)ask();
     ApplyDecision(call);
   }
   return true;
+}
+
+// The system refuses what it would have refused at the opening.
+void CFileMgr::DeleteOpened(OpenCall& call) noexcept {
+  IO_STATUS_BLOCK io;
+  BOOLEAN remove = TRUE;
+  const SetFileCall deletion{*call.handle, &io, &remove, sizeof remove, nt::kFileDispositionInformation};
+  const Outcome outcome = DeleteForReal(deletion);
+  const NTSTATUS status = outcome.decided ? outcome.status : deletion.Real();
+  if (nt::Success(status)) return;
+  (void)model_.handles().Take(*call.handle);
+  call.CloseReal();
+  call.status = status;
 }
 
 }  // namespace VornCore

@@ -34,6 +34,7 @@ struct HandleFacts {
   ACCESS_MASK desired_access = 0;  // asked of the system at open
   std::uint32_t kept = 0;          // the file is deleted with this handle, and kept under this number
   bool kept_called_off = false;    // the deletion was
+  bool at_final_path = false;      // the path leads through no link
 };
 
 struct ByHandle;

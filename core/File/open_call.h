@@ -61,6 +61,7 @@ struct OpenCall {
   std::wstring_view path = {};   // canonical, once it is known
   std::wstring_view final = {};  // where that leads: link-free, as far as it is known
   FileDecision decision = {};
+  bool delete_by_handle = false;  // a deletion at close that the open handle is asked for instead
   NTSTATUS status = STATUS_SUCCESS;
   Step step = kStepNone;
   AuditType audit = {};  // of a refusal; 0 for none
@@ -71,11 +72,16 @@ struct OpenCall {
   }
   static bool Has(vorn::policy::SectionOption option) { return GetSection().Has(option); }
   bool Creates() const { return asked.disposition == FILE_CREATE || asked.disposition == FILE_OPEN_IF; }
+  bool Truncates() const { return asked.disposition != FILE_OPEN && !Creates(); }
+  // Whether the file's other names can be harmed, or somebody wants to know.
+  bool NamesMatter() const {
+    return (given.access & kWriteRights) || Truncates() || Has(vorn::policy::SectionOption::kAuditAllowed);
+  }
   // With the rights that are left.
   bool DeletesOnClose() const {
     const bool wide = Has(vorn::policy::SectionOption::kKeepByLink);
     const ACCESS_MASK rights = wide ? DELETE | GENERIC_ALL | MAXIMUM_ALLOWED : DELETE;
-    return (asked.options & FILE_DELETE_ON_CLOSE) && (given.access & rights);
+    return !delete_by_handle && (asked.options & FILE_DELETE_ON_CLOSE) && (given.access & rights);
   }
   void PassAsAsked(Step how) {
     status = CallReal(attributes, asked);
