@@ -217,6 +217,9 @@ CFileMgr::Outcome CFileMgr::JudgeRename(const SetFileCall& call, Renaming& renam
   renaming.file = decision.file;
   renaming.named = decision.named;
   if (decision.in_recycle_bin) return kRealCall;
+  // The folder does not exist, or no rule can tell: the system says so.
+  if (decision.named.access == FileACL::kUnknown && GetSection().Has(SectionOption::kHandleDecides))
+    return kRealCall;
   if (decision.named.access != FileACL::kReadWrite) {
     if (call.Links())
       SendFileAudit(AuditType::kCreate, STATUS_ACCESS_DENIED, {decision.named, renaming.target});

@@ -279,7 +279,9 @@ bool CFileMgr::Narrow(OpenCall& call) noexcept {
 }
 
 void CFileMgr::OpenRecorded(OpenCall& call) noexcept {
-  if (!(call.DeletesOnClose() && CanKeep(call.path))) call.given.options &= ~FILE_DELETE_ON_CLOSE;
+  // What the close will do is not left to the system; without the right to delete, the system refuses it.
+  const bool ours = call.DeletesOnClose() ? !CanKeep(call.path) : !call.Has(SectionOption::kHandleDecides);
+  if (ours) call.given.options &= ~FILE_DELETE_ON_CLOSE;
   call.CallOnPath(kStepOpened);
   if (nt::Success(call.status) && call.handle) Record(call);
 }

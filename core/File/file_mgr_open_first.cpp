@@ -49,7 +49,8 @@ bool CFileMgr::MayOpenFirst(const OpenCall& call) noexcept {
   if (!call.Has(SectionOption::kHandleDecides) || !call.handle || !call.io || !LiesOnVolume(call.path))
     return false;
   if (call.asked.options & FILE_DELETE_ON_CLOSE) return DeletesAlone(call);
-  return !call.Truncates() || (call.asked.disposition != FILE_OVERWRITE && !FileExists(call.path));
+  return !call.Truncates() || (call.asked.disposition != FILE_OVERWRITE &&
+                               !(call.asked.options & FILE_DIRECTORY_FILE) && !FileExists(call.path));
 }
 
 // With the rights that the rules give to the spelled path. False when the file has to be asked about before
