@@ -25,7 +25,7 @@
 namespace {
 
 constexpr UINT kFilterWasCalled = 77, kFilterWasAccepted = 78;
-constexpr DWORD kPatienceMs = 120'000;
+constexpr DWORD kPatienceMs = 300'000;
 
 const wchar_t* id_file = nullptr;
 
