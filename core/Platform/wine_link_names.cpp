@@ -22,9 +22,9 @@ using vorn::policy::U16;
 using vorn::policy::W;
 using vorn::windows::UniqueHandle;
 
-constexpr std::size_t kMaxEntries = 100000;  // directory entries looked at for one file
-constexpr ULONGLONG kMaxMilliseconds = 1000;
-constexpr std::size_t kPageBytes = 16384;  // one directory query
+constexpr std::size_t kMaxEntries = 100000;   // directory entries looked at for one file
+constexpr ULONGLONG kMaxMilliseconds = 5000;  // so that a busy machine refuses nothing
+constexpr std::size_t kPageBytes = 16384;     // one directory query
 constexpr std::size_t kMaxNameUnits = 32767;
 constexpr std::size_t kLongerByUnits = 32;  // a device path is longer than its drive-letter form by at most
 // A folder that was read this shortly after its last change may have changed again without showing it.
@@ -201,10 +201,15 @@ class Search {
     const LONGLONG now = Now();
     FolderListing listing;
     const bool whole = ReadFolder(path, listing);
-    Index().Remember(number, listing, whole && now - changed > kUnsettledTicks ? changed : 0);
+    // The folders below are still to be found when this one turns out to lie in a tree of rules.
+    const bool remember = whole && folder.in_tree && now - changed > kUnsettledTicks;
+    Index().Remember(number, listing, remember ? changed : 0);
     if (folder.in_tree)
-      for (const std::u16string& below : listing.folders)
-        Index().Number(std::u16string(folder.path).append(1, u'\\').append(below), true);
+      for (const std::u16string& below : listing.folders) {
+        const std::uint32_t next =
+            Index().Number(std::u16string(folder.path).append(1, u'\\').append(below), true);
+        if (next < number && !Done()) Refresh(next);  // it was read before, as the file's own folder
+      }
     for (const FolderListing::File& file : listing.files)
       if (file.id == identity_.id) Try(std::u16string(folder.path).append(1, u'\\').append(file.name));
   }
