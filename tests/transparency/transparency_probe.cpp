@@ -43,6 +43,42 @@ constexpr DWORD kAttributes[] = {FILE_ATTRIBUTE_NORMAL, FILE_ATTRIBUTE_NORMAL, F
 constexpr DWORD kMoveFlags[] = {0, MOVEFILE_REPLACE_EXISTING, MOVEFILE_COPY_ALLOWED,
                                 MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH};
 
+// For the user of this process alone.
+class PrivateSecurity {
+ public:
+  PrivateSecurity() {
+    HANDLE token = nullptr;
+    DWORD bytes;
+    OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
+    GetTokenInformation(token, TokenUser, user_, sizeof user_, &bytes);
+    CloseHandle(token);
+    InitializeAcl(Acl(), sizeof acl_, ACL_REVISION);
+    AddAccessAllowedAce(Acl(), ACL_REVISION, FILE_ALL_ACCESS, reinterpret_cast<TOKEN_USER*>(user_)->User.Sid);
+    InitializeSecurityDescriptor(&descriptor_, SECURITY_DESCRIPTOR_REVISION);
+    SetSecurityDescriptorDacl(&descriptor_, TRUE, Acl(), FALSE);
+  }
+  SECURITY_DESCRIPTOR* get() { return &descriptor_; }
+
+ private:
+  ACL* Acl() { return reinterpret_cast<ACL*>(acl_); }
+  alignas(8) std::byte user_[256], acl_[256];
+  SECURITY_DESCRIPTOR descriptor_;
+};
+
+// To how many an access list gives something; -1 when it cannot be read.
+int AllowedBy(const std::wstring& path) {
+  alignas(8) std::byte bytes[4096];
+  DWORD needed;
+  BOOL present = FALSE, by_default;
+  PACL list = nullptr;
+  ACL_SIZE_INFORMATION size = {};
+  if (!GetFileSecurityW(path.c_str(), DACL_SECURITY_INFORMATION, bytes, sizeof bytes, &needed) ||
+      !GetSecurityDescriptorDacl(bytes, &present, &list, &by_default) || !present || !list ||
+      !GetAclInformation(list, &size, sizeof size, AclSizeInformation))
+    return -1;
+  return static_cast<int>(size.AceCount);
+}
+
 class Sequence {
  public:
   Sequence(const std::wstring& folder, unsigned seed, bool extended)
@@ -191,6 +227,8 @@ class Sequence {
     UNICODE_STRING text = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
     OBJECT_ATTRIBUTES attributes = nt::NamedObject(&text);
     IO_STATUS_BLOCK io = {};
+    static PrivateSecurity security;
+    if (choice.e / 64 % 4 == 0) attributes.SecurityDescriptor = security.get();
     // Who empties a file has the right to write it, as programs have: some systems grant handles more than
     // was asked for otherwise, depending on whether the file was there.
     const bool empties = choice.d % 6 == FILE_SUPERSEDE || choice.d % 6 >= FILE_OVERWRITE;
@@ -297,7 +335,7 @@ class Sequence {
       const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, 7, nullptr, OPEN_EXISTING, 0, nullptr);
       ReadFile(file, text, sizeof text - 1, &bytes, nullptr);
       CloseHandle(file);
-      std::printf(" \"%s\"\n", text);
+      std::printf(" allows %d \"%s\"\n", AllowedBy(path), text);
     }
   }
 
