@@ -330,10 +330,24 @@ NTSTATUS CFileMgr::NtWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE 
 BOOL CFileMgr::MoveFileWithProgressTransactedW(LPCWSTR lpExistingFileName, LPCWSTR lpNewFileName,
                                                LPPROGRESS_ROUTINE lpProgressRoutine, LPVOID lpData,
                                                DWORD dwFlags, HANDLE hTransaction, bool*) {
-  // Neither a move at the next start nor a second name of the file would pass the handlers above.
-  const DWORD flags =
-      (dwFlags & ~(MOVEFILE_DELAY_UNTIL_REBOOT | MOVEFILE_CREATE_HARDLINK)) | MOVEFILE_COPY_ALLOWED;
+  // Neither a move at the next start nor a second name of the file would pass the handlers above. Where the
+  // handle decides, the name does, and the move is refused.
+  const bool handle_decides = GetSection().Has(SectionOption::kHandleDecides);
+  const DWORD flags = handle_decides ? dwFlags
+                                     : (dwFlags & ~(MOVEFILE_DELAY_UNTIL_REBOOT | MOVEFILE_CREATE_HARDLINK)) |
+                                           MOVEFILE_COPY_ALLOWED;
   const HookDepthGuard handler;
+  if (flags & MOVEFILE_DELAY_UNTIL_REBOOT) {
+    const platform::HeapString from = DosPathToNtPath(lpExistingFileName),
+                               to = DosPathToNtPath(lpNewFileName);
+    const auto view = [](const platform::HeapString& path) {
+      return path ? std::wstring_view(path.get()) : std::wstring_view();
+    };
+    SendFileAudit(lpNewFileName ? AuditType::kRename : AuditType::kDelete, STATUS_ACCESS_DENIED,
+                  {{}, view(from)}, {{}, view(to)});
+    SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
+  }
   // The program's progress routine may leave with an exception.
   return handler.Real([&] {
     return KernelBase::CallOriginalMoveFileWithProgressTransactedW(

@@ -34,6 +34,8 @@
 #include "vorn/nt_path.h"
 #include "vorn/section.h"
 #include "vorn/text.h"
+#include "windows/nt.h"
+#include "windows/unique_handle.h"
 
 namespace vorn::test {
 
@@ -145,6 +147,21 @@ class E2eConfinement {
       codes.push_back(code ? std::int64_t{*code} : -1);
     }
     return codes;
+  }
+
+  // Starts a program and ends it after this time, whatever it is doing then.
+  void RunAndEnd(const std::wstring& command_line, std::chrono::milliseconds after) {
+    host::LaunchOptions options;
+    options.command_line = command_line;
+    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+    const windows::UniqueHandle nowhere(
+        CreateFileW(L"NUL", GENERIC_WRITE, nt::kShareAll, &inherit, OPEN_EXISTING, 0, nullptr));
+    options.standard_output = nowhere.get();
+    const auto start = launcher_.Start(options);
+    const auto* process = std::get_if<host::ConfinedProcess>(&start);
+    ASSERT_TRUE(process) << std::get<host::LaunchFailure>(start).text;
+    if (!process->Wait(after)) process->Terminate(1);
+    EXPECT_TRUE(process->Wait(kPatience));
   }
 
   // Waits for everything that was started, then gives the messages so far.

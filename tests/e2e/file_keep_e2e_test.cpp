@@ -1,5 +1,8 @@
 // Deletions and replacements that are the system's own, in a really confined process: what the program is
 // told is what the same calls answer without us, and what it deleted can be put back.
+#include <map>
+#include <random>
+
 #include "tests/e2e/file_script.h"
 #include "vorn/recycle_bin.h"
 
@@ -155,6 +158,52 @@ TEST_F(FileKeepE2E, AHandleFromElsewhereIsJudgedByItsFile) {
   EXPECT_EQ(run.audits[0].type, AuditType::kDelete);
   EXPECT_EQ(run.audits[1].type, AuditType::kRename);
   EXPECT_EQ(run.answers[9], std::string(kOk) + " 1");
+}
+
+// Ended in the middle of replacing and deleting, wherever that is: what was there is still there, or in the
+// bin.
+TEST_F(FileKeepE2E, AProcessThatEndsAtAnyMomentLosesNothing) {
+  std::mt19937 random(std::random_device{}());
+  int replaced = 0, deleted = 0;
+  for (int round = 0; round < 12; ++round) {
+    constexpr int kFiles = 20;
+    FileScript work;
+    const auto file = [](const char* kind, int i) {
+      return std::string("write\\") + kind + std::to_string(i);
+    };
+    for (int i = 0; i < kFiles; ++i) {
+      for (const char* kind : {"replaced", "deleted"}) work.Write(file(kind, i), "old" + std::to_string(i));
+      work.Add("create 0 40010000 5 20 " + work.Nt("write\\new")).Add("write 0 new");
+      work.Add("rename 0 10 1 " + work.Nt(file("replaced", i))).Add("close 0");
+      work.Add("delete " + work.Nt(file("deleted", i)));
+    }
+    const std::string run = host::RunJournal::NewRunName();
+    {
+      E2eConfinement host([&](host::SectionContents& section) {
+        section.file_rules = work.NoRefusals();
+        section.options = host::kRunOptions;
+        section.keep_places = host::FindKeepPlaces();
+        section.run = run;
+      });
+      host.RunAndEnd(Probe("file_probe.exe", L"\"" + work.WriteScript().wstring() + L"\" C:\\none none"),
+                     std::chrono::milliseconds(300 + random() % 400));
+    }
+    std::multimap<std::string, std::string> kept;
+    for (const host::RecycledFile& each : host::ListRecycleBin(run))
+      kept.emplace(std::filesystem::path(each.original_path).filename().string(),
+                   ReadLines(each.stored_path).front());
+    for (int i = 0; i < kFiles; ++i)
+      for (const char* kind : {"replaced", "deleted"}) {
+        const std::string now = work.Read(file(kind, i)), old = "old" + std::to_string(i);
+        if (now == old) continue;
+        EXPECT_EQ(now, kind == std::string("replaced") ? "new" : "(none)");
+        const auto found = kept.find(kind + std::to_string(i));
+        EXPECT_TRUE(found != kept.end() && found->second == old) << kind << i;
+        ++(now == "new" ? replaced : deleted);
+      }
+  }
+  EXPECT_GT(replaced, 0);
+  EXPECT_GT(deleted, 0);
 }
 
 }  // namespace

@@ -89,13 +89,16 @@ class FileScript : public TestFolder {
     return *this;
   }
 
+  // The commands so far, for the probe.
+  std::filesystem::path WriteScript() const {
+    std::ofstream text(Path("script.txt"), std::ios::binary);
+    for (const std::string& command : commands_) text << command << "\n";
+    return Path("script.txt");
+  }
+
   ScriptRun Run(const std::vector<host::FileRule>& rules, std::uint32_t flags = kEverythingLogged,
                 std::uint32_t options = 0) const {
-    const std::filesystem::path script = Path("script.txt"), answers = Path("answers.txt");
-    {
-      std::ofstream text(script, std::ios::binary);
-      for (const std::string& command : commands_) text << command << "\n";
-    }
+    const std::filesystem::path script = WriteScript(), answers = Path("answers.txt");
     // The program ends when the host has seen its last message: a process takes its queue along.
     const std::wstring last = host::RandomName(L"last");
     const HANDLE seen = CreateEventW(nullptr, TRUE, FALSE, last.c_str());
