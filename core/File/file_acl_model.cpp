@@ -96,7 +96,7 @@ class DecisionContext final : public LookupContext {
   const std::wstring_view path_;
   const FileACL access_;
   FileLinkHelper* const links_;
-  const HANDLE file_ = nullptr;
+  HANDLE file_ = nullptr;
   FileLinkHelper names_;
   const ListNode* next_ = nullptr;
   bool listed_ = false;

@@ -173,7 +173,7 @@ FileDecision CFileMgr::DecideTarget(Renaming& renaming) noexcept {
 // A file of this process's own holds nothing that was there before. Files of two volumes may have one id: the
 // system refuses such a rename.
 std::uint32_t CFileMgr::KeepReplaced(HANDLE handle, const Renaming& renaming) noexcept {
-  const HANDLE file = renaming.existing.get();
+  HANDLE file = renaming.existing.get();
   if (!file || created_.Holds(file, renaming.target)) return 0;
   const std::uint64_t id = FileIdOf(file);
   return id && id == FileIdOf(handle) ? 0 : KeepFile(file, renaming.target);
