@@ -126,19 +126,6 @@ class Writer : public testing::Test {
 
 const auto kEndedByTheFault = testing::ExitedWithCode(kAccessViolation);
 
-TEST_F(Writer, RefusesADirectoryThatIsMissingOrTooLong) {
-  const auto install = [&](std::wstring directory) {
-    DumpConfig config = Config();
-    config.dumpDirectory = directory.c_str();
-    const bool refused = ExceptionHandlerDump::Install(config) == E_UNEXPECTED &&
-                         ExceptionHandlerDump::Install(Config()) == E_UNEXPECTED;
-    std::exit(refused ? 0 : 1);
-  };
-  const std::wstring longest = L"C:\\" + std::wstring(255, L'd');
-  EXPECT_EXIT(install(longest + L"d"), testing::ExitedWithCode(0), "");
-  EXPECT_EXIT(install(longest + L"\\"), testing::ExitedWithCode(1), "");
-}
-
 TEST_F(Writer, NeverOverwritesAFile) {
   const fs::path path = folder_ / "taken.dmp";
   std::ofstream(path) << "kept";

@@ -1,52 +1,45 @@
 // The list of overlapped receives in flight.
 #include "Net/net_mgr_contexts.h"
 
-#include <atomic>
-#include <memory>
+#include <map>
+#include <random>
 #include <thread>
-#include <vector>
 
 #include "net_confinement.h"
 
 namespace VornCore::test {
 namespace {
 
-TEST(OverlappedContexts, ReleasedElementsAreUsedAgain) {
+TEST(OverlappedContexts, AnswersLikeAMapOfWhatIsInFlight) {
   OverlappedContexts contexts;
-  std::vector<OVERLAPPED> overlapped(100);
-  for (int round = 0; round < 3; ++round) {
-    for (OVERLAPPED& o : overlapped) {
-      OverlappedContext* context = contexts.AcquireContext(&o, 7);
-      ASSERT_TRUE(context);
-      EXPECT_EQ(context->caller_source, nullptr) << "a context starts empty";
-      context->caller_source = reinterpret_cast<sockaddr*>(&o);
+  std::vector<OVERLAPPED> overlapped(60);
+  std::map<OVERLAPPED*, SOCKET> in_flight;
+  std::mt19937 random(5);
+  for (int step = 0; step < 5000; ++step) {
+    OVERLAPPED* const o = &overlapped[random() % overlapped.size()];
+    const SOCKET s = 1 + random() % 5;
+    const auto what = random() % 20;
+    if (what < 12) {
+      OverlappedContext* context = contexts.AcquireContext(o, s);
+      ASSERT_TRUE(context && !context->caller_source) << "a context starts empty";
+      context->caller_source = reinterpret_cast<sockaddr*>(o);
+      in_flight[o] = s;
+    } else if (what < 19) {
+      contexts.ReleaseContext(o);
+      in_flight.erase(o);
+    } else {
+      contexts.ReleaseSocketContexts(s);
+      contexts.ReleaseSocketContexts(INVALID_SOCKET);
+      std::erase_if(in_flight, [&](const auto& each) { return each.second == s; });
     }
-    EXPECT_EQ(contexts.live_count(), 100);
-    EXPECT_EQ(contexts.element_count(), 100);
-    for (OVERLAPPED& o : overlapped) {
-      EXPECT_EQ(contexts.FindContext(&o)->caller_source, reinterpret_cast<sockaddr*>(&o));
-      contexts.LeaveContext(&o);
-    }
-    for (OVERLAPPED& o : overlapped) contexts.ReleaseContext(&o);
-    EXPECT_EQ(contexts.live_count(), 0);
-    EXPECT_EQ(contexts.FindContext(&overlapped[0]), nullptr);
+    const OverlappedContext* found = contexts.FindContext(o);
+    ASSERT_EQ(found != nullptr, in_flight.contains(o)) << step;
+    ASSERT_TRUE(!found || found->caller_source == reinterpret_cast<sockaddr*>(o));
+    if (found) contexts.LeaveContext(o);
+    ASSERT_EQ(contexts.live_count(), static_cast<int>(in_flight.size()));
   }
+  EXPECT_LE(contexts.element_count(), 60) << "released elements are used again";
   EXPECT_EQ(contexts.AcquireContext(nullptr, 7), nullptr);
-  contexts.ReleaseContext(&overlapped[0]);
-}
-
-TEST(OverlappedContexts, ClosingASocketReleasesItsContextsAlone) {
-  OverlappedContexts contexts;
-  OVERLAPPED a{}, b{}, c{};
-  contexts.AcquireContext(&a, 1);
-  contexts.AcquireContext(&b, 2);
-  contexts.AcquireContext(&c, 1);
-  contexts.ReleaseSocketContexts(INVALID_SOCKET);
-  EXPECT_EQ(contexts.live_count(), 3);
-  contexts.ReleaseSocketContexts(1);
-  EXPECT_FALSE(contexts.FindContext(&a));
-  EXPECT_TRUE(contexts.FindContext(&b));
-  EXPECT_FALSE(contexts.FindContext(&c));
 }
 
 TEST(OverlappedContexts, OneThreadAtATimeFinishesAnOperation) {
