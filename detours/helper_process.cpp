@@ -66,7 +66,7 @@ struct HelperCommand {
     length += sizeof(kTail) / sizeof(wchar_t) - 1;
   }
 
-  bool Is(const wchar_t* command, size_t characters) const {
+  bool Equals(const wchar_t* command, size_t characters) const {
     return length && characters == length && memcmp(command, text, length * sizeof(wchar_t)) == 0;
   }
 };
@@ -181,13 +181,13 @@ BOOL WINAPI DetourIsHelperProcess() {
   if (!order) return FALSE;
   const UNICODE_STRING& actual = nt::CurrentParameters()->CommandLine;
   const HelperCommand command(order->dll);
-  return command.Is(actual.Buffer, actual.Length / sizeof(wchar_t)) && IsOwnDll(order->dll) &&
+  return command.Equals(actual.Buffer, actual.Length / sizeof(wchar_t)) && IsOwnDll(order->dll) &&
          IsOwnImageRunDll32();
 }
 
 BOOL WINAPI DetourIsHelperCommand(LPCWSTR image, LPCWSTR command, LPCSTR dll) {
   return image && command && dll && detours::IsRunDll32(image) &&
-         detours::HelperCommand(dll).Is(command, wcslen(command));
+         detours::HelperCommand(dll).Equals(command, wcslen(command));
 }
 
 BOOL WINAPI DetourProcessViaHelperW(DWORD pid, LPCSTR dll, PDETOUR_CREATE_PROCESS_ROUTINEW create_process) {

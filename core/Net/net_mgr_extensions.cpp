@@ -15,7 +15,7 @@ namespace {
 constexpr GUID kConnectEx = WSAID_CONNECTEX, kRecvMsg = WSAID_WSARECVMSG, kSendMsg = WSAID_WSASENDMSG,
                kMultipleRio = WSAID_MULTIPLE_RIO;
 
-bool Is(const GUID& id, const GUID& known) { return memcmp(&id, &known, sizeof id) == 0; }
+bool IsSameGuid(const GUID& id, const GUID& known) { return memcmp(&id, &known, sizeof id) == 0; }
 
 // Keeps what the provider put into slot and puts the wrapper there.
 template <class Function>
@@ -94,17 +94,17 @@ RIO_RQ PASCAL RioCreateRequestQueue(SOCKET s, ULONG max_receives, ULONG max_rece
 
 void WrapFunction(const GUID& id, void* output) {
   ProviderFunctions& provider = ExtensionFunctions();
-  if (Is(id, kConnectEx))
+  if (IsSameGuid(id, kConnectEx))
     ReplaceOutput(output, provider.ConnectEx, &CNetMgr::ConnectEx, "ConnectEx");
-  else if (Is(id, kRecvMsg))
+  else if (IsSameGuid(id, kRecvMsg))
     ReplaceOutput(output, provider.WSARecvMsg, &CNetMgr::WSARecvMsg, "RecvMsg");
-  else if (Is(id, kSendMsg))
+  else if (IsSameGuid(id, kSendMsg))
     ReplaceOutput(output, provider.WSASendMsg, &CNetMgr::WSASendMsg, "SendMsg");
 }
 
 void WrapRioTable(const GUID& id, void* output, DWORD output_bytes) {
   RIO_EXTENSION_FUNCTION_TABLE table;
-  if (!Is(id, kMultipleRio) || output_bytes < sizeof table) return;
+  if (!IsSameGuid(id, kMultipleRio) || output_bytes < sizeof table) return;
   if (!platform::CopyGuarded(&table, output, sizeof table)) return;
   if (IsDebugLogEnabled())
     VORN_LOG_I("port_forward OnWs232WSAIoctl: get MULTIPLE_RIO, cbSize=%u",

@@ -19,7 +19,7 @@ namespace {
 constexpr DWORD kQueryTimeout = 30'000;  // milliseconds
 
 // The record list of a successful DnsQuery_*, or null.
-const DNS_RECORD* Answer(DNS_STATUS status, PDNS_RECORD* results) noexcept {
+const DNS_RECORD* RecordsOf(DNS_STATUS status, PDNS_RECORD* results) noexcept {
   PDNS_RECORD list = nullptr;
   return status == ERROR_SUCCESS && platform::ReadGuarded(results, list) ? list : nullptr;
 }
@@ -30,7 +30,7 @@ DNS_STATUS RunDnsQuery(const Name* name, PDNS_RECORD* results, const Query& quer
   NetHandler handler;
   const DNS_STATUS status = handler.RealInNetCall(query);
   platform::LastErrorKeeper keep;
-  GetDnsCache().AddDnsRecords(name, Answer(status, results));
+  GetDnsCache().AddDnsRecords(name, RecordsOf(status, results));
   return status;
 }
 
@@ -104,7 +104,7 @@ INT WaitForQuery(OverlappedQuery* query, bool& ended) noexcept {
 }
 
 // What the caller's OVERLAPPED shows of the ended query.
-void TellCaller(const OverlappedQuery& query, LPOVERLAPPED caller, PADDRINFOEXW* result) noexcept {
+void CompleteCallerQuery(const OverlappedQuery& query, LPOVERLAPPED caller, PADDRINFOEXW* result) noexcept {
   OVERLAPPED ended = query.overlapped;
   if (ended.Pointer == &query.result) ended.Pointer = result;
   HANDLE event = nullptr;
@@ -166,7 +166,7 @@ INT CNetMgr::GetAddrInfoExW(PCWSTR pName, PCWSTR pServiceName, DWORD dwNameSpace
       SetLastError(WSANO_DATA);
       result = WSANO_DATA;
     }
-    if (query && ended) TellCaller(*query, lpOverlapped, ppResult);
+    if (query && ended) CompleteCallerQuery(*query, lpOverlapped, ppResult);
   }
   platform::LastErrorKeeper keep;
   if (query && ended) {

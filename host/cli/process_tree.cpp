@@ -62,8 +62,8 @@ void ProcessTree::ExitedAtOnce(std::uint32_t parent, std::uint32_t pid, std::uin
   node.code = exit_code;
 }
 
-void ProcessTree::Ran(std::uint32_t pid, std::uint32_t parent, std::string name, ProcessRole role) {
-  // Of the processes that had this id, the one that was spoken of as the same in number.
+void ProcessTree::AddFromJob(std::uint32_t pid, std::uint32_t parent, std::string name, ProcessRole role) {
+  // If the id was reused, pick the n-th node with this id.
   std::size_t before = ran_[pid]++;
   auto node =
       std::ranges::find_if(nodes_, [&](const ProcessNode& n) { return n.pid == pid && before-- == 0; });

@@ -40,7 +40,7 @@ class ProcessTree {
   void ExitedAtOnce(std::uint32_t parent, std::uint32_t pid, std::uint32_t exit_code);
   // The system tells that it ran, once for every process in the order of their start, whoever else spoke of
   // it.
-  void Ran(std::uint32_t pid, std::uint32_t parent, std::string name, ProcessRole role);
+  void AddFromJob(std::uint32_t pid, std::uint32_t parent, std::string name, ProcessRole role);
 
   std::size_t size() const { return nodes_.size(); }
   std::size_t unconfined() const;

@@ -60,7 +60,7 @@ void RunReport::OnProcesses(std::uint32_t program, const std::vector<host::Launc
     if (process.pid == program)
       processes_.Injected(process.parent_pid, process.pid, name);
     else
-      processes_.Ran(process.pid, process.parent_pid, name, role(process));
+      processes_.AddFromJob(process.pid, process.parent_pid, name, role(process));
   }
 }
 

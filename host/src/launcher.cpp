@@ -27,7 +27,7 @@ namespace {
 using windows::UniqueHandle;
 
 // Completion keys other than that of the job's notices, which is 0.
-constexpr ULONG_PTR kStopKey = 1, kFenceKey = 2;
+constexpr ULONG_PTR kStopKey = 1, kDrainKey = 2;
 constexpr UINT kNotConfinedExit = 0xE0000001;  // of a process that is ended because it could not be confined
 
 LaunchFailure Failure(LaunchStage stage, DWORD error, std::string_view what) {
@@ -191,7 +191,7 @@ class Launcher::Impl {
   std::vector<LaunchedProcess> Processes() const {
     std::unique_lock lock(mutex_);
     // The fence comes behind every notice that is there already.
-    if (PostQueuedCompletionStatus(notices_.get(), 0, kFenceKey, nullptr)) {
+    if (PostQueuedCompletionStatus(notices_.get(), 0, kDrainKey, nullptr)) {
       const std::uint64_t fence = ++fences_posted_;
       changed_.wait(lock, [&] { return fences_passed_ >= fence; });
     }
@@ -242,7 +242,7 @@ class Launcher::Impl {
       std::erase_if(unasked, [this](Unasked& process) { return AskAgain(process); });
       if (!got) continue;
       if (key == kStopKey) return;
-      if (key == kFenceKey) {
+      if (key == kDrainKey) {
         std::lock_guard lock(mutex_);
         ++fences_passed_;
         changed_.notify_all();

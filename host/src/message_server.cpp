@@ -25,7 +25,7 @@ using windows::UniqueHandle;
 constexpr std::size_t kListening = 8;
 constexpr DWORD kSendTimeoutMs = 5000;
 // Completion keys other than connections.
-constexpr ULONG_PTR kStopKey = 0, kFenceKey = 1;
+constexpr ULONG_PTR kStopKey = 0, kDrainKey = 1;
 
 std::error_code SystemError(DWORD error) { return {static_cast<int>(error), std::system_category()}; }
 
@@ -83,7 +83,7 @@ class MessageServer::Impl {
     std::unique_lock lock(mutex_);
     // Behind everything that the completion port holds already, such as a connection not yet seen.
     const std::uint64_t fence = ++fences_posted_;
-    PostQueuedCompletionStatus(port_.get(), 0, kFenceKey, nullptr);
+    PostQueuedCompletionStatus(port_.get(), 0, kDrainKey, nullptr);
     return idle_.wait_for(lock, timeout, [&] { return fences_passed_ >= fence && busy_ == 0; });
   }
 
@@ -159,7 +159,7 @@ class MessageServer::Impl {
       // A failed operation's error stands in its OVERLAPPED.
       if (!GetQueuedCompletionStatus(port_.get(), &bytes, &key, &overlapped, INFINITE) && !overlapped) break;
       if (key == kStopKey) break;
-      if (key == kFenceKey) {
+      if (key == kDrainKey) {
         std::lock_guard lock(mutex_);
         ++fences_passed_;
         idle_.notify_all();

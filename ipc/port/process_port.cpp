@@ -139,7 +139,7 @@ bool ProcessPort::Send(const void* data, std::uint32_t bytes, std::uint32_t) {
               static_cast<unsigned long>(bytes), static_cast<unsigned long>(kMaxMessageBytes));
     return ReportText(text);
   }
-  const DWORD error = RtlDllShutdownInProgress() ? SendLastWords(data, bytes) : SendLocked(data, bytes);
+  const DWORD error = RtlDllShutdownInProgress() ? SendAtProcessEnd(data, bytes) : SendLocked(data, bytes);
   return error ? Report("a message was not sent", error) : true;
 }
 
@@ -155,7 +155,7 @@ DWORD ProcessPort::SendLocked(const void* data, std::uint32_t bytes) {
 
 // The process is ending and this is its only thread: whoever held the lock is gone, with what it had under
 // way on the event. What it had sent is not sent again.
-DWORD ProcessPort::SendLastWords(const void* data, std::uint32_t bytes) {
+DWORD ProcessPort::SendAtProcessEnd(const void* data, std::uint32_t bytes) {
   if (sending_.exchange(nullptr) == data && static_cast<NTSTATUS>(send_.Internal) == STATUS_SUCCESS) return 0;
   const UniqueHandle event = ManualResetEvent();
   if (!event) return GetLastError();

@@ -34,7 +34,7 @@ class ProcessPort final : public IPC {
   bool ShakeHands(const wchar_t* local_port);
 
   DWORD SendLocked(const void* data, std::uint32_t bytes);
-  DWORD SendLastWords(const void* data, std::uint32_t bytes);
+  DWORD SendAtProcessEnd(const void* data, std::uint32_t bytes);
 
   // The local port's life: waiting for the host, then reading what it sends, again and again.
   void Listen();

@@ -14,9 +14,9 @@ TEST(HostProcessTree, AProcessIdThatIsUsedAgainNamesAnotherProcess) {
   ProcessTree tree;
   const std::pair<std::uint32_t, std::uint32_t> started[] = {{10, 1}, {20, 10}, {10, 20}};
   for (const auto& [pid, parent] : started) tree.Started(pid, parent, "a\x1b.exe");
-  for (const auto& [pid, parent] : started) tree.Ran(pid, parent, "a.exe", ProcessRole::kProgram);
-  tree.Ran(20, 10, "silent.exe", ProcessRole::kProgram);
-  tree.Ran(30, 20, "rundll32.exe", ProcessRole::kInjectionHelper);
+  for (const auto& [pid, parent] : started) tree.AddFromJob(pid, parent, "a.exe", ProcessRole::kProgram);
+  tree.AddFromJob(20, 10, "silent.exe", ProcessRole::kProgram);
+  tree.AddFromJob(30, 20, "rundll32.exe", ProcessRole::kInjectionHelper);
   EXPECT_EQ(tree.unconfined(), 1u);
   EXPECT_EQ(tree.Lines(),
             (std::vector<std::string>{"a\\x1b.exe (10)  confined", "  a\\x1b.exe (20)  confined",

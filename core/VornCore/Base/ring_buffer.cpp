@@ -8,9 +8,9 @@
 namespace VornCore {
 namespace {
 
-// Whoever waits longer than a copy takes is waiting for a thread that is not running. A waiter of higher
-// priority would keep it from running if it only spun, or only yielded to its equals: so it spins briefly,
-// then yields its processor, and at last sleeps.
+// A longer wait than one copy means that the owner has been preempted. A waiter of higher priority would keep
+// it from running if it only spun, or only yielded to its equals: so it spins briefly, then yields its
+// processor, and at last sleeps.
 constexpr int kSpins = 256, kYields = 16;
 
 void Pause(int round) noexcept {
