@@ -50,7 +50,11 @@ int Check(const std::string& policy_file) {
   if (document.has_network)
     network = fmt::format("{} destination rules, default {}", document.network.size(),
                           document.network_default_allow ? "allow" : "deny");
-  PrintLine(fmt::format("{}: ok: {} file rules; network {}", policy_file, document.files.size(), network));
+  const std::string off = NotConfined(document);
+  PrintLine(fmt::format("{}: ok: {} file rules; network {}{}", policy_file, document.files.size(), network,
+                        off.empty() ? off : "; " + off + " NOT CONFINED: enforce = false"));
+  for (const host::PolicyError& warning : policy->warnings())
+    PrintLine(host::FormatPolicyWarning(policy_file, warning));
   for (const host::PolicyNetRule& rule : document.network)
     PrintLine(
         fmt::format("  {:<5}  {}  (line {})", rule.allow ? "allow" : "deny", rule.text, rule.place.line));

@@ -32,10 +32,21 @@ int Restore(const std::string& run, bool list, const std::vector<std::string>& p
 // Shows what a crash dump says.
 int Dump(const std::string& file);
 
-// Reads, parses and compiles a policy; on failure prints every mistake and returns nothing. private_temp: the
-// temp folder of the run, where there is one.
-std::optional<host::CompiledPolicy> LoadPolicy(const std::string& file,
-                                               const std::wstring& private_temp = {});
+// What a run has of its own, besides what its policy names.
+struct RunPlaces {
+  std::wstring private_temp = {};  // its temp folder, where the policy wants one
+  std::string events_file = {};    // empty: none
+};
+
+// Reads, parses and compiles a policy; on failure prints every mistake and returns nothing.
+std::optional<host::CompiledPolicy> LoadPolicy(const std::string& file, const RunPlaces& run = {});
+
+// What of the policy is switched off: "files are", "the network is", "files and the network are"; empty for
+// nothing.
+std::string NotConfined(const host::PolicyDocument& document);
+
+// Where vorn.exe and its libraries are.
+std::wstring OwnFolder();
 
 // Writes a line of UTF-8 to standard output or standard error.
 void PrintLine(const std::string& text);

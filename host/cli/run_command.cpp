@@ -55,21 +55,14 @@ class InterruptibleRun {
 // Whether the library of another run works in this process.
 bool IsConfined() { return GetModuleHandleW(L"vorn_core.dll") || GetModuleHandleW(L"vorn_core32.dll"); }
 
-std::wstring OwnFolder() {
-  std::wstring path(32768, L'\0');
-  path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
-  return std::filesystem::path(path).parent_path().wstring();
-}
-
 // The directory of the policy's table, or the default; made when missing.
 std::wstring Directory(const std::string& from_policy, const char* table, const wchar_t* name) {
   std::filesystem::path path(host::ToWide(from_policy));
   if (path.empty()) {
-    const std::wstring base = host::EnvironmentValue(L"LOCALAPPDATA");
-    if (base.empty())
+    path = host::DataFolder(name);
+    if (path.empty())
       throw std::runtime_error(
           fmt::format("%LOCALAPPDATA% is not set: name a directory under [{}] in the policy", table));
-    path = std::filesystem::path(base) / L"Vorn" / name;
   }
   if (!path.has_root_directory()) path /= L"\\";  // a drive alone would be its current folder
   std::error_code error;
@@ -114,10 +107,12 @@ int Run(const RunArguments& arguments) {
   }
   const std::string run = host::RunJournal::NewRunName();
   const std::wstring private_temp = host::PrivateTempPath(run);
-  const auto policy = LoadPolicy(arguments.policy_file, private_temp);
+  const auto policy = LoadPolicy(arguments.policy_file, {private_temp, arguments.events_file});
   if (!policy) return kExitCannotRun;
   try {
     const host::PolicyDocument& document = policy->document();
+    if (const std::string off = NotConfined(document); !off.empty())
+      PrintErrorLine(fmt::format("vorn: {} NOT CONFINED: enforce = false in {}", off, arguments.policy_file));
     const std::wstring log_directory = Directory(document.log_directory, "log", L"logs");
     const std::wstring dump_directory =
         document.write_dumps ? Directory(document.dump_directory, "dump", L"dumps") : std::wstring();

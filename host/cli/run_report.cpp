@@ -147,6 +147,8 @@ void RunReport::PrintSummary(const std::string& end) const {
       fmt::format("vorn: {} process{}{}", processes_.size(), processes_.size() == 1 ? "" : "es",
                   processes_.unconfined() ? fmt::format(", {} NOT CONFINED", processes_.unconfined()) : ""));
   for (const std::string& line : processes_.Lines()) PrintErrorLine("vorn:   " + line);
+  if (const std::string off = NotConfined(policy_.document()); !off.empty())
+    PrintErrorLine(fmt::format("vorn: {} NOT CONFINED: enforce = false", off));
   PrintErrorLine(fmt::format("vorn: {} refused{}", refused_, refused_ ? ":" : ""));
   for (const auto& [what, count] : refusals_) PrintErrorLine(fmt::format("vorn:   {:>5} x {}", count, what));
   if (crashes_) PrintErrorLine(fmt::format("vorn: {} crash{}:", crashes_, crashes_ == 1 ? "" : "es"));

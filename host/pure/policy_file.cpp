@@ -310,9 +310,21 @@ std::variant<PolicyDocument, std::vector<PolicyError>> ParsePolicy(std::string_v
   return errors;
 }
 
-std::string FormatPolicyError(std::string_view file, const PolicyError& error) {
+namespace {
+
+std::string Format(std::string_view file, const char* kind, const PolicyError& error) {
   return std::string(file) + ":" + std::to_string(error.place.line) + ":" +
-         std::to_string(error.place.column) + ": error: " + Printable(error.message);
+         std::to_string(error.place.column) + kind + Printable(error.message);
+}
+
+}  // namespace
+
+std::string FormatPolicyError(std::string_view file, const PolicyError& error) {
+  return Format(file, ": error: ", error);
+}
+
+std::string FormatPolicyWarning(std::string_view file, const PolicyError& warning) {
+  return Format(file, ": warning: ", warning);
 }
 
 }  // namespace vorn::host

@@ -37,6 +37,8 @@ struct SamePlace {
   bool operator()(std::u16string_view a, std::u16string_view b) const { return policy::EqualsNoCase(a, b); }
 };
 
+bool Holds(std::u16string_view folder, std::u16string_view path) { return policy::IsUnder(path, folder); }
+
 // Where the other names of a file matter, for a system that cannot list them.
 const std::vector<FileRule>* g_link_folders;
 std::wstring_view LinkFolder(std::uint32_t index) {
@@ -105,8 +107,11 @@ std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(
   compiled.file_rules_.reserve(rules.size() + host_rules.size());  // the places are views of these
   for (const PolicyFileRule& rule : rules) {
     try {
-      compiled.file_rules_.push_back(
-          {static_cast<policy::FileACL>(rule.access), resolver.Resolve(ToWide(rule.path)).nt_path});
+      auto [path, dos_path, exists, folder_exists] = resolver.Resolve(ToWide(rule.path));
+      if (!exists)
+        compiled.warnings_.push_back(
+            {rule.place, "\"" + rule.path + "\" does not exist: is it spelled right?"});
+      compiled.file_rules_.push_back({static_cast<policy::FileACL>(rule.access), std::move(path)});
       const auto [first, is_new] = rule_of.emplace(PathOf(compiled.file_rules_.back()), &rule);
       if (!is_new && first->second->access != rule.access)
         errors.push_back({rule.place, "\"" + rule.path + "\" is the same place as \"" + first->second->path +
@@ -118,7 +123,10 @@ std::variant<CompiledPolicy, std::vector<PolicyError>> CompiledPolicy::Make(
     }
   }
   if (!errors.empty()) return errors;
-  for (HostRule& rule : host_rules) compiled.AddHostRule(std::move(rule), resolver);
+  for (HostRule& rule : host_rules)
+    if (!rule.protects) compiled.AddHostRule(std::move(rule), resolver);
+  for (HostRule& rule : host_rules)
+    if (rule.protects) compiled.Protect(std::move(rule), resolver);
   SectionContents contents;
   contents.file_rules = std::move(compiled.file_rules_);
   compiled.AddFlagsAndNetRules(contents);
@@ -142,6 +150,43 @@ void CompiledPolicy::AddHostRule(HostRule rule, PathResolver& resolver) {
   };
   if (std::ranges::any_of(file_rules_, beats)) return;
   file_rules_.push_back({static_cast<policy::FileACL>(rule.access), std::move(path)});
+  host_rules_.push_back(std::move(rule));
+}
+
+// Rules at the place or below it that open it are lowered; where a rule above it does, the place gets one of
+// its own.
+void CompiledPolicy::Protect(HostRule rule, PathResolver& resolver) {
+  std::wstring path;
+  try {
+    path = resolver.Resolve(rule.path).nt_path;
+  } catch (const std::system_error&) {
+    return;
+  }
+  const std::size_t own = document_.files.size();
+  const auto warn = [&](std::size_t index) {
+    if (index >= own) return;
+    const PolicyFileRule& opened = document_.files[index];
+    warnings_.push_back({opened.place, fmt::format("\"{}\" does not open {} for writing: {}", opened.path,
+                                                   rule.what, ToUtf8(rule.path))});
+  };
+  const std::u16string_view place = policy::U16(std::wstring_view(path));
+  const FileRule* nearest = nullptr;
+  for (std::uint32_t i = 0; i < file_rules_.size(); ++i) {
+    FileRule& other = file_rules_[i];
+    const bool opens = SamePlace{}(PathOf(other), place) || (i < own && Holds(place, PathOf(other)));
+    if (other.access == policy::FileACL::kReadWrite && opens) {
+      other.access = policy::FileACL::kRead;
+      warn(i);
+      if (i < own)
+        lowered_[i] = rule.what;
+      else
+        host_rules_[i - own] = rule;
+    }
+    if (Holds(PathOf(other), place) && (!nearest || other.path.size() > nearest->path.size())) nearest = &other;
+  }
+  if (!nearest || nearest->access != policy::FileACL::kReadWrite) return;
+  warn(static_cast<std::size_t>(nearest - file_rules_.data()));
+  file_rules_.push_back({policy::FileACL::kRead, std::move(path)});
   host_rules_.push_back(std::move(rule));
 }
 
@@ -223,7 +268,11 @@ std::string CompiledPolicy::Describe(const policy::FileVerdict& verdict) const {
   std::string rule;
   if (verdict.rule < document_.files.size()) {
     const PolicyFileRule& decided = document_.files[verdict.rule];
-    rule = fmt::format("{} {} (line {})", AccessName(decided.access), decided.path, decided.place.line);
+    const auto lowered = lowered_.find(verdict.rule);
+    rule = lowered == lowered_.end()
+               ? fmt::format("{} {} (line {})", AccessName(decided.access), decided.path, decided.place.line)
+               : fmt::format("read {} ({}, whatever line {} says)", decided.path, lowered->second,
+                             decided.place.line);
   } else if (const std::size_t index = verdict.rule - document_.files.size(); index < host_rules_.size()) {
     const HostRule& decided = host_rules_[index];
     rule = fmt::format("{} {} ({})", AccessName(decided.access), ToUtf8(decided.path), decided.what);

@@ -1,6 +1,7 @@
 #include "vorn/environment.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <string_view>
 
@@ -21,6 +22,11 @@ std::wstring EnvironmentValue(const wchar_t* name) {
   std::wstring value(32767, L'\0');  // the longest there can be
   value.resize(GetEnvironmentVariableW(name, value.data(), static_cast<DWORD>(value.size())));
   return value;
+}
+
+std::wstring DataFolder(const wchar_t* name) {
+  const std::wstring base = EnvironmentValue(L"LOCALAPPDATA");
+  return base.empty() ? base : (std::filesystem::path(base) / L"Vorn" / name).wstring();
 }
 
 std::wstring ChangedEnvironment(const EnvironmentChanges& changes) {

@@ -9,6 +9,7 @@
 #include "Policy/wide.h"
 #include "vorn/environment.h"
 #include "vorn/nt_path.h"
+#include "vorn/text.h"
 
 namespace vorn::host {
 namespace {
@@ -55,6 +56,22 @@ std::vector<HostRule> FreePlaces(TempFolder temp, const std::wstring& private_te
     if ((drives >> (letter - L'A') & 1) && GetDriveTypeW(root.c_str()) == DRIVE_FIXED)
       rules.push_back({FileAccess::kWrite, root + L"$Recycle.Bin", "recycle bin", true});
   }
+  return rules;
+}
+
+std::vector<HostRule> OwnPlaces(const PolicyDocument& document, const std::wstring& own_folder,
+                                const std::wstring& policy_file, const std::wstring& events_file) {
+  const auto chosen = [](const std::string& directory, const wchar_t* by_default) {
+    return directory.empty() ? DataFolder(by_default) : ToWide(directory);
+  };
+  std::vector<HostRule> rules;
+  for (auto& [path, what] : {std::pair{own_folder, "vorn's own folder"},
+                             {policy_file, "the policy"},
+                             {events_file, "the events of the run"},
+                             {chosen(document.log_directory, L"logs"), "vorn's logs"},
+                             {chosen(document.dump_directory, L"dumps"), "vorn's crash dumps"},
+                             {DataFolder(L"runs"), "vorn's journals"}})
+    if (!path.empty()) rules.push_back({FileAccess::kRead, path, what, false, true});
   return rules;
 }
 

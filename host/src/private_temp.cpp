@@ -52,8 +52,8 @@ void RemoveContents(const std::wstring& folder, const std::wstring& final) {
 }  // namespace
 
 std::wstring PrivateTempPath(const std::string& run) {
-  const std::wstring base = EnvironmentValue(L"LOCALAPPDATA");
-  return base.empty() ? base : (std::filesystem::path(base) / L"Vorn" / L"temp" / ToWide(run)).wstring();
+  const std::wstring folder = DataFolder(L"temp");
+  return folder.empty() ? folder : (std::filesystem::path(folder) / ToWide(run)).wstring();
 }
 
 PrivateTemp::PrivateTemp(std::wstring path) : path_(std::move(path)) {

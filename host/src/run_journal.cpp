@@ -13,7 +13,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-fs::path Folder() { return fs::path(EnvironmentValue(L"LOCALAPPDATA")) / L"Vorn" / L"runs"; }
+fs::path Folder() { return DataFolder(L"runs"); }
 
 bool IsRunName(const std::string& run) {
   return !run.empty() && std::all_of(run.begin(), run.end(), [](char c) {

@@ -215,6 +215,25 @@ TEST_F(VornExe, GivesTheProgramItsCommandLineAsTyped) {
   EXPECT_TRUE(session.Says("\nfour")) << session.text;
 }
 
+TEST_F(VornExe, CheckTellsWhatARuleDoesNotDo) {
+  Write("policy.toml", "[files]\nenforce = false\ndeny = ['" + Dos("mistyped") + "']\nwrite = ['" + Dos("") +
+                           "', '" + Dos("policy.toml") + "']\n");
+  const Session check = Vorn("check \"" + Dos("policy.toml") + "\"");
+  EXPECT_EQ(check.exit_code, 0u);
+  for (const std::string& line : {std::string("files are NOT CONFINED: enforce = false"),
+                                  "policy.toml:3:9: warning: \"" + Dos("mistyped"),
+                                  "policy.toml:4:" + std::to_string(14 + Dos("").size()) + ": warning: \"" +
+                                      Dos("policy.toml") + "\" does not open the policy for writing"})
+    EXPECT_TRUE(check.Says(line)) << line << "\n" << check.text;
+  const Session run = Run("cmd /c echo ran");
+  EXPECT_LT(run.text.find("files are NOT CONFINED"), run.text.find("ran"));
+  EXPECT_LT(run.text.find("---- exit"), run.text.rfind("files are NOT CONFINED"));
+  Write("policy.toml", "[files]\nwrite = ['" + Dos("") + "']\n");
+  const Session explain = Vorn("explain -p \"" + Dos("policy.toml") + "\" \"" + Dos("policy.toml") + "\"");
+  EXPECT_TRUE(explain.Says("read        " + Dos("policy.toml") + "  (read ") && explain.Says("(the policy)"))
+      << explain.text;
+}
+
 TEST_F(VornExe, SaysWhatIsWrongAndRunsNothing) {
   Write("bad.toml", "[files]\ndeny = ['relative']\nrite = []\n");
   const Session bad = Vorn("run -p \"" + Dos("bad.toml") + "\" -- cmd /c echo ran");

@@ -5,6 +5,7 @@
 //   escape_probe acl F           gives F another access list
 //   escape_probe attributes F    makes F read-only by its attributes
 //   escape_probe times F         sets the last write time of F
+//   escape_probe write F         writes to F, which it makes and removes again when it is not there
 //   escape_probe held F L        writes to L while F is open so that nobody else can read it
 #include <windows.h>
 
@@ -58,6 +59,16 @@ bool ChangesTimes(const fs::path& file) {
          GetFileTime(handle.get(), nullptr, nullptr, &now) && now.dwHighDateTime == old.dwHighDateTime;
 }
 
+bool Writes(const fs::path& file) {
+  const UniqueHandle handle(
+      CreateFileW(file.c_str(), FILE_APPEND_DATA, nt::kShareAll, nullptr, OPEN_ALWAYS, 0, nullptr));
+  const bool made = GetLastError() != ERROR_ALREADY_EXISTS;
+  DWORD written = 0;
+  const bool wrote = handle && WriteFile(handle.get(), "x", 1, &written, nullptr);
+  if (handle && made) DeleteFileW(file.c_str());
+  return wrote;
+}
+
 void WritesWhileHeld(const fs::path& file, const fs::path& link) {
   const UniqueHandle held(CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                       nullptr, OPEN_EXISTING, 0, nullptr));
@@ -82,6 +93,7 @@ int wmain(int argc, wchar_t** argv) {
     Print(file);
   }
   if (verb == L"held") WritesWhileHeld(file, argv[3]);
+  if (verb == L"write") escaped = Writes(file);
   if (verb == L"acl") escaped = ChangesAccessList(file);
   if (verb == L"attributes") escaped = ChangesAttributes(file);
   if (verb == L"times") escaped = ChangesTimes(file);

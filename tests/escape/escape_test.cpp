@@ -31,13 +31,15 @@ enum class Outcome { kBlocked, kLimit };
 enum class Report { kNone, kEvent };  // whether the refusal must have come as an event
 
 struct Row {
-  const char* name;   // also its folder's
-  const char* lines;  // @ is the row's folder, # a name that nothing else has, $ escape_probe, ! vorn
+  const char* name;  // also its folder's
+  const char*
+      lines;  // @ is the row's folder, # a name that nothing else has, $ escape_probe, ! vorn, + its folder
   Outcome outcome = Outcome::kBlocked;
   Report report = Report::kEvent;
   const char* limit = "";  // why it is one
 };
 
+constexpr char kPolicy[] = "own-policy\\work\\policy.toml", kEvents[] = "own-events\\work\\events.jsonl";
 constexpr char kSecret[] = "what nobody may read";
 
 constexpr Row kRows[] = {
@@ -69,6 +71,11 @@ constexpr Row kRows[] = {
     {.name = "nested",
      .lines = "echo [files]> @\\work\\open.toml\n! run -p @\\work\\open.toml -- cmd /c type @\\denied\\s.txt",
      .report = Report::kNone},
+    // What belongs to vorn, although a rule opens it.
+    {"own-policy", "$ write @\\work\\policy.toml"},
+    {"own-events", "$ write @\\work\\events.jsonl"},
+    {"own-folder", "$ write +\\#.dll"},
+    {"own-data", "for %%d in (logs dumps runs) do $ write %LOCALAPPDATA%\\Vorn\\%%d\\#"},
     // The loader.
     {"dll-main",
      "set ESCAPE_READ=@\\denied\\s.txt\nset ESCAPE_COPY=@\\work\\c.txt\nset ESCAPE_WRITE=@\\read\\f.txt\n"
@@ -109,14 +116,17 @@ class Escape : public testing::Test, public TestFolder {
     for (const auto& [mark, text] : {std::pair{'@', Dos(row.name)},
                                      {'#', unique_},
                                      {'$', host::ToUtf8(BuildPath("escape_probe.exe").wstring())},
-                                     {'!', host::ToUtf8(BuildPath("vorn.exe").wstring())}})
+                                     {'!', host::ToUtf8(BuildPath("vorn.exe").wstring())},
+                                     {'+', host::ToUtf8(BuildPath("").parent_path().wstring())}})
       for (std::size_t at = 9; (at = lines.find(mark, at)) != lines.npos; at += text.size())
         lines.replace(at, 1, text);
     Write(std::string(row.name) + "\\row.bat", lines);
   }
 
   std::string Policy() const {
-    std::string deny = "'%TEMP%\\" + unique_ + "-denied'", read, write;
+    std::string deny = "'%TEMP%\\" + unique_ + "-denied'", read;
+    std::string write =
+        "'" + host::ToUtf8(BuildPath("").parent_path().wstring()) + "', '%LOCALAPPDATA%\\Vorn', ";
     for (const Row& row : kRows) {
       const std::string top = Dos(row.name);
       deny += ", '" + top + "\\denied', '" + top + "\\work\\proj\\secret'";
@@ -154,7 +164,7 @@ class Escape : public testing::Test, public TestFolder {
   // Whether a refusal was reported about a file of the row.
   bool Reported(const Row& row) const {
     const std::string part = std::string("\\") + row.name + "\\";
-    std::istringstream events(Read("events.jsonl"));
+    std::istringstream events(Read(kEvents));
     for (std::string line; std::getline(events, line);) {
       const auto json = nlohmann::json::parse(line, nullptr, false);
       if (!json.is_object() || json["event"] != "file" || json["error"] != ERROR_ACCESS_DENIED) continue;
@@ -176,9 +186,9 @@ TEST_F(Escape, EveryRowEscapesUnconfinedAndNoneThatIsBlockedDoesConfined) {
     EXPECT_TRUE(Escaped(row)) << row.name << ": the control does nothing\n"
                               << Read(std::string(row.name) + "\\work\\out.txt");
   for (const Row& row : kRows) MakeTree(row);
-  Write("policy.toml", Policy());
-  RunRows("\"" + host::ToUtf8(BuildPath("vorn.exe").wstring()) + "\" run -p " + Dos("policy.toml") + " -e " +
-          Dos("events.jsonl") + " -- ");
+  Write(kPolicy, Policy());
+  RunRows("\"" + host::ToUtf8(BuildPath("vorn.exe").wstring()) + "\" run -p " + Dos(kPolicy) + " -e " +
+          Dos(kEvents) + " -- ");
   std::map<Outcome, int> counts;
   for (const Row& row : kRows) {
     ++counts[row.outcome];

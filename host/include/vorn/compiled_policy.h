@@ -9,6 +9,7 @@
 // processes read. Not for concurrent use of DecidePath; everything else: any thread.
 #pragma once
 
+#include <map>
 #include <string>
 #include <variant>
 #include <vector>
@@ -30,11 +31,14 @@ struct PathDecision {
 class CompiledPolicy {
  public:
   // Errors: a drive that does not exist. Paths are resolved to their final form here, once. host_rules: what
-  // the host adds of its own (host_places.h); the document's rule for the same place beats them.
+  // the host adds of its own (host_places.h); the document's rule for the same place beats those that do not
+  // protect.
   static std::variant<CompiledPolicy, std::vector<PolicyError>> Make(PolicyDocument document,
                                                                      std::vector<HostRule> host_rules);
 
   const PolicyDocument& document() const { return document_; }
+  // What is allowed to stand in a policy, and may not do what its author means.
+  const std::vector<PolicyError>& warnings() const { return warnings_; }
 
   // Adds flags, options and both rule tables.
   void BuildSectionContents(SectionContents& contents) const;
@@ -56,6 +60,7 @@ class CompiledPolicy {
   explicit CompiledPolicy(PolicyDocument document) : document_(std::move(document)) {}
   void AddHostRule(HostRule rule, PathResolver& resolver);
   void AddFlagsAndNetRules(SectionContents& contents) const;
+  void Protect(HostRule rule, PathResolver& resolver);
 
   // The rule behind a network rule of the section: first those of the document, then the names among them
   // once more, with a dot at the end. Null for the default rule and for none.
@@ -64,7 +69,10 @@ class CompiledPolicy {
   PolicyDocument document_;
   std::vector<HostRule> host_rules_;  // those in use
   std::vector<FileRule> file_rules_;  // document_.files, then host_rules_
-  std::vector<std::byte> section_;    // the rule tables as confined processes see them
+  std::map<std::uint32_t, std::string>
+      lowered_;  // rules of the document that open less than it says, and why
+  std::vector<PolicyError> warnings_;
+  std::vector<std::byte> section_;  // the rule tables as confined processes see them
   mutable PathResolver resolver_;
 };
 

@@ -11,6 +11,9 @@ namespace vorn::host {
 // The value of a variable; empty when it is not set.
 std::wstring EnvironmentValue(const wchar_t* name);
 
+// %LOCALAPPDATA%\Vorn\name, where vorn keeps what it writes; empty when the variable is not set.
+std::wstring DataFolder(const wchar_t* name);
+
 using EnvironmentChanges = std::vector<std::pair<std::wstring, std::optional<std::wstring>>>;
 
 // This process's environment with the changes (a value, or nothing to remove the variable; the last change of

@@ -78,6 +78,8 @@ std::variant<PolicyDocument, std::vector<PolicyError>> ParsePolicy(std::string_v
 
 // "FILE:LINE:COLUMN: error: MESSAGE"
 std::string FormatPolicyError(std::string_view file, const PolicyError& error);
+// The same with "warning".
+std::string FormatPolicyWarning(std::string_view file, const PolicyError& warning);
 
 // A destination as policies and command lines write it: address[/prefix] or [v6][/prefix] or name, each with
 // an optional ":port[,port…]". An error text when it is none of them.
