@@ -138,14 +138,23 @@ NTSTATUS MakeFolder(std::wstring_view name) noexcept {
   return Open(name, FILE_LIST_DIRECTORY, FILE_CREATE, FILE_DIRECTORY_FILE, folder);
 }
 
-// Index, then what store makes under the kept name.
+// Where the file really lies, whichever links led to it: who puts it back follows none. In scratch slot 1.
+std::wstring_view FinalPath(HANDLE file, std::wstring_view path) noexcept {
+  wchar_t* buffer = file ? ScratchPath(1, kMaxPathUnits) : nullptr;
+  const DWORD units =
+      buffer ? platform::Native().GetFinalPathNameByHandleW(file, buffer, kMaxPathUnits, VOLUME_NAME_NT) : 0;
+  return units && units < kMaxPathUnits ? std::wstring_view(buffer, units) : path;
+}
+
+// Index, then what store makes under the kept name. file: null for a folder.
 template <class Store>
-std::uint32_t Keep(std::wstring_view path, std::uint64_t size, Store&& store) noexcept {
+std::uint32_t Keep(HANDLE file, std::wstring_view path, std::uint64_t size, Store&& store) noexcept {
   ThreadState* state = GetThreadState();
   if (!state) return 0;
   const ScratchLevel level(state);
   auto* buffer = static_cast<std::byte*>(static_cast<void*>(ScratchPath(2, kMaxPathUnits)));
-  const std::size_t bytes = buffer ? BuildIndex(path, size, {buffer, kMaxPathUnits * sizeof(wchar_t)}) : 0;
+  const std::size_t bytes =
+      buffer ? BuildIndex(FinalPath(file, path), size, {buffer, kMaxPathUnits * sizeof(wchar_t)}) : 0;
   NTSTATUS status = STATUS_NO_MEMORY;
   for (int tries = 0; bytes && tries < kMaxTries; ++tries) {
     const std::uint32_t number = ++last_number;
@@ -176,14 +185,14 @@ std::uint32_t KeepFile(HANDLE file, std::wstring_view path) noexcept {
   if (!platform::Native().GetFileInformationByHandleEx(file, FileStandardInfo, &info, sizeof info) ||
       info.Directory)
     return 0;
-  return Keep(path, static_cast<std::uint64_t>(info.EndOfFile.QuadPart), [&](std::wstring_view name) {
+  return Keep(file, path, static_cast<std::uint64_t>(info.EndOfFile.QuadPart), [&](std::wstring_view name) {
     const NTSTATUS status = Link(file, name);
     return nt::Success(status) ? status : Copy(file, name);
   });
 }
 
 std::uint32_t KeepFolder(std::wstring_view path) noexcept {
-  return Keep(path, 0, [](std::wstring_view name) { return MakeFolder(name); });
+  return Keep(nullptr, path, 0, [](std::wstring_view name) { return MakeFolder(name); });
 }
 
 void TakeBackKept(std::wstring_view path, std::uint32_t number) noexcept {

@@ -77,6 +77,9 @@ int Restore(const std::string& run, bool list, const std::vector<std::string>& p
       case host::RestoreOutcome::kTargetExists:
         PrintLine("left in the bin " + name + " (a file of that name exists)");
         break;
+      case host::RestoreOutcome::kElsewhere:
+        PrintLine("left in the bin " + name + " (a link has taken the place of its folder)");
+        break;
       case host::RestoreOutcome::kGone:
         PrintLine("gone            " + name + " (no longer in the recycle bin)");
         break;

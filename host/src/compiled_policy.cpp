@@ -182,7 +182,8 @@ void CompiledPolicy::Protect(HostRule rule, PathResolver& resolver) {
       else
         host_rules_[i - own] = rule;
     }
-    if (Holds(PathOf(other), place) && (!nearest || other.path.size() > nearest->path.size())) nearest = &other;
+    if (Holds(PathOf(other), place) && (!nearest || other.path.size() > nearest->path.size()))
+      nearest = &other;
   }
   if (!nearest || nearest->access != policy::FileACL::kReadWrite) return;
   warn(static_cast<std::size_t>(nearest - file_rules_.data()));

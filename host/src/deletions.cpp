@@ -19,12 +19,21 @@ bool SamePath(const std::wstring& a, const std::wstring& b) {
 
 std::uint64_t Distance(std::uint64_t a, std::uint64_t b) { return a > b ? a - b : b - a; }
 
-// Takes the file of this deletion out of the bin's list: same path, nearest time.
-std::optional<RecycledFile> TakeFromBin(std::vector<RecycledFile>& bin, const RecycleEntry& entry) {
+std::wstring FileName(const std::wstring& path) { return path.substr(path.find_last_of(L'\\') + 1); }
+
+// The bin knows where a file really lay, the journal the way on which the program came to it.
+bool SameFile(const RecycledFile& file, const RecycleEntry& entry, const std::string& run) {
+  return SamePath(file.original_path, entry.path) ||
+         (file.run == run && SamePath(FileName(file.original_path), FileName(entry.path)));
+}
+
+// Takes the file of this deletion out of the bin's list: the same file, nearest time.
+std::optional<RecycledFile> TakeFromBin(std::vector<RecycledFile>& bin, const RecycleEntry& entry,
+                                        const std::string& run) {
   auto best = bin.end();
   for (auto it = bin.begin(); it != bin.end(); ++it) {
     const std::uint64_t distance = Distance(it->deleted_at_ms, entry.time_ms);
-    if (SamePath(it->original_path, entry.path) && distance <= kSameDeletionMs &&
+    if (SameFile(*it, entry, run) && distance <= kSameDeletionMs &&
         (best == bin.end() || distance < Distance(best->deleted_at_ms, entry.time_ms)))
       best = it;
   }
@@ -41,7 +50,7 @@ std::optional<std::vector<Deletion>> ListDeletions(const std::string& run) {
   std::vector<RecycledFile> bin = ListRecycleBin(journal ? std::string_view() : run);
   std::vector<Deletion> deletions;
   for (const RecycleEntry& entry : journal.value_or(std::vector<RecycleEntry>()))
-    deletions.push_back({entry.path, entry.time_ms, TakeFromBin(bin, entry)});
+    deletions.push_back({entry.path, entry.time_ms, TakeFromBin(bin, entry, run)});
   // What the journal missed, because its process ended first, say.
   for (const RecycledFile& file : bin)
     if (file.run == run) deletions.push_back({file.original_path, file.deleted_at_ms, file});

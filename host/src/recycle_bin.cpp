@@ -50,6 +50,10 @@ std::wstring CurrentUserSid() {
   return sid;
 }
 
+bool SamePath(const std::wstring& a, const std::wstring& b) {
+  return CompareStringOrdinal(a.c_str(), -1, b.c_str(), -1, TRUE) == CSTR_EQUAL;
+}
+
 // The run in the name of a kept file; empty where another than a run has put it there.
 std::string RunOf(const std::wstring& stored_path) {
   const std::wstring name = fs::path(stored_path).filename().wstring();
@@ -157,6 +161,50 @@ bool MakeBin(const std::wstring& bin) {
   return true;
 }
 
+// A folder that is reached without a link, made where it is missing. As long as this object lives, nothing on
+// the way to it can be replaced where the system keeps a folder in place while it is open.
+class RealFolder {
+ public:
+  explicit RealFolder(const fs::path& path) : final_(Enter(path)) {}
+  bool is_there() const { return !final_.empty(); }
+  std::uint32_t error() const { return error_; }  // why it is not
+  bool is_elsewhere() const { return elsewhere_; }
+
+ private:
+  // The final path of the folder; empty when it cannot be made, or a link stands on the way.
+  std::wstring Enter(const fs::path& path) {
+    const bool root = path == path.root_path();
+    const std::wstring parent = root ? std::wstring() : Enter(path.parent_path());
+    if (!root && parent.empty()) return {};
+    if (!root) CreateDirectoryW(path.c_str(), nullptr);
+    windows::UniqueHandle folder;
+    // Only who may list it keeps a folder in its place.
+    for (const DWORD access : {FILE_LIST_DIRECTORY, FILE_READ_ATTRIBUTES})
+      if (!folder)
+        folder.reset(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                 OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
+                                 nullptr));
+    error_ = folder ? ERROR_SUCCESS : GetLastError();
+    FILE_ATTRIBUTE_TAG_INFO tag{};
+    std::wstring final(32768, L'\0');
+    final.resize(folder ? GetFinalPathNameByHandleW(folder.get(), final.data(),
+                                                    static_cast<DWORD>(final.size()), VOLUME_NAME_DOS)
+                        : 0);
+    if (final.empty()) return {};
+    if (final.ends_with(L'\\')) final.pop_back();
+    const bool link = GetFileInformationByHandleEx(folder.get(), FileAttributeTagInfo, &tag, sizeof tag) &&
+                      IsReparseTagNameSurrogate(tag.ReparseTag);
+    elsewhere_ = !root && (link || !SamePath(final, parent + L"\\" + path.filename().wstring()));
+    open_.push_back(std::move(folder));
+    return elsewhere_ ? std::wstring() : final;
+  }
+
+  std::vector<windows::UniqueHandle> open_;
+  bool elsewhere_ = false;
+  std::uint32_t error_ = ERROR_SUCCESS;
+  const std::wstring final_;
+};
+
 }  // namespace
 
 KeepPlaces FindKeepPlaces() {
@@ -189,8 +237,12 @@ std::vector<RecycledFile> ListRecycleBin(std::string_view run) {
 
 RestoreOutcome RestoreFile(const RecycledFile& file, std::uint32_t* error) {
   *error = 0;
-  std::error_code ignored;
-  fs::create_directories(fs::path(file.original_path).parent_path(), ignored);
+  const RealFolder folder(fs::path(file.original_path).parent_path());
+  if (folder.is_elsewhere()) return RestoreOutcome::kElsewhere;
+  if (!folder.is_there()) {
+    *error = folder.error();
+    return RestoreOutcome::kFailed;
+  }
   // Without MOVEFILE_REPLACE_EXISTING: the system itself refuses to put it over another file.
   if (!MoveFileExW(file.stored_path.c_str(), file.original_path.c_str(), MOVEFILE_COPY_ALLOWED)) {
     *error = GetLastError();

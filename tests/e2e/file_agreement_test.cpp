@@ -4,6 +4,7 @@
 #include <random>
 
 #include "tests/e2e/file_script.h"
+#include "tests/e2e/folder_link.h"
 #include "vorn/compiled_policy.h"
 
 namespace vorn::test {
@@ -26,44 +27,6 @@ host::SectionContents ContentsOf(const host::CompiledPolicy& policy) {
   policy.BuildSectionContents(contents);
   return contents;
 }
-
-// A program of a Unix file system; its end cannot be waited for.
-void RunUnix(const std::wstring& program, const std::vector<fs::path>& paths) {
-  std::wstring command = program;
-  for (const fs::path& path : paths)
-    command += L" " + host::ToWide(UnixName(path.parent_path())) + L"/" + path.filename().wstring();
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  PROCESS_INFORMATION process{};
-  CreateProcessW((L"\\\\?\\unix\\bin\\" + program.substr(0, program.find(L' '))).c_str(), command.data(),
-                 nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process);
-}
-
-// A link to a folder, made as the system lets a program make one.
-class FolderLink {
- public:
-  FolderLink(fs::path link, const fs::path& target) : link_(std::move(link)) {
-    std::error_code error;
-    fs::create_directory_symlink(target, link_, error);
-    if (error) RunUnix(L"ln -s", {target, link_});
-    EXPECT_TRUE(Becomes(true));
-  }
-  // Whoever removes the tree would follow the link.
-  ~FolderLink() {
-    if (!RemoveDirectoryW(link_.c_str())) RunUnix(L"rm", {link_});
-    EXPECT_TRUE(Becomes(false));
-  }
-  FolderLink(const FolderLink&) = delete;
-  FolderLink& operator=(const FolderLink&) = delete;
-
- private:
-  bool Becomes(bool present) const {
-    for (int i = 0; i < 500; ++i, Sleep(10))
-      if ((GetFileAttributesW(link_.c_str()) != INVALID_FILE_ATTRIBUTES) == present) return true;
-    return false;
-  }
-  const fs::path link_;
-};
 
 // A tree of folders with files, some with a second name in another folder, and links to folders.
 class Tree {

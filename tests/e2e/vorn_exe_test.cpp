@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "confinement.h"
+#include "folder_link.h"
 #include "tests/test_process.h"
 
 namespace vorn::test {
@@ -134,6 +135,13 @@ TEST_F(VornExe, FollowsATreeOfProgramsAndRestoresItsDeletions) {
   EXPECT_EQ(Vorn("restore " + run.str(1)).exit_code, 1u);
   EXPECT_EQ(Read("work\\f.txt"), "in the way");
   fs::remove(Path("work\\f.txt"));
+  fs::rename(Path("work"), Path("moved"));
+  {
+    const FolderLink elsewhere(Path("work"), Path("denied"));
+    fs::rename(Path("denied\\f.txt"), Path("denied\\g.txt"));
+    EXPECT_TRUE(Vorn("restore " + run.str(1)).Says("left in the bin " + Dos("work\\f.txt") + " (a link"));
+    EXPECT_EQ(Read("denied\\f.txt"), "(none)");
+  }
   EXPECT_EQ(Vorn("restore " + run.str(1)).exit_code, 0u);
   EXPECT_EQ(Read("work\\f.txt"), "old work");
   EXPECT_EQ(Vorn("restore no-such-run").exit_code, 1u);

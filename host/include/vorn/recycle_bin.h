@@ -42,12 +42,14 @@ std::vector<RecycledFile> ListRecycleBin(std::string_view run = {});
 enum class RestoreOutcome {
   kRestored,
   kTargetExists,  // nothing was changed: a restore never replaces a file
+  kElsewhere,     // nothing was changed: a link leads to another place from where the file was
   kGone,          // the bin no longer holds it
   kFailed,        // *error says why
 };
 
-// Moves the file back to its original path, with missing folders made again, and forgets its info file.
-// error: Win32 error of a failure.
+// Moves the file back to its original path, with missing folders made again, and forgets its info file. The
+// path is where the file really lay: a link in it was put there later, and is not followed. error: Win32 error
+// of a failure.
 RestoreOutcome RestoreFile(const RecycledFile& file, std::uint32_t* error);
 
 }  // namespace vorn::host
