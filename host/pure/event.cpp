@@ -145,7 +145,8 @@ class LineWriter {
       line += fmt::format(" -> {} ({} -> {})", Printable(e.destination), ValueText(e.source_access),
                           ValueText(e.destination_access));
     }
-    return e.error ? line + ": " + Error(e.error) : line;
+    if (e.error) return line + ": " + Error(e.error);
+    return e.type == policy::AuditType::kDelete ? line + ": for good, it could not be kept" : line;
   }
   std::string operator()(const NetEvent& e) const {
     std::string line = e.verdict == policy::Verdict::kDeny ? "refused " : "";
