@@ -232,6 +232,11 @@ std::vector<RecycledFile> ListRecycleBin(std::string_view run) {
     ListTrashFolder(convert, run, files);
   else
     ForEachFixedDrive([&](const std::wstring& root) { ListRecycleFolder(BinOf(root), run, files); });
+  // A process that ended between the two leaves an index without a file: nothing was deleted.
+  if (!run.empty())
+    std::erase_if(files, [](const RecycledFile& file) {
+      return GetFileAttributesW(file.stored_path.c_str()) == INVALID_FILE_ATTRIBUTES;
+    });
   return files;
 }
 

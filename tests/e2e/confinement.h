@@ -174,7 +174,7 @@ class E2eConfinement {
   }
 
  private:
-  static constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(120);
+  static constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(300);
 
   host::SectionContents Contents(const std::function<void(host::SectionContents&)>& adjust) {
     host::SectionContents contents;
