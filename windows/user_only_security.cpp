@@ -12,10 +12,10 @@ NTSYSAPI NTSTATUS NTAPI RtlSetDaclSecurityDescriptor(PSECURITY_DESCRIPTOR, BOOLE
 
 namespace vorn::windows {
 
-UserOnlySecurity::UserOnlySecurity() noexcept
-    : attributes_{sizeof(SECURITY_ATTRIBUTES), &descriptor_, FALSE}, error_(Build()) {}
+UserOnlySecurity::UserOnlySecurity(ACCESS_MASK rights) noexcept
+    : attributes_{sizeof(SECURITY_ATTRIBUTES), &descriptor_, FALSE}, error_(Build(rights)) {}
 
-DWORD UserOnlySecurity::Build() noexcept {
+DWORD UserOnlySecurity::Build(ACCESS_MASK rights) noexcept {
   UniqueHandle token;
   NTSTATUS status = NtOpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put());
   if (!nt::Success(status)) return RtlNtStatusToDosErrorNoTeb(status);
@@ -27,7 +27,11 @@ DWORD UserOnlySecurity::Build() noexcept {
   auto* acl = reinterpret_cast<ACL*>(acl_);
   status = RtlCreateSecurityDescriptor(&descriptor_, SECURITY_DESCRIPTOR_REVISION);
   if (nt::Success(status)) status = RtlCreateAcl(acl, sizeof acl_, ACL_REVISION);
-  if (nt::Success(status)) status = RtlAddAccessAllowedAce(acl, ACL_REVISION, GENERIC_ALL, sid);
+  if (nt::Success(status)) status = RtlAddAccessAllowedAce(acl, ACL_REVISION, rights, sid);
+  // An owner may change the descriptor unless it says what owners may do.
+  SID owner_rights{SID_REVISION, 1, SECURITY_CREATOR_SID_AUTHORITY, {SECURITY_CREATOR_OWNER_RIGHTS_RID}};
+  if (nt::Success(status) && rights != GENERIC_ALL)
+    status = RtlAddAccessAllowedAce(acl, ACL_REVISION, rights, &owner_rights);
   if (nt::Success(status)) status = RtlSetDaclSecurityDescriptor(&descriptor_, TRUE, acl, FALSE);
   return nt::Success(status) ? 0 : RtlNtStatusToDosErrorNoTeb(status);
 }

@@ -1,5 +1,7 @@
-// A security descriptor that grants everything to the current user and nothing to anybody else: for pipes,
-// sections and events that the host and its confined processes share.
+// A security descriptor that grants rights to the current user and nothing to anybody else: for pipes,
+// sections and events that the host and its confined processes share. Without GENERIC_ALL the user cannot
+// change the descriptor either, although the object is theirs: only the handle that it was made with has
+// every right.
 //
 // Built from ntdll alone. The object holds the descriptor's parts, so it neither moves nor copies; it must
 // outlive the call that creates the protected object, no longer.
@@ -11,7 +13,7 @@ namespace vorn::windows {
 
 class UserOnlySecurity {
  public:
-  UserOnlySecurity() noexcept;
+  explicit UserOnlySecurity(ACCESS_MASK rights = GENERIC_ALL) noexcept;
   UserOnlySecurity(const UserOnlySecurity&) = delete;
   UserOnlySecurity& operator=(const UserOnlySecurity&) = delete;
 
@@ -24,10 +26,10 @@ class UserOnlySecurity {
  private:
   static constexpr size_t kMaxSidBytes = 68;  // SECURITY_MAX_SID_SIZE
 
-  DWORD Build() noexcept;
+  DWORD Build(ACCESS_MASK rights) noexcept;
 
   alignas(TOKEN_USER) unsigned char user_[sizeof(TOKEN_USER) + kMaxSidBytes];
-  alignas(ACL) unsigned char acl_[sizeof(ACL) + sizeof(ACCESS_ALLOWED_ACE) + kMaxSidBytes];
+  alignas(ACL) unsigned char acl_[sizeof(ACL) + 2 * (sizeof(ACCESS_ALLOWED_ACE) + kMaxSidBytes)];
   SECURITY_DESCRIPTOR descriptor_;
   SECURITY_ATTRIBUTES attributes_;
   DWORD error_;

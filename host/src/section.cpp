@@ -181,7 +181,9 @@ SharedSection::SharedSection(SectionContents contents) : impl_(std::make_unique<
   const std::wstring short_name = RandomName(L"vorn");
   impl_->name = NamedObjectPath(short_name);
 
-  windows::UserOnlySecurity security;
+  // With options, who reads the section cannot write to it: the rules stay the host's.
+  windows::UserOnlySecurity security(impl_->contents.options ? SECTION_MAP_READ | SECTION_QUERY
+                                                             : GENERIC_ALL);
   if (security.error()) fail(security.error());
   impl_->mapping.reset(CreateFileMappingW(INVALID_HANDLE_VALUE, security.attributes(), PAGE_READWRITE, 0,
                                           static_cast<DWORD>(image.size()), short_name.c_str()));

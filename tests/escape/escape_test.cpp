@@ -76,6 +76,9 @@ constexpr Row kRows[] = {
     {"own-events", "$ write @\\work\\events.jsonl"},
     {"own-folder", "$ write +\\#.dll"},
     {"own-data", "for %%d in (logs dumps runs) do $ write %LOCALAPPDATA%\\Vorn\\%%d\\#"},
+    // The section is the host's.
+    {"own-section", "$ section @\\denied\\s.txt"},
+    {"section-rules", "$ rules @\\denied\\s.txt"},
     // The loader.
     {"dll-main",
      "set ESCAPE_READ=@\\denied\\s.txt\nset ESCAPE_COPY=@\\work\\c.txt\nset ESCAPE_WRITE=@\\read\\f.txt\n"

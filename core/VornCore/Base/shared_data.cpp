@@ -13,6 +13,7 @@ using vorn::policy::SectionView;
 // Both are kept for the life of the process.
 SectionView gs_section;
 HANDLE gs_section_handle = nullptr;
+wchar_t gs_section_name[256];
 
 const wchar_t* Units(const SectionText& field) { return reinterpret_cast<const wchar_t*>(field.text.data()); }
 
@@ -42,13 +43,15 @@ DWORD OpenSharedData(const wchar_t* name) noexcept {
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&counted);
   vorn::windows::UniqueHandle handle;
   NTSTATUS status = NtOpenSection(handle.put(), SECTION_MAP_READ | SECTION_MAP_WRITE, &attributes);
+  const bool read_only = status == STATUS_ACCESS_DENIED;
+  if (read_only) status = NtOpenSection(handle.put(), SECTION_MAP_READ, &attributes);
   if (!nt::Success(status)) return RtlNtStatusToDosErrorNoTeb(status);
 
   constexpr ULONG kViewUnmap = 2;  // children do not inherit the view
   void* base = nullptr;
   SIZE_T size = 0;
   status = NtMapViewOfSection(handle.get(), GetCurrentProcess(), &base, 0, 0, nullptr, &size, kViewUnmap, 0,
-                              PAGE_READWRITE);
+                              read_only ? PAGE_READONLY : PAGE_READWRITE);
   if (!nt::Success(status)) return RtlNtStatusToDosErrorNoTeb(status);
   const SectionView section({static_cast<const std::byte*>(base), size});
   if (section.Check() != SectionStatus::kOk) {
@@ -56,10 +59,12 @@ DWORD OpenSharedData(const wchar_t* name) noexcept {
     return ERROR_PRODUCT_VERSION;
   }
   gs_section = section;
+  if (counted.Length < sizeof gs_section_name) wcscpy(gs_section_name, name);
   gs_section_handle = handle.release();
   return ERROR_SUCCESS;
 }
 
+const wchar_t* GetSectionName() noexcept { return gs_section_name; }
 const void* GetSharedView() noexcept { return gs_section.Mapping().data(); }
 const SectionView& GetSection() noexcept { return gs_section; }
 

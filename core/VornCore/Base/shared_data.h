@@ -17,6 +17,7 @@ namespace VornCore {
 // the Win32 form of the NTSTATUS.
 [[nodiscard]] DWORD OpenSharedData(const wchar_t* name) noexcept;
 
+const wchar_t* GetSectionName() noexcept;                // as it was opened; empty when it was too long
 const void* GetSharedView() noexcept;                    // base of the mapping, or null
 const vorn::policy::SectionView& GetSection() noexcept;  // the decision kernel's view of it
 
