@@ -91,6 +91,7 @@ enum FileClass : ULONG {
   kFileLinkInformation = 11,           // set: laid out as a rename
   kFileDispositionInformation = 13,    // set: DELETE
   kFilePositionInformation = 14,       // set: FILE_READ_DATA or FILE_WRITE_DATA
+  kFileAllocationInformation = 19,     // set: FILE_WRITE_DATA
   kFileEndOfFileInformation = 20,      // set: FILE_WRITE_DATA
   kFileDispositionInformationEx = 64,  // set: DELETE; Windows 10 1709
   kFileRenameInformationEx = 65,       // set: DELETE; Windows 10 1709

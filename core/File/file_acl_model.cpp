@@ -133,14 +133,14 @@ FileDecision FileACLModel::DecideFileACL(std::wstring_view path) const noexcept 
   ThreadState* state = GetThreadState();
   if (!state) return {};
   const ScratchLevel level(state);
-  std::wstring_view final;
-  return DecideFinal(path, {}, &final);
+  Place place;
+  return DecideFinal(path, {}, &place);
 }
 
 FileDecision FileACLModel::DecideFinal(std::wstring_view path, Question question,
-                                       std::wstring_view* final) const noexcept {
+                                       Place* place) const noexcept {
   FileDecision decision;
-  *final = path;
+  *place = {path};
   if (path.empty()) return decision;
   if (!vorn::policy::IsHardDiskVolumeOrMup(U16(path)) && !IsFileSystemPath(path)) return decision;
   FileLinkHelper links;
@@ -152,12 +152,12 @@ FileDecision FileACLModel::DecideFinal(std::wstring_view path, Question question
         if (target.empty())
           facts.on_file_system = IsFileSystemPath(path);
         else
-          *final = target;
-        facts.path = U16(*final);
+          *place = {target, links.IsOpen()};
+        facts.path = U16(place->path);
         if (!facts.on_file_system && IsDebugLogEnabled())
           VORN_LOG_I("Not FileSystem:%s", OrNil(WideToAnsi(path.data())));
         LookupContext rules_alone;
-        DecisionContext all_names(*final, FileACL::kReadWrite, &links);
+        DecisionContext all_names(place->path, FileACL::kReadWrite, &links);
         decision = vorn::policy::DecideFile(
             GetSection(), facts, question.names ? static_cast<LookupContext&>(all_names) : rules_alone);
       },

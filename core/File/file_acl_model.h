@@ -21,13 +21,16 @@ class FileACLModel {
   // Uses a scratch level of its own and may open files, past the library's own handlers.
   FileDecision DecideFileACL(std::wstring_view path) const noexcept;
 
-  // The same, and where the path leads, in scratch slot 0 of the current level; path is in no slot of that.
+  // The same, and where the path leads; path is in no scratch slot of the current level.
   struct Question {
     bool itself = false;  // a link at the end of the path is the file
     bool names = true;    // the file's other names matter
   };
-  FileDecision DecideFinal(std::wstring_view path, Question question,
-                           std::wstring_view* final) const noexcept;
+  struct Place {
+    std::wstring_view path;  // in scratch slot 0, or the path itself
+    bool exists = false;     // otherwise its folder alone is known
+  };
+  FileDecision DecideFinal(std::wstring_view path, Question question, Place* place) const noexcept;
   // What the rules say about a path, wherever it leads.
   FileDecision DecideByName(std::wstring_view path) const noexcept;
   // About an open file, under all its names: path is its final one. What cannot be known counts as least.

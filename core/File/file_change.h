@@ -1,5 +1,5 @@
 // What the handlers that open and change files tell each other: one call that sets information, a rename as
-// far as it was judged, a file that was opened.
+// far as it was judged.
 #pragma once
 
 #include <string_view>
@@ -50,14 +50,6 @@ struct Renaming {
   FileVerdict named = {};
   bool at_final_path = false;  // the target leads through no link
   OwnHandle existing = {};     // what is there
-};
-
-// A file that a confined call has opened.
-struct OpenedFile {
-  std::wstring_view path;
-  FileVerdict named;
-  bool created;
-  bool delete_on_close;
 };
 
 }  // namespace VornCore

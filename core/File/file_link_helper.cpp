@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include "File/created_files.h"
 #include "File/drive_table.h"
 #include "File/scratch_path.h"
 #include "Platform/native.h"
@@ -85,7 +86,9 @@ std::wstring_view FileLinkHelper::ResolveFinalPath(std::wstring_view path, bool 
       file.put(), SYNCHRONIZE | FILE_READ_ATTRIBUTES, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
       options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
   if (!nt::Success(status)) return {};
-  const std::wstring_view target = FinalPathOf(file.get());
+  std::wstring_view target = FinalPathOf(file.get());
+  const std::wstring_view spelled = path.substr(0, path.size() - path.ends_with(L'\\'));
+  if (!vorn::policy::EqualsNoCase(U16(target), U16(spelled)) && !IsPathOf(file.get(), target)) target = {};
   if (keep_open && !target.empty()) file_ = std::move(file);
   return target;
 }
@@ -107,6 +110,18 @@ std::wstring_view FinalPathOf(HANDLE file) noexcept {
   const std::wstring_view path(buffer, units);
   return StartsWithNoCase(U16(path), kMupPrefix) && IsDavFile(file) ? InsertDavRoot(path, buffer, room)
                                                                     : path;
+}
+
+bool IsPathOf(HANDLE file, std::wstring_view final_path) noexcept {
+  if (!platform::Native().paths_can_be_wrong) return true;
+  UNICODE_STRING name = nt::CountedString(final_path.data(), final_path.size() * sizeof(wchar_t));
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+  IO_STATUS_BLOCK io;
+  OwnHandle other;
+  const NTSTATUS status = Ntdll::CallOriginalNtCreateFile(
+      other.put(), SYNCHRONIZE | FILE_READ_ATTRIBUTES, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
+      FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+  return nt::Success(status) && FileIdOf(other.get()) == FileIdOf(file);
 }
 
 std::uint32_t LinkCountOf(HANDLE file) noexcept {

@@ -37,6 +37,8 @@ class FileLinkHelper {
 
   // Hard links of that file; 1 when they cannot be counted or it does not exist.
   std::uint32_t LinkCount() noexcept;
+  // Whether that file exists: it is open.
+  bool IsOpen() const noexcept { return static_cast<bool>(file_); }
   // Closes that file.
   void Close() noexcept;
 
@@ -60,6 +62,9 @@ class FileLinkHelper {
 // The final, link-free NT path of an open file, terminated, in scratch slot 0 of the current level. Empty
 // when it cannot be told.
 std::wstring_view FinalPathOf(HANDLE file) noexcept;
+
+// Whether that, as the system told it, is really the path of file.
+bool IsPathOf(HANDLE file, std::wstring_view final_path) noexcept;
 
 // Hard links of an open file; of a folder 1. 0 when they cannot be counted.
 std::uint32_t LinkCountOf(HANDLE file) noexcept;

@@ -22,7 +22,6 @@
 namespace VornCore {
 
 struct OpenCall;
-struct OpenedFile;
 struct SetFileCall;
 struct Renaming;
 
@@ -62,7 +61,8 @@ class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKer
   void ApplyDecision(OpenCall& call) noexcept;
   bool Narrow(OpenCall& call) noexcept;
   void OpenRecorded(OpenCall& call) noexcept;
-  void Record(const OpenCall& call) noexcept;
+  bool LandedAsDecided(OpenCall& call) noexcept;
+  void Record(const OpenCall& call, std::uint32_t kept = 0) noexcept;
 
   // Changing.
   struct Outcome {
@@ -75,7 +75,7 @@ class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKer
     ULONG flags;          // class 64
   };
   Outcome HoldPlace(AuditType type, HANDLE handle, std::wstring_view target = {}) noexcept;
-  Outcome HandleBasicInformation(HANDLE handle) noexcept;
+  Outcome RefuseWithout(ACCESS_MASK right, const SetFileCall& call) noexcept;
   void* HandleDisposition(const SetFileCall& call, DispositionBuffer* substitute) noexcept;
   Outcome HandleRename(const SetFileCall& call) noexcept;
   Outcome JudgeRename(const SetFileCall& call, Renaming& renaming) noexcept;
@@ -86,12 +86,13 @@ class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKer
   // Deleting and replacing for real.
   HandleRecordPtr RecordOf(HANDLE handle) noexcept;
   Outcome DeleteForReal(const SetFileCall& call) noexcept;
-  NTSTATUS KeepPending(const SetFileCall& call, const FileHandleRecord& record) noexcept;
+  NTSTATUS KeepAndDelete(const SetFileCall& call, const FileHandleRecord& record) noexcept;
+  NTSTATUS Defer(const SetFileCall& call) noexcept;
   Outcome RenameForReal(const SetFileCall& call) noexcept;
   FileDecision DecideTarget(Renaming& renaming) noexcept;
   std::uint32_t KeepReplaced(HANDLE handle, const Renaming& renaming) noexcept;
   void FollowRename(HANDLE handle, const Renaming& renaming) noexcept;
-  std::uint32_t KeepOpened(HANDLE handle, const OpenedFile& opened) noexcept;
+  std::uint32_t KeepBeforeOpening(const OpenCall& call) noexcept;
   void ReportKept(const FileHandleRecord& record) noexcept;
 
   FileACLModel model_;

@@ -1,4 +1,6 @@
 // Renaming, deleting, writing, closing, moving: guard, judge by the handle's record, real call, audit.
+#include <utility>
+
 #include "File/file_audit.h"
 #include "File/file_change.h"
 #include "File/file_helper.h"
@@ -80,6 +82,19 @@ std::wstring_view GetRenameTargetPath(HANDLE file, const RenameRequest& request)
   return nt::Success(GetPath(request.root, &name, &path)) ? path : std::wstring_view();
 }
 
+// What a handle needs for this information to be set; 0 where the system's own answer does.
+ACCESS_MASK RightToSet(ULONG info_class) {
+  switch (info_class) {
+    case nt::kFileBasicInformation:
+      return GetSection().Has(SectionOption::kProtectionIsAWrite) ? FILE_WRITE_ATTRIBUTES : 0;
+    case nt::kFileAllocationInformation:
+    case nt::kFileEndOfFileInformation:
+      return FILE_WRITE_DATA;
+    default:
+      return 0;
+  }
+}
+
 }  // namespace
 
 DispositionRequest ReadDisposition(const SetFileCall& call) {
@@ -110,8 +125,8 @@ NTSTATUS CFileMgr::NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoSt
       if (ReadDisposition(call).remove) outcome = HoldPlace(AuditType::kDelete, FileHandle);
       if (!outcome.decided && for_real && !own) outcome = DeleteForReal(call);
       if (!outcome.decided) call.information = HandleDisposition(call, &substitute);
-    } else if (FileInformation && info_class == nt::kFileBasicInformation) {
-      outcome = HandleBasicInformation(FileHandle);
+    } else if (const ACCESS_MASK right = RightToSet(info_class); FileInformation && right) {
+      outcome = RefuseWithout(right, call);
     } else if (FileInformation && (call.Renames() || call.Links()) && !own) {
       outcome = for_real ? RenameForReal(call) : HandleRename(call);
     }
@@ -146,14 +161,14 @@ CFileMgr::Outcome CFileMgr::HoldPlace(AuditType type, HANDLE handle, std::wstrin
   return {true, true, STATUS_ACCESS_DENIED};
 }
 
-// Not every system asks for the right to write attributes when they are written.
-CFileMgr::Outcome CFileMgr::HandleBasicInformation(HANDLE handle) noexcept {
-  if (!GetSection().Has(vorn::policy::SectionOption::kProtectionIsAWrite)) return {};
-  const HandleRecordPtr record = model_.handles().Find(handle);
-  if (!record || record->file.access != FileACL::kRead || (record->desired_access & FILE_WRITE_ATTRIBUTES))
-    return {};
-  SendFileAudit(AuditType::kWrite, STATUS_ACCESS_DENIED, {record->file, record->path});
-  return {true, true, HandleSetInformationFailure(STATUS_ACCESS_DENIED, handle, nt::kFileBasicInformation)};
+// Not every system asks a handle for that right, or says that it is missing.
+CFileMgr::Outcome CFileMgr::RefuseWithout(ACCESS_MASK right, const SetFileCall& call) noexcept {
+  const HandleRecordPtr record = model_.handles().Find(call.handle);
+  if (!record || record->file.access != FileACL::kRead || (record->desired_access & right)) return {};
+  // A failure of the other kinds reports itself.
+  if (call.info_class == nt::kFileBasicInformation || record->named.access == FileACL::kReadWrite)
+    SendFileAudit(AuditType::kWrite, STATUS_ACCESS_DENIED, {record->file, record->path});
+  return {true, true, HandleSetInformationFailure(STATUS_ACCESS_DENIED, call.handle, call.info_class)};
 }
 
 // A delete request on a recorded handle is remembered, and the real call that follows asks the system to
@@ -275,9 +290,11 @@ NTSTATUS CFileMgr::CloseFileHandle(HANDLE handle) noexcept {
                           model_.handles().Add(HandleRecordPtr(taken));
                           taken = nullptr;
                         });
-  const HandleRecordPtr record(taken);
+  HandleRecordPtr record(taken);
   if (record && record->kept) ReportKept(*record);
-  return record && record->delete_flags ? DeleteFileToRecycleBin(record->path, record->named) : status;
+  if (record && record->delete_flags) return DeleteFileToRecycleBin(record->path, record->named);
+  Retire(std::move(record));
+  return status;
 }
 
 NTSTATUS CFileMgr::DeleteFileToRecycleBin(std::wstring_view path, const FileVerdict& verdict) noexcept {

@@ -5,6 +5,7 @@
 #include "File/file_link_helper.h"
 #include "File/file_mgr.h"
 #include "File/kept_files.h"
+#include "File/open_call.h"
 #include "Platform/last_error.h"
 #include "Platform/native.h"
 #include "Policy/device_path.h"
@@ -42,20 +43,27 @@ NTSTATUS CallOff(HANDLE file) {
       static_cast<FILE_INFORMATION_CLASS>(nt::kFileDispositionInformation));
 }
 
-// Opened so that nobody notices.
-OwnHandle OpenForKeeping(std::wstring_view path) {
+// Opened so that nobody notices. *missing: there is no such file in its folder.
+OwnHandle OpenForKeeping(std::wstring_view path, bool* missing) {
   UNICODE_STRING name = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
   OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
   IO_STATUS_BLOCK io;
   OwnHandle file;
   const auto open = [&](ACCESS_MASK access) {
-    return nt::Success(Ntdll::CallOriginalNtCreateFile(
+    return Ntdll::CallOriginalNtCreateFile(
         file.put(), access | SYNCHRONIZE, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
-        FILE_OPEN_REPARSE_POINT | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0));
+        FILE_OPEN_REPARSE_POINT | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
   };
   // Some systems ask for the right to change attributes of whom gives a file one name more.
-  if (!open(FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES)) (void)open(FILE_READ_ATTRIBUTES);
+  const NTSTATUS status = open(FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES);
+  *missing = status == STATUS_OBJECT_NAME_NOT_FOUND;
+  if (!nt::Success(status) && !*missing) (void)open(FILE_READ_ATTRIBUTES);
   return file;
+}
+
+bool InOneFolder(std::wstring_view path, std::wstring_view other) {
+  const std::size_t end = path.rfind(L'\\') + 1;
+  return other.rfind(L'\\') + 1 == end && EqualsNoCase(U16(path.substr(0, end)), U16(other.substr(0, end)));
 }
 
 }  // namespace
@@ -98,39 +106,39 @@ CFileMgr::Outcome CFileMgr::DeleteForReal(const SetFileCall& call) noexcept {
     SendFileAudit(AuditType::kDelete, STATUS_ACCESS_DENIED, {record->named, record->path});
     return {true, true, STATUS_ACCESS_DENIED};
   }
-  // The system is asked first, so that nothing is made for a deletion that it refuses.
-  NTSTATUS status = call.Real();
-  if (!nt::Success(status)) return {true, false, status};
-  if (record->kept) {
-    handles.SetKept(call.handle, record->kept);
-  } else if (!created_.Holds(call.handle, record->path)) {
-    status = KeepPending(call, *record);
+  if (record->kept || created_.Holds(call.handle, record->path)) {
+    const NTSTATUS status = call.Real();
+    if (nt::Success(status) && record->kept) handles.SetKept(call.handle, record->kept);
+    return {true, false, status};
   }
-  return {true, false, status};
+  return {true, false, CanKeep(record->path) ? KeepAndDelete(call, *record) : Defer(call)};
 }
 
-// The deletion is granted: it is taken back for the moment in which the file gets its second name.
-NTSTATUS CFileMgr::KeepPending(const SetFileCall& call, const FileHandleRecord& record) noexcept {
-  HandleRecords& handles = model_.handles();
-  if (!CanKeep(record.path)) {
-    const NTSTATUS status = CallOff(call.handle);
-    handles.SetDeleteDisposition(call.handle, nt::Success(status), false);
-    return STATUS_SUCCESS;
-  }
+// A file is kept first, and no longer when the system refuses: a process that ends in between loses nothing.
+// Of a folder there is nothing to lose.
+NTSTATUS CFileMgr::KeepAndDelete(const SetFileCall& call, const FileHandleRecord& record) noexcept {
   const Kind kind = KindOf(call.handle);
-  if (kind.folder) {
-    if (!kind.link) handles.SetKept(call.handle, KeepFolder(record.path));
-    return STATUS_SUCCESS;
-  }
-  (void)CallOff(call.handle);
-  const std::uint32_t kept = KeepFile(call.handle, record.path);
+  std::uint32_t kept = kind.folder ? 0 : KeepFile(call.handle, record.path);
   const NTSTATUS status = call.Real();
-  if (!nt::Success(status))
+  if (!nt::Success(status)) {
     TakeBackKept(record.path, kept);
-  else if (kept)
-    handles.SetKept(call.handle, kept);
-  else
+    return status;
+  }
+  if (kind.folder && !kind.link) kept = KeepFolder(record.path);
+  if (kept)
+    model_.handles().SetKept(call.handle, kept);
+  else if (!kind.folder)
     SendFileAudit(AuditType::kDelete, STATUS_SUCCESS, {record.named, record.path});
+  return status;
+}
+
+// The system judges the deletion, which is done at the close.
+NTSTATUS CFileMgr::Defer(const SetFileCall& call) noexcept {
+  const NTSTATUS status = call.Real();
+  if (nt::Success(status)) {
+    const NTSTATUS called_off = CallOff(call.handle);
+    model_.handles().SetDeleteDisposition(call.handle, nt::Success(called_off), false);
+  }
   return status;
 }
 
@@ -155,17 +163,26 @@ CFileMgr::Outcome CFileMgr::RenameForReal(const SetFileCall& call) noexcept {
 }
 
 // What lies at the target stays open until it has been kept. Its other names do not matter: it loses this
-// one.
+// one. Where nothing lies, the folder leads through no link when it is that of a file that does not.
 FileDecision CFileMgr::DecideTarget(Renaming& renaming) noexcept {
   const ScratchLevel level(GetThreadState());
   std::wstring_view final;
   FileDecision decision;
-  renaming.existing = OpenForKeeping(renaming.target);
-  if (renaming.existing) final = FinalPathOf(renaming.existing.get());
-  if (!final.empty())
+  bool missing = false;
+  renaming.existing = OpenForKeeping(renaming.target, &missing);
+  if (renaming.existing)
+    final = FinalPathOf(renaming.existing.get());
+  else if (missing && renaming.record && renaming.record->at_final_path &&
+           InOneFolder(renaming.record->path, renaming.target) &&
+           vorn::policy::FindStream(U16(renaming.target)) == vorn::policy::kNotFound)
+    final = renaming.target;
+  if (!final.empty()) {
     decision = model_.DecideByName(final);
-  else
-    decision = model_.DecideFinal(renaming.target, {.itself = true, .names = false}, &final);
+  } else {
+    FileACLModel::Place place;
+    decision = model_.DecideFinal(renaming.target, {.itself = true, .names = false}, &place);
+    final = place.path;
+  }
   renaming.at_final_path = EqualsNoCase(U16(final), U16(renaming.target));
   return decision;
 }
@@ -190,16 +207,12 @@ void CFileMgr::FollowRename(HANDLE handle, const Renaming& renaming) noexcept {
   model_.handles().Add(MakeHandleRecord(facts, renaming.target));
 }
 
-// What an opening leaves to be kept: the number of the file, 0 for none. The handle goes by what the system
-// did: a file that it has just made holds nothing that was there before.
-std::uint32_t CFileMgr::KeepOpened(HANDLE handle, const OpenedFile& opened) noexcept {
-  if (opened.created) created_.Remember(handle, opened.path);
-  if (opened.created || !opened.delete_on_close || created_.Holds(handle, opened.path) ||
-      KindOf(handle).folder)
-    return 0;
-  const std::uint32_t kept = KeepFile(handle, opened.path);
-  if (!kept) SendFileAudit(AuditType::kDelete, STATUS_SUCCESS, {opened.named, opened.path});
-  return kept;
+// What will be deleted with the handle that an opening is about to make: the number of the file, 0 for none.
+std::uint32_t CFileMgr::KeepBeforeOpening(const OpenCall& call) noexcept {
+  bool missing = false;
+  const OwnHandle file = OpenForKeeping(call.final, &missing);
+  if (!file || created_.Holds(file.get(), call.path) || KindOf(file.get()).folder) return 0;
+  return KeepFile(file.get(), call.path);
 }
 
 void CFileMgr::ReportKept(const FileHandleRecord& record) noexcept {

@@ -6,6 +6,7 @@
 #include "File/file_audit.h"
 #include "File/file_change.h"
 #include "File/file_helper.h"
+#include "File/file_link_helper.h"
 #include "File/file_mgr.h"
 #include "File/kept_files.h"
 #include "File/open_call.h"
@@ -226,7 +227,10 @@ void CFileMgr::Confine(OpenCall& call) noexcept {
   FileACLModel::Question question;
   if (call.Has(SectionOption::kHandleDecides))
     question = {.itself = (call.asked.options & FILE_OPEN_REPARSE_POINT) != 0, .names = call.NamesMatter()};
-  call.decision = model_.DecideFinal(path, question, &call.final);
+  FileACLModel::Place place;
+  call.decision = model_.DecideFinal(path, question, &place);
+  call.final = place.path;
+  call.was_missing = !place.exists;
   const std::uint64_t now = GetPreciseTimeMicros();
   OfferSample(path_time, now - start - path_time, now, call);
   ApplyDecision(call);
@@ -282,11 +286,36 @@ void CFileMgr::OpenRecorded(OpenCall& call) noexcept {
   // What the close will do is not left to the system; without the right to delete, the system refuses it.
   const bool ours = call.DeletesOnClose() ? !CanKeep(call.path) : !call.Has(SectionOption::kHandleDecides);
   if (ours) call.given.options &= ~FILE_DELETE_ON_CLOSE;
+  const std::uint32_t kept =
+      call.DeletesOnClose() && !ours && !call.was_missing ? KeepBeforeOpening(call) : 0;
   call.CallOnPath(kStepOpened);
-  if (nt::Success(call.status) && call.handle) Record(call);
+  if (!nt::Success(call.status))
+    TakeBackKept(call.path, kept);
+  else if (call.handle && LandedAsDecided(call))
+    Record(call, kept);
 }
 
-void CFileMgr::Record(const OpenCall& call) noexcept {
+// What was not there can be made elsewhere, by a link that leads nowhere. There it is taken back when the
+// rules do not allow it.
+bool CFileMgr::LandedAsDecided(OpenCall& call) noexcept {
+  if (!call.Has(SectionOption::kHandleDecides) || !call.was_missing || call.given.disposition == FILE_OPEN)
+    return true;
+  const ScratchLevel level(GetThreadState());
+  const std::wstring_view landed = FinalPathOf(*call.handle);
+  if (vorn::policy::EqualsNoCase(U16(landed), U16(call.final))) return true;
+  if (landed.empty())
+    call.decision = {};
+  else
+    call.decision = model_.DecideByName(landed);
+  if (call.decision.file.access == FileACL::kReadWrite && !call.decision.in_recycle_bin) return true;
+  const bool told = !landed.empty() && IsPathOf(*call.handle, landed);
+  call.CloseReal();
+  if (told) RemoveFile(landed);
+  call.Refuse(kStepReplaceRefused, AuditType::kCreate);
+  return false;
+}
+
+void CFileMgr::Record(const OpenCall& call, std::uint32_t kept) noexcept {
   HANDLE handle = *call.handle;
   if (!handle || handle == INVALID_HANDLE_VALUE) return;
   const bool deletes = call.DeletesOnClose();
@@ -296,9 +325,11 @@ void CFileMgr::Record(const OpenCall& call) noexcept {
                     .file = call.decision.file,
                     .named = call.decision.named,
                     .desired_access = call.given.access,
+                    .kept = kept,
                     .at_final_path = vorn::policy::EqualsNoCase(U16(call.path), U16(call.final))};
-  if (for_real && facts.named.access == FileACL::kReadWrite)
-    facts.kept = KeepOpened(handle, {call.path, facts.named, call.io->Information == FILE_CREATED, deletes});
+  // A file that the system has just made holds nothing that was there before.
+  const bool created = call.io->Information == FILE_CREATED;
+  if (for_real && created && facts.named.access == FileACL::kReadWrite) created_.Remember(handle, call.path);
   model_.handles().AddNew(MakeHandleRecord(facts, call.path));
 }
 

@@ -43,14 +43,15 @@ bool Covers(const FileDecision& decision, const FileDecision& opened, const Open
 
 }  // namespace
 
-// A truncation would be done before the handle could say anything, unless there is nothing to truncate. So
-// would a deletion at close: for a handle that is good for nothing else, it can be asked for later.
+// A truncation would be done before the handle could say anything: the file is first asked to be made anew,
+// for there may be nothing to truncate. So would a deletion at close: for a handle that is good for nothing
+// else, it can be asked for later.
 bool CFileMgr::MayOpenFirst(const OpenCall& call) noexcept {
   if (!call.Has(SectionOption::kHandleDecides) || !call.handle || !call.io || !LiesOnVolume(call.path))
     return false;
   if (call.asked.options & FILE_DELETE_ON_CLOSE) return DeletesAlone(call);
-  return !call.Truncates() || (call.asked.disposition != FILE_OVERWRITE &&
-                               !(call.asked.options & FILE_DIRECTORY_FILE) && !FileExists(call.path));
+  return !call.Truncates() ||
+         (call.asked.disposition != FILE_OVERWRITE && !(call.asked.options & FILE_DIRECTORY_FILE));
 }
 
 // With the rights that the rules give to the spelled path. False when the file has to be asked about before
@@ -69,23 +70,33 @@ bool CFileMgr::OpenFirst(OpenCall& call) noexcept {
     return ask();
   const bool creation_taken = call.given.disposition != call.asked.disposition;
   if (creation_taken && call.asked.disposition == FILE_CREATE) return ask();
+  // Not every system tells a file that was there from one that it made: it is asked for either.
+  const bool makes_missing = call.given.disposition == FILE_OPEN_IF;
   if (call.Truncates()) call.given.disposition = FILE_CREATE;
+  if (makes_missing) call.given.disposition = FILE_OPEN;
   call.delete_by_handle = (call.asked.options & FILE_DELETE_ON_CLOSE) != 0;
   if (call.delete_by_handle) call.given.options &= ~FILE_DELETE_ON_CLOSE;
   call.CallOnPath(kStepOpened);
+  if (makes_missing) {
+    call.given.disposition = FILE_CREATE;
+    if (call.status == STATUS_OBJECT_NAME_NOT_FOUND) call.CallOnPath(kStepOpened);
+    call.given.disposition = FILE_OPEN_IF;
+  }
   if (!nt::Success(call.status)) {
     // Where the path really leads, it may be created; or there is something by now.
-    const bool otherwise = (creation_taken && call.status == STATUS_OBJECT_NAME_NOT_FOUND) ||
-                           (call.Truncates() && call.status == STATUS_OBJECT_NAME_COLLISION);
+    const bool otherwise =
+        (creation_taken && call.status == STATUS_OBJECT_NAME_NOT_FOUND) ||
+        ((call.Truncates() || makes_missing) && call.status == STATUS_OBJECT_NAME_COLLISION);
     return !otherwise || ask();
   }
   const bool created = call.io->Information == FILE_CREATED;
   call.final = FinalPathOf(*call.handle);
+  const bool as_spelled = EqualsNoCase(U16(call.final), U16(call.path));
+  if (!as_spelled && !IsPathOf(*call.handle, call.final)) call.final = {};
   if (call.final.empty() && !created) {
     call.CloseReal();
     return ask();
   }
-  const bool as_spelled = EqualsNoCase(U16(call.final), U16(call.path));
   const bool names_matter = !created && call.NamesMatter();
   if (!as_spelled || names_matter) {
     if (call.final.empty())

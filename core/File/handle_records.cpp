@@ -12,29 +12,69 @@ namespace {
 std::uint64_t KeyOf(HANDLE handle) { return reinterpret_cast<std::uintptr_t>(handle) >> 2; }
 std::uint64_t HashOf(HANDLE handle) { return HashWord(KeyOf(handle)); }
 
+// Blocks that nobody needs, chained by their first words.
+std::atomic<void*> retired;
+
+void FreeRetired() {
+  for (void *block = retired.load(std::memory_order_relaxed) ? retired.exchange(nullptr) : nullptr, *next;
+       block; block = next) {
+    next = *static_cast<void**>(block);
+    free(block);
+  }
+}
+
 }  // namespace
 
 HandleRecordPtr MakeHandleRecord(const HandleFacts& facts, std::wstring_view path) noexcept {
+  FreeRetired();
   void* block = malloc(sizeof(FileHandleRecord) + (path.size() + 1) * sizeof(wchar_t));
   if (!block) return nullptr;
-  auto* record = new (block) FileHandleRecord{{}, {}, facts, {}};
+  auto* record = new (block) FileHandleRecord{{}, facts, {}};
   record->path = TerminatedCopy(reinterpret_cast<wchar_t*>(record + 1), path);
   return HandleRecordPtr(record);
 }
 
+void Retire(HandleRecordPtr record) noexcept {
+  if (!record) return;
+  void* const block = record.release();
+  void* next = retired.load(std::memory_order_relaxed);
+  do {
+    *static_cast<void**>(block) = next;
+  } while (!retired.compare_exchange_weak(next, block));
+}
+
+FileHandleRecord* HandleRecords::Shard::Lookup(HANDLE handle) const noexcept {
+  return index.Find(HashOf(handle),
+                    [&](const FileHandleRecord& record) { return KeyOf(record.handle) == KeyOf(handle); });
+}
+
+HandleRecords::Shard& HandleRecords::ShardOf(HANDLE handle) noexcept {
+  return shards_[KeyOf(handle) % kShards];
+}
+
+std::atomic<std::uint32_t>& HandleRecords::CountOf(HANDLE handle) noexcept {
+  return counts_[KeyOf(handle) % kCounts];
+}
+
+template <class Use>
+auto HandleRecords::With(HANDLE handle, Use&& use) noexcept {
+  if (CountOf(handle) == 0) return use(static_cast<FileHandleRecord*>(nullptr));
+  Shard& shard = ShardOf(handle);
+  platform::LockGuard guard(shard.lock);
+  return use(shard.Lookup(handle));
+}
+
 HandleRecords::~HandleRecords() {
-  platform::LockGuard guard(lock_);
-  for (ListNode *node = FirstNode(list_), *next; node; node = next) {
-    next = NextNode(node);
-    free(static_cast<FileHandleRecord*>(node));
-  }
+  for (Shard& shard : shards_) shard.index.Drain([](FileHandleRecord* record) { free(record); });
 }
 
 void HandleRecords::Add(HandleRecordPtr record) noexcept {
   if (!record) return;
-  platform::LockGuard guard(lock_);
-  index_.Insert(record.get(), HashOf(record->handle));
-  Append(list_, record.release());
+  HANDLE handle = record->handle;
+  Shard& shard = ShardOf(handle);
+  platform::LockGuard guard(shard.lock);
+  shard.index.Insert(record.release(), HashOf(handle));
+  ++CountOf(handle);
 }
 
 void HandleRecords::AddNew(HandleRecordPtr record) noexcept {
@@ -44,52 +84,53 @@ void HandleRecords::AddNew(HandleRecordPtr record) noexcept {
 }
 
 HandleRecordPtr HandleRecords::Find(HANDLE handle) noexcept {
-  platform::LockGuard guard(lock_);
-  const FileHandleRecord* record = Lookup(handle);
-  return record ? MakeHandleRecord(*record, record->path) : nullptr;
+  HandleRecordPtr copy;
+  With(handle, [&](const FileHandleRecord* record) {
+    if (record) copy = MakeHandleRecord(*record, record->path);
+  });
+  return copy;
 }
 
 HandleRecordPtr HandleRecords::Take(HANDLE handle) noexcept {
-  platform::LockGuard guard(lock_);
-  FileHandleRecord* record = Lookup(handle);
-  if (!record) return nullptr;
-  Remove(list_, record);
-  index_.Remove(record);
-  return HandleRecordPtr(record);
+  return With(handle, [&](FileHandleRecord* record) {
+    if (record) {
+      ShardOf(handle).index.Remove(record);
+      --CountOf(handle);
+    }
+    return HandleRecordPtr(record);
+  });
 }
 
 bool HandleRecords::Has(HANDLE handle) noexcept {
-  platform::LockGuard guard(lock_);
-  return Lookup(handle) != nullptr;
+  return With(handle, [](const FileHandleRecord* record) { return record != nullptr; });
 }
 
 void HandleRecords::SetDeleteDisposition(HANDLE handle, bool remove, bool on_close) noexcept {
-  platform::LockGuard guard(lock_);
-  FileHandleRecord* record = Lookup(handle);
-  if (!record || !(record->desired_access & DELETE)) return;
-  if (remove)
-    record->delete_flags |= kDeleteDisposition;
-  else
-    record->delete_flags &= ~kDeleteDisposition;
-  if (on_close) record->delete_flags &= ~kDeleteOnClose;
+  With(handle, [&](FileHandleRecord* record) {
+    if (!record || !(record->desired_access & DELETE)) return;
+    if (remove)
+      record->delete_flags |= kDeleteDisposition;
+    else
+      record->delete_flags &= ~kDeleteDisposition;
+    if (on_close) record->delete_flags &= ~kDeleteOnClose;
+  });
 }
 
 void HandleRecords::SetKept(HANDLE handle, std::uint32_t kept, bool called_off) noexcept {
-  platform::LockGuard guard(lock_);
-  FileHandleRecord* record = Lookup(handle);
-  if (!record) return;
-  record->kept = kept;
-  record->kept_called_off = called_off;
+  With(handle, [&](FileHandleRecord* record) {
+    if (!record) return;
+    record->kept = kept;
+    record->kept_called_off = called_off;
+  });
 }
 
 std::int32_t HandleRecords::count() noexcept {
-  platform::LockGuard guard(lock_);
-  return list_.count;
-}
-
-FileHandleRecord* HandleRecords::Lookup(HANDLE handle) const noexcept {
-  return index_.Find(HashOf(handle),
-                     [&](const FileHandleRecord& record) { return KeyOf(record.handle) == KeyOf(handle); });
+  std::size_t count = 0;
+  for (Shard& shard : shards_) {
+    platform::LockGuard guard(shard.lock);
+    count += shard.index.size();
+  }
+  return static_cast<std::int32_t>(count);
 }
 
 }  // namespace VornCore

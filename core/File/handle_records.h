@@ -1,12 +1,18 @@
 // What the library remembers of the file handles that were opened under a decision.
 //
-//   list_   ► record ⇄ record ⇄ record      in the order in which they were added
-//   index_  ► by handle                      so that closing one of many costs no walk
+//   shards_ ► index by handle ► record ⇄ record    in the order in which they were added
+//   counts_ ► how many records a few handles have  a handle that has none takes no lock
 //
 // A record is one heap block: the structure with the path's text behind it. The model hands out copies or
-// takes records out; nobody else holds a pointer into the list. Any thread; one lock.
+// takes records out; nobody else holds a pointer into an index.
+//
+// Any thread. Garbage collectors and debuggers suspend threads wherever they are, and close handles then: so
+// no lock is held across a system call, a close without a record takes none, one with a record takes only
+// that of its shard, and gives its block back without the heap.
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string_view>
@@ -15,7 +21,6 @@
 #include "Platform/lock.h"
 #include "Policy/file_decision.h"
 #include "VornCore/Base/hash_index.h"
-#include "VornCore/Base/list.h"
 #include "windows/nt.h"
 
 namespace VornCore {
@@ -38,7 +43,7 @@ struct HandleFacts {
 };
 
 struct ByHandle;
-struct FileHandleRecord : ListNode, HashNode<ByHandle>, HandleFacts {
+struct FileHandleRecord : HashNode<ByHandle>, HandleFacts {
   std::wstring_view path;  // canonical, terminated
 };
 
@@ -46,11 +51,15 @@ using HandleRecordPtr = platform::HeapPtr<FileHandleRecord>;
 
 // A record that is in no list; null when memory is short.
 HandleRecordPtr MakeHandleRecord(const HandleFacts& facts, std::wstring_view path) noexcept;
+// Frees record when the next one is made: without the heap, whose lock a suspended thread may hold.
+void Retire(HandleRecordPtr record) noexcept;
 
 class HandleRecords {
  public:
   HandleRecords() = default;
   ~HandleRecords();
+  HandleRecords(const HandleRecords&) = delete;
+  HandleRecords& operator=(const HandleRecords&) = delete;
 
   // Appends record; nothing for null.
   void Add(HandleRecordPtr record) noexcept;
@@ -71,11 +80,22 @@ class HandleRecords {
   std::int32_t count() noexcept;
 
  private:
-  FileHandleRecord* Lookup(HANDLE handle) const noexcept;
+  static constexpr std::size_t kShards = 16, kCounts = 1024;
+  struct Shard {
+    platform::CriticalSection lock;
+    HashIndex<FileHandleRecord, ByHandle> index;
 
-  platform::CriticalSection lock_;
-  ListHead list_;
-  HashIndex<FileHandleRecord, ByHandle> index_;
+    FileHandleRecord* Lookup(HANDLE handle) const noexcept;
+  };
+
+  Shard& ShardOf(HANDLE handle) noexcept;
+  std::atomic<std::uint32_t>& CountOf(HANDLE handle) noexcept;
+  // What use makes of the oldest record of handle, under its lock; what it makes of null when there is none.
+  template <class Use>
+  auto With(HANDLE handle, Use&& use) noexcept;
+
+  std::array<Shard, kShards> shards_;
+  std::array<std::atomic<std::uint32_t>, kCounts> counts_ = {};
 };
 
 }  // namespace VornCore

@@ -4,10 +4,12 @@
 #include <cstdio>
 
 #include "File/file_helper.h"
+#include "File/file_link_helper.h"
 #include "File/scratch_path.h"
 #include "Platform/local_time.h"
 #include "Platform/native.h"
 #include "Policy/kept_file.h"
+#include "Policy/text.h"
 #include "Policy/wide.h"
 #include "VornCore/Base/log.h"
 #include "VornCore/Base/shared_data.h"
@@ -29,6 +31,24 @@ constexpr ULONG kCopyBytes = 1u << 16;
 
 std::atomic<std::uint32_t> last_number;
 
+// How names in the folder of the only trash are best spelled; folder itself where the system does not care.
+std::u16string_view SpelledFolder(std::u16string_view folder) noexcept {
+  static std::atomic<const wchar_t*> spelled;
+  if (GetSection().FormatOfKept() != KeepFormat::kTrash) return folder;
+  if (const wchar_t* known = spelled.load()) return U16(std::wstring_view(known));
+  wchar_t dos_path[kMaxNameUnits], exact[kMaxNameUnits];
+  if (folder.size() >= kMaxNameUnits) return folder;
+  TerminatedCopy(dos_path, vorn::policy::W(folder));
+  const std::size_t units =
+      NtPathToDosPath(dos_path) ? platform::Native().ExactFolder(dos_path, exact, kMaxNameUnits - 1) : 0;
+  if (!units) return folder;
+  exact[units] = 0;
+  platform::HeapString made = WideDup(exact);
+  const wchar_t* none = nullptr;
+  if (!made || !spelled.compare_exchange_strong(none, made.get())) return folder;
+  return U16(std::wstring_view(made.release()));
+}
+
 // The file itself and its index, under one number.
 struct KeptNames {
   char16_t file[kMaxNameUnits], index[kMaxNameUnits];
@@ -36,8 +56,9 @@ struct KeptNames {
 
   KeptNames(std::wstring_view path, std::uint32_t number) noexcept {
     const auto& section = GetSection();
-    const std::u16string_view folder = section.KeepFolderOf(U16(path)).text;
-    if (folder.empty()) return;
+    const std::u16string_view place = section.KeepFolderOf(U16(path)).text;
+    if (place.empty()) return;
+    const std::u16string_view folder = SpelledFolder(place);
     const KeptTail tail{section.RunName().text, GetCurrentProcessId(), number,
                         vorn::policy::ExtensionToKeep(U16(path))};
     file_units = BuildKeptName(section.FormatOfKept(), KeptPart::kFile, folder, tail, file);
@@ -143,7 +164,10 @@ std::wstring_view FinalPath(HANDLE file, std::wstring_view path) noexcept {
   wchar_t* buffer = file ? ScratchPath(1, kMaxPathUnits) : nullptr;
   const DWORD units =
       buffer ? platform::Native().GetFinalPathNameByHandleW(file, buffer, kMaxPathUnits, VOLUME_NAME_NT) : 0;
-  return units && units < kMaxPathUnits ? std::wstring_view(buffer, units) : path;
+  if (!units || units >= kMaxPathUnits) return path;
+  const std::wstring_view final(buffer, units);
+  const bool told = vorn::policy::EqualsNoCase(U16(final), U16(path)) || IsPathOf(file, final);
+  return told ? final : path;
 }
 
 // Index, then what store makes under the kept name. file: null for a folder.

@@ -61,6 +61,7 @@ struct OpenCall {
   std::wstring_view path = {};   // canonical, once it is known
   std::wstring_view final = {};  // where that leads: link-free, as far as it is known
   FileDecision decision = {};
+  bool was_missing = false;       // there was no such file when that was found out
   bool delete_by_handle = false;  // a deletion at close that the open handle is asked for instead
   NTSTATUS status = STATUS_SUCCESS;
   Step step = kStepNone;

@@ -27,7 +27,9 @@ NativeApi RealFunctions() noexcept {
       reinterpret_cast<decltype(&::FindNextFileNameW)>(GetProcAddress(kernel32, "FindNextFileNameW"));
   api.FindClose = &::FindClose;
   api.AliasTarget = [](std::wstring_view, wchar_t*, std::size_t) -> std::size_t { return 0; };
+  api.paths_can_be_wrong = false;
   api.UnixPath = [](const wchar_t*, char*, std::size_t) -> std::size_t { return 0; };
+  api.ExactFolder = [](const wchar_t*, wchar_t*, std::size_t) -> std::size_t { return 0; };
   api.LoadMiniDumpWriteDump = &LoadMiniDumpWriteDump;
   if (IsWine()) wine::Adapt(api);
   return api;

@@ -31,6 +31,9 @@ struct NativeApi {
   decltype(&::NtQueryInformationFile) NtQueryInformationFile;
   decltype(&::NtReadFile) NtReadFile;
   decltype(&::GetFinalPathNameByHandleW) GetFinalPathNameByHandleW;
+  // Whether the path that is told of a file may be another's: of one that lies where the name that the file
+  // was opened by leads meanwhile, or of one whose name has no dot at its end.
+  bool paths_can_be_wrong;
   decltype(&::GetFileInformationByHandle) GetFileInformationByHandle;
   decltype(&::GetFileInformationByHandleEx) GetFileInformationByHandleEx;
   // Names are told without the volume; one on another volume than the file's, where a system has such, as
@@ -44,6 +47,9 @@ struct NativeApi {
   // The Unix path of a drive-letter path, not terminated, on an implementation that has one: its length, else
   // 0.
   std::size_t (*UnixPath)(const wchar_t* path, char* out, std::size_t bytes);
+  // An NT name (at most units UTF-16 units, not terminated) for a folder given by its drive-letter path,
+  // below which a name means one spelling only, where looking for others takes time: its length, else 0.
+  std::size_t (*ExactFolder)(const wchar_t* path, wchar_t* out, std::size_t units);
   // Crashes.
   decltype(&platform::LoadMiniDumpWriteDump) LoadMiniDumpWriteDump;
 };

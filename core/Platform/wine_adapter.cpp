@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string>
 
 #include "Platform/wine_asking.h"
 #include "Platform/wine_link_names.h"
@@ -84,16 +85,41 @@ DWORD WINAPI GetFinalPathNameByHandle(HANDLE file, LPWSTR path, DWORD units, DWO
   return length;
 }
 
+constexpr UINT kUnixCodePage = 65010;
+
+// The name itself is taken as it is: a dot at its end would get lost with the path.
 std::size_t UnixPath(const wchar_t* path, char* out, std::size_t bytes) {
   using Convert = char*(CDECL*)(LPCWSTR);
   static const auto convert =
       reinterpret_cast<Convert>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name"));
-  char* name = convert ? convert(path) : nullptr;
-  if (!name) return 0;
-  const std::size_t length = strlen(name);
-  if (length <= bytes) std::copy_n(name, length, out);
-  HeapFree(GetProcessHeap(), 0, name);
-  return length <= bytes ? length : 0;
+  const wchar_t* name = wcsrchr(path, L'\\');
+  char* folder = convert && name ? convert(std::wstring(path, name + 1).c_str()) : nullptr;
+  if (!folder) return 0;
+  std::size_t length = strlen(folder);
+  if (length < bytes) {
+    std::copy_n(folder, length, out);
+    if (out[length - 1] != '/') out[length++] = '/';
+    const int name_bytes = WideCharToMultiByte(kUnixCodePage, 0, name + 1, -1, out + length,
+                                               static_cast<int>(bytes - length), nullptr, nullptr);
+    length = name_bytes > 0 ? length + static_cast<std::size_t>(name_bytes) - 1 : 0;
+  }
+  HeapFree(GetProcessHeap(), 0, folder);
+  return length < bytes ? length : 0;
+}
+
+// Names of the Unix side are exact; any other is compared with every name in its folder.
+std::size_t ExactFolder(const wchar_t* path, wchar_t* out, std::size_t units) {
+  constexpr std::wstring_view kUnixRoot = L"\\??\\unix";
+  char unix_path[4096];
+  const std::size_t bytes = UnixPath(path, unix_path, sizeof unix_path);
+  if (!bytes || units < kUnixRoot.size()) return 0;
+  std::copy_n(kUnixRoot.data(), kUnixRoot.size(), out);
+  wchar_t* const rest = out + kUnixRoot.size();
+  const int length = MultiByteToWideChar(kUnixCodePage, 0, unix_path, static_cast<int>(bytes), rest,
+                                         static_cast<int>(units - kUnixRoot.size()));
+  if (length <= 0) return 0;
+  std::replace(rest, rest + length, L'/', L'\\');
+  return kUnixRoot.size() + static_cast<std::size_t>(length);
 }
 
 // Whether the system lists the names of a file; asked for those of none.
@@ -113,7 +139,9 @@ void Adapt(NativeApi& api) noexcept {
   api.NtQueryFullAttributesFile = &QueryFullAttributesFile;
   api.GetFinalPathNameByHandleW = &GetFinalPathNameByHandle;
   api.AliasTarget = &AliasTarget;
+  api.paths_can_be_wrong = true;
   api.UnixPath = &UnixPath;
+  api.ExactFolder = &ExactFolder;
   if (!ListsLinkNames(api)) {
     api.FindFirstFileNameW = &FindFirstLinkName;
     api.FindNextFileNameW = &FindNextLinkName;

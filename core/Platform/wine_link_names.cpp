@@ -117,7 +117,8 @@ class Search {
   void Run() {
     Add(own_);
     if (Identify(file_, identity_)) {
-      for (const std::u16string& path : Index().PathsOf(identity_.id)) Try(path);
+      for (const std::u16string& path : Index().PathsOf(identity_.id))
+        if (!Done() && !EqualsNoCase(path, own_)) Try(path);
       if (!Done()) ReadFolders();
     }
     // The order must not tell what was known before.

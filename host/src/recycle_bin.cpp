@@ -15,6 +15,7 @@
 #include "vorn/environment.h"
 #include "vorn/nt_path.h"
 #include "vorn/recycle_info.h"
+#include "vorn/text.h"
 #include "windows/file_time.h"
 #include "windows/unique_handle.h"
 #include "windows/user_only_security.h"
@@ -87,10 +88,16 @@ UnixToDos GetUnixToDos() {
       GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_dos_file_name"));
 }
 
+// The name itself is taken as it is: a dot at its end would get lost with the path.
 std::wstring DosPath(UnixToDos convert, const std::string& unix_path) {
-  std::unique_ptr<wchar_t, void (*)(wchar_t*)> path(
-      convert(unix_path.c_str()), [](wchar_t* block) { HeapFree(GetProcessHeap(), 0, block); });
-  return path ? path.get() : L"";
+  const std::size_t name = unix_path.rfind('/') + 1;
+  std::unique_ptr<wchar_t, void (*)(wchar_t*)> folder(
+      convert(unix_path.substr(0, name).c_str()),
+      [](wchar_t* block) { HeapFree(GetProcessHeap(), 0, block); });
+  if (!folder) return {};
+  std::wstring path = folder.get();
+  if (!path.ends_with(L'\\')) path += L'\\';
+  return path + ToWide(unix_path.substr(name));
 }
 
 std::uint64_t LocalTimeToMs(const std::string& text) {
@@ -161,6 +168,9 @@ bool MakeBin(const std::wstring& bin) {
   return true;
 }
 
+// Of which the system takes no part for another name, as it does with a dot at its end.
+std::wstring Exact(const std::wstring& path) { return path.starts_with(L"\\\\") ? path : L"\\\\?\\" + path; }
+
 // A folder that is reached without a link, made where it is missing. As long as this object lives, nothing on
 // the way to it can be replaced where the system keeps a folder in place while it is open.
 class RealFolder {
@@ -176,12 +186,12 @@ class RealFolder {
     const bool root = path == path.root_path();
     const std::wstring parent = root ? std::wstring() : Enter(path.parent_path());
     if (!root && parent.empty()) return {};
-    if (!root) CreateDirectoryW(path.c_str(), nullptr);
+    if (!root) CreateDirectoryW(Exact(path).c_str(), nullptr);
     windows::UniqueHandle folder;
     // Only who may list it keeps a folder in its place.
     for (const DWORD access : {FILE_LIST_DIRECTORY, FILE_READ_ATTRIBUTES})
       if (!folder)
-        folder.reset(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+        folder.reset(CreateFileW(Exact(path).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                  OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
                                  nullptr));
     error_ = folder ? ERROR_SUCCESS : GetLastError();
@@ -249,7 +259,8 @@ RestoreOutcome RestoreFile(const RecycledFile& file, std::uint32_t* error) {
     return RestoreOutcome::kFailed;
   }
   // Without MOVEFILE_REPLACE_EXISTING: the system itself refuses to put it over another file.
-  if (!MoveFileExW(file.stored_path.c_str(), file.original_path.c_str(), MOVEFILE_COPY_ALLOWED)) {
+  if (!MoveFileExW(Exact(file.stored_path).c_str(), Exact(file.original_path).c_str(),
+                   MOVEFILE_COPY_ALLOWED)) {
     *error = GetLastError();
     if (*error == ERROR_ALREADY_EXISTS || *error == ERROR_FILE_EXISTS) return RestoreOutcome::kTargetExists;
     const bool gone = GetFileAttributesW(file.stored_path.c_str()) == INVALID_FILE_ATTRIBUTES;

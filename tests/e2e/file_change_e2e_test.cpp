@@ -153,14 +153,18 @@ TEST_F(FileChangeE2E, RefusedWritesAndSettingsAreReported) {
       .Add("write 0 new")
       .Add("disposition 0 13 0")
       .Add("times 0")
+      .Add("size 0 1")
       .Add("close 0");
-  script.Add(Open("write\\f.txt", "C0000000")).Add("write 0 new").Add("times 0").Add("close 0");
+  script.Add(Open("write\\f.txt", "C0000000"))
+      .Add("write 0 new")
+      .Add("times 0")
+      .Add("size 0 2")
+      .Add("close 0");
   const ScriptRun run = script.Run(script.Rules());
-  EXPECT_EQ(run.answers, (Answers{kOk, kRefused, "C0000022 0", kOk, kOk, kOk, kOk, kOk, kOk}));
-  EXPECT_EQ(run.audits, (Audits{Refused(AuditType::kWrite, kRead, "read\\f.txt"),
-                                Refused(AuditType::kWrite, kRead, "read\\f.txt")}));
+  EXPECT_EQ(run.answers, (Answers{kOk, kRefused, "C0000022 0", kOk, kRefused, kOk, kOk, kOk, kOk, kOk, kOk}));
+  EXPECT_EQ(run.audits, Audits(3, Refused(AuditType::kWrite, kRead, "read\\f.txt")));
   EXPECT_EQ(script.Read("read\\f.txt"), "old");
-  EXPECT_EQ(script.Read("write\\f.txt"), "new");
+  EXPECT_EQ(script.Read("write\\f.txt"), "ne");
   EXPECT_FALSE(run.LogLines("SetInformationFile Error 13, Path:").empty());
 }
 

@@ -1,7 +1,9 @@
 // Deletions and replacements that are the system's own, in a really confined process: what the program is
 // told is what the same calls answer without us, and what it deleted can be put back.
+#include <atomic>
 #include <map>
 #include <random>
+#include <thread>
 
 #include "tests/e2e/file_script.h"
 #include "vorn/recycle_bin.h"
@@ -27,14 +29,14 @@ class FileKeepE2E : public testing::Test {
   ScriptRun RunPermitted() {
     const ScriptRun run = script.Run(script.NoRefusals(), FileScript::kEverythingLogged, kForReal);
     EXPECT_EQ(run.exit_code, 0);
+    run_ = run.name;
     return run;
   }
   // What lies in the bin under this origin, by its text.
   std::vector<std::string> Kept(const std::string& name) const {
     std::vector<std::string> texts;
-    for (const host::RecycledFile& file : host::ListRecycleBin()) {
+    for (const host::RecycledFile& file : host::ListRecycleBin(run_)) {
       if (_stricmp(host::ToUtf8(file.original_path).c_str(), script.Dos(name).c_str()) != 0) continue;
-      EXPECT_FALSE(file.run.empty());
       std::ifstream stored(std::filesystem::path(file.stored_path), std::ios::binary);
       texts.emplace_back(std::istreambuf_iterator<char>(stored), std::istreambuf_iterator<char>());
     }
@@ -48,6 +50,7 @@ class FileKeepE2E : public testing::Test {
   }
 
   FileScript script;
+  std::string run_;
   const std::vector<std::string> kNothing, kOld{"old"};
 };
 
@@ -158,6 +161,60 @@ TEST_F(FileKeepE2E, AHandleFromElsewhereIsJudgedByItsFile) {
   EXPECT_EQ(run.audits[0].type, AuditType::kDelete);
   EXPECT_EQ(run.audits[1].type, AuditType::kRename);
   EXPECT_EQ(run.answers[9], std::string(kOk) + " 1");
+}
+
+// Names that a path of the other kind cannot say, or says of another file.
+TEST_F(FileKeepE2E, DeletionsMeetTheFileWhateverItsName) {
+  const std::string deep = "write\\" + std::string(150, 'a') + "\\" + std::string(150, 'b');
+  const auto exact = [&](const std::string& name) { return L"\\\\?\\" + script.Path(name).wstring(); };
+  CreateDirectoryW(exact(deep.substr(0, deep.rfind('\\'))).c_str(), nullptr);
+  const std::vector<std::string> names = {"write\\con.txt", "write\\dot.", "write\\blank ", "write\\...",
+                                          deep};
+  for (const std::string& name : names) {
+    vorn::windows::UniqueHandle file(
+        CreateFileW(exact(name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+    DWORD written;
+    ASSERT_TRUE(WriteFile(file.get(), "old", 3, &written, nullptr)) << name;
+    script.Add(Open(name, "10000")).Add("disposition 0 13 1").Add("close 0");
+  }
+  script.Write("write\\dot", "another");
+  (void)RunPermitted();
+  for (const std::string& name : names) {
+    EXPECT_EQ(GetFileAttributesW(exact(name).c_str()), INVALID_FILE_ATTRIBUTES) << name;
+    EXPECT_EQ(Kept(name), kOld) << name;
+  }
+  EXPECT_EQ(script.Read("write\\dot"), "another");
+  EXPECT_EQ(script.Read("write\\f.txt"), "old");
+}
+
+TEST_F(FileKeepE2E, AReplacedFileIsNeverMissing) {
+  constexpr int kReplacements = 100;
+  for (int i = 0; i < kReplacements; ++i)
+    script.Add("create 0 40010000 5 20 " + script.Nt("write\\new"))
+        .Add("write 0 new")
+        .Add("rename 0 10 1 " + script.Nt("write\\f.txt"))
+        .Add("close 0");
+  std::atomic<bool> done = false;
+  int missing = 0, old_ones = 0, new_ones = 0;
+  std::thread reader([&] {
+    while (!done) {
+      vorn::windows::UniqueHandle file(CreateFileW(script.Path("write\\f.txt").c_str(), GENERIC_READ, 7,
+                                                   nullptr, OPEN_EXISTING, 0, nullptr));
+      char text[4] = {};
+      DWORD bytes;
+      if (!file || !ReadFile(file.get(), text, 3, &bytes, nullptr) || !bytes)
+        ++missing;
+      else
+        ++(text == std::string("old") ? old_ones : new_ones);
+    }
+  });
+  (void)RunPermitted();
+  done = true;
+  reader.join();
+  EXPECT_EQ(missing, 0);
+  EXPECT_GT(old_ones, 0);
+  EXPECT_GT(new_ones, 0);
+  EXPECT_EQ(Kept("write\\f.txt"), kOld) << "what the program itself wrote is not kept";
 }
 
 // Ended in the middle of replacing and deleting, wherever that is: what was there is still there, or in the

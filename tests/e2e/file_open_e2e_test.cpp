@@ -2,7 +2,7 @@
 // names, and which audit arrives; each beside a run in which nothing is refused.
 #include <set>
 
-#include "tests/e2e/file_script.h"
+#include "tests/e2e/folder_link.h"
 #include "tests/unit/long_form.h"
 
 namespace vorn::test {
@@ -155,6 +155,29 @@ TEST(FileOpenE2E, FileOpenedByIdIsJudgedByItsPath) {
   const ScriptRun run = script.Run(script.Rules());
   EXPECT_EQ(run.answers[5], kOk);
   EXPECT_FALSE(run.LogLines("CreateOptions[2020->20]").empty()) << "by name from there on";
+}
+
+// What is decided is what is opened, wherever links lead by then.
+TEST(FileOpenE2E, ALinkGainsNothing) {
+  constexpr int kOpens = 3000;
+  FileScript script;
+  script.Write("deny\\f.txt", "denied");
+  script.Write("swap.sh",
+               "cd \"$1\"; until [ -e stop ]; do ln -sfn deny link; ln -sfn write link; done; rm link");
+  RunUnix(L"ln -s ../deny/new.txt", {script.Path("write\\dangling")});
+  RunUnix(L"sh", {script.Path("swap.sh"), script.Path("")});
+  const std::string dangling = script.Nt("write\\dangling");
+  for (const char* disposition : {"2", "3", "5"})
+    script.Add("create 0 40000000 " + std::string(disposition) + " 20 " + dangling).Add("close 0");
+  script.Add("race " + std::to_string(kOpens) + " " + script.Nt("link\\f.txt"));
+  const ScriptRun run = script.Run(script.Rules(), 0, host::kRunOptions);
+  EXPECT_EQ(run.answers.back(), "0");
+  EXPECT_EQ(script.Read("deny\\new.txt"), "(none)");
+  const ScriptRun control = script.Run(script.NoRefusals(), 0, host::kRunOptions);
+  EXPECT_GT(std::stoi(control.answers.back()), kOpens / 10);
+  EXPECT_NE(script.Read("deny\\new.txt"), "(none)");
+  script.Write("stop", "");
+  for (int i = 0; i < 500 && std::filesystem::exists(script.Path("link")); ++i) Sleep(10);
 }
 
 TEST(FileOpenE2E, CheckOffLetsEverythingPassAndLogsFailures) {

@@ -47,6 +47,7 @@ inline std::string UnixName(const std::filesystem::path& path) {
 
 struct ScriptRun {
   std::int64_t exit_code = -1;
+  std::string name;  // by which its deletions are kept; empty where they are not
   std::vector<std::string> answers;
   std::vector<Audit> audits;                  // in the order in which they were sent
   std::vector<policy::FileVerdict> verdicts;  // of the audits, where the section asks for them
@@ -107,15 +108,16 @@ class FileScript : public TestFolder {
       const auto* audit = message.As<policy::FileAudit>();
       return audit && audit->source == sentinel;
     };
+    ScriptRun run;
+    if (options & static_cast<std::uint32_t>(policy::SectionOption::kKeepByLink))
+      run.name = host::RunJournal::NewRunName();
     E2eConfinement host([&](host::SectionContents& section) {
       section.file_rules = rules;
       section.file_rules.push_back(Rule(FileACL::kDeny, host::ToUtf8(last)));
       section.flags = flags;
       if (options) section.options = options;
-      if (options & static_cast<std::uint32_t>(policy::SectionOption::kKeepByLink)) {
-        section.keep_places = host::FindKeepPlaces();
-        section.run = host::RunJournal::NewRunName();
-      }
+      if (!run.name.empty()) section.keep_places = host::FindKeepPlaces();
+      section.run = run.name;
     });
     host.Watch([&](const Received& message) {
       if (is_sentinel(message)) SetEvent(seen);
@@ -123,7 +125,6 @@ class FileScript : public TestFolder {
     SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
     HANDLE output =
         CreateFileW(answers.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr);
-    ScriptRun run;
     run.exit_code = host.Run(Probe("file_probe.exe", L"\"" + script.wstring() + L"\" \"" +
                                                          (path() / last).wstring() + L"\" " + last),
                              {.standard_output = output});

@@ -17,8 +17,11 @@
 //   disposition SLOT CLASS FLAGS                  NtSetInformationFile; prints the buffer afterwards too
 //   rename SLOT CLASS FLAGS NAME                  NtSetInformationFile; FLAGS 1 replaces an existing file
 //   times SLOT                                    sets the last write time
+//   size SLOT BYTES                               sets the end of the file
 //   delete NAME                                   NtDeleteFile
 //   move FLAGS FROM|TO                            MoveFileExW, drive-letter paths; prints the Win32 error
+//   race COUNT NAME                               opens for reading, COUNT times; prints how often the data
+//                                                 began with "d"
 //   storm THREADS COUNT FOLDER                    each thread opens and closes a file of FOLDER\open and is
 //                                                 refused THREAD_NUMBER of FOLDER\denied; prints how often
 //                                                 and failures, and on a line of its own how many handles
@@ -44,6 +47,8 @@
 
 extern "C" {
 NTSTATUS NTAPI NtDeleteFile(POBJECT_ATTRIBUTES);
+NTSTATUS NTAPI NtReadFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PVOID, ULONG,
+                          PLARGE_INTEGER, PULONG);
 NTSTATUS NTAPI NtSetInformationFile(HANDLE, PIO_STATUS_BLOCK, PVOID, ULONG, FILE_INFORMATION_CLASS);
 NTSTATUS NTAPI NtWriteFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, PVOID, ULONG,
                            PLARGE_INTEGER, PULONG);
@@ -158,6 +163,21 @@ void Storm(int threads, int count, const std::wstring& folder) {
   printf("%d refused, %d failed\n%d\n", refused.load(), failures.load(), vorn::test::OpenHandles() - handles);
 }
 
+int Race(int count, const std::wstring& path) {
+  int reached = 0;
+  for (int i = 0; i < count; ++i) {
+    HANDLE file;
+    char byte = 0;
+    IO_STATUS_BLOCK io;
+    if (Create(&file, GENERIC_READ | SYNCHRONIZE, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, Name(path)) < 0)
+      continue;
+    NtReadFile(file, nullptr, nullptr, nullptr, &io, &byte, 1, nullptr, nullptr);
+    NtClose(file);
+    reached += byte == 'd';
+  }
+  return reached;
+}
+
 void Print(NTSTATUS status) { printf("%lX\n", static_cast<unsigned long>(status)); }
 
 void Execute(const std::string& line) {
@@ -218,6 +238,11 @@ void Execute(const std::string& line) {
     FILE_BASIC_INFO info = {};
     info.LastWriteTime.QuadPart = 125911584000000000;
     Print(Set(words.Slot(), &info, sizeof info, 4));
+  } else if (command == "size") {
+    HANDLE slot = words.Slot();
+    FILE_END_OF_FILE_INFO info;
+    info.EndOfFile.QuadPart = words.Decimal();
+    Print(Set(slot, &info, sizeof info, 20));
   } else if (command == "delete") {
     Name name(words.Rest());
     Print(NtDeleteFile(&name.attributes));
@@ -227,6 +252,9 @@ void Execute(const std::string& line) {
     const std::size_t bar = both.find(L'|');
     const bool moved = MoveFileExW(both.substr(0, bar).c_str(), both.substr(bar + 1).c_str(), flags);
     printf("%lu\n", moved ? 0 : GetLastError());
+  } else if (command == "race") {
+    const int count = static_cast<int>(words.Decimal());
+    printf("%d\n", Race(count, words.Rest()));
   } else if (command == "storm") {
     const int threads = static_cast<int>(words.Decimal()), count = static_cast<int>(words.Decimal());
     Storm(threads, count, words.Rest());

@@ -92,14 +92,63 @@ TEST_F(FileStress, NoHandleRecordOrBlockIsLeftBehind) {
     ASSERT_TRUE(CreateHardLinkW(Dos(L"\\write\\both.txt").c_str(), Dos(L"\\read\\f.txt").c_str(), nullptr));
   });
   RunThreads();  // one-time allocations
+  const auto free_retired = [] { (void)MakeHandleRecord({}, L""); };
+  free_retired();
   const int handles = vorn::test::OpenHandles();
   const long blocks = live_blocks;
   RunThreads();
   EXPECT_LT(vorn::test::OpenHandles() - handles, kThreads);
+  free_retired();
   EXPECT_EQ(live_blocks, blocks);
   EXPECT_EQ(unclean_, 0);
   EXPECT_EQ(GetFileMgr().model().handles().count(), 0);
   EXPECT_EQ(Text(L"\\read\\f.txt"), "old");
+}
+
+// Garbage collectors, hook engines and crash dumps suspend threads wherever they are, and close handles then.
+TEST_F(FileStress, AThreadThatIsSuspendedInACloseStopsNoOther) {
+  constexpr int kSuspensions = 100;
+  std::atomic<bool> done = false;
+  std::atomic<HANDLE> handles[kThreads] = {};
+  std::vector<std::thread> workers;
+  for (int t = 0; t < kThreads; ++t)
+    workers.emplace_back([&, t] {
+      handles[t] = OpenThread(THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT, FALSE, GetCurrentThreadId());
+      while (!done)
+        NtClose(Create((L"\\write\\" + std::to_wstring(t)).c_str(), GENERIC_WRITE, FILE_OPEN_IF, 0).handle);
+      FreeThreadState();
+    });
+  HANDLE events[3];
+  for (HANDLE& event : events) event = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  const auto [opened, asked, closed] = events;
+  std::thread closer([&] {
+    for (int i = 0; i < kSuspensions; ++i) {
+      HANDLE file = Create(L"\\write\\closer", GENERIC_WRITE, FILE_OPEN_IF, 0).handle;
+      SignalObjectAndWait(opened, asked, INFINITE, FALSE);
+      NtClose(file);
+      SetEvent(closed);
+    }
+    FreeThreadState();
+  });
+  bool stopped = false;
+  for (int i = 0; i < kSuspensions && !stopped; ++i) {
+    WaitForSingleObject(opened, INFINITE);
+    for (auto& handle : handles) {
+      while (!handle) Sleep(1);
+      CONTEXT context = {};
+      context.ContextFlags = CONTEXT_CONTROL;
+      SuspendThread(handle);
+      GetThreadContext(handle, &context);  // waits until the thread stands
+    }
+    stopped = SignalObjectAndWait(asked, closed, 2000, FALSE) != WAIT_OBJECT_0;
+    for (auto& handle : handles) ResumeThread(handle);
+  }
+  closer.join();
+  done = true;
+  for (std::thread& worker : workers) worker.join();
+  for (auto& handle : handles) CloseHandle(handle);
+  for (HANDLE event : events) CloseHandle(event);
+  EXPECT_FALSE(stopped);
 }
 
 }  // namespace

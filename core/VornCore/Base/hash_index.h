@@ -72,6 +72,19 @@ class HashIndex {
     --count_;
   }
 
+  // Forgets all records, and gives each to end.
+  template <class End>
+  void Drain(End&& end) {
+    for (std::size_t i = 0; i < bucket_count_; ++i) {
+      for (Node *node = buckets_[i].first, *next; node; node = next) {
+        next = node->hash_next;
+        end(static_cast<Record*>(node));
+      }
+      buckets_[i] = {};
+    }
+    count_ = 0;
+  }
+
   // The first record added under this hash that matches, or null.
   template <class Match>
   Record* Find(std::uint64_t hash, Match&& match) const {
