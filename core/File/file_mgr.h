@@ -57,7 +57,7 @@ class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKer
   void Confine(OpenCall& call) noexcept;
   static bool MayOpenFirst(const OpenCall& call) noexcept;
   bool OpenFirst(OpenCall& call) noexcept;
-  void DeleteOpened(OpenCall& call) noexcept;
+  bool DeleteOpened(OpenCall& call) noexcept;
   void ApplyDecision(OpenCall& call) noexcept;
   bool Narrow(OpenCall& call) noexcept;
   void OpenRecorded(OpenCall& call) noexcept;

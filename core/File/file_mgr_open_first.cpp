@@ -107,8 +107,7 @@ bool CFileMgr::OpenFirst(OpenCall& call) noexcept {
   }
   if (Covers(call.decision, spelled, call, created)) {
     Record(call);
-    if (call.delete_by_handle) DeleteOpened(call);
-    return true;
+    return !call.delete_by_handle || DeleteOpened(call) || ask();
   }
   call.CloseReal();
   if (created) {
@@ -121,17 +120,18 @@ bool CFileMgr::OpenFirst(OpenCall& call) noexcept {
   return true;
 }
 
-// The system refuses what it would have refused at the opening.
-void CFileMgr::DeleteOpened(OpenCall& call) noexcept {
+// The system refuses what it would have refused at the opening; false where it may not have (a mapped file).
+bool CFileMgr::DeleteOpened(OpenCall& call) noexcept {
   IO_STATUS_BLOCK io;
   BOOLEAN remove = TRUE;
   const SetFileCall deletion{*call.handle, &io, &remove, sizeof remove, nt::kFileDispositionInformation};
   const Outcome outcome = DeleteForReal(deletion);
   const NTSTATUS status = outcome.decided ? outcome.status : deletion.Real();
-  if (nt::Success(status)) return;
+  if (nt::Success(status)) return true;
   (void)model_.handles().Take(*call.handle);
   call.CloseReal();
   call.status = status;
+  return status != STATUS_CANNOT_DELETE;
 }
 
 }  // namespace VornCore

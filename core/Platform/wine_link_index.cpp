@@ -10,17 +10,24 @@ std::uint32_t& LinkIndex::Chain(Chains& chains, std::uint64_t hash) {
   return chains[(hash * 0x9E3779B97F4A7C15u >> 32) % kChains];
 }
 
-std::vector<std::u16string> LinkIndex::PathsOf(LONGLONG id) {
-  std::vector<std::u16string> paths;
+std::vector<LinkIndex::Known> LinkIndex::NamesOf(LONGLONG id) {
+  std::vector<Known> known;
   const LockGuard guard(lock_);
   for (std::uint32_t i = Chain(name_chains_, static_cast<std::uint64_t>(id)); i != kNone;
        i = names_[i].before) {
     const Name& name = names_[i];
     if (name.id != id || !IsCurrent(name)) continue;
-    std::u16string& path = paths.emplace_back(folders_[name.folder].path);
-    path.append(1, u'\\').append(text_, name.at, name.units);
+    const FolderRecord& folder = folders_[name.folder];
+    known.push_back({folder.path, i, name.believed ? folder.changed : 0});
+    known.back().path.append(1, u'\\').append(text_, name.at, name.units);
   }
-  return paths;
+  return known;
+}
+
+void LinkIndex::Believe(std::uint32_t number, LONGLONG id) {
+  const LockGuard guard(lock_);
+  if (number < names_.size() && names_[number].id == id && IsCurrent(names_[number]))
+    names_[number].believed = true;
 }
 
 std::uint32_t LinkIndex::Number(std::u16string_view path, bool in_tree) {

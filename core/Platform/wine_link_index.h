@@ -1,8 +1,8 @@
 // Which file has which names, remembered of the folders that were read: file id -> paths.
 //
-// Nothing in it is believed. Who asks opens the names again; a folder is read again when its change time is
-// not the one that is remembered. Bounded: what does not fit is not remembered. Any thread; no lock is held
-// across a system call.
+// Little in it is believed. Who asks opens a name again, until it was seen once to be the file itself and as
+// long as its folder has not changed; a folder is read again when its change time is not the one that is
+// remembered. Bounded: what does not fit is not remembered. Any thread; no lock is held across a system call.
 //
 // Paths are drive-letter NT paths (\??\C:\a) without a backslash at the end.
 #pragma once
@@ -30,8 +30,15 @@ class LinkIndex {
  public:
   static constexpr std::uint32_t kNone = 0xFFFFFFFF;
 
-  // The paths that are remembered for a file.
-  std::vector<std::u16string> PathsOf(LONGLONG id);
+  // A name that is remembered for a file.
+  struct Known {
+    std::u16string path;
+    std::uint32_t number;
+    LONGLONG believed_while;  // its folder has this change time; 0: not believed
+  };
+  std::vector<Known> NamesOf(LONGLONG id);
+  // That name of the file with this id is one, and no link to one.
+  void Believe(std::uint32_t number, LONGLONG id);
 
   // The number of a folder; numbers count up from 0. in_tree: the folders below it are followed, too. kNone
   // when there are too many.
@@ -67,6 +74,7 @@ class LinkIndex {
     std::uint32_t folder;
     std::uint32_t reading;
     std::uint32_t at, units;  // in text_
+    bool believed = false;
   };
 
   static std::uint32_t& Chain(Chains& chains, std::uint64_t hash);

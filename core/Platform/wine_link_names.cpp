@@ -117,8 +117,13 @@ class Search {
   void Run() {
     Add(own_);
     if (Identify(file_, identity_)) {
-      for (const std::u16string& path : Index().PathsOf(identity_.id))
-        if (!Done() && !EqualsNoCase(path, own_)) Try(path);
+      for (const LinkIndex::Known& known : Index().NamesOf(identity_.id)) {
+        if (Done() || EqualsNoCase(known.path, own_)) continue;
+        if (IsUnchanged(known))
+          Add(known.path);
+        else if (Try(known.path))
+          Index().Believe(known.number, identity_.id);
+      }
       if (!Done()) ReadFolders();
     }
     // The order must not tell what was known before.
@@ -156,18 +161,36 @@ class Search {
     found_.push_back(std::move(name));
   }
 
+  static bool Ask(const std::u16string& path, FILE_NETWORK_OPEN_INFORMATION& info) {
+    PathName name(path);
+    return nt::Success(::NtQueryFullAttributesFile(name.attributes(), &info));
+  }
+
+  // Whether a name that was believed still is one: asked by path, which costs no request to the server. The
+  // times of the file are compared, because files of another file system may have the same ids.
+  bool IsUnchanged(const LinkIndex::Known& known) const {
+    FILE_NETWORK_OPEN_INFORMATION folder, file;
+    return known.believed_while && Ask(known.path.substr(0, known.path.rfind(u'\\')), folder) &&
+           folder.ChangeTime.QuadPart == known.believed_while && Ask(known.path, file) &&
+           file.ChangeTime.QuadPart == identity_.changed && file.EndOfFile.QuadPart == identity_.size;
+  }
+
   // Adds path when it is a name of the file, and no link to one of its names. Both are looked at once more
   // where one of them may have been written to in between.
-  void Try(const std::u16string& path) {
+  bool Try(const std::u16string& path) {
     const UniqueHandle other = Open(path, 0, FILE_READ_ATTRIBUTES);
     for (int i = 0; other && i < 4; ++i) {
       Identity identity;
-      if (!Identify(other.get(), identity) || identity.id != identity_.id) return;
+      if (!Identify(other.get(), identity) || identity.id != identity_.id) return false;
       const std::u16string_view name(U16(info_->name), info_->name_bytes / sizeof(wchar_t));
-      if (!EqualsNoCase(std::u16string_view(path).substr(kDriveUnits), name)) return;
-      if (identity == identity_) return Add(path);
-      if (!Identify(file_, identity_)) return;
+      if (!EqualsNoCase(std::u16string_view(path).substr(kDriveUnits), name)) return false;
+      if (identity == identity_) {
+        Add(path);
+        return true;
+      }
+      if (!Identify(file_, identity_)) return false;
     }
+    return false;
   }
 
   void ReadFolders() {
@@ -194,11 +217,10 @@ class Search {
     std::u16string path = folder.path;
     if (path.size() == kDriveUnits) path += u'\\';
     FILE_NETWORK_OPEN_INFORMATION info;
-    PathName name(path);
-    if (!nt::Success(::NtQueryFullAttributesFile(name.attributes(), &info))) return;
+    if (!Ask(path, info)) return;
     const LONGLONG changed = info.ChangeTime.QuadPart;
     if (changed == folder.changed) return;
-    if (!(info.FileAttributes & FILE_ATTRIBUTE_DIRECTORY)) return Try(path);
+    if (!(info.FileAttributes & FILE_ATTRIBUTE_DIRECTORY)) return (void)Try(path);
     const LONGLONG now = Now();
     FolderListing listing;
     const bool whole = ReadFolder(path, listing);
@@ -212,7 +234,7 @@ class Search {
         if (next < number && !Done()) Refresh(next);  // it was read before, as the file's own folder
       }
     for (const FolderListing::File& file : listing.files)
-      if (file.id == identity_.id) Try(std::u16string(folder.path).append(1, u'\\').append(file.name));
+      if (file.id == identity_.id) (void)Try(std::u16string(folder.path).append(1, u'\\').append(file.name));
   }
 
   // False when it was cut.

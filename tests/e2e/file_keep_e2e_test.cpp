@@ -85,9 +85,40 @@ TEST_F(FileKeepE2E, WhatTheSystemRefusesStaysAndLeavesNothingBehind) {
   script.Add("create 1 80000000 1 20 " + script.Nt("deny\\f.txt"));                   // held open
   Rename("write\\f.txt", "deny\\f.txt");
   script.Add("close 0").Add("close 1");
+  // A module that runs.
+  std::filesystem::copy_file(BuildPath("vorn_ipc.dll"), script.Path("write\\run.dll"));
+  HMODULE module =
+      LoadLibraryExW(script.Path("write\\run.dll").c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES);
+  ASSERT_NE(module, nullptr);
+  script.Add(Open("write\\run.dll", "10000")).Add("disposition 0 13 1").Add("close 0");
+  Rename("write\\f.txt", "write\\run.dll");
+  script.Add("close 0");
+  Rename("write\\f.txt", "deny");  // a folder
+  script.Add("close 0");
   const ScriptRun run = RunPermitted();
-  EXPECT_EQ(run.answers, (Answers{kOk, std::string(kNotEmpty) + " 1", kOk, kOk,
-                                  std::string(kCannotDelete) + " 1", kOk, kOk, kOk, kRefused, kOk, kOk}));
+  FreeLibrary(module);
+  EXPECT_EQ(run.answers, (Answers{kOk,
+                                  std::string(kNotEmpty) + " 1",
+                                  kOk,
+                                  kOk,
+                                  std::string(kCannotDelete) + " 1",
+                                  kOk,
+                                  kOk,
+                                  kOk,
+                                  kRefused,
+                                  kOk,
+                                  kOk,
+                                  kOk,
+                                  std::string(kCannotDelete) + " 1",
+                                  kOk,
+                                  kOk,
+                                  kRefused,
+                                  kOk,
+                                  kOk,
+                                  kRefused,
+                                  kOk}));
+  EXPECT_TRUE(std::filesystem::exists(script.Path("write\\run.dll")));
+  EXPECT_EQ(Kept("write\\run.dll"), kNothing);
   for (const char* name : {"write\\f.txt", "read\\f.txt", "deny\\f.txt"}) {
     EXPECT_EQ(script.Read(name), "old") << name;
     EXPECT_EQ(Kept(name), kNothing) << name;

@@ -104,6 +104,7 @@ class Sequence {
 
   void Finish() {
     for (HANDLE& slot : slots_) Close(slot);
+    for (const void* view : views_) UnmapViewOfFile(view);
     std::printf("tree\n");
     List(folder_, 1);
   }
@@ -139,7 +140,7 @@ class Sequence {
     const wchar_t* name = Pick(kNames, choice.b);
     const wchar_t* other = Pick(kNames, choice.c);
     const int number = static_cast<int>(choice.a % kSlots);
-    switch (choice.kind % 24) {
+    switch (choice.kind % 25) {
       case 0:
       case 1:
       case 2:
@@ -203,6 +204,8 @@ class Sequence {
         Say("remove %ls", name);
         return Result(RemoveDirectoryW(Dos(name).c_str()));
       case 22:
+        return Map(slot);
+      case 23:
         if (choice.d % 2) {
           Say("attributes %ls %lX", name, Pick(kAttributes, choice.e));
           return Result(SetFileAttributesW(Dos(name).c_str(), Pick(kAttributes, choice.e)));
@@ -297,6 +300,17 @@ class Sequence {
                                 static_cast<FILE_INFORMATION_CLASS>(info_class)));
   }
 
+  // A file that is mapped cannot be deleted or cut off everywhere. The view stays to the end of the sequence.
+  void Map(HANDLE slot) {
+    Say("map");
+    HANDLE section = CreateFileMappingW(slot ? slot : INVALID_HANDLE_VALUE, nullptr, PAGE_READONLY, 0,
+                                        slot ? 0 : 1, nullptr);
+    Result(section != nullptr);
+    if (void* view = section ? MapViewOfFile(section, FILE_MAP_READ, 0, 0, 0) : nullptr)
+      views_.push_back(view);
+    Close(section);
+  }
+
   void Query(HANDLE slot) {
     FILE_STANDARD_INFO standard = {};
     FILE_BASIC_INFO basic = {};
@@ -342,6 +356,7 @@ class Sequence {
   const std::wstring folder_;
   std::mt19937 random_;
   const bool extended_;
+  std::vector<void*> views_;
   HANDLE slots_[kSlots] = {};
 };
 
