@@ -49,8 +49,8 @@ void RunPlain(std::wstring command) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION process{};
-  if (!vorn::host::CreateProcessAgain(nullptr, command.data(), FALSE, 0, nullptr, nullptr, &startup,
-                                      &process))
+  if (!vorn::host::CreateProcessWithRetry(nullptr, command.data(), FALSE, 0, nullptr, nullptr, &startup,
+                                          &process))
     Fail(vorn::host::Win32ErrorText(GetLastError()));
   WaitForSingleObject(process.hProcess, 120'000);
   DWORD code = 1;

@@ -19,8 +19,8 @@ class TestProcess {
   explicit TestProcess(std::wstring command_line, DWORD flags = 0, STARTUPINFOW startup = {}) {
     startup.cb = sizeof startup;
     PROCESS_INFORMATION info{};
-    if (!host::CreateProcessAgain(nullptr, command_line.data(), startup.dwFlags != 0, flags, nullptr, nullptr,
-                                  &startup, &info))
+    if (!host::CreateProcessWithRetry(nullptr, command_line.data(), startup.dwFlags != 0, flags, nullptr,
+                                      nullptr, &startup, &info))
       ADD_FAILURE() << "no process: error " << GetLastError();
     process_.reset(info.hProcess);
     thread_.reset(info.hThread);

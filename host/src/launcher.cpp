@@ -325,11 +325,11 @@ class Launcher::Impl {
     std::wstring command_line = options.command_line;  // CreateProcessW writes into it
     const DWORD flags = CREATE_SUSPENDED | CREATE_UNICODE_ENVIRONMENT |
                         (attributes ? static_cast<DWORD>(EXTENDED_STARTUPINFO_PRESENT) : 0);
-    const bool done =
-        CreateProcessAgain(options.application.empty() ? nullptr : options.application.c_str(),
-                           command_line.data(), attributes != nullptr, flags, environment.data(),
-                           options.working_directory.empty() ? nullptr : options.working_directory.c_str(),
-                           &startup.StartupInfo, &created);
+    const bool done = CreateProcessWithRetry(
+        options.application.empty() ? nullptr : options.application.c_str(), command_line.data(),
+        attributes != nullptr, flags, environment.data(),
+        options.working_directory.empty() ? nullptr : options.working_directory.c_str(), &startup.StartupInfo,
+        &created);
     if (!done) return GetLastError();
     // Wine starts Unix programs too, without a Windows process: there is nothing that could be confined.
     if (!created.hProcess || !created.hThread) return ERROR_BAD_EXE_FORMAT;

@@ -44,7 +44,8 @@ int ProbeMain(const std::string& job, const std::string& argument) {
     startup.cb = sizeof startup;
     PROCESS_INFORMATION child{};
     std::wstring command = ProbeCommand(L"sleep x");
-    if (!CreateProcessAgain(nullptr, command.data(), FALSE, 0, nullptr, nullptr, &startup, &child)) return 1;
+    if (!CreateProcessWithRetry(nullptr, command.data(), FALSE, 0, nullptr, nullptr, &startup, &child))
+      return 1;
     return static_cast<int>(child.dwProcessId);
   }
   return 99;

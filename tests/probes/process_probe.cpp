@@ -45,8 +45,9 @@ DWORD Start(std::wstring command, DWORD flags, const std::wstring* environment,
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   wchar_t* block = environment ? const_cast<wchar_t*>(environment->c_str()) : nullptr;
-  return vorn::host::CreateProcessAgain(nullptr, command.data(), FALSE, flags | CREATE_UNICODE_ENVIRONMENT,
-                                        block, nullptr, &startup, &process)
+  return vorn::host::CreateProcessWithRetry(nullptr, command.data(), FALSE,
+                                            flags | CREATE_UNICODE_ENVIRONMENT, block, nullptr, &startup,
+                                            &process)
              ? NO_ERROR
              : GetLastError();
 }

@@ -72,7 +72,7 @@ class Transparency : public testing::Test {
     startup.hStdOutput = output;
     PROCESS_INFORMATION created = {};
     ASSERT_TRUE(
-        host::CreateProcessAgain(nullptr, command.data(), TRUE, 0, nullptr, nullptr, &startup, &created));
+        host::CreateProcessWithRetry(nullptr, command.data(), TRUE, 0, nullptr, nullptr, &startup, &created));
     const windows::UniqueHandle process(created.hProcess), thread(created.hThread);
     EXPECT_EQ(WaitForSingleObject(process.get(), 120'000), WAIT_OBJECT_0);
   }

@@ -134,8 +134,8 @@ struct HelperWatch {
   static BOOL WINAPI Create(LPCWSTR image, LPWSTR command, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES,
                             BOOL inherit, DWORD flags, LPVOID environment, LPCWSTR directory,
                             LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) {
-    if (!vorn::host::CreateProcessAgain(image, command, inherit, flags | CREATE_SUSPENDED, environment,
-                                        directory, startup, info)) {
+    if (!vorn::host::CreateProcessWithRetry(image, command, inherit, flags | CREATE_SUSPENDED, environment,
+                                            directory, startup, info)) {
       return FALSE;
     }
     record = std::make_unique<Record>(info->dwProcessId);
@@ -166,8 +166,8 @@ TEST(HelperProcess, OrderForAnotherProgramOrAnotherDllMakesNoHelper) {
   Child child(kProbe);
   static const auto start = [](LPCWSTR image, LPWSTR command, LPSTARTUPINFOW startup,
                                LPPROCESS_INFORMATION info) {
-    if (!vorn::host::CreateProcessAgain(image, command, FALSE, CREATE_SUSPENDED, nullptr, nullptr, startup,
-                                        info))
+    if (!vorn::host::CreateProcessWithRetry(image, command, FALSE, CREATE_SUSPENDED, nullptr, nullptr,
+                                            startup, info))
       return FALSE;
     HelperWatch::record = std::make_unique<Record>(info->dwProcessId);
     EXPECT_TRUE(Child::InjectInto(info->hProcess, {kDll.c_str()}));
