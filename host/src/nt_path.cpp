@@ -1,5 +1,6 @@
 #include "vorn/nt_path.h"
 
+#include <algorithm>
 #include <system_error>
 #include <vector>
 
@@ -74,6 +75,21 @@ std::wstring FinalPath(const std::wstring& path, bool* missing) {
   return final_path;
 }
 
+// Whether a name leads to an entry of the same letters or to none, whatever the system folds or leaves out.
+bool IsPlainName(std::wstring_view name) {
+  constexpr std::wstring_view kOthers = L"\"*:<>?|~";
+  return !name.empty() && !name.ends_with(L'.') && !name.ends_with(L' ') &&
+         std::ranges::all_of(
+             name, [&](wchar_t c) { return c >= L' ' && c < 0x7F && kOthers.find(c) == kOthers.npos; });
+}
+
+std::wstring SmallLetters(std::wstring_view name) {
+  std::wstring small(name);
+  for (wchar_t& unit : small)
+    if (unit >= L'A' && unit <= L'Z') unit |= 0x20;
+  return small;
+}
+
 // Where the part ends that is never asked about: "\\\\server" or "C:".
 std::size_t RootUnits(const std::wstring& path) { return IsUnc(path) ? path.find(L'\\', 2) : 2; }
 
@@ -95,7 +111,33 @@ std::wstring QueryDevice(const std::wstring& drive, const std::wstring& path, in
   return target;
 }
 
+// Fewer paths in one folder are opened one by one: it may hold many more names.
+constexpr int kPathsBeforeReading = 4;
+
 }  // namespace
+
+FolderNames::FolderNames(const std::wstring& folder) {
+  WIN32_FIND_DATAW entry;
+  HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &entry);
+  if (find == INVALID_HANDLE_VALUE) return;
+  bool plain = true;
+  do {
+    const std::wstring name = entry.cFileName;
+    const bool is_link = entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT;
+    plain = plain && (IsPlainName(name) || name == L"." || name == L"..");
+    for (const wchar_t* spelled : {entry.cFileName, entry.cAlternateFileName})
+      if (*spelled) spellings_[SmallLetters(spelled)] = is_link ? std::wstring() : name;
+  } while (FindNextFileW(find, &entry));
+  complete_ = GetLastError() == ERROR_NO_MORE_FILES && plain;
+  FindClose(find);
+}
+
+std::optional<std::wstring> FolderNames::Find(std::wstring_view name) const {
+  if (!IsPlainName(name)) return std::nullopt;
+  const auto known = spellings_.find(SmallLetters(name));
+  if (known == spellings_.end()) return complete_ ? std::optional(std::wstring()) : std::nullopt;
+  return known->second.empty() ? std::nullopt : std::optional(known->second);
+}
 
 const std::wstring& PathResolver::DeviceOf(const std::wstring& drive, const std::wstring& path) {
   std::wstring& device = devices_[drive];
@@ -108,8 +150,14 @@ PathResolver::Place PathResolver::Find(const std::wstring& path) {
   const std::size_t separator = path.rfind(L'\\');
   const bool is_root = separator == std::wstring::npos || path.size() <= RootUnits(path);
   if (is_root && IsUnc(path)) return {path, true, true};
-  const Place* folder = is_root ? nullptr : &FindFolder(path.substr(0, separator));
+  Folder* folder = is_root ? nullptr : &FindFolder(path.substr(0, separator));
   bool missing = folder && !folder->exists;
+  if (folder && folder->exists) {
+    if (++folder->asked == kPathsBeforeReading) folder->names.emplace(folder->path);
+    const auto spelling = folder->names ? folder->names->Find(path.substr(separator + 1)) : std::nullopt;
+    if (spelling && !spelling->empty()) return {folder->path + L'\\' + *spelling, true, true};
+    missing = spelling.has_value();
+  }
   if (!missing) {
     std::wstring final_path = FinalPath(path, &missing);
     if (!final_path.empty()) return {std::move(final_path), true, true};
@@ -119,10 +167,10 @@ PathResolver::Place PathResolver::Find(const std::wstring& path) {
   return {folder->path + path.substr(separator), !missing, folder->exists};
 }
 
-const PathResolver::Place& PathResolver::FindFolder(const std::wstring& path) {
+PathResolver::Folder& PathResolver::FindFolder(const std::wstring& path) {
   if (const auto known = folders_.find(path); known != folders_.end()) return known->second;
-  Place place = Find(path);
-  return folders_.emplace(path, std::move(place)).first->second;
+  Folder folder{Find(path)};
+  return folders_.emplace(path, std::move(folder)).first->second;
 }
 
 ResolvedPath PathResolver::Resolve(const std::wstring& path) {

@@ -1,7 +1,9 @@
 // The path that the library decides on, from the path that a person writes.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 namespace vorn::host {
@@ -16,8 +18,23 @@ struct ResolvedPath {
   bool folder_exists = true;  // false: neither the file nor the folder that it would be created in
 };
 
-// Resolves paths, and remembers the folders and drives that it has met: for many paths at one time. Not for
-// concurrent use.
+// The names in one folder, read at one time: what is plain to see there need not be opened.
+class FolderNames {
+ public:
+  explicit FolderNames(const std::wstring& folder);  // final path; one that cannot be read knows nothing
+
+  // How the folder spells the entry that this name leads to; empty when there is no such entry. Nothing when
+  // only the system can tell: links, names that are not plain ASCII, streams.
+  std::optional<std::wstring> Find(std::wstring_view name) const;
+
+ private:
+  // By name and by short name, in small letters; an empty spelling is one to ask the system about.
+  std::unordered_map<std::wstring, std::wstring> spellings_;
+  bool complete_ = false;
+};
+
+// Resolves paths, and remembers the folders and drives that it has met: for many paths at one time. A folder
+// in which several paths lie is read once. Not for concurrent use.
 class PathResolver {
  public:
   // path: absolute drive-letter or UNC path, with or without "\\?\", in either kind of slash; "." and ".."
@@ -31,11 +48,15 @@ class PathResolver {
     bool exists = false;
     bool folder_exists = false;  // always true of a place that exists
   };
+  struct Folder : Place {
+    int asked = 0;  // how many paths in it
+    std::optional<FolderNames> names = {};
+  };
   Place Find(const std::wstring& path);
-  const Place& FindFolder(const std::wstring& path);
+  Folder& FindFolder(const std::wstring& path);
   const std::wstring& DeviceOf(const std::wstring& drive, const std::wstring& path);
 
-  std::unordered_map<std::wstring, Place> folders_;
+  std::unordered_map<std::wstring, Folder> folders_;
   std::unordered_map<std::wstring, std::wstring> devices_;  // by "C:"
 };
 
