@@ -14,6 +14,7 @@
 #include "vorn/launcher.h"
 #include "vorn/message_server.h"
 #include "vorn/private_temp.h"
+#include "vorn/pruning.h"
 #include "vorn/text.h"
 
 namespace vorn::cli {
@@ -116,6 +117,8 @@ int Run(const RunArguments& arguments) {
     const std::wstring log_directory = Directory(document.log_directory, "log", L"logs");
     const std::wstring dump_directory =
         document.write_dumps ? Directory(document.dump_directory, "dump", L"dumps") : std::wstring();
+    host::Prune(log_directory, host::kKeptLogs);
+    host::Prune(dump_directory, host::kKeptDumps);
     host::RunJournal journal(run);
     const auto temp = MakePrivateTemp(document.temp, private_temp);
     RunReport report(*policy, journal, dump_directory, arguments.quiet);

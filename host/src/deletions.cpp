@@ -21,8 +21,10 @@ std::uint64_t Distance(std::uint64_t a, std::uint64_t b) { return a > b ? a - b 
 
 std::wstring FileName(const std::wstring& path) { return path.substr(path.find_last_of(L'\\') + 1); }
 
-// The bin knows where a file really lay, the journal the way on which the program came to it.
+// The bin knows where a file really lay, the journal the way on which the program came to it. What another
+// run has kept is another file.
 bool SameFile(const RecycledFile& file, const RecycleEntry& entry, const std::string& run) {
+  if (!file.run.empty() && file.run != run) return false;
   return SamePath(file.original_path, entry.path) ||
          (file.run == run && SamePath(FileName(file.original_path), FileName(entry.path)));
 }

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "vorn/environment.h"
+#include "vorn/pruning.h"
 #include "vorn/text.h"
 
 namespace vorn::host {
@@ -21,7 +22,11 @@ bool IsRunName(const std::string& run) {
   });
 }
 
-fs::path FileOf(const std::string& run) { return Folder() / (run + ".jsonl"); }
+// Empty where there is no folder for journals.
+fs::path FileOf(const std::string& run) {
+  const fs::path folder = Folder();
+  return folder.empty() ? folder : folder / (run + ".jsonl");
+}
 
 }  // namespace
 
@@ -30,7 +35,9 @@ RunJournal::RunJournal(std::string run) : run_(std::move(run)) {}
 bool RunJournal::Add(const RecycleEntry& entry) {
   if (!file_.is_open()) {
     std::error_code ignored;
+    if (Folder().empty()) return false;
     fs::create_directories(Folder(), ignored);
+    Prune(Folder().wstring(), kKeptJournals);
     file_.open(FileOf(run_), std::ios::binary | std::ios::app);
   }
   const nlohmann::json line = {{"path", ToUtf8(entry.path)}, {"time_ms", entry.time_ms}, {"pid", entry.pid}};
