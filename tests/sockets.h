@@ -4,7 +4,10 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
+#include <mswsock.h>
+
 #include <cstdint>
+#include <string>
 
 namespace vorn::test {
 
@@ -59,6 +62,56 @@ class Socket {
 
  private:
   SOCKET handle_;
+};
+
+inline int ErrorOf(bool success) { return success ? 0 : WSAGetLastError(); }
+
+template <class Function>
+Function Extension(SOCKET s, GUID id) {
+  Function function = nullptr;
+  DWORD bytes = 0;
+  WSAIoctl(s, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, sizeof id, &function, sizeof function, &bytes, nullptr,
+           nullptr);
+  return function;
+}
+
+// A receive of each kind, and what came of it.
+struct Receive {
+  char data[17] = "################";
+  Address from{};
+  int from_length = 0;
+  WSABUF buffer{10, data};
+  WSAMSG message{};
+  DWORD bytes = 0, flags = 0;
+  OVERLAPPED overlapped{};
+  int error = 0;
+
+  // how: recv, recvfrom, wsarecv, wsarecvfrom or recvmsg
+  int Run(SOCKET s, const std::string& how, LPWSAOVERLAPPED with = nullptr,
+          LPWSAOVERLAPPED_COMPLETION_ROUTINE routine = nullptr) {
+    const int room = static_cast<int>(buffer.len);
+    from_length = sizeof from;
+    if (how == "recvfrom" || how == "recv") {
+      const int got =
+          how == "recv" ? recv(s, data, room, 0) : recvfrom(s, data, room, 0, &from.any, &from_length);
+      bytes = got > 0 ? static_cast<DWORD>(got) : 0;
+      return error = ErrorOf(got > 0);
+    }
+    if (how == "wsarecvfrom")
+      return error = ErrorOf(
+                 WSARecvFrom(s, &buffer, 1, &bytes, &flags, &from.any, &from_length, with, routine) == 0);
+    if (how == "wsarecv") return error = ErrorOf(WSARecv(s, &buffer, 1, &bytes, &flags, with, routine) == 0);
+    message = {&from.any, from_length, &buffer, 1, {}, 0};
+    return error = ErrorOf(
+               Extension<LPFN_WSARECVMSG>(s, WSAID_WSARECVMSG)(s, &message, &bytes, with, routine) == 0);
+  }
+  // Error, bytes, and the buffer with "." for each NUL.
+  std::string Text() const {
+    std::string text(data, buffer.len);
+    for (char& c : text)
+      if (!c) c = '.';
+    return " " + std::to_string(error) + " " + std::to_string(bytes) + " " + text;
+  }
 };
 
 }  // namespace vorn::test

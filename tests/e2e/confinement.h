@@ -28,7 +28,9 @@
 
 #include "Policy/message.h"
 #include "Policy/section_format.h"
+#include "tests/test_process.h"
 #include "tests/unit/build_paths.h"
+#include "vorn/compiled_policy.h"
 #include "vorn/launcher.h"
 #include "vorn/message_server.h"
 #include "vorn/nt_path.h"
@@ -98,6 +100,18 @@ class TestFolder {
   std::filesystem::path path_;
 };
 
+// A policy that must be a good one, and the section that it makes.
+inline host::CompiledPolicy Compile(const std::string& text) {
+  auto document = host::ParsePolicy(text, [](auto) { return std::nullopt; });
+  return std::get<host::CompiledPolicy>(host::CompiledPolicy::Make(
+      std::get<host::PolicyDocument>(std::move(document)), host::FreePlaces(host::TempFolder::kWrite)));
+}
+inline host::SectionContents ContentsOf(const host::CompiledPolicy& policy) {
+  host::SectionContents contents;
+  policy.BuildSectionContents(contents);
+  return contents;
+}
+
 // The command line of a program of the build.
 inline std::wstring Probe(const char* program, const std::wstring& arguments) {
   return L"\"" + BuildPath(program).wstring() + L"\" " + arguments;
@@ -131,6 +145,12 @@ class E2eConfinement {
     return RunTogether({command_line}, std::move(options)).front();
   }
 
+  // The same with what it prints in a file.
+  std::int64_t RunInto(const std::filesystem::path& file, const std::wstring& command_line) {
+    const windows::UniqueHandle output = OutputFile(file);
+    return Run(command_line, {.standard_output = output.get()});
+  }
+
   // The same for several that run at the same time.
   std::vector<std::int64_t> RunTogether(const std::vector<std::wstring>& command_lines,
                                         host::LaunchOptions options = {}) {
@@ -153,9 +173,7 @@ class E2eConfinement {
   void RunAndEnd(const std::wstring& command_line, std::chrono::milliseconds after) {
     host::LaunchOptions options;
     options.command_line = command_line;
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    const windows::UniqueHandle nowhere(
-        CreateFileW(L"NUL", GENERIC_WRITE, nt::kShareAll, &inherit, OPEN_EXISTING, 0, nullptr));
+    const windows::UniqueHandle nowhere = OutputFile(L"NUL");
     options.standard_output = nowhere.get();
     const auto start = launcher_.Start(options);
     const auto* process = std::get_if<host::ConfinedProcess>(&start);

@@ -15,19 +15,6 @@ using policy::SectionOption;
 
 constexpr auto kAuditAllowed = static_cast<std::uint32_t>(SectionOption::kAuditAllowed);
 
-host::CompiledPolicy Compile(const std::string& text) {
-  auto document = host::ParsePolicy(text, [](auto) { return std::nullopt; });
-  auto compiled = host::CompiledPolicy::Make(std::get<host::PolicyDocument>(std::move(document)),
-                                             host::FreePlaces(host::TempFolder::kWrite));
-  return std::get<host::CompiledPolicy>(std::move(compiled));
-}
-
-host::SectionContents ContentsOf(const host::CompiledPolicy& policy) {
-  host::SectionContents contents;
-  policy.BuildSectionContents(contents);
-  return contents;
-}
-
 // A tree of folders with files, some with a second name in another folder, and links to folders.
 class Tree {
  public:
@@ -50,7 +37,7 @@ class Tree {
       linked_.push_back(name);
       linked_.push_back(first);
     }
-    fs::create_directories(temp_);
+    for (const fs::path& folder : free_) fs::create_directories(folder);
     for (unsigned i = 0; i < 3; ++i) {
       const std::string link = Any(folders_) + "\\link" + std::to_string(i);
       folder_links_.push_back(std::make_unique<FolderLink>(top.Path(link), top.Path(folders_[i * 4])));
@@ -60,7 +47,7 @@ class Tree {
 
   ~Tree() {
     std::error_code ignored;
-    fs::remove_all(temp_, ignored);
+    for (const fs::path& folder : free_) fs::remove_all(folder, ignored);
   }
   Tree(const Tree&) = delete;
   Tree& operator=(const Tree&) = delete;
@@ -68,9 +55,10 @@ class Tree {
   std::string Policy() {
     std::map<std::string, std::string> places;  // one access a place
     for (int i = 0; i < 16; ++i)
-      places[top_.Dos(Any(i % 4   ? folders_
-                          : i % 8 ? files_
-                                  : linked_))] = std::array{"deny", "read", "write"}[random_() % 3];
+      places[i == 1 ? Free()
+                    : top_.Dos(Any(i % 4   ? folders_
+                                   : i % 8 ? files_
+                                           : linked_))] = std::array{"deny", "read", "write"}[random_() % 3];
     std::map<std::string, std::string> lists;
     for (const auto& [place, access] : places) lists[access] += "'" + place + "', ";
     std::string text = "[files]\n";
@@ -92,18 +80,21 @@ class Tree {
                                                   {Any(files_), true},
                                                   {Any(files_), true}};
     const std::size_t kind = random_() % (std::size(kinds) + 1);
-    if (kind == std::size(kinds)) return {host::ToUtf8((temp_ / unique).wstring()), false};
+    if (kind == std::size(kinds)) return {Free() + "\\" + unique, false};
     return {top_.Dos(kinds[kind].first), kinds[kind].second};
   }
 
  private:
   const std::string& Any(const std::vector<std::string>& from) { return from[random_() % from.size()]; }
+  std::string Free() { return host::ToUtf8(free_[random_() % 2].wstring()); }
 
   const FileScript& top_;
   std::mt19937& random_;
   std::vector<std::string> folders_, files_, linked_, links_;
   std::vector<std::unique_ptr<FolderLink>> folder_links_;
-  const fs::path temp_ = fs::temp_directory_path() / host::RandomName(L"vorn_e2e");
+  // Below the temp folder and the recycle bin, which are open.
+  const fs::path free_[2] = {fs::temp_directory_path() / host::RandomName(L"vorn_e2e"),
+                             fs::path(L"C:\\$Recycle.Bin") / host::RandomName(L"vorn_e2e")};
   int count_ = 0;
 };
 

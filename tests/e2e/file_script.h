@@ -122,13 +122,9 @@ class FileScript : public TestFolder {
     host.Watch([&](const Received& message) {
       if (is_sentinel(message)) SetEvent(seen);
     });
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    HANDLE output =
-        CreateFileW(answers.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr);
-    run.exit_code = host.Run(Probe("file_probe.exe", L"\"" + script.wstring() + L"\" \"" +
-                                                         (path() / last).wstring() + L"\" " + last),
-                             {.standard_output = output});
-    CloseHandle(output);
+    run.exit_code =
+        host.RunInto(answers, Probe("file_probe.exe", L"\"" + script.wstring() + L"\" \"" +
+                                                          (path() / last).wstring() + L"\" " + last));
     run.messages = host.Settle();
     CloseHandle(seen);
     std::erase_if(run.messages, is_sentinel);

@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "tests/e2e/net_run.h"
-#include "vorn/compiled_policy.h"
 
 namespace vorn::test {
 namespace {
@@ -116,18 +115,9 @@ class NetNames : public NetTest {
     listen(listener_, 100);
   }
 
-  static host::CompiledPolicy Compile(const std::string& text) {
-    auto document = host::ParsePolicy(text, [](auto) { return std::nullopt; });
-    auto policy = host::CompiledPolicy::Make(std::get<host::PolicyDocument>(std::move(document)), {});
-    return std::get<host::CompiledPolicy>(std::move(policy));
-  }
-  static std::vector<host::NetRule> RulesOf(const host::CompiledPolicy& policy) {
-    host::SectionContents contents;
-    policy.BuildSectionContents(contents);
-    return contents.net_rules;
-  }
   std::vector<host::NetRule> Rules() const {
-    return RulesOf(Compile("[network]\nallow = ['*.allowed.test:" + std::to_string(port_) + "']\n"));
+    return ContentsOf(Compile("[network]\nallow = ['*.allowed.test:" + std::to_string(port_) + "']\n"))
+        .net_rules;
   }
   std::string Resolve(const std::string& how, const std::string& name) const {
     return "resolve " + how + " " + name + " " + std::to_string(port_);
@@ -245,7 +235,7 @@ TEST_F(NetNames, ExplainAndTheLibraryDecideAlike) {
       }
       expected.push_back(policy.DecideDestination(asked));
     }
-    const NetRun run = RunProbe(commands, RulesOf(policy),
+    const NetRun run = RunProbe(commands, ContentsOf(policy).net_rules,
                                 static_cast<std::uint32_t>(policy::SectionOption::kDecisionInAudit));
     ASSERT_EQ(run.audits.size(), commands.size()) << text;
     for (std::size_t i = 0; i < commands.size(); ++i) {

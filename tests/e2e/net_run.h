@@ -25,22 +25,15 @@ class NetTest : public testing::Test {
 // A program, with its standard output kept. Without rules, nothing of the network is confined.
 inline NetRun RunProgram(const std::wstring& command_line, const std::vector<host::NetRule>& rules,
                          std::uint32_t options = 0) {
-  TestFolder folder;
+  const TestFolder folder;
   const std::filesystem::path output = folder.path() / "output.txt";
-  const HANDLE file = CreateFileW(output.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS,
-                                  FILE_ATTRIBUTE_NORMAL, nullptr);
+  E2eConfinement confinement([&](host::SectionContents& section) {
+    section.net_rules = rules;
+    section.options |= options;
+  });
   NetRun run;
-  {
-    E2eConfinement confinement([&](host::SectionContents& section) {
-      section.net_rules = rules;
-      section.options |= options;
-    });
-    host::LaunchOptions options;
-    options.standard_output = file;
-    EXPECT_EQ(confinement.Run(command_line, options), 0);
-    run.messages = confinement.Settle();
-  }
-  CloseHandle(file);
+  EXPECT_EQ(confinement.RunInto(output, command_line), 0);
+  run.messages = confinement.Settle();
   run.lines = ReadLines(output);
   for (const Received& message : run.messages)
     if (const auto* audit = message.As<policy::NetAudit>()) run.audits.push_back(*audit);

@@ -202,65 +202,6 @@ TEST_F(Net, TrafficOfAServerIsNotChecked) {
   EXPECT_TRUE(run.audits.empty());
 }
 
-TEST_F(Net, WithoutRulesNoNetworkFunctionIsPatched) {
-  EXPECT_EQ(RunProbe({"unpatched"}, {}).lines, std::vector<std::string>{"unpatched 0"});
-  const NetRun confined = RunProbe({"unpatched"}, servers.Rules());
-  ASSERT_EQ(confined.lines.size(), 1u);
-  EXPECT_GE(std::stoi(confined.lines[0].substr(10)), 19) << "the control: under rules they are";
-}
-
-// Answers every connection with a page that says "hi", until the listener is closed.
-void ServePages(SOCKET listener) {
-  const std::string page = "HTTP/1.0 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nhi";
-  for (;;) {
-    const SOCKET s = accept(listener, nullptr, nullptr);
-    if (s == INVALID_SOCKET) return;
-    char request[1000];
-    recv(s, request, sizeof request, 0);
-    send(s, page.data(), static_cast<int>(page.size()), 0);
-    shutdown(s, SD_SEND);
-    recv(s, request, sizeof request, 0);
-    closesocket(s);
-  }
-}
-
-TEST_F(Net, RefusedScriptRequestFailsAsWithoutANetwork) {
-  TestFolder folder;
-  const std::filesystem::path script = folder.path() / "get.js";
-  std::ofstream(script) << "var urls = WScript.Arguments;\n"
-                           "for (var i = 0; i < urls.length; ++i) {\n"
-                           "  try {\n"
-                           "    var http = new ActiveXObject('WinHttp.WinHttpRequest.5.1');\n"
-                           "    http.Open('GET', urls(i), false);\n"
-                           "    http.Send();\n"
-                           "    WScript.Echo(http.Status + ' ' + http.ResponseText);\n"
-                           "  } catch (e) { WScript.Echo('error ' + (e.number & 0xFFFF)); }\n"
-                           "}\n";
-  const auto url = [](std::uint16_t port) { return L" http://localhost:" + std::to_wstring(port) + L"/"; };
-  const std::wstring command = L"cscript.exe //nologo \"" + script.wstring() + L"\"" +
-                               url(servers.tcp_good.port) + url(servers.tcp_bad.port);
-  std::thread good(ServePages, static_cast<SOCKET>(servers.tcp_good)),
-      bad(ServePages, static_cast<SOCKET>(servers.tcp_bad));
-  const NetRun plain = RunProgram(command, {});
-  const NetRun confined = RunProgram(command, servers.Rules());
-  servers.tcp_good.Close();
-  servers.tcp_bad.Close();
-  good.join();
-  bad.join();
-
-  EXPECT_EQ(plain.lines, (std::vector<std::string>{"200 hi", "200 hi"}));
-  constexpr int kCannotConnect = 12029;  // ERROR_WINHTTP_CANNOT_CONNECT
-  EXPECT_EQ(confined.lines, (std::vector<std::string>{"200 hi", "error " + std::to_string(kCannotConnect)}));
-  const auto reported = [&](std::uint16_t port, policy::Verdict verdict) {
-    return std::any_of(confined.audits.begin(), confined.audits.end(), [&](const policy::NetAudit& audit) {
-      return audit.type == kConnect && audit.domain == "localhost" && audit.destination == "127.0.0.1" &&
-             audit.destination_port == port && audit.verdict == verdict;
-    });
-  };
-  EXPECT_TRUE(reported(servers.tcp_good.port, policy::Verdict::kAllow));
-  EXPECT_TRUE(reported(servers.tcp_bad.port, policy::Verdict::kDeny));
-}
-
 TEST_F(Net, EachProcessReportsItsFirstUseOfWinsockAndItsChecks) {
   const NetRun run = RunProbe({"connect 127.0.0.1 " + Text(servers.tcp_good.port)}, servers.Rules());
   int starts = 0, checks = 0;

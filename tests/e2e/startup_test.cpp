@@ -78,11 +78,17 @@ class StartUp : public testing::Test, protected E2eConfinement {
     const auto name =
         L"vorn_core_" + ThisProgram().filename().wstring() + L"_" + std::to_wstring(pid) + L"_0.log";
     std::error_code ignored;
-    for (auto at = folder(); at.has_relative_path(); at = at.parent_path())
-      std::filesystem::remove(at / name, ignored);
-    std::filesystem::remove(folder().root_path() / name, ignored);
+    for (auto at = folder() / name; at.has_relative_path(); at = at.parent_path())
+      std::filesystem::remove(at.parent_path() / name, ignored);
   }
   bool NothingLogged() { return std::filesystem::is_empty(folder()); }
+  // How the end of a start reads to the host.
+  static void ExpectFailure(DWORD exit_code, LaunchStage stage, DWORD code, const std::string& part) {
+    const LaunchFailure failure = DescribeStartUpExit(exit_code);
+    EXPECT_EQ(failure.stage, stage) << std::hex << exit_code << ' ' << failure.text;
+    EXPECT_EQ(failure.code, code) << failure.text;
+    EXPECT_NE(failure.text.find(part), std::string::npos) << failure.text;
+  }
 
   SectionContents contents = [this] {
     SectionContents all = section().contents();
@@ -139,17 +145,22 @@ TEST_F(StartUp, ConfinedProcessRunsAndReportsItsStart) {
 }
 
 TEST_F(StartUp, EnvironmentWithoutAUsableNameEndsTheProcess) {
-  EXPECT_EQ(CodeWithValue(std::nullopt), 0x100000CBu);
-  EXPECT_EQ(CodeWithValue(std::wstring(256, L'x')), 0x1000000Au);
-  EXPECT_EQ(CodeWithValue(L"\\BaseNamedObjects\\" + std::wstring(255 - 18, L'x')), 0x20000002u)
-      << "255 characters are a name, of a section that does not exist";
+  const DWORD missing = CodeWithValue(std::nullopt);
+  EXPECT_EQ(missing, 0x100000CBu);
+  ExpectFailure(missing, LaunchStage::kSectionName, ERROR_ENVVAR_NOT_FOUND,
+                "variable is missing (exit code 0x100000cb)");
+  ExpectFailure(CodeWithValue(std::wstring(256, L'x')), LaunchStage::kSectionName, ERROR_BAD_ENVIRONMENT,
+                "too long");
+  // 255 characters are a name, of a section that does not exist.
+  ExpectFailure(CodeWithValue(L"\\BaseNamedObjects\\" + std::wstring(255 - 18, L'x')), LaunchStage::kSection,
+                ERROR_FILE_NOT_FOUND, Win32ErrorText(ERROR_FILE_NOT_FOUND));
   EXPECT_TRUE(NothingLogged());
 }
 
 TEST_F(StartUp, SectionOfAnotherMagicOrVersionEndsTheProcess) {
   SharedSection section(contents);
   HeaderOf(section).version = 1;
-  EXPECT_EQ(CodeWith(section), 0x20000666u);
+  ExpectFailure(CodeWith(section), LaunchStage::kSection, ERROR_PRODUCT_VERSION, "magic number or version");
   HeaderOf(section).version = 2;
   HeaderOf(section).magic = 0x566F726F;
   EXPECT_EQ(CodeWith(section), 0x20000666u);
@@ -209,11 +220,7 @@ TEST_F(StartUp, FunctionThatCannotBeInterceptedEndsTheProcessAndIsNamed) {
   constexpr auto kProve = vorn::policy::OptionBits(vorn::policy::SectionOption::kProveHooks);
   EXPECT_EQ(code(kProve, false), kProbeCode);
   EXPECT_EQ(code(0, true), kProbeCode);
-  const DWORD ended = code(kProve, true);
-  const LaunchFailure failure = DescribeStartUpExit(ended);
-  EXPECT_EQ(failure.stage, LaunchStage::kHooks) << std::hex << ended;
-  EXPECT_EQ(failure.code, static_cast<std::uint32_t>(ERROR_INVALID_BLOCK));
-  EXPECT_NE(failure.text.find("NtDeleteFile"), std::string::npos) << failure.text;
+  ExpectFailure(code(kProve, true), LaunchStage::kHooks, ERROR_INVALID_BLOCK, "NtDeleteFile");
 }
 
 TEST_F(StartUp, InitEventThatCannotBeOpenedOrNamedIsLeftAlone) {

@@ -34,15 +34,8 @@ class VornExe : public testing::Test, public TestFolder {
   // meanwhile: called while vorn runs, with its process.
   Session Vorn(const std::string& arguments, const fs::path& program = BuildPath("vorn.exe"),
                const std::function<void(HANDLE)>& meanwhile = {}) const {
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    const windows::UniqueHandle file(
-        CreateFileW(Path("output.txt").c_str(), GENERIC_WRITE, 7, &inherit, CREATE_ALWAYS, 0, nullptr)),
-        null(CreateFileW(L"NUL", GENERIC_READ, 7, &inherit, OPEN_EXISTING, 0, nullptr));
-    STARTUPINFOW start{};
-    start.dwFlags = STARTF_USESTDHANDLES;
-    start.hStdInput = null.get();
-    start.hStdOutput = start.hStdError = file.get();
-    const TestProcess process(L"\"" + program.wstring() + L"\" " + host::ToWide(arguments), 0, start);
+    const windows::UniqueHandle output = OutputFile(Path("output.txt"));
+    const TestProcess process(L"\"" + program.wstring() + L"\" " + host::ToWide(arguments), 0, output.get());
     if (meanwhile) meanwhile(process.handle());
     const DWORD code = process.RunToEnd();
     return {code, Read("output.txt")};
@@ -144,6 +137,10 @@ TEST_F(VornExe, FollowsATreeOfProgramsAndRestoresItsDeletions) {
   }
   EXPECT_EQ(Vorn("restore " + run.str(1)).exit_code, 0u);
   EXPECT_EQ(Read("work\\f.txt"), "old work");
+  Run("cmd /c del \"" + Dos("work\\f.txt") + '"');
+  EXPECT_EQ(Vorn("restore " + run.str(1)).exit_code, 1u)
+      << "a second time: what another run deleted is not its";
+  EXPECT_EQ(Read("work\\f.txt"), "(none)");
   EXPECT_EQ(Vorn("restore no-such-run").exit_code, 1u);
 }
 
@@ -185,6 +182,11 @@ TEST_F(VornExe, ShowsACrashAndProtectsItsDump) {
       "\"" + host::ToUtf8(BuildPath("crash_probe.exe").wstring()) + "\" write \"" + Dos("work\\id") + "\"";
   const std::string files = "[files]\nwrite = ['" + Dos("work") + "']\n[dump]\n";
   Write("policy.toml", files + "directory = '" + Dos("made\\dumps") + "'\n");
+  fs::create_directories(Path("made\\dumps"));
+  for (const char* old : {"made\\dumps\\old.vrn.dmp", "made\\dumps\\old.txt"}) {
+    Write(old, "old");
+    fs::last_write_time(Path(old), fs::file_time_type::clock::now() - std::chrono::days(31));
+  }
   const Session session = Run(crash, "--events \"" + Dos("events.jsonl") + "\"");
   EXPECT_EQ(session.exit_code, 0xC0000005);
   EXPECT_TRUE(session.Says("---- exit code 0xc0000005 ----")) << session.text;
@@ -197,6 +199,8 @@ TEST_F(VornExe, ShowsACrashAndProtectsItsDump) {
       << session.text;
   const std::string dump = line.str(3);
   EXPECT_TRUE(dump.starts_with(Dos("made\\dumps\\")) && fs::exists(host::ToWide(dump))) << dump;
+  EXPECT_FALSE(fs::exists(Path("made\\dumps\\old.vrn.dmp"))) << "what is older than a month is removed";
+  EXPECT_EQ(Read("made\\dumps\\old.txt"), "old");
 
   nlohmann::json event;
   std::istringstream events(Read("events.jsonl"));

@@ -5,14 +5,11 @@
 //   write          writes to address 16
 //   thread         the same in a second thread
 //   handler        inside an intercepted call
-//   divide         divides by zero
 //   overflow       runs out of stack
 //   raise CODE     raises the exception code (hexadecimal)
-//   pure           calls a pure virtual function
-//   jump           calls address 0
 //   together       two threads write at the same moment
 //   meanwhile DIR  one thread writes; the other one too, once DIR has a file in it
-//   filters        installs two filters of its own, the first of them twice, then writes
+//   filters        installs two filters of its own, the first of them twice, and then none, then writes
 #include <windows.h>
 #include <winternl.h>
 
@@ -40,8 +37,6 @@ void RecordThread() {
     ExitProcess(GetLastError());
   CloseHandle(file);
 }
-
-volatile int zero = 0;
 
 void Write() { *reinterpret_cast<volatile int*>(16) = 1; }
 
@@ -92,30 +87,6 @@ void FaultInIntercepted() {
   return depth < 0 ? page[0] : Overflow(depth + 1) + page[0];
 }
 
-// As the system's C runtimes report what they cannot go on from: they take away the program's exception
-// filter, then have the fault handled as one that nobody handles.
-void ReportAsRuntime() {
-  constexpr DWORD kFatalAppExit = 0x40000015;
-  CONTEXT context;
-  RtlCaptureContext(&context);
-  EXCEPTION_RECORD record{};
-  record.ExceptionCode = kFatalAppExit;
-  record.ExceptionFlags = EXCEPTION_NONCONTINUABLE;
-  record.ExceptionAddress = __builtin_return_address(0);
-  EXCEPTION_POINTERS pointers{&record, &context};
-  SetUnhandledExceptionFilter(nullptr);
-  UnhandledExceptionFilter(&pointers);
-  TerminateProcess(GetCurrentProcess(), kFatalAppExit);
-}
-
-// What stands in the table of virtual functions where a class has none.
-void CallPure() {
-  HMODULE runtime = LoadLibraryW(L"ucrtbase.dll");
-  using Handler = void (*)();
-  reinterpret_cast<Handler (*)(Handler)>(GetProcAddress(runtime, "_set_purecall_handler"))(ReportAsRuntime);
-  reinterpret_cast<void (*)()>(GetProcAddress(runtime, "_purecall"))();
-}
-
 LONG WINAPI OwnFilter(EXCEPTION_POINTERS*) {
   TerminateProcess(GetCurrentProcess(), kFilterWasCalled);
   return EXCEPTION_EXECUTE_HANDLER;
@@ -123,7 +94,7 @@ LONG WINAPI OwnFilter(EXCEPTION_POINTERS*) {
 LONG WINAPI OtherFilter(EXCEPTION_POINTERS* pointers) { return OwnFilter(pointers) + 1; }
 
 void WriteWithFilters() {
-  for (const auto filter : {OwnFilter, OwnFilter, OtherFilter})
+  for (const auto filter : {OwnFilter, OwnFilter, OtherFilter, LPTOP_LEVEL_EXCEPTION_FILTER{}})
     if (SetUnhandledExceptionFilter(filter)) ExitProcess(kFilterWasAccepted);
   Write();
 }
@@ -141,11 +112,8 @@ int wmain(int argc, wchar_t** argv) {
   RecordThread();
   if (kind == L"write") Write();
   if (kind == L"handler") FaultInIntercepted();
-  if (kind == L"divide") return argc / zero;
   if (kind == L"overflow") return Overflow(0);
   if (kind == L"raise" && argument) RaiseException(std::wcstoul(argument, nullptr, 16), 0, 0, nullptr);
-  if (kind == L"pure") CallPure();
-  if (kind == L"jump") reinterpret_cast<void (*)()>(static_cast<ULONG_PTR>(zero))();
   if (kind == L"filters") WriteWithFilters();
   return ERROR_SUCCESS;
 }

@@ -157,7 +157,7 @@ void Storm(int threads, int count, const std::wstring& folder) {
     for (std::thread& worker : workers) worker.join();
   };
   const int warm_up = std::min(count, 20);
-  run(0, warm_up);  // what is made once, is made here
+  run(0, warm_up);  // one-time allocations
   const int handles = vorn::test::OpenHandles();
   run(warm_up, count);
   printf("%d refused, %d failed\n%d\n", refused.load(), failures.load(), vorn::test::OpenHandles() - handles);
@@ -183,6 +183,7 @@ void Print(NTSTATUS status) { printf("%lX\n", static_cast<unsigned long>(status)
 void Execute(const std::string& line) {
   Words words(line);
   const std::string command = words.Next();
+  IO_STATUS_BLOCK io;
   if (command == "create") {
     HANDLE& slot = words.Slot();
     const ULONG access = words.Hex(), disposition = words.Hex(), options = words.Hex();
@@ -190,30 +191,23 @@ void Execute(const std::string& line) {
   } else if (command == "ask") {
     const ULONG disposition = words.Hex();
     HANDLE file = nullptr;
-    const NTSTATUS status =
-        Create(&file, SYNCHRONIZE | FILE_READ_ATTRIBUTES, disposition, 0, Name(words.Rest()));
-    if (status >= 0) NtClose(file);
-    Print(status);
-  } else if (command == "openid") {
+    Print(Create(&file, SYNCHRONIZE | FILE_READ_ATTRIBUTES, disposition, 0, Name(words.Rest())));
+    if (file) NtClose(file);
+  } else if (command == "openid" || command == "below") {
     HANDLE& slot = words.Slot();
     const ULONG access = words.Hex();
     HANDLE folder = words.Slot();
-    Print(OpenById(&slot, access, folder, words.Slot()));
+    Print(command == "openid"
+              ? OpenById(&slot, access, folder, words.Slot())
+              : Create(&slot, access, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, Name(words.Rest(), folder)));
   } else if (command == "openfile") {
     HANDLE& slot = words.Slot();
     const ULONG access = words.Hex(), options = words.Hex();
     Name name(words.Rest());
-    IO_STATUS_BLOCK io;
     Print(NtOpenFile(&slot, access, &name.attributes, &io, kShareAll, options));
-  } else if (command == "below") {
-    HANDLE& slot = words.Slot();
-    const ULONG access = words.Hex();
-    HANDLE folder = words.Slot();
-    Print(Create(&slot, access, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, Name(words.Rest(), folder)));
   } else if (command == "write") {
     HANDLE slot = words.Slot();
     std::string text = words.Text();
-    IO_STATUS_BLOCK io;
     LARGE_INTEGER start = {};
     Print(NtWriteFile(slot, nullptr, nullptr, nullptr, &io, text.data(), static_cast<ULONG>(text.size()),
                       &start, nullptr));
@@ -221,9 +215,8 @@ void Execute(const std::string& line) {
     Print(NtClose(words.Slot()));
   } else if (command == "duplicate") {
     HANDLE& slot = words.Slot();
-    const bool made = DuplicateHandle(GetCurrentProcess(), words.Slot(), GetCurrentProcess(), &slot, 0, FALSE,
-                                      DUPLICATE_SAME_ACCESS);
-    Print(made ? 0 : -1);
+    Print(!DuplicateHandle(GetCurrentProcess(), words.Slot(), GetCurrentProcess(), &slot, 0, FALSE,
+                           DUPLICATE_SAME_ACCESS));
   } else if (command == "disposition") {
     HANDLE slot = words.Slot();
     const ULONG number = words.Decimal();

@@ -28,12 +28,9 @@ bool HeaderIsTheFiles(const BYTE* base) {
 
 char NameLetter(HINSTANCE dll) {
   wchar_t path[MAX_PATH];
-  const DWORD n = GetModuleFileNameW(dll, path, MAX_PATH);
-  DWORD start = 0;
-  for (DWORD i = 0; i < n; ++i) {
-    if (path[i] == L'\\') start = i + 1;
-  }
-  return static_cast<char>(path[start]);
+  DWORD at = GetModuleFileNameW(dll, path, MAX_PATH);
+  while (at > 0 && path[at - 1] != L'\\') --at;
+  return static_cast<char>(path[at]);
 }
 
 }  // namespace

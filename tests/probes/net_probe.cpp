@@ -17,8 +17,6 @@
 //       resultex, wsaresult, port, portex, routine
 //   serve PORT
 //       binds, receives, answers where it came from; prints bytes and data too
-//   unpatched
-//       prints how many functions of ws2_32 and dnsapi lead elsewhere
 //   resolve HOW NAME PORT
 //       asks for NAME, then connects; prints the error of each. HOW: hostent, addrinfo, addrinfo_narrow,
 //       addrinfoex, addrinfoex_event and addrinfoex_bare (overlapped, with and without an event), dns_a,
@@ -26,7 +24,6 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
-#include <mswsock.h>
 #include <windns.h>
 
 #include <cstdio>
@@ -39,8 +36,11 @@
 namespace {
 
 using vorn::test::Address;
+using vorn::test::ErrorOf;
+using vorn::test::Extension;
 using vorn::test::Local;
 using vorn::test::Local6;
+using vorn::test::Receive;
 using Arguments = std::vector<std::string>;
 
 constexpr DWORD kPatienceMs = 10'000;
@@ -54,8 +54,6 @@ Address Parse(const std::string& text, const std::string& port) {
     inet_pton(AF_INET6, text.c_str(), &address.v6.sin6_addr);
   return address;
 }
-
-int ErrorOf(bool success) { return success ? 0 : WSAGetLastError(); }
 
 // For IPv4 as well as IPv6; waits for what it receives.
 class Socket : public vorn::test::Socket {
@@ -72,15 +70,6 @@ class Socket : public vorn::test::Socket {
     Bind(any);
   }
 };
-
-template <class Function>
-Function Extension(SOCKET s, GUID id) {
-  Function function = nullptr;
-  DWORD bytes = 0;
-  WSAIoctl(s, SIO_GET_EXTENSION_FUNCTION_POINTER, &id, sizeof id, &function, sizeof function, &bytes, nullptr,
-           nullptr);
-  return function;
-}
 
 int ConnectEx(const Socket& s, const Address& to) {
   s.BindAnywhere(to.any.sa_family);
@@ -118,46 +107,6 @@ int Send(SOCKET s, const std::string& how, Address to, std::string text) {
   }
   return ErrorOf(sendto(s, text.data(), static_cast<int>(text.size()), 0, &to.any, to.length()) >= 0);
 }
-
-// A receive of each kind, and what came of it.
-struct Receive {
-  char data[16] = {'#', '#', '#', '#', '#', '#', '#', '#', '#', '#'};
-  Address from{};
-  int from_length = sizeof(Address);
-  WSABUF buffer{10, data};
-  WSAMSG message{};
-  DWORD bytes = 0, flags = 0;
-  OVERLAPPED overlapped{};
-  int error = 0;
-
-  void Run(SOCKET s, const std::string& how, LPWSAOVERLAPPED with = nullptr,
-           LPWSAOVERLAPPED_COMPLETION_ROUTINE routine = nullptr) {
-    int result = -1;
-    if (how == "recvfrom" || how == "recv") {
-      result = how == "recv" ? recv(s, data, 10, 0) : recvfrom(s, data, 10, 0, &from.any, &from_length);
-      bytes = result > 0 ? static_cast<DWORD>(result) : 0;
-      result = result > 0 ? 0 : -1;
-    } else if (how == "wsarecvfrom") {
-      result = WSARecvFrom(s, &buffer, 1, &bytes, &flags, &from.any, &from_length, with, routine);
-    } else if (how == "wsarecv") {
-      result = WSARecv(s, &buffer, 1, &bytes, &flags, with, routine);
-    } else {
-      message.name = &from.any;
-      message.namelen = from_length;
-      message.lpBuffers = &buffer;
-      message.dwBufferCount = 1;
-      result = Extension<LPFN_WSARECVMSG>(s, WSAID_WSARECVMSG)(s, &message, &bytes, with, routine);
-    }
-    error = ErrorOf(result == 0);
-  }
-  // Bytes, then the buffer with "." for each NUL.
-  std::string Text() const {
-    std::string text(data, 10);
-    for (char& c : text)
-      if (!c) c = '.';
-    return " " + std::to_string(bytes) + " " + text;
-  }
-};
 
 Receive* routine_receive;
 bool routine_ran;
@@ -218,8 +167,7 @@ std::string Overlapped(const Arguments& a) {  // END CALL WHEN ADDRESS PORT ASK
   const bool failed_at_once = receive.error != 0 && !routine_ran;
   while (routine && !routine_ran && SleepEx(50, TRUE) == WAIT_IO_COMPLETION) {
   }
-  const char* const surplus = failed_at_once && routine_ran ? " (routine called)" : "";
-  return " " + std::to_string(receive.error) + receive.Text() + surplus;
+  return receive.Text() + (failed_at_once && routine_ran ? " (routine called)" : "");
 }
 
 std::string Converse(const Arguments& a) {  // HOW ADDRESS PORT ASK
@@ -228,7 +176,7 @@ std::string Converse(const Arguments& a) {  // HOW ADDRESS PORT ASK
   if (const int error = Send(s, "sendto", to, a[3])) return " " + std::to_string(error) + " (ask)";
   Receive receive;
   receive.Run(s, a[0]);
-  return " " + std::to_string(receive.error) + receive.Text();
+  return receive.Text();
 }
 
 std::string Serve(const std::string& port) {
@@ -238,95 +186,68 @@ std::string Serve(const std::string& port) {
   Receive receive;
   receive.Run(s, "recvfrom");
   if (!receive.error) receive.error = Send(s, "sendto", receive.from, "answer");
-  return " " + std::to_string(receive.error) + receive.Text();
+  return receive.Text();
 }
 
 // ---- Names ----
 
-bool FirstAddress(const sockaddr* from, std::size_t length, Address& to) {
-  if (!from || length > sizeof to) return false;
-  memcpy(&to, from, length);
-  return true;
+// The first IPv4 address of an answer of each kind.
+const void* HostOf(const hostent* answer) { return answer->h_addr_list[0]; }
+template <class Info>
+const void* HostOf(const Info* list) {
+  return &reinterpret_cast<const sockaddr_in*>(list->ai_addr)->sin_addr;
+}
+const void* HostOf(const DNS_RECORD* list) {
+  while (list && list->wType != DNS_TYPE_A) list = list->pNext;
+  return list ? &list->Data.A.IpAddress : nullptr;
 }
 
-bool FirstRecord(const DNS_RECORD* list, Address& to) {
-  for (; list; list = list->pNext) {
-    if (list->wType != DNS_TYPE_A) continue;
-    to.v4.sin_family = AF_INET;
-    to.v4.sin_addr.s_addr = list->Data.A.IpAddress;
-    return true;
-  }
-  return false;
+// The error, or 0 with the address.
+template <class Answer>
+int Resolved(int error, const Answer* answer, Address& to) {
+  const void* const host = error ? nullptr : HostOf(answer);
+  if (host) memcpy(&to.v4.sin_addr, host, 4);
+  return error || host ? error : WSANO_DATA;
 }
 
-bool Resolve(const std::string& how, const std::string& name, Address& to, int& error) {
+int Resolve(const std::string& how, const std::string& name, Address& to) {
   const std::wstring wide(name.begin(), name.end());
-  error = 0;
   if (how == "hostent") {
     const hostent* answer = gethostbyname(name.c_str());
-    if (!answer) return error = WSAGetLastError(), false;
-    to.v4.sin_family = AF_INET;
-    memcpy(&to.v4.sin_addr, answer->h_addr_list[0], 4);
-    return true;
+    return Resolved(ErrorOf(answer), answer, to);
   }
   if (how == "addrinfo_narrow") {
     addrinfo* list = nullptr;
-    error = getaddrinfo(name.c_str(), nullptr, nullptr, &list);
-    return !error && FirstAddress(list->ai_addr, list->ai_addrlen, to);
+    return Resolved(getaddrinfo(name.c_str(), nullptr, nullptr, &list), list, to);
   }
   if (how == "addrinfo") {
     ADDRINFOW* list = nullptr;
-    error = GetAddrInfoW(wide.c_str(), nullptr, nullptr, &list);
-    return !error && FirstAddress(list->ai_addr, list->ai_addrlen, to);
+    return Resolved(GetAddrInfoW(wide.c_str(), nullptr, nullptr, &list), list, to);
   }
   if (how.rfind("addrinfoex", 0) == 0) {
     ADDRINFOEXW* list = nullptr;
     OVERLAPPED overlapped{};
     if (how == "addrinfoex_event") overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    error = GetAddrInfoExW(wide.c_str(), nullptr, NS_DNS, nullptr, nullptr, &list, nullptr,
-                           how == "addrinfoex" ? nullptr : &overlapped, nullptr, nullptr);
+    int error = GetAddrInfoExW(wide.c_str(), nullptr, NS_DNS, nullptr, nullptr, &list, nullptr,
+                               how == "addrinfoex" ? nullptr : &overlapped, nullptr, nullptr);
     if (error == WSA_IO_PENDING && overlapped.hEvent) {
       WaitForSingleObject(overlapped.hEvent, kPatienceMs);
       error = static_cast<int>(overlapped.Internal);
     }
-    return !error && FirstAddress(list->ai_addr, list->ai_addrlen, to);
+    return Resolved(error, list, to);
   }
   DNS_RECORD* list = nullptr;
-  if (how == "dns_a") error = DnsQuery_A(name.c_str(), DNS_TYPE_A, 0, nullptr, &list, nullptr);
-  if (how == "dns_w") error = DnsQuery_W(wide.c_str(), DNS_TYPE_A, 0, nullptr, &list, nullptr);
-  if (how == "dns_utf8")
-    error =
-        DnsQuery_UTF8(name.c_str(), DNS_TYPE_A, 0, nullptr, reinterpret_cast<DNS_RECORDA**>(&list), nullptr);
-  return !error && FirstRecord(list, to);
+  auto* const narrow = reinterpret_cast<DNS_RECORDA**>(&list);
+  return Resolved(how == "dns_a"   ? DnsQuery_A(name.c_str(), DNS_TYPE_A, 0, nullptr, &list, nullptr)
+                  : how == "dns_w" ? DnsQuery_W(wide.c_str(), DNS_TYPE_A, 0, nullptr, &list, nullptr)
+                                   : DnsQuery_UTF8(name.c_str(), DNS_TYPE_A, 0, nullptr, narrow, nullptr),
+                  list, to);
 }
 
 std::string ResolveAndConnect(const Arguments& a) {  // HOW NAME PORT
-  Address to{};
-  int error = 0;
-  if (!Resolve(a[1], a[2], to, error)) return " " + std::to_string(error);
-  to.v4.sin_port = htons(static_cast<u_short>(std::stoi(a[3])));
+  Address to = Local(0, static_cast<std::uint16_t>(std::stoi(a[3])));
+  if (const int error = Resolve(a[1], a[2], to)) return " " + std::to_string(error);
   return " 0 " + std::to_string(Connect("connect", to));
-}
-
-// ---- Others ----
-
-// Exports that begin with a jump out of the module.
-int CountPatched(const wchar_t* module_name) {
-  const auto* image = reinterpret_cast<const std::uint8_t*>(LoadLibraryW(module_name));
-  const auto* headers = reinterpret_cast<const IMAGE_NT_HEADERS*>(
-      image + reinterpret_cast<const IMAGE_DOS_HEADER*>(image)->e_lfanew);
-  const auto* exports = reinterpret_cast<const IMAGE_EXPORT_DIRECTORY*>(
-      image + headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT].VirtualAddress);
-  const auto* functions = reinterpret_cast<const DWORD*>(image + exports->AddressOfFunctions);
-  int patched = 0;
-  for (DWORD i = 0; i < exports->NumberOfFunctions; ++i) {
-    const std::uint8_t* code = image + functions[i];
-    std::int32_t distance;
-    memcpy(&distance, code + 1, sizeof distance);
-    const auto target = static_cast<std::uintptr_t>(code + 5 + distance - image);
-    patched += *code == 0xE9 && target >= headers->OptionalHeader.SizeOfImage;
-  }
-  return patched;
 }
 
 std::string Run(const Arguments& a) {
@@ -340,8 +261,6 @@ std::string Run(const Arguments& a) {
   if (how == "overlapped") return Overlapped(a);
   if (how == "serve") return Serve(a[1]);
   if (how == "resolve") return ResolveAndConnect(a);
-  if (how == "unpatched")
-    return " " + std::to_string(CountPatched(L"ws2_32.dll") + CountPatched(L"dnsapi.dll"));
   return Converse(a);
 }
 

@@ -10,7 +10,6 @@
 #include <winternl.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <random>
@@ -19,6 +18,7 @@
 #include <vector>
 
 #include "windows/nt.h"
+#include "windows/user_only_security.h"
 
 namespace {
 
@@ -43,26 +43,25 @@ constexpr DWORD kAttributes[] = {FILE_ATTRIBUTE_NORMAL, FILE_ATTRIBUTE_NORMAL, F
 constexpr DWORD kMoveFlags[] = {0, MOVEFILE_REPLACE_EXISTING, MOVEFILE_COPY_ALLOWED,
                                 MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH};
 
-// For the user of this process alone.
-class PrivateSecurity {
- public:
-  PrivateSecurity() {
-    HANDLE token = nullptr;
-    DWORD bytes;
-    OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token);
-    GetTokenInformation(token, TokenUser, user_, sizeof user_, &bytes);
-    CloseHandle(token);
-    InitializeAcl(Acl(), sizeof acl_, ACL_REVISION);
-    AddAccessAllowedAce(Acl(), ACL_REVISION, FILE_ALL_ACCESS, reinterpret_cast<TOKEN_USER*>(user_)->User.Sid);
-    InitializeSecurityDescriptor(&descriptor_, SECURITY_DESCRIPTOR_REVISION);
-    SetSecurityDescriptorDacl(&descriptor_, TRUE, Acl(), FALSE);
-  }
-  SECURITY_DESCRIPTOR* get() { return &descriptor_; }
+template <class T, std::size_t N>
+const T& Pick(const T (&from)[N], unsigned choice) {
+  return from[choice % N];
+}
 
- private:
-  ACL* Acl() { return reinterpret_cast<ACL*>(acl_); }
-  alignas(8) std::byte user_[256], acl_[256];
-  SECURITY_DESCRIPTOR descriptor_;
+// Calls that take names.
+constexpr struct {
+  const char* name;
+  BOOL (*run)(const wchar_t* path, const wchar_t* other, unsigned choice);
+} kByName[] = {
+    {"delete", [](auto path, auto, auto) { return DeleteFileW(path); }},
+    {"move", [](auto path, auto to, auto choice) { return MoveFileExW(path, to, Pick(kMoveFlags, choice)); }},
+    {"copy", [](auto path, auto to, auto choice) { return CopyFileW(path, to, choice % 2); }},
+    {"make", [](auto path, auto, auto) { return CreateDirectoryW(path, nullptr); }},
+    {"remove", [](auto path, auto, auto) { return RemoveDirectoryW(path); }},
+    {"attributes",
+     [](auto path, auto, auto choice) { return SetFileAttributesW(path, Pick(kAttributes, choice)); }},
+    {"replace",
+     [](auto path, auto by, auto) { return ReplaceFileW(path, by, nullptr, 0, nullptr, nullptr); }},
 };
 
 // To how many an access list gives something; -1 when it cannot be read.
@@ -114,21 +113,11 @@ class Sequence {
     unsigned kind, a, b, c, d, e;
   };
 
-  template <class T, std::size_t N>
-  static const T& Pick(const T (&from)[N], unsigned choice) {
-    return from[choice % N];
-  }
   std::wstring Dos(const std::wstring& name) const { return folder_ + L"\\" + name; }
   std::wstring Nt(const std::wstring& name) const { return L"\\??\\" + Dos(name); }
 
-  void Say(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    std::vprintf(format, arguments);
-    va_end(arguments);
-  }
-  void Status(NTSTATUS status) { Say(" %08lX", static_cast<unsigned long>(status)); }
-  void Result(BOOL success) { Say(success ? " ok" : " error %lu", GetLastError()); }
+  void Status(NTSTATUS status) { std::printf(" %08lX", static_cast<unsigned long>(status)); }
+  void Result(BOOL success) { std::printf(" error %lu", success ? 0 : GetLastError()); }
 
   static void Close(HANDLE& slot) {
     if (slot) NtClose(slot);
@@ -140,88 +129,55 @@ class Sequence {
     const wchar_t* name = Pick(kNames, choice.b);
     const wchar_t* other = Pick(kNames, choice.c);
     const int number = static_cast<int>(choice.a % kSlots);
-    switch (choice.kind % 25) {
-      case 0:
-      case 1:
-      case 2:
-      case 3:
-      case 4:
-        return Open(slot, name, choice);
-      case 5:
-      case 6:
-        Say("close %d", number);
-        return Close(slot);
-      case 7:
-        return Write(slot, choice);
-      case 8:
-        return Read(slot);
-      case 9:
-      case 10: {
-        const BOOLEAN remove = choice.b % 4 != 0;
-        Say("dispose %d %d", number, remove);
-        return Set(slot, remove, nt::kFileDispositionInformation);
-      }
-      case 11: {
-        if (!extended_) return;
-        constexpr ULONG kFlags[] = {1, 3, 0x11, 0x13, 0, 8};
-        const nt::DispositionInformationEx flags{Pick(kFlags, choice.b)};
-        Say("dispose %d flags %lX", number, flags.Flags);
-        return Set(slot, flags, nt::kFileDispositionInformationEx);
-      }
-      case 12:
-      case 13:
-        return Rename(slot, name, choice.c % 2, nt::kFileRenameInformation);
-      case 14:
-        return Rename(slot, name, choice.c % 2, nt::kFileLinkInformation);
-      case 15: {
-        FILE_BASIC_INFO basic = {};
-        basic.LastWriteTime.QuadPart = 0x01D000000000000LL + choice.b % 7;
-        basic.FileAttributes = Pick(kAttributes, choice.c);
-        Say("basic %d %lX", number, basic.FileAttributes);
-        return Set(slot, basic, nt::kFileBasicInformation);
-      }
-      case 16: {
-        const LARGE_INTEGER end{.QuadPart = choice.b % 9};
-        Say("end %d %lld", number, end.QuadPart);
-        return Set(slot, end, nt::kFileEndOfFileInformation);
-      }
-      case 17:
-        return Query(slot);
-      case 18:
-        Say("delete %ls", name);
-        return Result(DeleteFileW(Dos(name).c_str()));
-      case 19:
-        Say("move %ls %ls %lX", name, other, Pick(kMoveFlags, choice.d));
-        return Result(MoveFileExW(Dos(name).c_str(), Dos(other).c_str(), Pick(kMoveFlags, choice.d)));
-      case 20:
-        Say("copy %ls %ls", name, other);
-        return Result(CopyFileW(Dos(name).c_str(), Dos(other).c_str(), choice.d % 2));
-      case 21:
-        if (choice.d % 2) {
-          Say("make %ls", name);
-          return Result(CreateDirectoryW(Dos(name).c_str(), nullptr));
-        }
-        Say("remove %ls", name);
-        return Result(RemoveDirectoryW(Dos(name).c_str()));
-      case 22:
-        return Map(slot);
-      case 23:
-        if (choice.d % 2) {
-          Say("attributes %ls %lX", name, Pick(kAttributes, choice.e));
-          return Result(SetFileAttributesW(Dos(name).c_str(), Pick(kAttributes, choice.e)));
-        }
-        Say("replace %ls %ls", name, other);
-        return Result(ReplaceFileW(Dos(name).c_str(), Dos(other).c_str(), nullptr, 0, nullptr, nullptr));
-      default:
-        Say("duplicate %d to %u", number, choice.b % kSlots);
-        HANDLE copy = nullptr;
-        const BOOL done = slot && DuplicateHandle(GetCurrentProcess(), slot, GetCurrentProcess(), &copy, 0,
-                                                  FALSE, DUPLICATE_SAME_ACCESS);
-        Say(done ? " ok" : " nothing");
-        if (!done) return;
-        Close(slots_[choice.b % kSlots]);
-        slots_[choice.b % kSlots] = copy;
+    const unsigned kind = choice.kind % 25;
+    if (kind < 5) return Open(slot, name, choice);
+    if (kind == 5) return Write(slot, choice);
+    if (kind == 6) return Read(slot);
+    if (kind == 7) return Query(slot);
+    if (kind < 10) return Rename(slot, name, choice.c % 2, nt::kFileRenameInformation);
+    if (kind == 10) return Rename(slot, name, choice.c % 2, nt::kFileLinkInformation);
+    if (kind < 13) {
+      const BOOLEAN remove = choice.b % 4 != 0;
+      std::printf("dispose %d %d", number, remove);
+      return Set(slot, remove, nt::kFileDispositionInformation);
     }
+    if (kind == 13 && extended_) {
+      constexpr ULONG kFlags[] = {1, 3, 0x11, 0x13, 0, 8};
+      const nt::DispositionInformationEx flags{Pick(kFlags, choice.b)};
+      std::printf("dispose %d flags %lX", number, flags.Flags);
+      return Set(slot, flags, nt::kFileDispositionInformationEx);
+    }
+    if (kind == 14) {
+      FILE_BASIC_INFO basic = {};
+      basic.LastWriteTime.QuadPart = 0x01D000000000000LL + choice.b % 7;
+      basic.FileAttributes = Pick(kAttributes, choice.c);
+      std::printf("basic %d %lX", number, basic.FileAttributes);
+      return Set(slot, basic, nt::kFileBasicInformation);
+    }
+    if (kind == 15) {
+      const LARGE_INTEGER end{.QuadPart = choice.b % 9};
+      std::printf("end %d %lld", number, end.QuadPart);
+      return Set(slot, end, nt::kFileEndOfFileInformation);
+    }
+    if (kind == 16) {
+      std::printf("duplicate %d to %u", number, choice.b % kSlots);
+      HANDLE copy = nullptr;
+      if (!slot || !DuplicateHandle(GetCurrentProcess(), slot, GetCurrentProcess(), &copy, 0, FALSE,
+                                    DUPLICATE_SAME_ACCESS))
+        return;
+      std::printf(" done");
+      Close(slots_[choice.b % kSlots]);
+      slots_[choice.b % kSlots] = copy;
+      return;
+    }
+    if (kind < 19) {
+      std::printf("close %d", number);
+      return Close(slot);
+    }
+    if (kind == 19) return Map(slot);
+    const auto& call = Pick(kByName, choice.e);
+    std::printf("%s %ls %ls %u", call.name, name, other, choice.d % 4);
+    Result(call.run(Dos(name).c_str(), Dos(other).c_str(), choice.d));
   }
 
   void Open(HANDLE& slot, const wchar_t* name, const Choice& choice) {
@@ -230,8 +186,8 @@ class Sequence {
     UNICODE_STRING text = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
     OBJECT_ATTRIBUTES attributes = nt::NamedObject(&text);
     IO_STATUS_BLOCK io = {};
-    static PrivateSecurity security;
-    if (choice.e / 64 % 4 == 0) attributes.SecurityDescriptor = security.get();
+    static vorn::windows::UserOnlySecurity security;
+    if (choice.e / 64 % 4 == 0) attributes.SecurityDescriptor = security.descriptor();
     // Who empties a file has the right to write it, as programs have: some systems grant handles more than
     // was asked for otherwise, depending on whether the file was there.
     const bool empties = choice.d % 6 == FILE_SUPERSEDE || choice.d % 6 >= FILE_OVERWRITE;
@@ -242,8 +198,8 @@ class Sequence {
     // Deleting at close asks for the right to.
     const ACCESS_MASK all =
         access | SYNCHRONIZE | (options & FILE_DELETE_ON_CLOSE && choice.c % 3 ? DELETE : 0);
-    Say("open %d %ls access %lX disposition %lu options %lX share %lu attributes %lX",
-        static_cast<int>(choice.a % kSlots), name, all, disposition, options, share, attribute);
+    std::printf("open %d %ls access %lX disposition %lu options %lX share %lu attributes %lX",
+                static_cast<int>(choice.a % kSlots), name, all, disposition, options, share, attribute);
     const NTSTATUS status = NtCreateFile(&slot, all, &attributes, &io, nullptr, attribute, share, disposition,
                                          options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
     Status(status);
@@ -256,26 +212,27 @@ class Sequence {
     } rights = {};
     IO_STATUS_BLOCK ignored;
     NtQueryInformationFile(slot, &ignored, &rights, sizeof rights, static_cast<FILE_INFORMATION_CLASS>(8));
-    Say(" information %llu granted %lX", static_cast<unsigned long long>(io.Information), rights.granted);
+    std::printf(" information %llu granted %lX", static_cast<unsigned long long>(io.Information),
+                rights.granted);
   }
 
   void Write(HANDLE slot, const Choice& choice) {
     const char text[] = "0123456789";
     IO_STATUS_BLOCK io = {};
     LARGE_INTEGER at{.QuadPart = choice.c % 4};
-    Say("write %d", static_cast<int>(choice.a % kSlots));
+    std::printf("write %d", static_cast<int>(choice.a % kSlots));
     Status(NtWriteFile(slot, nullptr, nullptr, nullptr, &io, const_cast<char*>(text), choice.b % 10, &at,
                        nullptr));
-    Say(" %llu", static_cast<unsigned long long>(io.Information));
+    std::printf(" %llu", static_cast<unsigned long long>(io.Information));
   }
 
   void Read(HANDLE slot) {
     char text[32] = {};
     IO_STATUS_BLOCK io = {};
     LARGE_INTEGER at = {};
-    Say("read");
+    std::printf("read");
     Status(NtReadFile(slot, nullptr, nullptr, nullptr, &io, text, sizeof text - 1, &at, nullptr));
-    Say(" \"%s\"", text);
+    std::printf(" \"%s\"", text);
   }
 
   template <class Information>
@@ -284,7 +241,7 @@ class Sequence {
     const Information before = information;
     Status(NtSetInformationFile(slot, &io, &information, sizeof information,
                                 static_cast<FILE_INFORMATION_CLASS>(info_class)));
-    if (std::memcmp(&before, &information, sizeof before)) Say(" buffer changed");
+    if (std::memcmp(&before, &information, sizeof before)) std::printf(" buffer changed");
   }
 
   void Rename(HANDLE slot, const wchar_t* name, bool replace, ULONG info_class) {
@@ -295,14 +252,15 @@ class Sequence {
     request->FileNameLength = static_cast<ULONG>(path.size() * sizeof(wchar_t));
     std::memcpy(request->FileName, path.data(), request->FileNameLength);
     IO_STATUS_BLOCK io = {};
-    Say("%s to %ls replace %d", info_class == nt::kFileLinkInformation ? "link" : "rename", name, replace);
+    std::printf("%s to %ls replace %d", info_class == nt::kFileLinkInformation ? "link" : "rename", name,
+                replace);
     Status(NtSetInformationFile(slot, &io, request, static_cast<ULONG>(buffer.size()),
                                 static_cast<FILE_INFORMATION_CLASS>(info_class)));
   }
 
   // A file that is mapped cannot be deleted or cut off everywhere. The view stays to the end of the sequence.
   void Map(HANDLE slot) {
-    Say("map");
+    std::printf("map");
     HANDLE section = CreateFileMappingW(slot ? slot : INVALID_HANDLE_VALUE, nullptr, PAGE_READONLY, 0,
                                         slot ? 0 : 1, nullptr);
     Result(section != nullptr);
@@ -314,12 +272,12 @@ class Sequence {
   void Query(HANDLE slot) {
     FILE_STANDARD_INFO standard = {};
     FILE_BASIC_INFO basic = {};
-    Say("query");
+    std::printf("query");
     if (!GetFileInformationByHandleEx(slot, FileStandardInfo, &standard, sizeof standard) ||
         !GetFileInformationByHandleEx(slot, FileBasicInfo, &basic, sizeof basic))
       return Result(FALSE);
-    Say(" size %lld pending %d folder %d attributes %lX", standard.EndOfFile.QuadPart, standard.DeletePending,
-        standard.Directory, basic.FileAttributes);
+    std::printf(" size %lld pending %d folder %d attributes %lX", standard.EndOfFile.QuadPart,
+                standard.DeletePending, standard.Directory, basic.FileAttributes);
   }
 
   void List(const std::wstring& folder, int depth) {

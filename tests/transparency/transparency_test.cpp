@@ -9,9 +9,7 @@
 #include <random>
 
 #include "tests/e2e/confinement.h"
-#include "vorn/create_process.h"
 #include "windows/nt.h"
-#include "windows/unique_handle.h"
 
 namespace vorn::test {
 namespace {
@@ -36,12 +34,9 @@ class Transparency : public testing::Test {
                              std::to_wstring(count) + L" " + std::to_wstring(kSteps) +
                              (KnowsExtendedDeletion() ? L" 1" : L" 0");
     for (const int step : skipped) arguments += L" " + std::to_wstring(step);
-    SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
-    const windows::UniqueHandle output(
-        CreateFileW(answers.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr));
     const std::wstring command = Probe("transparency_probe.exe", arguments);
     if (!confined) {
-      RunPlain(command, output.get());
+      TestProcess(command, 0, OutputFile(answers).get()).RunToEnd(120'000);
       return ReadLines(answers);
     }
     E2eConfinement host([&](host::SectionContents& section) {
@@ -51,7 +46,7 @@ class Transparency : public testing::Test {
       section.file_rules = {{policy::FileACL::kReadWrite, host::ToNtPath(folder.path().wstring())}};
       section.keep_places = {policy::KeepFormat::kRecycleBin, {{{}, host::ToNtPath(kept_.path().wstring())}}};
     });
-    EXPECT_EQ(host.Run(command, {.standard_output = output.get()}), 0);
+    EXPECT_EQ(host.RunInto(answers, command), 0);
     return ReadLines(answers);
   }
 
@@ -63,18 +58,6 @@ class Transparency : public testing::Test {
         NtSetInformationFile(nullptr, &io, &nothing, sizeof nothing,
                              static_cast<FILE_INFORMATION_CLASS>(nt::kFileDispositionInformationEx));
     return status != STATUS_NOT_IMPLEMENTED && status != STATUS_INVALID_INFO_CLASS;
-  }
-
-  static void RunPlain(std::wstring command, HANDLE output) {
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = output;
-    PROCESS_INFORMATION created = {};
-    ASSERT_TRUE(
-        host::CreateProcessWithRetry(nullptr, command.data(), TRUE, 0, nullptr, nullptr, &startup, &created));
-    const windows::UniqueHandle process(created.hProcess), thread(created.hThread);
-    EXPECT_EQ(WaitForSingleObject(process.get(), 120'000), WAIT_OBJECT_0);
   }
 
   // The numbers of the steps that a difference does not need.

@@ -4,21 +4,60 @@
 
 #include <chrono>
 #include <mutex>
+#include <optional>
 #include <regex>
 #include <thread>
 
 #include "VornCore/Base/channel.h"
 #include "base_environment.h"
-#include "tests/probes/fake_transport.h"
+#include "ipc/ipc_interface.h"
 
 namespace {
-FakeTransport transport;
-std::mutex mutex;
-std::vector<std::string> calls;
-std::vector<std::vector<std::byte>> sent;
+
+using Lines = std::vector<std::string>;
+
+// What fake_transport.dll leads to.
+struct Transport final : vorn::ipc::IPC {
+  bool __stdcall Init(const wchar_t* local, const wchar_t* server,
+                      const vorn::ipc::IpcCallbacks* given) override {
+    calls.emplace_back("Init");
+    local_port = local;
+    server_port = server;
+    callbacks = *given;
+    return true;
+  }
+  void __stdcall UnInit() override { calls.emplace_back("UnInit"); }
+  bool __stdcall RecvLoop() override { return WaitForSingleObject(stopped, INFINITE) == WAIT_OBJECT_0; }
+  bool __stdcall Stop() override {
+    calls.emplace_back("Stop");
+    return SetEvent(stopped);
+  }
+  bool __stdcall Send(const void* data, std::uint32_t bytes, std::uint32_t) override {
+    const auto* begin = static_cast<const std::byte*>(data);
+    std::lock_guard guard(mutex);
+    sent.emplace_back(begin, begin + bytes);
+    return true;
+  }
+
+  std::wstring local_port, server_port;
+  vorn::ipc::IpcCallbacks callbacks = {};
+  HANDLE stopped = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  Lines calls;  // every operation but Send
+  std::mutex mutex;
+  std::vector<std::vector<std::byte>> sent;
+};
+std::optional<Transport> transport;
+void (*at_process_end)() = nullptr;
+
 }  // namespace
 
-extern "C" __declspec(dllexport) FakeTransport* GetFakeTransport() { return &transport; }
+extern "C" {
+__declspec(dllexport) vorn::ipc::IPC* CreateTransport() { return &*transport; }
+__declspec(dllexport) void DestroyTransport() { transport->calls.emplace_back("Destroy"); }
+__declspec(dllexport) void AtProcessEnd() {
+  if (at_process_end) at_process_end();
+}
+}
 
 namespace VornCore {
 namespace {
@@ -41,20 +80,11 @@ class Channel : public testing::Test {
     ASSERT_EQ(log.start_error(), 0u);
     log.SetFlags(0xF);
     log.NewText();
-    calls.clear();
-    sent.clear();
-    transport = {};
-    transport.on_call = [](const char* operation) { calls.push_back(operation); };
-    transport.on_send = [](const void* data, std::uint32_t bytes) {
-      const auto* begin = static_cast<const std::byte*>(data);
-      std::lock_guard guard(mutex);
-      sent.emplace_back(begin, begin + bytes);
-    };
-    transport.stopped = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    transport.emplace();
   }
   void TearDown() override {
     channel::UnInit();
-    CloseHandle(transport.stopped);
+    CloseHandle(transport->stopped);
   }
 
   // Starts and waits for the process start message, which it removes.
@@ -63,13 +93,13 @@ class Channel : public testing::Test {
     ASSERT_TRUE(WaitForSent(1));
     for (const char* thread : {"IPCRecvThreadProc", "IPCSendThreadProc", "DispatchMsg"})
       ASSERT_TRUE(WaitForLog(std::string(thread) + " thread start\n"));
-    sent.clear();
+    transport->sent.clear();
     seen.clear();
   }
   static bool WaitForSent(std::size_t count) {
     return Eventually([&] {
-      std::lock_guard guard(mutex);
-      return sent.size() >= count;
+      std::lock_guard guard(transport->mutex);
+      return transport->sent.size() >= count;
     });
   }
   // Waits for a log message with this text.
@@ -93,31 +123,14 @@ class Channel : public testing::Test {
   std::string seen;
 };
 
-TEST_F(Channel, TransportThatFailsIsTakenDownAgain) {
-  using Lines = std::vector<std::string>;
-  transport.create_succeeds = false;
-  EXPECT_FALSE(channel::Init(kServer, false));
-  EXPECT_EQ(log.NewMessages(), (Lines{"CreateIPCInterface2() Failed", "Init IPC Failed"}));
-  EXPECT_EQ(calls, Lines{});
-  EXPECT_EQ(GetModuleHandleW(L"fake_transport.dll"), nullptr);
-
-  transport.create_succeeds = true;
-  transport.init_succeeds = false;
-  EXPECT_FALSE(channel::Init(kServer, false));
-  EXPECT_EQ(log.NewMessages(), (Lines{"IPC::Init() Failed", "Init IPC Failed"}));
-  EXPECT_EQ(calls, (Lines{"Init", "UnInit", "Destroy"}));
-  EXPECT_EQ(GetModuleHandleW(L"fake_transport.dll"), nullptr);
-  EXPECT_FALSE(Send(Message(3, 0))) << "the channel does not run";
-}
-
 TEST_F(Channel, LocalPortIsNamedAfterTheProcess) {
   ASSERT_TRUE(channel::Init(kServer, false));
   EXPECT_TRUE(channel::Init(kServer, false)) << "it runs already";
-  EXPECT_EQ(calls, std::vector<std::string>{"Init"});
-  EXPECT_STREQ(transport.server_port, kServer);
+  EXPECT_EQ(transport->calls, Lines{"Init"});
+  EXPECT_EQ(transport->server_port, kServer);
   const std::wregex name(L"base_channel_test\\.exe_" + std::to_wstring(GetCurrentProcessId()) +
                          L"_0x[1-9a-f][0-9a-f]*");
-  EXPECT_TRUE(std::regex_match(transport.local_port, name));
+  EXPECT_TRUE(std::regex_match(transport->local_port, name));
 }
 
 TEST_F(Channel, RefusesWhatIsNoMessageAndStopsWhatItStarted) {
@@ -129,7 +142,7 @@ TEST_F(Channel, RefusesWhatIsNoMessageAndStopsWhatItStarted) {
   EXPECT_FALSE(Send(message));
   EXPECT_EQ(log.NewText(), "");
   channel::UnInit();
-  EXPECT_EQ(calls, (std::vector<std::string>{"Init", "Stop", "UnInit", "Destroy"}));
+  EXPECT_EQ(transport->calls, (Lines{"Init", "Stop", "UnInit", "Destroy"}));
   EXPECT_FALSE(Send(Message(3, 0)));
   Start();  // and starts again
 }
@@ -145,13 +158,14 @@ TEST_F(Channel, SamplesCarryTheHostsPathsAndAreThrottled) {
   SendSample(4, 5, 6, policy::kSubtypeSampleDnsCache, nullptr);
   channel::SetPathConverter(nullptr);
   ASSERT_TRUE(WaitForSent(2));
-  const policy::Decoded first = policy::DecodeMessage(sent[0]), second = policy::DecodeMessage(sent[1]);
+  const policy::Decoded first = policy::DecodeMessage(transport->sent[0]),
+                        second = policy::DecodeMessage(transport->sent[1]);
   const auto& with_text = std::get<policy::Sample>(first.body);
   EXPECT_EQ(with_text.text, "C:\\\xc3\xa9");
   EXPECT_EQ(with_text.second, 2u);
-  EXPECT_EQ(sent[0].size(), 55u + 6u);
+  EXPECT_EQ(transport->sent[0].size(), 55u + 6u);
   EXPECT_EQ(std::get<policy::Sample>(second.body).third, 6u);
-  EXPECT_EQ(sent[1].size(), 55u);
+  EXPECT_EQ(transport->sent[1].size(), 55u);
 
   std::atomic<std::uint64_t> last = 0;
   EXPECT_TRUE(MaySendSample(last, 10'000'000));
@@ -164,7 +178,7 @@ TEST_F(Channel, HostsMessagesAreCheckedAndNoticesLogged) {
   Start();
   auto message = Message(9, 9);
   const auto receive = [&](std::uint32_t bytes) {
-    transport.callbacks.OnRecvData(nullptr, message.data(), bytes);
+    transport->callbacks.OnRecvData(nullptr, message.data(), bytes);
   };
   receive(30);
   receive(29);
@@ -173,9 +187,9 @@ TEST_F(Channel, HostsMessagesAreCheckedAndNoticesLogged) {
   receive(30);
   EXPECT_TRUE(WaitForLog("Not a Tip Message\n"));
 
-  EXPECT_TRUE(transport.callbacks.OnConnectAuth(nullptr, 11, 22, "a port"));
-  transport.callbacks.OnIpcError(nullptr, "a text with % signs %s");
-  transport.callbacks.OnDisconnectNotify(nullptr, 33, 44, "a port");
+  EXPECT_TRUE(transport->callbacks.OnConnectAuth(nullptr, 11, 22, "a port"));
+  transport->callbacks.OnIpcError(nullptr, "a text with % signs %s");
+  transport->callbacks.OnDisconnectNotify(nullptr, 33, 44, "a port");
   EXPECT_TRUE(WaitForLog("recv disconnect notify, it's pid:33, tid:44, port name:a port\n"));
   EXPECT_EQ(seen,
             "DispatchMsgToBiz: invalid data\nNot a Tip Message\n"
@@ -200,7 +214,7 @@ TEST_F(Channel, ThreadKilledInsideTheQueueDoesNotBlockProcessEnd) {
     InitTipHeader(unreadable_behind_its_header, 3, 0, 10, 1);
     std::thread([=] { SendToHost(unreadable_behind_its_header, 40); }).detach();
     WaitForSingleObject(inside, INFINITE);
-    transport.at_process_end = [] {
+    at_process_end = [] {
       if (Send(Message(3, 1))) TerminateProcess(GetCurrentProcess(), 2);
       channel::FlushAtProcessEnd();
       TerminateProcess(GetCurrentProcess(), 7);
@@ -213,7 +227,7 @@ TEST_F(Channel, ThreadKilledInsideTheQueueDoesNotBlockProcessEnd) {
 TEST_F(Channel, DisconnectEndsTheProcessOnlyWhenAskedTo) {
   const auto disconnect = [](bool terminate) {
     if (!channel::Init(kServer, terminate)) ExitProcess(1);
-    transport.callbacks.OnDisconnectNotify(nullptr, 1, 2, "port");
+    transport->callbacks.OnDisconnectNotify(nullptr, 1, 2, "port");
     ExitProcess(2);
   };
   EXPECT_EXIT(disconnect(true), testing::ExitedWithCode(19960116), "");

@@ -12,7 +12,6 @@
 #include "build_paths.h"
 #include "detours/detours.h"
 #include "tests/probes/injection_record.h"
-#include "tests/stdcall.h"
 #include "tests/test_process.h"
 #include "vorn/create_process.h"
 
@@ -127,27 +126,30 @@ TEST(Restoration, ProcessThatWasNotInjectedHasNothingToRestore) { EXPECT_FALSE(D
 
 // ---- Helper process ----
 
-// A creation routine that watches the helper: what the DLL records there, and how the helper ends.
-struct HelperWatch {
-  static inline std::unique_ptr<Record> record;
+// How the next helper is started, and what the DLL records in it.
+struct {
+  std::wstring program;   // another one than was asked for
+  bool injected = false;  // like any child of a confined process
+  std::unique_ptr<Record> record;
+} helper;
 
-  static BOOL WINAPI Create(LPCWSTR image, LPWSTR command, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES,
-                            BOOL inherit, DWORD flags, LPVOID environment, LPCWSTR directory,
-                            LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) {
-    if (!vorn::host::CreateProcessWithRetry(image, command, inherit, flags | CREATE_SUSPENDED, environment,
-                                            directory, startup, info)) {
-      return FALSE;
-    }
-    record = std::make_unique<Record>(info->dwProcessId);
-    ResumeThread(info->hThread);
-    return TRUE;
-  }
-};
+BOOL WINAPI CreateHelper(LPCWSTR image, LPWSTR command, LPSECURITY_ATTRIBUTES, LPSECURITY_ATTRIBUTES,
+                         BOOL inherit, DWORD flags, LPVOID environment, LPCWSTR directory,
+                         LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) {
+  if (!helper.program.empty()) image = helper.program.c_str();
+  if (!vorn::host::CreateProcessWithRetry(image, command, inherit, flags | CREATE_SUSPENDED, environment,
+                                          directory, startup, info))
+    return FALSE;
+  helper.record = std::make_unique<Record>(info->dwProcessId);
+  EXPECT_TRUE(!helper.injected || Child::InjectInto(info->hProcess, {kDll.c_str()}));
+  ResumeThread(info->hThread);
+  return TRUE;
+}
 
 TEST(HelperProcess, UpdatesTheTargetAndDoesNothingElse) {
   Child child(kProbe);
-  ASSERT_TRUE(DetourProcessViaHelperW(child.id(), kDll.c_str(), HelperWatch::Create)) << GetLastError();
-  EXPECT_STREQ((*HelperWatch::record)->order, "") << "the DLL must not start up in the helper";
+  ASSERT_TRUE(DetourProcessViaHelperW(child.id(), kDll.c_str(), CreateHelper)) << GetLastError();
+  EXPECT_STREQ((*helper.record)->order, "") << "the DLL must not start up in the helper";
   EXPECT_EQ(child.RunToEnd(), kProbeExit);
   EXPECT_STREQ(child.record->order, "iTM");
   EXPECT_TRUE(child.record->header_is_the_files);
@@ -162,35 +164,14 @@ TEST(HelperProcess, ErrorsComeBackThroughTheHelper) {
 // Whoever starts a process can write an order. Then the DLL, which the process gets like any other, starts up
 // in it.
 TEST(HelperProcess, OrderForAnotherProgramOrAnotherDllMakesNoHelper) {
-  static const ScratchFile other(kDll, "another_injection.dll");
+  const ScratchFile other(kDll, "another_injection.dll");
   Child child(kProbe);
-  static const auto start = [](LPCWSTR image, LPWSTR command, LPSTARTUPINFOW startup,
-                               LPPROCESS_INFORMATION info) {
-    if (!vorn::host::CreateProcessWithRetry(image, command, FALSE, CREATE_SUSPENDED, nullptr, nullptr,
-                                            startup, info))
-      return FALSE;
-    HelperWatch::record = std::make_unique<Record>(info->dwProcessId);
-    EXPECT_TRUE(Child::InjectInto(info->hProcess, {kDll.c_str()}));
-    ResumeThread(info->hThread);
-    return TRUE;
-  };
-  // The program is another one.
-  DetourProcessViaHelperW(child.id(), kDll.c_str(),
-                          vorn::test::Stdcall([](LPCWSTR, LPWSTR command, LPSECURITY_ATTRIBUTES,
-                                                 LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID, LPCWSTR,
-                                                 LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) -> BOOL {
-                            const std::wstring probe(kProbe.begin(), kProbe.end());
-                            return start(probe.c_str(), command, startup, info);
-                          }));
-  EXPECT_STREQ((*HelperWatch::record)->order, "iTM");
-  // The order names a DLL that is not the one that reads it.
-  DetourProcessViaHelperW(child.id(), other.path().c_str(),
-                          vorn::test::Stdcall([](LPCWSTR image, LPWSTR command, LPSECURITY_ATTRIBUTES,
-                                                 LPSECURITY_ATTRIBUTES, BOOL, DWORD, LPVOID, LPCWSTR,
-                                                 LPSTARTUPINFOW startup, LPPROCESS_INFORMATION info) -> BOOL {
-                            return start(image, command, startup, info);
-                          }));
-  EXPECT_EQ((*HelperWatch::record)->order[0], 'i');
+  helper.injected = true;
+  DetourProcessViaHelperW(child.id(), other.path().c_str(), CreateHelper);  // the order names another DLL
+  EXPECT_EQ((*helper.record)->order[0], 'i');
+  helper.program.assign(kProbe.begin(), kProbe.end());
+  DetourProcessViaHelperW(child.id(), kDll.c_str(), CreateHelper);  // another program reads it
+  EXPECT_STREQ((*helper.record)->order, "iTM");
 }
 
 TEST(HelperProcess, CommandLineAloneMakesNoHelper) {

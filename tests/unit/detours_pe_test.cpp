@@ -55,40 +55,31 @@ INSTANTIATE_TEST_SUITE_P(BothWidths, PeImages, testing::Bool(),
 
 TEST_P(PeImages, OurDllsComeFirstAndTheImageIsRestored) {
   const Dlls two = {"C:\\a\\one.dll", "two.dll"};
-  struct Case {
-    const char* what;
-    BuildOptions options;
-    std::vector<std::string> own;
-    bool repaired = false;
-  };
   const bool wide = GetParam();
-  const std::vector<std::string> own = {"KERNEL32.dll#7", "msvcrt.dll#7"};
-  const Case cases[] = {
-      {"plain", {.is_64 = wide}, own},
-      {"import directory of size 0", {.is_64 = wide, .import_size_is_zero = true}, own, true},
-      {"bound imports", {.is_64 = wide, .bound = true}, own},
-      {"no imports", {.is_64 = wide, .dlls = {}}, {}},
-      {"no address table directory", {.is_64 = wide, .with_iat_directory = false}, own},
-      {"managed code only", {.is_64 = wide, .clr_flags = 9}, own},
-      {"many imports",
-       {.is_64 = wide, .dlls = std::vector<std::string>(50, "m.dll")},
-       std::vector<std::string>(50, "m.dll#7")},
+  const BuildOptions cases[] = {
+      {.is_64 = wide},
+      {.is_64 = wide, .import_size_is_zero = true},
+      {.is_64 = wide, .bound = true},
+      {.is_64 = wide, .dlls = {}},
+      {.is_64 = wide, .with_iat_directory = false},
+      {.is_64 = wide, .clr_flags = 9},  // managed code only
+      {.is_64 = wide, .dlls = std::vector<std::string>(50, "m.dll")},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    Memory memory(BuildImage(c.options));
+  for (const BuildOptions& options : cases) {
+    SCOPED_TRACE(&options - cases);
+    Memory memory(BuildImage(options));
     const std::vector<uint8_t> original = memory.image();
     pe::ImportPlan plan;
     ASSERT_EQ(Inject(memory, two, kBlock, &plan), pe::Status::kOk);
-    EXPECT_EQ(plan.repaired_size, c.repaired);
+    EXPECT_EQ(plan.repaired_size, options.import_size_is_zero);
     std::vector<std::string> expected = {"C:\\a\\one.dll#1", "two.dll#1"};
-    expected.insert(expected.end(), c.own.begin(), c.own.end());
-    EXPECT_EQ(LoaderView(memory, GetParam()), expected);
+    for (const std::string& own : options.dlls) expected.push_back(own + "#7");
+    EXPECT_EQ(LoaderView(memory, wide), expected);
     EXPECT_EQ(DirectoryOf(memory, pe::kImportDirectory).size, (expected.size() + 1) * 20);
     EXPECT_EQ(DirectoryOf(memory, pe::kBoundImportDirectory), pe::DataDirectory{});
     pe::ClrHeader managed{};
     ASSERT_TRUE(memory.Read(kClr, &managed));
-    EXPECT_EQ(managed.flags, c.options.clr_flags & 8) << "the flag that hides its imports is gone";
+    EXPECT_EQ(managed.flags, options.clr_flags & 8) << "the flag that hides its imports is gone";
     ASSERT_TRUE(Restore(memory));
     EXPECT_EQ(memory.image(), original);
     EXPECT_FALSE(Restore(memory)) << "restored, there is nothing left to restore";
@@ -113,12 +104,11 @@ TEST_P(PeImages, HeadersThatLieEndWithTheirReason) {
       optional + (GetParam() ? pe::kDirectoryCountField64 : pe::kDirectoryCountField32) + 4;
   const uint32_t import = directories + 8 * pe::kImportDirectory;
   const uint32_t clr = directories + 8 * pe::kClrDirectory;
-  struct Lie {
+  const struct {
     const char* what;
     uint32_t rva, bytes, value;
     pe::Status status;
-  };
-  const Lie lies[] = {
+  } lies[] = {
       {"no MZ", 0, 2, 0x4D5A, pe::Status::kNotAnImage},
       {"NT headers far away", pe::kNtOffsetField, 4, 0x0fff'fff0, pe::Status::kUnreadable},
       {"NT headers behind the base", pe::kNtOffsetField, 4, 0xffff'fff0, pe::Status::kBadHeaders},
@@ -141,7 +131,7 @@ TEST_P(PeImages, HeadersThatLieEndWithTheirReason) {
       {"CLR header over the headers", clr, 4, pe::kNtOffsetField - 16, pe::Status::kBadClrHeader},
       {"CLR header beyond the image", clr, 4, kImageSize - 8, pe::Status::kBadClrHeader},
   };
-  for (const Lie& lie : lies) {
+  for (const auto& lie : lies) {
     SCOPED_TRACE(lie.what);
     std::vector<uint8_t> bytes = BuildImage(Options());
     memcpy(bytes.data() + lie.rva, &lie.value, lie.bytes);

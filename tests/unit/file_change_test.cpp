@@ -56,29 +56,34 @@ TEST_F(FileChange, DeletionIsSkippedWhileTheLoaderRuns) {
 TEST_F(FileChange, RenameTargetsAreUnderstoodInEveryForm) {
   HANDLE folder = OpenFor(L"\\write", FILE_LIST_DIRECTORY, FILE_DIRECTORY_FILE);
   HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
-  EXPECT_EQ(Rename(file, L"a.txt", 0, nt::kFileRenameInformation, folder), STATUS_SUCCESS);
-  EXPECT_EQ(Text(L"\\write\\a.txt"), "old");
-  EXPECT_EQ(Rename(file, Nt(L"\\write\\b.txt")), STATUS_SUCCESS) << "by device";
-  EXPECT_EQ(Text(L"\\write\\b.txt"), "old");
-  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\c.txt"), 0, nt::kFileRenameInformationEx),
-            STATUS_SUCCESS);
-  EXPECT_EQ(Text(L"\\write\\c.txt"), "old");
-  EXPECT_EQ(Rename(file, Nt(L"\\read\\d.txt")), kRefused);
-  for (const auto link : {nt::kFileLinkInformation, nt::kFileLinkInformationEx})
-    EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\read\\f.txt"), nt::kRenameReplaceIfExists, link), kRefused);
-  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\link.txt"), 0, nt::kFileLinkInformation), STATUS_SUCCESS);
-  EXPECT_EQ(Text(L"\\write\\link.txt"), "old");
-  SetRules({{FileACL::kReadWrite, Nt(L"\\write")}, {FileACL::kRead, Nt(L"\\write\\e.txt")}});
-  EXPECT_EQ(Rename(file, L"e.txt", nt::kRenameReplaceIfExists), kRefused) << "in the folder of the file";
+  SetRules({{FileACL::kReadWrite, Nt(L"\\write")},
+            {FileACL::kRead, Nt(L"\\write\\e.txt")},
+            {FileACL::kRead, Nt(L"\\read")}});
+  const auto dos = [&](const wchar_t* name) { return L"\\??\\" + Dos(name); };
+  const struct {
+    std::wstring target;
+    nt::FileClass number;
+    HANDLE root;
+    const wchar_t* becomes;  // null: refused
+  } cases[] = {
+      {dos(L"\\write\\F.TXT"), nt::kFileRenameInformation, nullptr, L"\\write\\F.TXT"},  // another spelling
+      {L"a.txt", nt::kFileRenameInformation, folder, L"\\write\\a.txt"},
+      {Nt(L"\\write\\b.txt"), nt::kFileRenameInformation, nullptr, L"\\write\\b.txt"},
+      {dos(L"\\write\\c.txt"), nt::kFileRenameInformationEx, nullptr, L"\\write\\c.txt"},
+      {Nt(L"\\read\\d.txt"), nt::kFileRenameInformation, nullptr, nullptr},
+      {L"e.txt", nt::kFileRenameInformation, nullptr, nullptr},  // in the folder of the file
+      {dos(L"\\read\\f.txt"), nt::kFileLinkInformation, nullptr, nullptr},
+      {dos(L"\\read\\f.txt"), nt::kFileLinkInformationEx, nullptr, nullptr},
+      {dos(L"\\write\\link.txt"), nt::kFileLinkInformation, nullptr, L"\\write\\link.txt"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(Rename(file, c.target, nt::kRenameReplaceIfExists, c.number, c.root),
+              c.becomes ? STATUS_SUCCESS : kRefused)
+        << &c - cases;
+    EXPECT_EQ(Text(c.becomes ? c.becomes : L"\\read\\f.txt"), "old") << &c - cases;
+  }
   NtClose(file);
   NtClose(folder);
-}
-
-TEST_F(FileChange, FileCanGetAnotherSpellingOfItsName) {
-  HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
-  EXPECT_EQ(Rename(file, L"\\??\\" + Dos(L"\\write\\F.TXT"), nt::kRenameReplaceIfExists), STATUS_SUCCESS);
-  NtClose(file);
-  EXPECT_EQ(Text(L"\\write\\F.TXT"), "old");
 }
 
 TEST_F(FileChange, RecycleBinAcceptsFilesAndKeepsThem) {
@@ -102,25 +107,24 @@ TEST_F(FileChange, RecycleBinAcceptsFilesAndKeepsThem) {
 TEST_F(FileChange, MalformedRenameBuffersAreRefusedByTheSystem) {
   const std::wstring target = L"\\??\\" + Dos(L"\\read\\x.txt");
   HANDLE file = OpenFor(L"\\write\\f.txt", DELETE);
-  const auto with = [&](auto change, ULONG bytes) {
+  using Change = void (*)(nt::RenameInformation&);
+  const Change as_is = [](nt::RenameInformation&) {};
+  for (const auto& [change, bytes] : std::initializer_list<std::pair<Change, ULONG>>{
+           {as_is, 8},
+           {as_is, 24},  // a name that leaves the buffer
+           {[](nt::RenameInformation& info) { info.FileNameLength = 0; }, 0},
+           {[](nt::RenameInformation& info) { info.FileNameLength = 0xFFFFFFF0; }, 0},
+           {[](nt::RenameInformation& info) { info.FileNameLength -= 1; }, 0},  // an odd length
+           {[](nt::RenameInformation& info) { info.FileName[0] = 0; }, 0}}) {
     auto buffer = RenameBuffer(target, 0);
     change(*reinterpret_cast<nt::RenameInformation*>(buffer.data()));
-    return Set(file, nt::kFileRenameInformation, buffer.data(),
-               bytes ? bytes : static_cast<ULONG>(buffer.size()));
-  };
-  const auto as_is = [](nt::RenameInformation&) {};
-  EXPECT_FALSE(nt::Success(with(as_is, 8)));
-  EXPECT_FALSE(nt::Success(with(as_is, 24))) << "a name that leaves the buffer";
-  EXPECT_FALSE(nt::Success(with([](auto& info) { info.FileNameLength = 0; }, 0)));
-  EXPECT_FALSE(nt::Success(with([](auto& info) { info.FileNameLength = 0xFFFFFFF0; }, 0)));
-  EXPECT_FALSE(nt::Success(with([](auto& info) { info.FileNameLength -= 1; }, 0))) << "an odd length";
-  EXPECT_FALSE(nt::Success(with([](auto& info) { info.FileName[0] = 0; }, 0)));
+    EXPECT_FALSE(nt::Success(Set(file, nt::kFileRenameInformation, buffer.data(),
+                                 bytes ? bytes : static_cast<ULONG>(buffer.size()))));
+  }
   EXPECT_FALSE(nt::Success(Set(file, nt::kFileRenameInformation, nullptr, 24)));
-  EXPECT_EQ(Set(file, nt::kFileRenameInformation, reinterpret_cast<void*>(16), 64), STATUS_ACCESS_VIOLATION);
-  EXPECT_EQ(Set(file, nt::kFileDispositionInformation, reinterpret_cast<void*>(16), 1),
-            STATUS_ACCESS_VIOLATION);
-  EXPECT_EQ(Set(file, nt::kFileDispositionInformationEx, reinterpret_cast<void*>(16), 4),
-            STATUS_ACCESS_VIOLATION);
+  for (const auto number :
+       {nt::kFileRenameInformation, nt::kFileDispositionInformation, nt::kFileDispositionInformationEx})
+    EXPECT_EQ(Set(file, number, reinterpret_cast<void*>(16), 64), STATUS_ACCESS_VIOLATION) << number;
   NtClose(file);
   EXPECT_EQ(Text(L"\\write\\f.txt"), "old");
   EXPECT_FALSE(Exists(L"\\read\\x.txt"));
@@ -143,23 +147,17 @@ TEST_F(FileChange, FailedCloseKeepsTheRecord) {
   EXPECT_TRUE(GetFileMgr().model().handles().Take(file)) << "still there";
 }
 
-TEST(HandleRecords, OldestRecordOfAHandleIsFoundFirst) {
+TEST(HandleRecords, OldestOfAHandleIsFoundFirstAndADispositionNeedsDeleteAccess) {
   HandleRecords records;
   HANDLE handle = reinterpret_cast<HANDLE>(0x40);
-  records.Add(MakeHandleRecord({.handle = handle}, L"first"));
+  records.Add(MakeHandleRecord({.handle = handle, .desired_access = GENERIC_READ}, L"first"));
   records.Add(MakeHandleRecord({.handle = handle}, L"second"));
+  records.SetDeleteDisposition(handle, true, false);
+  EXPECT_EQ(records.Find(handle)->delete_flags, 0u);
   EXPECT_EQ(records.Find(handle)->path, L"first");
   EXPECT_EQ(records.Take(handle)->path, L"first");
   EXPECT_EQ(records.Take(handle)->path, L"second");
   EXPECT_FALSE(records.Take(handle));
-}
-
-TEST(HandleRecords, DispositionNeedsDeleteAccess) {
-  HandleRecords records;
-  HANDLE handle = reinterpret_cast<HANDLE>(0x44);
-  records.Add(MakeHandleRecord({.handle = handle, .desired_access = GENERIC_READ}, L"x"));
-  records.SetDeleteDisposition(handle, true, false);
-  EXPECT_EQ(records.Find(handle)->delete_flags, 0u);
 }
 
 }  // namespace

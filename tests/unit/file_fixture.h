@@ -58,15 +58,11 @@ class FileFixture : public testing::Test {
     Unconfined([&] { RemoveTree(folder_); });
   }
 
-  struct Rule {
-    FileACL access;
-    std::wstring path;
-  };
   // Puts a section with these rules in force.
-  static void SetRules(const std::vector<Rule>& rules, std::uint32_t flags = 0) {
+  static void SetRules(std::vector<vorn::host::FileRule> rules) {
     vorn::host::SectionContents contents;
-    contents.flags = flags;
-    for (const Rule& rule : rules) contents.file_rules.push_back({rule.access, rule.path});
+    contents.flags = 0;
+    contents.file_rules = std::move(rules);
     section_.emplace(contents);
     ASSERT_EQ(OpenSharedData(section_->name().c_str()), 0u);
   }
@@ -108,7 +104,6 @@ class FileFixture : public testing::Test {
 
   struct Opened {
     NTSTATUS status;
-    IO_STATUS_BLOCK io;
     HANDLE handle;
   };
   // One NtCreateFile by name, with read, write and delete sharing.
@@ -117,9 +112,9 @@ class FileFixture : public testing::Test {
     UNICODE_STRING name = nt::CountedString(nt_name.data(), nt_name.size() * sizeof(wchar_t));
     OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
     attributes.RootDirectory = root;
-    Opened opened{0, {}, nullptr};
-    opened.io.Information = 99;
-    opened.status = NtCreateFile(&opened.handle, access | SYNCHRONIZE, &attributes, &opened.io, nullptr, 0, 7,
+    Opened opened{};
+    IO_STATUS_BLOCK io;
+    opened.status = NtCreateFile(&opened.handle, access | SYNCHRONIZE, &attributes, &io, nullptr, 0, 7,
                                  disposition, options, nullptr, 0);
     return opened;
   }

@@ -79,10 +79,19 @@ TEST(HostEvent, EveryKindHasItsLineAndItsJson) {
       {Decoded(policy::Sample{0, 11, 22, 3, "C:\\x"}), false, "sample file-create 11 22 3 C:\\x",
        R"({"event":"sample","sample":"file-create","path_us":11,"decision_us":22,"access":"read-write",)"
        R"("path":"C:\\x"})"},
-      // Values that no enumeration has are shown as unknown.
+      // Values that no enumeration has are kept, and shown as unknown.
       {Decoded(policy::FileAudit{AuditType{77}, 5, FileACL{9}, {}, "C:\\a"}), true,
        "refused unknown C:\\a (unknown): error 5", ""},
+      {Decoded(policy::NetAudit{.type = AuditType::kConnect,
+                                .verdict = policy::Verdict{5},
+                                .protocol = policy::Protocol{99},
+                                .extended = true,
+                                .rule = 3}),
+       false, "connect protocol 99 :0 (unknown)", ""},
+      {child(ProcessEventKind{9}, 5), false, "child 8 b.exe: unknown outcome 9, code 0x5", ""},
   };
+  EXPECT_EQ(std::get<host::NetEvent>(rows[std::size(rows) - 2].event.body).rule, 3u);
+  EXPECT_EQ(std::get<host::FileEvent>(rows[std::size(rows) - 3].event.body).type, AuditType{77});
   for (const Row& row : rows) {
     EXPECT_EQ(host::EventLine(row.event), std::string("[7] ") + row.line);
     EXPECT_EQ(host::IsRefusal(row.event), row.refusal) << row.line;
@@ -96,18 +105,6 @@ TEST(HostEvent, EveryKindHasItsLineAndItsJson) {
   }
   EXPECT_EQ(host::EventLine(rows[0].event, [](std::uint32_t) { return std::string("Access is denied"); }),
             "[7] refused create C:\\s\\a.txt (deny): Access is denied");
-}
-
-TEST(HostEvent, ValuesThatNoEnumerationHasAreKept) {
-  const Event file = Decoded(policy::FileAudit{policy::AuditType{77}, 5, policy::FileACL{9}, {}, "C:\\a"});
-  EXPECT_EQ(static_cast<std::uint32_t>(std::get<host::FileEvent>(file.body).type), 77u);
-  const Event net = Decoded(policy::NetAudit{
-      .verdict = policy::Verdict{5}, .protocol = policy::Protocol{99}, .extended = true, .rule = 3});
-  EXPECT_EQ(JsonOf(net)["verdict"], "unknown");
-  EXPECT_EQ(JsonOf(net)["protocol"], "protocol 99");
-  EXPECT_EQ(std::get<host::NetEvent>(net.body).rule, 3u);
-  const Event child = Decoded(policy::ProcessEvent{7, policy::ProcessEventKind{9}, 8, 5, "b.exe"});
-  EXPECT_EQ(JsonOf(child)["outcome"], "unknown");
 }
 
 TEST(HostEvent, BrokenMessagesAreEventsTooAndThePipeSaysWhoSentThem) {

@@ -36,29 +36,6 @@ std::string Text(std::span<const std::byte> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// vorn_ipc.dll as its user sees it.
-class Library {
- public:
-  Library() : module_(LoadLibraryW(vorn::test::BuildPath("vorn_ipc.dll").c_str())) {
-    if (!module_) return;
-    const auto create = reinterpret_cast<vorn::ipc::CreateIPCInterface2Function>(
-        reinterpret_cast<void*>(GetProcAddress(module_, vorn::ipc::kCreateIPCInterface2)));
-    destroy_ = reinterpret_cast<vorn::ipc::DestroyIPCInterfaceFunction>(
-        reinterpret_cast<void*>(GetProcAddress(module_, vorn::ipc::kDestroyIPCInterface)));
-    if (create) create(&ipc);
-  }
-  ~Library() {
-    if (ipc) destroy_(ipc);
-    if (module_) FreeLibrary(module_);
-  }
-
-  IPC* ipc = nullptr;
-
- private:
-  HMODULE module_;
-  vorn::ipc::DestroyIPCInterfaceFunction destroy_ = nullptr;
-};
-
 // What a side of the channel saw, waited for.
 struct Recorder {
   template <class Change>
@@ -78,9 +55,10 @@ struct Recorder {
   std::vector<std::string> errors;
 };
 
-// The client's side.
+// The client's side: vorn_ipc.dll as its user sees it.
 struct Client : Recorder {
   Client() {
+    if (!module || !Export<bool __stdcall(IPC**)>(vorn::ipc::kCreateIPCInterface2)(&ipc)) return;
     callbacks.OnRecvData = [](void* self, const void* data, std::uint32_t bytes) {
       Of(self).Note([&] { Of(self).received.emplace_back(static_cast<const char*>(data), bytes); });
     };
@@ -97,23 +75,31 @@ struct Client : Recorder {
     callbacks.context = this;
   }
   ~Client() {
-    if (!loop.joinable()) return;
-    library.ipc->Stop();
-    loop.join();
+    if (loop.joinable()) {
+      ipc->Stop();
+      loop.join();
+    }
+    if (ipc) Export<void __stdcall(IPC*)>(vorn::ipc::kDestroyIPCInterface)(ipc);
+    if (module) FreeLibrary(module);
   }
 
+  template <class Function>
+  Function* Export(const char* name) const {
+    return reinterpret_cast<Function*>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+  }
   static Client& Of(void* self) { return *static_cast<Client*>(self); }
   bool Init(const std::wstring& server) {
-    return library.ipc->Init(RandomName(L"client").c_str(), server.c_str(), &callbacks);
+    return ipc->Init(RandomName(L"client").c_str(), server.c_str(), &callbacks);
   }
   void StartLoop() {
-    loop = std::thread([this] { library.ipc->RecvLoop(); });
+    loop = std::thread([this] { ipc->RecvLoop(); });
   }
   bool Send(const std::string& text) {
-    return library.ipc->Send(text.data(), static_cast<std::uint32_t>(text.size()), 0);
+    return ipc->Send(text.data(), static_cast<std::uint32_t>(text.size()), 0);
   }
 
-  Library library;
+  const HMODULE module = LoadLibraryW(vorn::test::BuildPath("vorn_ipc.dll").c_str());
+  IPC* ipc = nullptr;
   IpcCallbacks callbacks{};
   std::thread loop;
   std::vector<std::string> received;
@@ -175,7 +161,7 @@ int EchoUntilGone(Client& client) {
 
 int ClientMain(const std::string& job, const std::string& port) {
   Client client;
-  if (!client.library.ipc) return 2;
+  if (!client.ipc) return 2;
   if (!client.Init({port.begin(), port.end()})) return 3;
   if (job == "echo") return EchoUntilGone(client);
   for (int i = 0; i < kNumbered; ++i)

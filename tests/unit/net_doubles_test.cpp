@@ -35,22 +35,16 @@ int PASCAL ReceiveEx(RIO_RQ, PRIO_BUF, ULONG, PRIO_BUF, PRIO_BUF, PRIO_BUF, PRIO
 RIO_RQ PASCAL CreateQueue(SOCKET, ULONG, ULONG, ULONG, ULONG, RIO_CQ, RIO_CQ, PVOID) { return doubles.queue; }
 
 constexpr GUID kRio = WSAID_MULTIPLE_RIO;
-const RIO_EXTENSION_FUNCTION_TABLE kProviderTable = {
-    .cbSize = sizeof(RIO_EXTENSION_FUNCTION_TABLE),
-    .RIOReceive = &Send,
-    .RIOReceiveEx = &ReceiveEx,
-    .RIOSend = &Send,
-    .RIOSendEx = &SendEx,
-    .RIOCloseCompletionQueue = reinterpret_cast<PVOID>(1),
-    .RIOCreateCompletionQueue = reinterpret_cast<PVOID>(2),
-    .RIOCreateRequestQueue = &CreateQueue,
-    .RIODequeueCompletion = reinterpret_cast<PVOID>(3),
-    .RIODeregisterBuffer = reinterpret_cast<PVOID>(4),
-    .RIONotify = reinterpret_cast<PVOID>(5),
-    .RIORegisterBuffer = reinterpret_cast<PVOID>(6),
-    .RIOResizeCompletionQueue = reinterpret_cast<PVOID>(7),
-    .RIOResizeRequestQueue = reinterpret_cast<PVOID>(8),
-};
+const RIO_EXTENSION_FUNCTION_TABLE kProviderTable = [] {
+  RIO_EXTENSION_FUNCTION_TABLE table;
+  memset(&table, 0x5A, sizeof table);  // what the library leaves alone
+  table.cbSize = sizeof table;
+  table.RIOReceive = table.RIOSend = &Send;
+  table.RIOReceiveEx = &ReceiveEx;
+  table.RIOSendEx = &SendEx;
+  table.RIOCreateRequestQueue = &CreateQueue;
+  return table;
+}();
 
 }  // namespace
 
@@ -78,10 +72,14 @@ using QueryEx = decltype(&DoubleDnsQueryEx);
 class NetDoubles : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    SetNetRules({DefaultRule(1)});
-    GetNetMgr().Init();
-    CNetMgr::OnWs2_32Loaded(GetModuleHandleW(nullptr), L"");
-    CNetMgr::OnDnsapiLoaded(GetModuleHandleW(nullptr), L"");
+    for (const bool rules : {false, true}) {  // without rules nothing is patched
+      SetNetRules(rules ? std::vector{DefaultRule(1)} : std::vector<vorn::host::NetRule>());
+      const auto before = Code();
+      GetNetMgr().Init();
+      CNetMgr::OnWs2_32Loaded(GetModuleHandleW(nullptr), L"");
+      CNetMgr::OnDnsapiLoaded(GetModuleHandleW(nullptr), L"");
+      EXPECT_EQ(Code() == before, !rules);
+    }
   }
   void SetUp() override {
     doubles = {};
@@ -90,6 +88,13 @@ class NetDoubles : public ::testing::Test {
     query_ex = reinterpret_cast<QueryEx>(GetProcAddress(GetModuleHandleW(nullptr), "DnsQueryEx"));
   }
 
+  static std::pair<std::uint64_t, std::uint64_t> Code() {
+    const auto begin = [](const char* function) {
+      return *reinterpret_cast<const volatile std::uint64_t*>(
+          GetProcAddress(GetModuleHandleW(nullptr), function));
+    };
+    return {begin("WSAIoctl"), begin("DnsQueryEx")};
+  }
   static std::wstring NameOf(std::uint8_t last) {
     DomainName name;
     const Address address = Local(last);

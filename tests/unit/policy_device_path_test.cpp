@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "Policy/device_path.h"
 
 namespace vorn::policy {
@@ -8,43 +12,24 @@ namespace {
 std::string Narrow(std::u16string_view text) { return {text.begin(), text.end()}; }
 
 TEST(DevicePath, PipesMailslotsAndNetworkDevicesAreToldApart) {
-  const struct {
-    std::u16string_view path;
-    DeviceKind kind;
-  } cases[] = {
-      {u"\\Device\\NamedPipe\\x", DeviceKind::kPipe},
-      {u"\\Device\\NamedPipe\\", DeviceKind::kPipe},
-      {u"\\Device\\NamedPipe", DeviceKind::kNone},
-      {u"\\Device\\Mailslot\\x", DeviceKind::kMailslot},
-      {u"\\Device\\Mailslot\\", DeviceKind::kNone},  // 17 units: too short to be looked at
-      {u"\\device\\mup\\srv\\PIPE\\x", DeviceKind::kPipe},
-      {u"\\device\\mup\\srv\\pipe", DeviceKind::kPipe},
-      {u"\\device\\mup\\srv\\pipes\\x", DeviceKind::kNone},
-      {u"\\device\\mup\\srv\\share\\pipe", DeviceKind::kNone},
-      {u"\\device\\mup\\;lanmanredirector\\srv\\pipe\\x", DeviceKind::kPipe},
-      {u"\\device\\mup\\;lanmanredirector\\srv\\share", DeviceKind::kNone},
-      {u"\\Device\\Afd\\Endpoint", DeviceKind::kNetworkDevice},
-      {u"\\Device\\AfdABCDEFGHI", DeviceKind::kNetworkDevice},
-      {u"\\Device\\abcdefghijkl", DeviceKind::kNone},
-      {u"\\Device\\Afd\\Endpoints", DeviceKind::kNone},
-      {u"\\Device\\Afd", DeviceKind::kNetworkDevice},
-      {u"\\Device\\Nsi", DeviceKind::kNetworkDevice},
-      {u"\\Device\\Tcp6", DeviceKind::kNetworkDevice},
-      {u"\\Device\\Http", DeviceKind::kNetworkDevice},
-      {u"\\Device\\RawIp6", DeviceKind::kNetworkDevice},
-      {u"\\Device\\RawIp", DeviceKind::kNetworkDevice},
-      {u"\\Device\\Ip", DeviceKind::kNetworkDevice},
-      {u"\\Device\\Ip\\x", DeviceKind::kNone},
-      {u"\\??\\pipe\\x", DeviceKind::kPipe},
-      {u"\\??\\pipe", DeviceKind::kPipe},
-      {u"\\??\\pipework", DeviceKind::kPipe},
-      {u"\\??\\pip", DeviceKind::kNone},
-      {u"\\DosDevices\\pipe\\x", DeviceKind::kPipe},
-      {u"\\??\\C:\\x", DeviceKind::kNone},
-      {u"\\Device\\HarddiskVolume3\\pipe\\x", DeviceKind::kNone},
-      {u"", DeviceKind::kNone},
+  const std::pair<DeviceKind, std::vector<std::u16string_view>> kinds[] = {
+      {DeviceKind::kPipe,
+       {u"\\Device\\NamedPipe\\x", u"\\Device\\NamedPipe\\", u"\\device\\mup\\srv\\PIPE\\x",
+        u"\\device\\mup\\srv\\pipe", u"\\device\\mup\\;lanmanredirector\\srv\\pipe\\x", u"\\??\\pipe\\x",
+        u"\\??\\pipe", u"\\??\\pipework", u"\\DosDevices\\pipe\\x"}},
+      {DeviceKind::kMailslot, {u"\\Device\\Mailslot\\x"}},
+      {DeviceKind::kNetworkDevice,
+       {u"\\Device\\Afd\\Endpoint", u"\\Device\\AfdABCDEFGHI", u"\\Device\\Afd", u"\\Device\\Nsi",
+        u"\\Device\\Tcp6", u"\\Device\\Http", u"\\Device\\RawIp6", u"\\Device\\RawIp", u"\\Device\\Ip"}},
+      {DeviceKind::kNone,
+       {u"\\Device\\NamedPipe", u"\\Device\\Mailslot\\" /* too short to be looked at */,
+        u"\\device\\mup\\srv\\pipes\\x", u"\\device\\mup\\srv\\share\\pipe",
+        u"\\device\\mup\\;lanmanredirector\\srv\\share", u"\\Device\\abcdefghijkl",
+        u"\\Device\\Afd\\Endpoints", u"\\Device\\Ip\\x", u"\\??\\pip", u"\\??\\C:\\x",
+        u"\\Device\\HarddiskVolume3\\pipe\\x", u""}},
   };
-  for (const auto& c : cases) EXPECT_EQ(ClassifyDevicePath(c.path), c.kind) << Narrow(c.path);
+  for (const auto& [kind, paths] : kinds)
+    for (const std::u16string_view path : paths) EXPECT_EQ(ClassifyDevicePath(path), kind) << Narrow(path);
 }
 
 TEST(DevicePath, RecycleBinVolumesAndShares) {

@@ -22,7 +22,6 @@ struct NetRuleFields {
   std::vector<std::uint8_t> address = {};
   std::vector<std::uint16_t> ports = {};
   std::u16string domain = {};
-  bool count_terminator = true;  // of the domain
 };
 
 class SectionBuilder {
@@ -40,17 +39,8 @@ class SectionBuilder {
     return *this;
   }
 
-  // Strings and arrays that follow are placed at the next odd offset.
-  SectionBuilder& Misalign() {
-    misalign_ = true;
-    return *this;
-  }
-
   SectionBuilder& FileRule(std::uint32_t access, std::u16string_view path) {
-    return FileRule(access, path, HashPathNoCase(path));
-  }
-  SectionBuilder& FileRule(std::uint32_t access, std::u16string_view path, std::uint32_t hash) {
-    file_rules_.push_back({access, hash, Text(path)});
+    file_rules_.push_back({access, HashPathNoCase(path), Text(path)});
     return *this;
   }
 
@@ -60,13 +50,10 @@ class SectionBuilder {
     record.address = Blob(fields.address.data(), fields.address.size());
     record.ports = Blob(fields.ports.data(), fields.ports.size() * 2);
     record.domain = Text(fields.domain);
-    if (fields.count_terminator && !fields.domain.empty()) record.domain.length = record.domain.length + 2;
+    if (!fields.domain.empty()) record.domain.length = record.domain.length + 2;
     net_rules_.push_back(record);
     return *this;
   }
-
-  std::vector<FileRuleRecord>& file_rules() { return file_rules_; }
-  std::vector<NetRuleRecord>& net_rules() { return net_rules_; }
 
   std::vector<std::byte> Build() const {
     // Blobs come first, so that their offsets are known while rules are being added.
@@ -92,7 +79,7 @@ class SectionBuilder {
 
   SharedString Blob(const void* data, std::size_t size) {
     if (size == 0) return {0, 0};
-    if ((sizeof(SharedDataHeader) + blobs_.size()) % 2 != (misalign_ ? 1 : 0)) blobs_.push_back(std::byte{0});
+    if ((sizeof(SharedDataHeader) + blobs_.size()) % 2) blobs_.push_back(std::byte{0});
     const auto offset = static_cast<std::uint32_t>(sizeof(SharedDataHeader) + blobs_.size());
     Append(blobs_, data, size);
     return {static_cast<std::uint32_t>(size), offset};
@@ -108,7 +95,6 @@ class SectionBuilder {
   std::vector<FileRuleRecord> file_rules_;
   std::vector<NetRuleRecord> net_rules_;
   std::vector<std::byte> blobs_;
-  bool misalign_ = false;
 };
 
 }  // namespace vorn::policy::test
