@@ -17,11 +17,25 @@
 namespace vorn::cli {
 RunReport::RunReport(const host::CompiledPolicy& policy, host::RunJournal& journal,
                      std::wstring dump_directory, bool quiet)
-    : policy_(policy), journal_(journal), dump_directory_(std::move(dump_directory)), quiet_(quiet) {}
+    : policy_(policy),
+      journal_(journal),
+      dump_directory_(std::move(dump_directory)),
+      quiet_(quiet),
+      screen_([](const std::string& line) { PrintErrorLine(line); }),
+      events_queue_([this](const std::string& line) { WriteEvent(line); }) {}
 
 bool RunReport::WriteEventsTo(const std::string& file) {
   events_.open(std::filesystem::path(host::ToWide(file)), std::ios::binary | std::ios::trunc);
-  return events_.is_open();
+  writes_events_ = events_.is_open();
+  return writes_events_;
+}
+
+// On the queue's thread.
+void RunReport::WriteEvent(const std::string& line) {
+  if (!events_.is_open() || (events_ << line << '\n' << std::flush)) return;
+  screen_.Push("vorn: the events file is incomplete, it cannot be written any more: " +
+               host::Win32ErrorText(GetLastError()));
+  events_.close();
 }
 
 void RunReport::OnMessage(std::uint32_t pid, std::span<const std::byte> message) {
@@ -33,16 +47,12 @@ void RunReport::OnMessage(std::uint32_t pid, std::span<const std::byte> message)
   if (std::holds_alternative<host::CrashEvent>(event.body))
     host::AddCrashDump(event, dump_directory_, started_at_ms_[pid]);
   const std::string rule = std::visit([&](const auto& body) { return RuleText(body); }, event.body);
-  if (events_.is_open() && !(events_ << host::EventJson(event, rule) << '\n' << std::flush)) {
-    PrintErrorLine("vorn: the events file is incomplete, it cannot be written any more: " +
-                   host::Win32ErrorText(GetLastError()));
-    events_.close();
-  }
+  if (writes_events_) events_queue_.Push(host::EventJson(event, rule));
   std::visit([&](const auto& body) { On(event, body, rule); }, event.body);
 }
 
 void RunReport::OnTransportError(const std::string& text) {
-  if (!quiet_) PrintErrorLine("vorn: channel: " + text);
+  if (!quiet_) screen_.Push("vorn: channel: " + text);
 }
 
 void RunReport::OnProcesses(std::uint32_t program, const std::vector<host::LaunchedProcess>& all) {
@@ -99,8 +109,8 @@ void RunReport::On(const host::Event& event, const host::FileEvent& file, const 
   if (file.error == 0) {
     if (file.type == policy::AuditType::kDeleteToRecycle &&
         !journal_.Add({host::ToWide(file.source), event.time_ms, event.pid}))
-      PrintErrorLine("vorn: the run's journal cannot be written: vorn restore will not know " +
-                     host::Printable(file.source));
+      screen_.Push("vorn: the run's journal cannot be written: vorn restore will not know " +
+                   host::Printable(file.source));
     return Show(event);
   }
   Refused(file.type, rule);
@@ -134,14 +144,16 @@ std::string RunReport::RuleText(const host::NetEvent& net) const {
       .verdict = static_cast<std::uint32_t>(net.verdict), .fact = net.fact, .rule = net.rule});
 }
 
-void RunReport::Show(const host::Event& event, const std::string& rule) const {
+void RunReport::Show(const host::Event& event, const std::string& rule) {
   if (quiet_) return;
   std::string line = "vorn: " + host::EventLine(event, host::Win32ErrorText);
   if (!rule.empty()) line += "  <- " + rule;
-  PrintErrorLine(line);
+  screen_.Push(line);
 }
 
-void RunReport::PrintSummary(const std::string& end) const {
+void RunReport::PrintSummary(const std::string& end) {
+  events_queue_.Finish();
+  screen_.Finish();
   PrintErrorLine(fmt::format("vorn: ---- {} ----", end));
   PrintErrorLine(
       fmt::format("vorn: {} process{}{}", processes_.size(), processes_.size() == 1 ? "" : "es",
@@ -159,6 +171,11 @@ void RunReport::PrintSummary(const std::string& end) const {
   if (const auto deletions = host::ListDeletions(journal_.run()); deletions && !deletions->empty())
     PrintErrorLine(fmt::format("vorn: {} moved to the recycle bin; put back with: vorn restore {}",
                                deletions->size(), journal_.run()));
+  if (screen_.dropped())
+    PrintErrorLine(fmt::format("vorn: {} lines were not shown: nobody read them", screen_.dropped()));
+  if (events_queue_.dropped())
+    PrintErrorLine(fmt::format("vorn: {} events are missing in the events file: it was not written in time",
+                               events_queue_.dropped()));
   if (malformed_)
     PrintErrorLine(fmt::format("vorn: {} malformed message{}", malformed_, malformed_ == 1 ? "" : "s"));
 }

@@ -1,5 +1,5 @@
 // What a run shows: a line per event while it runs, and a summary at its end. Handlers of the message server
-// call it one at a time; the summary is asked for when the server is idle.
+// call it one at a time, and never wait for who reads; the summary is asked for when the server has stopped.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "output_queue.h"
 #include "process_tree.h"
 #include "vorn/compiled_policy.h"
 #include "vorn/event.h"
@@ -32,7 +33,7 @@ class RunReport {
   // The program itself, which its launcher knows to be confined, and whatever else ran under the launcher.
   void OnProcesses(std::uint32_t program, const std::vector<host::LaunchedProcess>& all);
   // end: "exit code 7", "ended by Ctrl-C", …
-  void PrintSummary(const std::string& end) const;
+  void PrintSummary(const std::string& end);
 
  private:
   // rule: what decided about the event; empty where nothing did.
@@ -48,13 +49,17 @@ class RunReport {
   std::string RuleText(const host::NetEvent& net) const;
   std::string RuleText(const auto&) const { return {}; }
   void Refused(policy::AuditType operation, const std::string& rule);
-  void Show(const host::Event& event, const std::string& rule = {}) const;
+  void Show(const host::Event& event, const std::string& rule = {});
+  void WriteEvent(const std::string& line);
 
   const host::CompiledPolicy& policy_;
   host::RunJournal& journal_;
   const std::wstring dump_directory_;
   const bool quiet_;
+  bool writes_events_ = false;
   std::ofstream events_;
+  OutputQueue screen_;
+  OutputQueue events_queue_;  // writes events_
   ProcessTree processes_;
   std::map<std::string, std::size_t> refusals_;                     // by operation and rule
   std::unordered_map<std::uint32_t, std::uint64_t> started_at_ms_;  // by process id

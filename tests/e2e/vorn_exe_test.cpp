@@ -307,5 +307,31 @@ TEST_F(VornExe, ExplainsPathsAndDestinations) {
   EXPECT_TRUE(Vorn("explain -p \"" + Dos("policy.toml") + "\" -- \"" + Dos("denied") + '"').Says("deny  "));
 }
 
+// Neither the program nor the starts of its children.
+TEST_F(VornExe, AReaderThatStandsStillHoldsNobodyUp) {
+  constexpr int kRefusals = 1500;
+  Write("work\\try.bat", "@for /L %%i in (1,1," + std::to_string(kRefusals) + ") do @type \"" +
+                             Dos("denied\\f.txt") + "\" >nul 2>nul\r\n@cmd /c rem && echo x> \"" +
+                             Dos("work\\done.txt") + "\"\r\n@exit 7\r\n");
+  SECURITY_ATTRIBUTES inherit{sizeof inherit, nullptr, TRUE};
+  windows::UniqueHandle read, write;
+  ASSERT_TRUE(CreatePipe(read.put(), write.put(), &inherit, 4096));
+  const TestProcess vorn(Probe("vorn.exe", L"run -p \"" + Path("policy.toml").wstring() + L"\" -- cmd /c \"" +
+                                               Path("work\\try.bat").wstring() + L"\""),
+                         0, write.get());
+  write.reset();
+  const ULONGLONG begin = GetTickCount64();
+  while (!fs::exists(Path("work\\done.txt")) && GetTickCount64() - begin < Scaled(60'000)) Sleep(50);
+  EXPECT_TRUE(fs::exists(Path("work\\done.txt")));
+  std::string text;
+  char bytes[4096];
+  for (DWORD count; ReadFile(read.get(), bytes, sizeof bytes, &count, nullptr) && count;)
+    text.append(bytes, count);
+  EXPECT_EQ(vorn.RunToEnd(), 7u);
+  EXPECT_NE(text.find("vorn: 2 processes\r\n"), text.npos)
+      << text.substr(text.size() - std::min<std::size_t>(text.size(), 600));
+  EXPECT_NE(text.find(std::to_string(kRefusals) + " refused:"), text.npos);
+}
+
 }  // namespace
 }  // namespace vorn::test
