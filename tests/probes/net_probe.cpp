@@ -202,9 +202,9 @@ const void* HostOf(const DNS_RECORD* list) {
   return list ? &list->Data.A.IpAddress : nullptr;
 }
 
-// The error, or 0 with the address.
+// The error, or 0 with the address. answer: a pointer that the call which gave the error has set.
 template <class Answer>
-int Resolved(int error, const Answer* answer, Address& to) {
+int Resolved(int error, const Answer& answer, Address& to) {
   const void* const host = error ? nullptr : HostOf(answer);
   if (host) memcpy(&to.v4.sin_addr, host, 4);
   return error || host ? error : WSANO_DATA;
