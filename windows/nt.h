@@ -48,6 +48,17 @@ struct LdrData {
   HANDLE SsHandle;
   LIST_ENTRY InLoadOrderModuleList;
 };
+// What a new process is made from: the attributes of NtCreateUserProcess.
+struct PsAttribute {
+  ULONG_PTR Attribute;
+  SIZE_T Size;  // bytes of what Value points to
+  void* Value;
+  SIZE_T* ReturnLength;
+};
+struct PsAttributeList {
+  SIZE_T TotalLength;  // bytes, this field included
+  PsAttribute Attributes[1];
+};
 struct ProcessParameters {
   ULONG MaximumLength, Length, Flags, DebugFlags;
   HANDLE ConsoleHandle;
@@ -130,6 +141,7 @@ struct ObjectNameInformation {
 inline constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 inline constexpr OBJECT_INFORMATION_CLASS kObjectNameInformation = static_cast<OBJECT_INFORMATION_CLASS>(1);
 inline constexpr PROCESSINFOCLASS kProcessImageFileName = static_cast<PROCESSINFOCLASS>(27);
+inline constexpr ULONG_PTR kPsAttributeImageName = 0x20005;
 inline constexpr TOKEN_INFORMATION_CLASS kTokenIntegrityLevel = static_cast<TOKEN_INFORMATION_CLASS>(25);
 
 // Status that the file rooms use among themselves: a pipe, mailslot or network device, not to be confined.
@@ -186,6 +198,8 @@ NTSYSAPI ULONG NTAPI RtlNtStatusToDosErrorNoTeb(NTSTATUS);
 NTSYSAPI ULONG NTAPI RtlxUnicodeStringToAnsiSize(const UNICODE_STRING*);
 NTSYSAPI NTSTATUS NTAPI RtlUnicodeToUTF8N(PCHAR, ULONG, PULONG, PCWSTR, ULONG);
 NTSYSAPI BOOLEAN NTAPI RtlValidSid(PSID);
+NTSYSAPI NTSTATUS NTAPI RtlGetExePath(PCWSTR, PWSTR*);
+NTSYSAPI void NTAPI RtlReleasePath(PWSTR);
 NTSYSAPI NTSTATUS NTAPI NtOpenProcessToken(HANDLE, ACCESS_MASK, PHANDLE);
 NTSYSAPI NTSTATUS NTAPI NtQueryInformationToken(HANDLE, TOKEN_INFORMATION_CLASS, PVOID, ULONG, PULONG);
 NTSYSAPI NTSTATUS NTAPI NtQueryFullAttributesFile(POBJECT_ATTRIBUTES, PFILE_NETWORK_OPEN_INFORMATION);

@@ -50,6 +50,8 @@ struct NativeApi {
   // An NT name (at most units UTF-16 units, not terminated) for a folder given by its drive-letter path,
   // below which a name means one spelling only, where looking for others takes time: its length, else 0.
   std::size_t (*ExactFolder)(const wchar_t* path, wchar_t* out, std::size_t units);
+  // Whether programs that are no Windows images are started, too, as processes that no library can enter.
+  bool starts_foreign_programs;
   // Crashes.
   decltype(&platform::LoadMiniDumpWriteDump) LoadMiniDumpWriteDump;
 };

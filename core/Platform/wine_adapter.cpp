@@ -142,6 +142,7 @@ void Adapt(NativeApi& api) noexcept {
   api.paths_can_be_wrong = true;
   api.UnixPath = &UnixPath;
   api.ExactFolder = &ExactFolder;
+  api.starts_foreign_programs = true;
   if (!ListsLinkNames(api)) {
     api.FindFirstFileNameW = &FindFirstLinkName;
     api.FindNextFileNameW = &FindNextLinkName;

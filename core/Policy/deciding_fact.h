@@ -30,6 +30,8 @@ enum class DecidingFact : std::uint32_t {
   kNoMatch = 17,
   kRuleBelow = 18,
   kKept = 19,
+  kForeignProgram = 20,
+  kSamePlace = 21,
 };
 
 // A short phrase, empty for kNone; "unknown" for any value that is not above.
@@ -75,6 +77,10 @@ enum class DecidingFact : std::uint32_t {
       return "a stricter rule lies below";
     case DecidingFact::kKept:
       return "kept for restore";
+    case DecidingFact::kForeignProgram:
+      return "no program of Windows: it could not be confined";
+    case DecidingFact::kSamePlace:
+      return "another way to this place";
   }
   return "unknown";
 }

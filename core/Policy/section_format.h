@@ -95,6 +95,12 @@ enum class SectionOption : std::uint32_t {
   // and each is.
   kHandleDecides = 1u << 10,
   kProveHooks = 1u << 9,  // a process in which a function is found and not intercepted ends
+  // Paths and rules are compared as the system compares names: no letter's case counts (Letters::kAll).
+  kFoldAllLetters = 1u << 11,
+  kStartOnlyImages = 1u << 12,  // what no library can be put into is not started
+  // A place of a local drive is no more open by its share, in a shadow copy or as part of the whole volume or
+  // disk than by its own name.
+  kOneAccessPerPlace = 1u << 13,
 };
 
 template <class... Options>
@@ -134,7 +140,7 @@ static_assert(sizeof(KeepPlaceRecord) == 16 && alignof(KeepPlaceRecord) == 1);
 
 struct FileRuleRecord {
   SharedU32 access;     // FileACL
-  SharedU32 path_hash;  // HashPathNoCase of the whole path
+  SharedU32 path_hash;  // HashPathNoCase of the whole path; with kFoldAllLetters, for all letters
   SharedString path;    // canonical NT path without trailing backslash
 };
 static_assert(sizeof(FileRuleRecord) == 16 && alignof(FileRuleRecord) == 1);

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "detours/detours.h"
+#include "foreign_program.h"
 #include "injection/child_start.h"
 #include "process_query.h"
 #include "vorn/create_process.h"
@@ -163,7 +164,8 @@ class Launcher::Impl {
     watcher_.join();
   }
 
-  std::variant<ConfinedProcess, LaunchFailure> Start(const LaunchOptions& options) {
+  std::variant<ConfinedProcess, LaunchFailure> Start(LaunchOptions options) {
+    if (auto failure = RefuseForeignProgram(options)) return std::move(*failure);
     PROCESS_INFORMATION created{};
     if (const DWORD error = CreateSuspended(options, created)) {
       const std::wstring& program = options.application.empty() ? options.command_line : options.application;

@@ -91,6 +91,25 @@ TEST_F(VornExe, ShowsEachRefusalWithItsRule) {
   EXPECT_EQ(Read("protected\\f.txt"), "new\r\n");
 }
 
+TEST_F(VornExe, StartsBatchFilesAndNoProgramOfAForeignKind) {
+  Write("work\\s.bat", "@echo ran %1\r\n");
+  EXPECT_TRUE(Run("\"" + Dos("work\\s.bat") + "\" well").Says("ran well"));
+  EXPECT_TRUE(Run("cmd /c " + Dos("work\\s.bat") + " well").Says("ran well"));
+  if (UnixName(path()).empty()) GTEST_SKIP() << "no such programs";
+  const std::string touch = "Z:\\bin\\touch " + UnixName(path()) + "/touched";
+  const Session refused = Run(touch);
+  EXPECT_EQ(refused.exit_code, 125u);
+  EXPECT_TRUE(refused.Says("vorn: not run: Z:\\bin\\touch is no program of Windows")) << refused.text;
+  const Session inside = Run('"' + BuildPath("process_probe.exe").string() + "\" spawn " + touch);
+  EXPECT_TRUE(inside.Says("refused create Z:\\bin\\touch (deny)")) << inside.text;
+  EXPECT_TRUE(inside.Says("<- no program of Windows")) << inside.text;
+  EXPECT_FALSE(inside.Says("NOT CONFINED")) << inside.text;
+  EXPECT_FALSE(fs::exists(Path("touched")));
+  RunUnix(L"touch", {Path("touched")});
+  for (int i = 0; i < 500 && !fs::exists(Path("touched")); ++i) Sleep(10);
+  EXPECT_TRUE(fs::exists(Path("touched"))) << "the control";
+}
+
 TEST_F(VornExe, ShowsWhichNetworkRuleRefused) {
   Write("policy.toml", "[network]\ndefault = \"deny\"\nallow = [\"127.0.0.1:9\"]\n");
   const Session session =

@@ -41,12 +41,13 @@ struct NetRule {
 inline constexpr std::size_t kMaxDumpDirectoryUnits = 259 - 1 - policy::kDumpNameUnits;
 
 // The options of every run of vorn (policy::SectionOption bits).
-inline constexpr std::uint32_t kRunOptions =
-    policy::OptionBits(policy::SectionOption::kDecisionInAudit, policy::SectionOption::kKeepByLink,
-                       policy::SectionOption::kPlacesFromRules, policy::SectionOption::kLoaderOnlyLoads,
-                       policy::SectionOption::kProtectionIsAWrite, policy::SectionOption::kRulesHoldPlaces,
-                       policy::SectionOption::kOnDemand, policy::SectionOption::kNoSamples,
-                       policy::SectionOption::kProveHooks, policy::SectionOption::kHandleDecides);
+inline constexpr std::uint32_t kRunOptions = policy::OptionBits(
+    policy::SectionOption::kDecisionInAudit, policy::SectionOption::kKeepByLink,
+    policy::SectionOption::kPlacesFromRules, policy::SectionOption::kLoaderOnlyLoads,
+    policy::SectionOption::kProtectionIsAWrite, policy::SectionOption::kRulesHoldPlaces,
+    policy::SectionOption::kOnDemand, policy::SectionOption::kNoSamples, policy::SectionOption::kProveHooks,
+    policy::SectionOption::kHandleDecides, policy::SectionOption::kFoldAllLetters,
+    policy::SectionOption::kStartOnlyImages, policy::SectionOption::kOneAccessPerPlace);
 
 struct SectionContents {
   std::wstring log_directory;  // drive-letter path of an existing folder
