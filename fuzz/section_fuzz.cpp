@@ -30,6 +30,11 @@ void Tame(std::vector<std::byte>& memory) {
     field = field % (below < limit ? below : limit);
   };
   auto* header = reinterpret_cast<SharedDataHeader*>(memory.data());
+  if (memory.size() % 8 == 1 && memory.size() >= sizeof *header + sizeof(SectionOptions)) {
+    auto* options = reinterpret_cast<SectionOptions*>(header + 1);
+    options->id = kSectionOptionsId;
+    options->size = sizeof *options;
+  }
   reduce(header->log_directory.length, 64);
   reduce(header->log_directory.offset, limit);
   reduce(header->file_rule_count, 64);
@@ -46,7 +51,7 @@ void Tame(std::vector<std::byte>& memory) {
     auto& rule = const_cast<FileRuleRecord&>(shared);
     if (rule.access % 8 == 7) continue;
     // Paths of few different units, so that prefixes, duplicates and near misses abound.
-    constexpr char16_t kUnits[] = u"\\\\aAb\u00C4";
+    constexpr char16_t kUnits[] = u"\\\\aA\u00E4\u00C4";
     const std::u16string_view path = section.PathOf(rule).text;
     for (std::size_t i = 0; i < path.size(); ++i) {
       const char16_t tame = kUnits[UnitAt(path.data() + i) % 6];
@@ -57,7 +62,7 @@ void Tame(std::vector<std::byte>& memory) {
     auto& rule = const_cast<FileRuleRecord&>(shared);
     if (rule.access % 8 >= 6) continue;
     rule.access = rule.access % 8;
-    rule.path_hash = HashPathNoCase(Copy(section.PathOf(rule)));
+    rule.path_hash = HashPathNoCase(Copy(section.PathOf(rule)), section.LettersOfPaths());
   }
   for (const NetRuleRecord& shared : section.NetRules()) {
     auto& rule = const_cast<NetRuleRecord&>(shared);
@@ -75,10 +80,13 @@ void CheckFileRules(const SectionView& section) {
   std::u16string last;
   for (std::uint32_t i = 0; i < section.FileRules().size() && i < 64; ++i) {
     const std::u16string rule = Copy(section.FileRuleAt(i).path);
+    std::u16string other_case = rule;
+    for (char16_t& unit : other_case)
+      unit = unit == u'\u00E4' ? u'\u00C4' : unit == u'\u00C4' ? u'\u00E4' : unit;
     std::u16string deep = rule;  // more prefixes than are looked for at once
     for (std::uint32_t n = 0; n < 2 * i; ++n) deep += u"\\aA";
-    for (const std::u16string& path :
-         {rule, rule + u"\\x", rule + u"x", rule + u'\\' + rule, rule + u"\\A\\\\b\\" + last, deep}) {
+    for (const std::u16string& path : {rule, other_case, rule + u"\\x", rule + u"x", rule + u'\\' + rule,
+                                       rule + u"\\A\\\\b\\" + last, deep}) {
       const FileRuleMatch match = CheckFileACL(section, path);
       const FileRuleMatch literal = test::ReferenceCheckFileACL(section, path);
       Require(match.found == literal.found && match.access == literal.access &&

@@ -52,8 +52,10 @@ std::u16string_view FromBackslash(std::u16string_view path, std::size_t from) no
 }
 
 // `text` begins with `prefix`, and a component ends there.
-bool StartsWithComponents(std::u16string_view text, std::u16string_view prefix) noexcept {
-  return StartsWithNoCase(text, prefix) && (text.size() == prefix.size() || text[prefix.size()] == u'\\');
+bool StartsWithComponents(std::u16string_view text, std::u16string_view prefix,
+                          Letters letters = Letters::kAToZ) noexcept {
+  return StartsWithNoCase(text, prefix, letters) &&
+         (text.size() == prefix.size() || text[prefix.size()] == u'\\');
 }
 
 }  // namespace
@@ -107,9 +109,9 @@ std::size_t CollapseBackslashes(std::span<char16_t> path) noexcept {
   return static_cast<std::size_t>(end - path.begin());
 }
 
-bool IsUnder(std::u16string_view path, std::u16string_view directory) noexcept {
+bool IsUnder(std::u16string_view path, std::u16string_view directory, Letters letters) noexcept {
   if (!directory.empty() && directory.back() == u'\\') directory.remove_suffix(1);
-  return !directory.empty() && StartsWithComponents(path, directory);
+  return !directory.empty() && StartsWithComponents(path, directory, letters);
 }
 
 bool IsRecycleBinPath(std::u16string_view path) noexcept {

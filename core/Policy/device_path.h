@@ -9,6 +9,8 @@
 #include <span>
 #include <string_view>
 
+#include "Policy/text.h"
+
 namespace vorn::policy {
 
 inline constexpr std::size_t kNotFound = std::u16string_view::npos;
@@ -42,7 +44,8 @@ enum class DeviceKind : std::uint32_t {
 
 // Whether `path` is `directory` or lies below it. `directory` may end with a backslash; nothing lies below an
 // empty one.
-[[nodiscard]] bool IsUnder(std::u16string_view path, std::u16string_view directory) noexcept;
+[[nodiscard]] bool IsUnder(std::u16string_view path, std::u16string_view directory,
+                           Letters letters = Letters::kAToZ) noexcept;
 
 [[nodiscard]] bool IsRecycleBinPath(std::u16string_view path) noexcept;
 [[nodiscard]] bool IsHardDiskVolumeOrMup(std::u16string_view path) noexcept;

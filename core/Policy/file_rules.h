@@ -4,8 +4,9 @@
 // whole path, then each parent, and the first prefix that a rule names wins; among rules that name the same
 // prefix, the first in the table. A path that no rule covers is read only.
 //
-// Paths are canonical NT device paths, compared without regard to the case of A to Z, with or without one
-// trailing backslash. Nothing is allocated or cached: the section's current content decides. Any thread.
+// Paths are canonical NT device paths, compared without regard to the case of A to Z (of all letters where
+// the section has kFoldAllLetters), with or without one trailing backslash. Nothing is allocated or cached:
+// the section's current content decides. Any thread.
 #pragma once
 
 #include <cstddef>

@@ -24,18 +24,19 @@ class PrefixHashes {
   static constexpr std::size_t kMaxPrefixes = 32;
   static constexpr std::ptrdiff_t kNone = -1;
 
-  explicit PrefixHashes(std::u16string_view path) noexcept {
+  explicit PrefixHashes(std::u16string_view path, Letters letters = Letters::kAToZ) noexcept {
     if (path.empty()) return;
     PathHash hash;
-    hash.Add(path[0]);
+    hash.Add(path[0], letters);
     std::size_t i = 1;
     std::size_t count = 0;  // not count_, which every vector store would make the compiler reload
 #ifdef __SSE4_1__
     // The running hash stays in a vector register, in all lanes.
     __m128i running = _mm_set1_epi32(static_cast<int>(hash.Value()));
+    const __m128i last_hashed = _mm_set1_epi32(LastHashed(letters));
     for (; i + 4 <= path.size(); i += 4) {
       count = MakeRoom(count);
-      running = KeepFour(running, path.data() + i, count);
+      running = KeepFour(running, path.data() + i, last_hashed, count);
     }
     hash = PathHash(static_cast<std::uint32_t>(_mm_cvtsi128_si32(running)));
 #endif
@@ -44,7 +45,7 @@ class PrefixHashes {
       // Writes always and counts at a backslash: where backslashes stand cannot be predicted.
       hashes_[count] = hash.Value();
       count += path[i] == u'\\' ? 1 : 0;
-      hash.Add(path[i]);
+      hash.Add(path[i], letters);
     }
     hashes_[count++] = hash.Value();
     count_ = DropShortest(count);
@@ -76,8 +77,9 @@ class PrefixHashes {
   // hash after unit k: first of the units alone, by adding to each lane 33 times its left neighbour and then
   // 33² times the lane two to the left, then with what the hash before them contributes, 33 to the power of k
   // + 1 times its value.
-  __m128i KeepFour(__m128i before, const char16_t* at, std::size_t& count) noexcept {
-    const __m128i units = _mm_cvtepu16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(at)));
+  __m128i KeepFour(__m128i before, const char16_t* at, __m128i last_hashed, std::size_t& count) noexcept {
+    const __m128i units =
+        _mm_min_epu32(_mm_cvtepu16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(at))), last_hashed);
     const __m128i upper = _mm_and_si128(_mm_cmpgt_epi32(units, _mm_set1_epi32(u'A' - 1)),
                                         _mm_cmplt_epi32(units, _mm_set1_epi32(u'Z' + 1)));
     __m128i sums = _mm_or_si128(units, _mm_and_si128(upper, _mm_set1_epi32(u'a' - u'A')));

@@ -112,6 +112,10 @@ bool SectionView::Has(SectionOption option) const noexcept {
   return options && (options->enabled & static_cast<std::uint32_t>(option)) != 0;
 }
 
+Letters SectionView::LettersOfPaths() const noexcept {
+  return Has(SectionOption::kFoldAllLetters) ? Letters::kAll : Letters::kAToZ;
+}
+
 SectionText SectionView::RunName() const noexcept {
   const SectionOptions* options = Options(sizeof(SectionOptions));
   return options ? TextAt(options->run.length, options->run.offset) : SectionText{};

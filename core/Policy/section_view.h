@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "Policy/section_format.h"
+#include "Policy/text.h"
 
 namespace vorn::policy {
 
@@ -99,6 +100,8 @@ class SectionView {
 
   // Whether the host asks for it.
   [[nodiscard]] bool Has(SectionOption option) const noexcept;
+  // Whose case does not count in file rules.
+  [[nodiscard]] Letters LettersOfPaths() const noexcept;
   // The run's name, and how and where its deleted files are kept.
   [[nodiscard]] SectionText RunName() const noexcept;
   [[nodiscard]] KeepFormat FormatOfKept() const noexcept;

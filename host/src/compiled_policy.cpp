@@ -33,11 +33,17 @@ std::u16string_view PathOf(const FileRule& rule) { return policy::U16(std::wstri
 
 // Whether the kernel takes two paths for the same place.
 struct SamePlace {
-  std::size_t operator()(std::u16string_view path) const { return policy::HashPathNoCase(path); }
-  bool operator()(std::u16string_view a, std::u16string_view b) const { return policy::EqualsNoCase(a, b); }
+  std::size_t operator()(std::u16string_view path) const {
+    return policy::HashPathNoCase(path, policy::Letters::kAll);
+  }
+  bool operator()(std::u16string_view a, std::u16string_view b) const {
+    return policy::EqualsNoCase(a, b, policy::Letters::kAll);
+  }
 };
 
-bool Holds(std::u16string_view folder, std::u16string_view path) { return policy::IsUnder(path, folder); }
+bool Holds(std::u16string_view folder, std::u16string_view path) {
+  return policy::IsUnder(path, folder, policy::Letters::kAll);
+}
 
 // Where the other names of a file matter, for a system that cannot list them.
 const std::vector<FileRule>* g_link_folders;
@@ -144,9 +150,8 @@ void CompiledPolicy::AddHostRule(HostRule rule, PathResolver& resolver) {
   }
   const std::u16string_view place = policy::U16(std::wstring_view(path));
   const auto beats = [&](const FileRule& other) {
-    return policy::EqualsNoCase(PathOf(other), place) ||
-           (rule.yields_to_deny && other.access == policy::FileACL::kDeny &&
-            policy::IsUnder(place, PathOf(other)));
+    return SamePlace{}(PathOf(other), place) ||
+           (rule.yields_to_deny && other.access == policy::FileACL::kDeny && Holds(PathOf(other), place));
   };
   if (std::ranges::any_of(file_rules_, beats)) return;
   file_rules_.push_back({static_cast<policy::FileACL>(rule.access), std::move(path)});

@@ -54,13 +54,13 @@ class Layout {
   std::vector<std::byte> bytes_;
 };
 
-policy::FileRuleRecord LayOut(const FileRule& rule, Layout& layout) {
+policy::FileRuleRecord LayOut(const FileRule& rule, policy::Letters letters, Layout& layout) {
   std::wstring_view path = rule.path;
   if (path.ends_with(L'\\')) path.remove_suffix(1);  // such a rule would never match
   if (path.empty()) throw std::invalid_argument("a file rule has no path");
   policy::FileRuleRecord record;
   record.access = static_cast<std::uint32_t>(rule.access);
-  record.path_hash = policy::HashPathNoCase(policy::U16(path));
+  record.path_hash = policy::HashPathNoCase(policy::U16(path), letters);
   record.path = layout.Text(path);
   return record;
 }
@@ -149,8 +149,11 @@ std::vector<std::byte> LayOutSection(const SectionContents& contents) {
     layout.Put(place_table + i * sizeof(policy::KeepPlaceRecord),
                policy::KeepPlaceRecord{layout.Text(places[i].volume), layout.Text(places[i].folder)});
   }
+  const bool fold_all = contents.options & policy::OptionBits(policy::SectionOption::kFoldAllLetters);
+  const auto letters = fold_all ? policy::Letters::kAll : policy::Letters::kAToZ;
   for (std::size_t i = 0; i < contents.file_rules.size(); ++i) {
-    layout.Put(file_table + i * sizeof(policy::FileRuleRecord), LayOut(contents.file_rules[i], layout));
+    layout.Put(file_table + i * sizeof(policy::FileRuleRecord),
+               LayOut(contents.file_rules[i], letters, layout));
   }
   for (std::size_t i = 0; i < contents.net_rules.size(); ++i) {
     layout.Put(net_table + i * sizeof(policy::NetRuleRecord), LayOut(contents.net_rules[i], layout));

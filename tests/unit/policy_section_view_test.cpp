@@ -16,6 +16,7 @@ TEST(PathHash, FoldsOnlyTheLettersAToZ) {
   EXPECT_EQ(HashPathNoCase(u"a"), 5381u * 33 + 'a');
   EXPECT_EQ(HashPathNoCase(u"\\Device\\HarddiskVolume3"), HashPathNoCase(u"\\dEVICE\\hARDDISKvOLUME3"));
   EXPECT_NE(HashPathNoCase(u"\u00C4"), HashPathNoCase(u"\u00E4"));
+  EXPECT_EQ(HashPathNoCase(u"\u00C4", Letters::kAll), HashPathNoCase(u"\u00E4", Letters::kAll));
   EXPECT_NE(HashPathNoCase(u"["), HashPathNoCase(u"{"));
   EXPECT_NE(HashPathNoCase(u"@"), HashPathNoCase(u"`"));
 }
@@ -93,6 +94,28 @@ TEST(SectionView, OptionsCountOnlyInABlockThatIsWholeAndOfTheRightKind) {
     EXPECT_FALSE(SectionView{cut}.Has(kWanted)) << what << ", cut off by the end of the section";
   }
   EXPECT_FALSE(SectionView{SectionBuilder().FileRule(1, u"\\Device\\a").Build()}.Has(kWanted)) << "none";
+}
+
+TEST(FileRules, TheCaseOfOtherLettersCountsUnlessTheSectionFoldsAll) {
+  const struct {
+    const char16_t *rule, *path;
+    bool same;  // with all letters folded; without, none is
+  } kCases[] = {{u"\\d\\\u00C4B", u"\\D\\\u00E4b\\f.txt", true},
+                {u"\\d\\stra\u00DFe", u"\\d\\STRASSE", false},
+                {u"\\d\\\u0416\u03A3\\x", u"\\d\\\u0436\u03C3\\x", true},
+                {u"\\d\\\u212A", u"\\d\\k", false},  // the sign of the unit Kelvin
+                {u"\\d\\\u0130", u"\\d\\i", false},
+                {u"\\d\\\u00E4", u"\\d\\\u00F6", false}};
+  for (const auto& [rule, path, same] : kCases) {
+    for (const std::uint32_t options :
+         {0u, OptionBits(SectionOption::kFoldAllLetters, SectionOption::kRulesHoldPlaces)}) {
+      const auto memory = SectionBuilder().Options(options).FileRule(1, rule).Build();
+      const bool found = same && options;
+      EXPECT_EQ(CheckFileACL(SectionView{memory}, path).found, found);
+      const auto upper = SectionBuilder().Options(options).FileRule(1, path).Build();
+      EXPECT_EQ(FindStricterRuleWithin(SectionView{upper}, rule, FileACL::kReadWrite).found, found);
+    }
+  }
 }
 
 }  // namespace

@@ -17,13 +17,14 @@ namespace vorn::policy::test {
 
 inline FileRuleMatch ReferenceCheckConfigPermission(const SectionView& section, std::u16string_view path,
                                                     std::size_t length) {
-  const std::uint32_t hash = HashPathNoCase(path.substr(0, length));
+  const Letters letters = section.LettersOfPaths();
+  const std::uint32_t hash = HashPathNoCase(path.substr(0, length), letters);
   if (hash == 0) return {};
   const auto rules = section.FileRules();
   for (std::size_t i = 0; i < rules.size(); ++i) {
     if (rules[i].path_hash != hash) continue;
     const SectionText rule = section.PathOf(rules[i]);
-    if (!rule.Present() || !StartsWithNoCase(path, rule.text)) continue;
+    if (!rule.Present() || !StartsWithNoCase(path, rule.text, letters)) continue;
     const std::uint32_t access = rules[i].access;
     const bool invalid = access >= 4;
     return {invalid ? FileACL::kUnknown : static_cast<FileACL>(access), true, invalid,

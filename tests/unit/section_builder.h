@@ -39,8 +39,18 @@ class SectionBuilder {
     return *this;
   }
 
+  // The block of options; before everything else.
+  SectionBuilder& Options(std::uint32_t enabled) {
+    SectionOptions block{};
+    block.id = kSectionOptionsId;
+    block.size = sizeof block;
+    block.enabled = enabled;
+    if (enabled & OptionBits(SectionOption::kFoldAllLetters)) letters_ = Letters::kAll;
+    return BehindHeader(std::as_bytes(std::span(&block, 1)));
+  }
+
   SectionBuilder& FileRule(std::uint32_t access, std::u16string_view path) {
-    file_rules_.push_back({access, HashPathNoCase(path), Text(path)});
+    file_rules_.push_back({access, HashPathNoCase(path, letters_), Text(path)});
     return *this;
   }
 
@@ -95,6 +105,7 @@ class SectionBuilder {
   std::vector<FileRuleRecord> file_rules_;
   std::vector<NetRuleRecord> net_rules_;
   std::vector<std::byte> blobs_;
+  Letters letters_ = Letters::kAToZ;
 };
 
 }  // namespace vorn::policy::test
