@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "File/drive_table.h"
 #include "File/file_helper.h"
 #include "File/file_link_helper.h"
 #include "File/scratch_path.h"
@@ -41,6 +42,12 @@ class LookupContext : public vorn::policy::FileContext {
  public:
   void OnLookup(std::u16string_view path, const FileRuleMatch& match) noexcept override {
     LogLookup(vorn::policy::W(path), match);
+  }
+  std::u16string_view PathOnDrive(char16_t letter, std::u16string_view rest) noexcept override {
+    const DriveRecord* drive = GetDriveForLetter(static_cast<wchar_t>(letter));
+    wchar_t* path = drive ? ScratchPath(3, drive->device_path.size() + rest.size()) : nullptr;
+    if (!path) return {};
+    return U16(TerminatedCopy(path, drive->device_path, vorn::policy::W(rest)));
   }
 };
 

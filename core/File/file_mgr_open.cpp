@@ -121,6 +121,11 @@ bool NamesDevice(const UNICODE_STRING* name) {
          DeviceKind::kNone;
 }
 
+// Whether the call wants more than to ask a device what it is.
+bool OpensData(const OpenCall& call) {
+  return call.asked.access & (FILE_READ_DATA | FILE_EXECUTE | GENERIC_READ | GENERIC_EXECUTE | kWriteRights);
+}
+
 void OfferSample(std::uint64_t path_time, std::uint64_t acl_time, std::uint64_t now, const OpenCall& call) {
   static std::atomic<std::uint64_t> last_sent;
   if (MaySendSample(last_sent, now))
@@ -223,6 +228,10 @@ void CFileMgr::Confine(OpenCall& call) noexcept {
   call.given.options = options & ~FILE_OPEN_FOR_BACKUP_INTENT;
   if (ClassifyDevicePath(U16(path)) != DeviceKind::kNone) return call.CallOnPath(kStepDevicePath);
   const ScratchLevel level(GetThreadState());  // of the final path
+  if (call.Has(SectionOption::kOneAccessPerPlace) && vorn::policy::IsVolumeOrDisk(U16(path))) {
+    call.decision = model_.DecideByName(path);
+    return OpensData(call) ? ApplyDecision(call) : call.CallOnPath(kStepUnconfined);
+  }
   if (MayOpenFirst(call) && OpenFirst(call)) return;
   FileACLModel::Question question;
   if (call.Has(SectionOption::kHandleDecides))

@@ -124,6 +124,27 @@ bool IsHardDiskVolumeOrMup(std::u16string_view path) noexcept {
   return StartsWithNoCase(path, kMupPrefix) && ClassifyDevicePath(path) == DeviceKind::kNone;
 }
 
+PlaceAlias FindPlaceAlias(std::u16string_view path) noexcept {
+  const auto next = [path](std::size_t from) { return std::min(path.find(u'\\', from), path.size()); };
+  if (StartsWithNoCase(path, kShadowCopyPrefix)) return {0, next(kShadowCopyPrefix.size())};
+  if (!StartsWithNoCase(path, kMupPrefix)) return {};
+  std::size_t server = kMupPrefix.size();
+  // The connection of a drive letter, and the name of a provider.
+  while (server < path.size() && path[server] == u';') server = std::min(next(server) + 1, path.size());
+  const std::size_t share = next(server) + 1, end = next(std::min(share, path.size()));
+  if (end != share + 2 || path[share + 1] != u'$') return {};
+  const char16_t letter = FoldCase(path[share]);
+  if (letter < u'a' || letter > u'z') return {};
+  return {static_cast<char16_t>(letter - u'a' + u'A'), end};
+}
+
+bool IsVolumeOrDisk(std::u16string_view path) noexcept {
+  if (StartsWithNoCase(path, kHardDiskVolumePrefix))
+    return path.find(u'\\', kHardDiskVolumePrefix.size()) == kNotFound;
+  const char16_t number = path.size() > kDiskPrefix.size() ? path[kDiskPrefix.size()] : u'\0';
+  return StartsWithNoCase(path, kDiskPrefix) && number >= u'0' && number <= u'9';
+}
+
 std::size_t FindLastComponent(std::u16string_view path) noexcept {
   if (path.size() < 2) return kNotFound;
   if (path.back() == u'\\') path.remove_suffix(1);

@@ -19,6 +19,8 @@ inline constexpr std::u16string_view kDevicePrefix = u"\\device\\";
 inline constexpr std::u16string_view kMupPrefix = u"\\device\\mup\\";
 inline constexpr std::u16string_view kLanmanRedirectorPrefix = u"\\device\\mup\\;lanmanredirector\\";
 inline constexpr std::u16string_view kHardDiskVolumePrefix = u"\\device\\harddiskvolume";
+inline constexpr std::u16string_view kShadowCopyPrefix = u"\\device\\harddiskvolumeshadowcopy";
+inline constexpr std::u16string_view kDiskPrefix = u"\\device\\harddisk";  // and a number
 inline constexpr std::u16string_view kRecycleBinFolder = u"\\$recycle.bin\\";
 
 inline constexpr std::size_t kDriveUnits = 6;  // \??\C:
@@ -49,6 +51,19 @@ enum class DeviceKind : std::uint32_t {
 
 [[nodiscard]] bool IsRecycleBinPath(std::u16string_view path) noexcept;
 [[nodiscard]] bool IsHardDiskVolumeOrMup(std::u16string_view path) noexcept;
+
+// Another way to a place of a local drive: the share that the system makes of each drive, whatever the server
+// is called (\device\mup\server\C$\x; its names cannot be listed), or the drive in a shadow copy.
+struct PlaceAlias {
+  char16_t drive = 0;            // 'A' to 'Z'; 0 for a shadow copy, which is of any drive
+  std::size_t rest = kNotFound;  // where what follows the drive begins, its backslash included
+
+  [[nodiscard]] bool Found() const noexcept { return rest != kNotFound; }
+};
+[[nodiscard]] PlaceAlias FindPlaceAlias(std::u16string_view path) noexcept;
+
+// Whether `path` is a volume itself, without any folder, or a disk: what is on it lies below the file system.
+[[nodiscard]] bool IsVolumeOrDisk(std::u16string_view path) noexcept;
 
 // Where the last component begins, or kNotFound. One trailing backslash is ignored, and the first unit does
 // not count as a separator.

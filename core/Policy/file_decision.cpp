@@ -2,6 +2,7 @@
 
 #include "Policy/device_path.h"
 #include "Policy/kept_file.h"
+#include "Policy/text.h"
 
 namespace vorn::policy {
 namespace {
@@ -23,10 +24,37 @@ FileVerdict DecidePath(const SectionView& section, std::u16string_view path, Fil
   return {file.access, DecidingFact::kStreamFile, file.rule};
 }
 
+// A place of a local drive that is named in another way is as protected as by its own name.
+FileVerdict WeakestPlace(const SectionView& section, std::u16string_view path, FileVerdict verdict,
+                         FileContext& context) noexcept {
+  const PlaceAlias alias = FindPlaceAlias(path);
+  if (!alias.Found()) return verdict;
+  const char16_t first = alias.drive ? alias.drive : u'A', last = alias.drive ? alias.drive : u'Z';
+  for (char16_t drive = first; drive <= last; ++drive) {
+    const std::u16string_view place =
+        context.PathOnDrive(drive, {path.data() + alias.rest, path.size() - alias.rest});
+    if (place.empty()) continue;
+    const FileVerdict own = DecidePath(section, place, context);
+    if (own.access < verdict.access) verdict = {own.access, DecidingFact::kSamePlace, own.rule};
+  }
+  return verdict;
+}
+
+// Who reads or writes a volume reads or writes every file on it; a disk or a shadow copy is of any volume.
+FileVerdict DecideWhole(const SectionView& section, std::u16string_view path, FileContext& context) noexcept {
+  const FileVerdict verdict = LookUp(section, path, context);
+  const bool known = StartsWithNoCase(path, kHardDiskVolumePrefix) && !FindPlaceAlias(path).Found();
+  const FileRuleMatch stricter = FindStricterRuleWithin(section, known ? path : u"\\device", verdict.access);
+  if (!stricter.found) return verdict;
+  return {stricter.access, DecidingFact::kRuleBelow, stricter.rule_index};
+}
+
 }  // namespace
 
 FileDecision DecideFile(const SectionView& section, const FileFacts& facts, FileContext& context) noexcept {
   const auto same = [](FileVerdict verdict) noexcept { return FileDecision{verdict, verdict}; };
+  const bool one_access = section.Has(SectionOption::kOneAccessPerPlace);
+  if (one_access && IsVolumeOrDisk(facts.path)) return same(DecideWhole(section, facts.path, context));
   if (facts.path.empty() || !facts.on_file_system)
     return same({FileACL::kUnknown, DecidingFact::kNoFileSystem, kNoRule});
   FileDecision decision;
@@ -38,7 +66,9 @@ FileDecision DecideFile(const SectionView& section, const FileFacts& facts, File
     decision.in_recycle_bin = in_bin;
     return decision;
   }
-  decision.file = decision.named = DecidePath(section, facts.path, context);
+  FileVerdict verdict = DecidePath(section, facts.path, context);
+  if (one_access) verdict = WeakestPlace(section, facts.path, verdict, context);
+  decision.file = decision.named = verdict;
   if (decision.named.access == FileACL::kReadWrite && IsKept(section, facts.path))
     return same({FileACL::kRead, DecidingFact::kKept, kNoRule});
   if (decision.named.access != FileACL::kReadWrite) return decision;

@@ -33,6 +33,9 @@ class FileContext {
   // Another name of the file (canonical, its own included), one at a time; false when there is no more. Asked
   // only where an answer can lower the access.
   virtual bool NextName(std::u16string_view*) noexcept { return false; }
+  // The path of `rest` (a backslash and more, or nothing) on the drive with this letter; empty when there is
+  // no such drive. Valid until the next call.
+  virtual std::u16string_view PathOnDrive(char16_t, std::u16string_view) noexcept { return {}; }
   // A path was looked up in the rules.
   virtual void OnLookup(std::u16string_view, const FileRuleMatch&) noexcept {}
   // One of the names was looked up.

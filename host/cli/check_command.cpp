@@ -23,8 +23,10 @@ const char* AccessText(policy::FileACL access) {
 std::string ExplainPath(const host::CompiledPolicy& policy, const std::string& question) {
   const host::PathDecision decision = policy.DecidePath(host::ToWide(question));
   const policy::FileVerdict& verdict = decision.verdict.file;
+  const bool held = decision.held.rule != policy::kNoRule;
   return fmt::format(
-      "{:<10}  {}  ({}; {}looked up as {})", AccessText(verdict.access), question, policy.Describe(verdict),
+      "{:<10}  {}  ({}; {}{}looked up as {})", AccessText(verdict.access), question, policy.Describe(verdict),
+      held ? "keeps its place: " + policy.Describe(decision.held) + "; " : "",
       decision.path.folder_exists ? "" : "its folder does not exist; ", host::ToUtf8(decision.path.nt_path));
 }
 

@@ -55,7 +55,7 @@ std::wstring_view LinkFolder(std::uint32_t index) {
 // The other names of a file, as the library finds them.
 class OtherNames final : public policy::FileContext {
  public:
-  explicit OtherNames(const ResolvedPath& file) : file_(file) {}
+  OtherNames(const ResolvedPath& file, PathResolver& resolver) : file_(file), resolver_(resolver) {}
   ~OtherNames() {
     if (find_ != INVALID_HANDLE_VALUE) native_.FindClose(find_);
   }
@@ -82,6 +82,11 @@ class OtherNames final : public policy::FileContext {
     *name = policy::U16(std::wstring_view(name_));
     return true;
   }
+  std::u16string_view PathOnDrive(char16_t letter, std::u16string_view rest) noexcept override {
+    name_ = resolver_.DeviceOf(static_cast<wchar_t>(letter));
+    if (!name_.empty()) name_ += policy::W(rest);
+    return policy::U16(std::wstring_view(name_));
+  }
 
  private:
   static bool HasSeveralNames(const std::wstring& path) {
@@ -94,6 +99,7 @@ class OtherNames final : public policy::FileContext {
 
   const VornCore::platform::NativeApi& native_ = VornCore::platform::Native();
   const ResolvedPath& file_;
+  PathResolver& resolver_;
   std::vector<wchar_t> buffer_ = std::vector<wchar_t>(32768);
   std::wstring name_;
   HANDLE find_ = INVALID_HANDLE_VALUE;
@@ -231,7 +237,7 @@ void CompiledPolicy::AddFlagsAndNetRules(SectionContents& contents) const {
 
 PathDecision CompiledPolicy::DecidePath(const std::wstring& path) const {
   PathDecision decision;
-  decision.path = resolver_.Resolve(path);
+  decision.path = IsDevicePath(path) ? resolver_.ResolveDevice(path) : resolver_.Resolve(path);
   if (!document_.enforce_files) {
     decision.verdict.file =
         decision.verdict.named = {policy::FileACL::kUnknown, policy::DecidingFact::kCheckOff};
@@ -239,9 +245,15 @@ PathDecision CompiledPolicy::DecidePath(const std::wstring& path) const {
   }
   g_link_folders = &file_rules_;
   VornCore::platform::SetLinkFolderSource(&LinkFolder);
-  OtherNames names(decision.path);
-  decision.verdict = policy::DecideFile(
-      policy::SectionView(section_), {.path = policy::U16(std::wstring_view(decision.path.nt_path))}, names);
+  OtherNames names(decision.path, resolver_);
+  std::wstring asked = decision.path.nt_path;
+  // A drive is its root folder; the volume itself is asked about as a device.
+  if (decision.path.dos_path.size() == 2) asked += L'\\';
+  const policy::SectionView section(section_);
+  const std::u16string_view place = policy::U16(std::wstring_view(asked));
+  decision.verdict = policy::DecideFile(section, {.path = place}, names);
+  if (decision.verdict.named.access == policy::FileACL::kReadWrite)
+    decision.held = policy::HeldByRule(section, place);
   return decision;
 }
 

@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::wstring_view kDevicePrefix = L"\\\\?\\";
 constexpr std::wstring_view kDeviceUncPrefix = L"\\\\?\\UNC\\";
+constexpr std::wstring_view kDevice = L"\\\\.\\";
 constexpr std::wstring_view kDosDirectory = L"\\??\\";
 constexpr std::wstring_view kRedirector = L"\\Device\\LanmanRedirector\\";
 constexpr std::wstring_view kMup = L"\\Device\\Mup\\";
@@ -145,6 +146,14 @@ const std::wstring& PathResolver::DeviceOf(const std::wstring& drive, const std:
   return device;
 }
 
+std::wstring PathResolver::DeviceOf(wchar_t letter) {
+  try {
+    return DeviceOf(std::wstring{letter, L':'}, {});
+  } catch (const std::system_error&) {
+    return {};
+  }
+}
+
 // What lies in a folder that does not exist does not exist either: it is not asked about.
 PathResolver::Place PathResolver::Find(const std::wstring& path) {
   const std::size_t separator = path.rfind(L'\\');
@@ -197,6 +206,14 @@ ResolvedPath PathResolver::Resolve(const std::wstring& path) {
   if (resolved.nt_path.ends_with(L'\\')) resolved.nt_path.pop_back();
   resolved.dos_path = std::move(place.path);
   return resolved;
+}
+
+ResolvedPath PathResolver::ResolveDevice(const std::wstring& path) {
+  return {DeviceOf(path.substr(kDevice.size()), path), path, true, true};
+}
+
+bool IsDevicePath(const std::wstring& path) {
+  return path.starts_with(kDevice) && path.find(L'\\', kDevice.size()) == std::wstring::npos;
 }
 
 std::wstring ToNtPath(const std::wstring& path) { return PathResolver().Resolve(path).nt_path; }

@@ -2,6 +2,7 @@
 
 #include <tuple>
 
+#include "Policy/file_decision.h"
 #include "Policy/file_rules.h"
 #include "Policy/section_view.h"
 #include "section_builder.h"
@@ -115,6 +116,53 @@ TEST(FileRules, TheCaseOfOtherLettersCountsUnlessTheSectionFoldsAll) {
       const auto upper = SectionBuilder().Options(options).FileRule(1, path).Build();
       EXPECT_EQ(FindStricterRuleWithin(SectionView{upper}, rule, FileACL::kReadWrite).found, found);
     }
+  }
+}
+
+TEST(FileDecision, OtherWaysToALocalPlaceAreNoMoreOpenThanThePlace) {
+  struct Drives final : FileContext {
+    std::u16string_view PathOnDrive(char16_t letter, std::u16string_view rest) noexcept override {
+      if (letter != u'C' && letter != u'D') return {};
+      path = (letter == u'C' ? u"\\Device\\HarddiskVolume3" : u"\\Device\\HarddiskVolume4") +
+             std::u16string(rest);
+      return path;
+    }
+    std::u16string path;
+  };
+  const auto section = [](std::uint32_t options) {
+    SectionBuilder builder;
+    builder.Options(options).FileRule(1, u"\\Device\\HarddiskVolume3\\secret");
+    return builder.FileRule(3, u"\\Device\\HarddiskVolume4").FileRule(3, u"\\Device\\Mup\\me\\c$\\w").Build();
+  };
+  using enum FileACL;
+  using enum DecidingFact;
+  const struct {
+    const char16_t* path;
+    FileACL access;
+    DecidingFact fact;
+  } kCases[] = {{u"\\Device\\Mup\\localhost\\C$\\secret\\s.txt", kDeny, kSamePlace},
+                {u"\\Device\\Mup\\127.0.0.1\\c$\\SECRET", kDeny, kSamePlace},
+                {u"\\Device\\Mup\\;LanmanRedirector\\;X:0000\\me\\C$\\secret", kDeny, kSamePlace},
+                {u"\\Device\\Mup\\me\\C$\\w\\f", kRead, kSamePlace},  // no rule opens C:\w
+                {u"\\Device\\Mup\\me\\D$\\secret", kRead, kNoFileRule},
+                {u"\\Device\\Mup\\me\\C$x\\secret", kRead, kNoFileRule},
+                {u"\\Device\\Mup\\me\\E$\\secret", kRead, kNoFileRule},
+                {u"\\Device\\Mup\\me", kRead, kNoFileRule},
+                {u"\\Device\\HarddiskVolumeShadowCopy7\\secret\\s.txt", kDeny, kSamePlace},
+                {u"\\Device\\HarddiskVolumeShadowCopy7\\open", kRead, kNoFileRule},
+                {u"\\Device\\HarddiskVolumeShadowCopy7", kDeny, kRuleBelow},
+                {u"\\Device\\HarddiskVolume3", kDeny, kRuleBelow},
+                {u"\\Device\\HarddiskVolume3\\", kRead, kNoFileRule},  // the root folder
+                {u"\\Device\\HarddiskVolume4", kReadWrite, kRule},
+                {u"\\Device\\Harddisk0\\DR0", kDeny, kRuleBelow}};
+  const auto with = section(OptionBits(SectionOption::kOneAccessPerPlace, SectionOption::kPlacesFromRules));
+  const auto without = section(OptionBits(SectionOption::kPlacesFromRules));
+  for (const auto& [path, access, fact] : kCases) {
+    Drives drives;
+    const FileVerdict verdict = DecideFile(SectionView{with}, {.path = path}, drives).file;
+    EXPECT_EQ(verdict.access, access) << testing::PrintToString(std::u16string(path));
+    EXPECT_EQ(verdict.fact, fact) << testing::PrintToString(std::u16string(path));
+    EXPECT_NE(DecideFile(SectionView{without}, {.path = path}, drives).file.access, kDeny) << "plain";
   }
 }
 

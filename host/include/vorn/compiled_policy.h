@@ -25,7 +25,8 @@ namespace vorn::host {
 
 struct PathDecision {
   policy::FileDecision verdict;
-  ResolvedPath path;  // what was looked up
+  ResolvedPath path;         // what was looked up
+  policy::FileVerdict held;  // of what may be written: the rule that keeps it at its place, or kReadWrite
 };
 
 class CompiledPolicy {
@@ -43,8 +44,8 @@ class CompiledPolicy {
   // Adds flags, options and both rule tables.
   void BuildSectionContents(SectionContents& contents) const;
 
-  // path: drive-letter or UNC form. Throws std::system_error for any other form. A path whose folder does not
-  // exist is decided as if it did.
+  // path: drive-letter or UNC form, or a device such as "\\.\C:". Throws std::system_error for any other
+  // form. A path whose folder does not exist is decided as if it did.
   PathDecision DecidePath(const std::wstring& path) const;
   // destination: an address or a name with at most one port, as ParseDestination gives it. A name is decided
   // as a program would be that resolved it to an address no rule covers.

@@ -42,6 +42,13 @@ class PathResolver {
   // ERROR_FILE_NOT_FOUND for a drive that does not exist.
   ResolvedPath Resolve(const std::wstring& path);
 
+  // The device that a path such as "\\.\C:" or "\\.\PhysicalDrive0" names (IsDevicePath). Throws
+  // std::system_error: ERROR_FILE_NOT_FOUND for one that does not exist.
+  ResolvedPath ResolveDevice(const std::wstring& path);
+
+  // The device of the drive with this letter, without links; empty when there is none.
+  std::wstring DeviceOf(wchar_t letter);
+
  private:
   struct Place {
     std::wstring path;  // final drive-letter or UNC path
@@ -59,6 +66,9 @@ class PathResolver {
   std::unordered_map<std::wstring, Folder> folders_;
   std::unordered_map<std::wstring, std::wstring> devices_;  // by "C:"
 };
+
+// "\\.\" and a name.
+bool IsDevicePath(const std::wstring& path);
 
 // The NT path of a single path; see PathResolver.
 std::wstring ToNtPath(const std::wstring& path);
