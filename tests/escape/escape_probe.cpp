@@ -9,8 +9,20 @@
 //   escape_probe section F       starts a program with a section of its own, which prints F
 //   escape_probe rules F         switches the rules off in the section, then prints F
 //   escape_probe held F L        writes to L while F is open so that nobody else can read it
+//   escape_probe start LINE      starts a program
+//   escape_probe letter D        makes in D a folder whose name differs by the case of a letter beyond ASCII
+//   escape_probe size F          asks for the size of F
+//   escape_probe reopen F        writes to F through a handle that was opened for reading
+//   escape_probe map F           writes to F through a mapping
+//   escape_probe id F            writes to F, which it names by its id
+//   escape_probe root F          writes to F, which it names from the directory of the drive letters
+//   escape_probe replace F G     puts G in the place of F
+//   escape_probe info F N        sets information of class N, harmful each, of F
+//   escape_probe zero F          fills F with zeros
+// What the system itself cannot do is said to be UNSUPPORTED.
 #include <windows.h>
 
+#include <winioctl.h>
 #include <winternl.h>
 
 #include <cstdio>
@@ -24,6 +36,12 @@
 #include "Policy/section_format.h"
 #include "windows/nt.h"
 #include "windows/unique_handle.h"
+
+extern "C" {
+NTSYSAPI NTSTATUS NTAPI NtOpenDirectoryObject(PHANDLE, ACCESS_MASK, POBJECT_ATTRIBUTES);
+NTSYSAPI NTSTATUS NTAPI NtFsControlFile(HANDLE, HANDLE, PIO_APC_ROUTINE, PVOID, PIO_STATUS_BLOCK, ULONG,
+                                        PVOID, ULONG, PVOID, ULONG);
+}
 
 namespace {
 
@@ -71,6 +89,101 @@ bool Writes(const fs::path& file) {
   const bool wrote = handle && WriteFile(handle.get(), "x", 1, &written, nullptr);
   if (handle && made) DeleteFileW(file.c_str());
   return wrote;
+}
+
+bool Appends(const UniqueHandle& handle) {
+  DWORD written = 0;
+  return handle && WriteFile(handle.get(), "x", 1, &written, nullptr);
+}
+
+bool Reopens(const fs::path& file) {
+  const UniqueHandle reading = Open(file, GENERIC_READ);
+  return Appends(UniqueHandle(ReOpenFile(reading.get(), FILE_APPEND_DATA, nt::kShareAll, 0)));
+}
+
+void Maps(const fs::path& file) {
+  const UniqueHandle handle = Open(file, GENERIC_READ | GENERIC_WRITE);
+  const UniqueHandle mapping(CreateFileMappingW(handle.get(), nullptr, PAGE_READWRITE, 0, 0, nullptr));
+  if (void* view = MapViewOfFile(mapping.get(), FILE_MAP_WRITE, 0, 0, 0)) std::memcpy(view, "new", 3);
+}
+
+bool OpensById(const fs::path& file) {
+  const UniqueHandle handle = Open(file, FILE_READ_ATTRIBUTES),
+                     folder = Open(file.parent_path(), GENERIC_READ);
+  BY_HANDLE_FILE_INFORMATION info{};
+  GetFileInformationByHandle(handle.get(), &info);
+  FILE_ID_DESCRIPTOR id{sizeof id, FileIdType, {}};
+  id.FileId.LowPart = info.nFileIndexLow;
+  id.FileId.HighPart = static_cast<LONG>(info.nFileIndexHigh);
+  return Appends(UniqueHandle(OpenFileById(folder.get(), &id, FILE_APPEND_DATA, nt::kShareAll, nullptr, 0)));
+}
+
+bool Judge(NTSTATUS status) {
+  for (const NTSTATUS lacking :
+       {STATUS_OBJECT_NAME_NOT_FOUND, STATUS_NOT_IMPLEMENTED, STATUS_INVALID_INFO_CLASS, STATUS_NOT_SUPPORTED,
+        STATUS_INVALID_DEVICE_REQUEST, STATUS_PRIVILEGE_NOT_HELD})
+    if (status == lacking) puts("UNSUPPORTED");
+  return nt::Success(status);
+}
+
+bool OpensFromDriveLetters(const fs::path& file) {
+  UNICODE_STRING name;
+  RtlInitUnicodeString(&name, L"\\??");
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+  UniqueHandle letters, handle;
+  constexpr ACCESS_MASK kTraverse = 2;
+  NtOpenDirectoryObject(letters.put(), kTraverse, &attributes);
+  RtlInitUnicodeString(&name, file.c_str());
+  attributes.RootDirectory = letters.get();
+  IO_STATUS_BLOCK io;
+  return Judge(NtCreateFile(handle.put(), FILE_APPEND_DATA | SYNCHRONIZE, &attributes, &io, nullptr, 0,
+                            nt::kShareAll, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0)) &&
+         Appends(handle);
+}
+
+bool SetsInformation(const fs::path& file, ULONG info_class) {
+  struct alignas(nt::RenameInformation) {
+    std::byte bytes[1024];
+  } information{};
+  const auto put = [&](const auto& value, std::size_t at = 0) {
+    std::memcpy(information.bytes + at, &value, sizeof value);
+  };
+  switch (info_class) {
+    case 10:  // rename
+    case 11:  // link
+    case 65:
+    case 72: {
+      const std::wstring name = L"\\??\\" + (file.parent_path() / L"g.txt").wstring();
+      const auto bytes = static_cast<ULONG>(name.size() * sizeof(wchar_t));
+      put(bytes, offsetof(nt::RenameInformation, FileNameLength));
+      std::memcpy(information.bytes + offsetof(nt::RenameInformation, FileName), name.data(), bytes);
+      break;
+    }
+    case 13:  // deletion
+    case 64:
+      put(nt::kDispositionDelete);
+      break;
+    case 39:  // valid data: as much as there is; allocation (19) and end (20): none
+      put(std::int64_t{3});
+      break;
+    case 40:
+      put(ULONG{10});
+      std::memcpy(information.bytes + sizeof(ULONG), L"short", 10);
+      break;
+  }
+  const UniqueHandle handle = Open(file, GENERIC_READ | GENERIC_WRITE | DELETE);
+  IO_STATUS_BLOCK io;
+  return Judge(NtSetInformationFile(handle.get(), &io, &information, sizeof information,
+                                    static_cast<FILE_INFORMATION_CLASS>(info_class)));
+}
+
+bool Zeros(const fs::path& file) {
+  const UniqueHandle handle = Open(file, GENERIC_READ | GENERIC_WRITE);
+  FILE_ZERO_DATA_INFORMATION all{};
+  all.BeyondFinalZero.QuadPart = 3;
+  IO_STATUS_BLOCK io;
+  return Judge(NtFsControlFile(handle.get(), nullptr, nullptr, nullptr, &io, FSCTL_SET_ZERO_DATA, &all,
+                               sizeof all, nullptr, 0));
 }
 
 void WritesWhileHeld(const fs::path& file, const fs::path& link) {
@@ -126,6 +239,14 @@ void SwitchesRulesOff(const fs::path& file) {
   Print(file);
 }
 
+void Start(wchar_t* line) {
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process{};
+  CreateProcessW(nullptr, line, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process);
+  Sleep(200);  // the end of what is no program of Windows cannot be waited for
+}
+
 void FaultInTheLoader() {
   auto* const nowhere = reinterpret_cast<IMAGE_DELAYLOAD_DESCRIPTOR*>(0x10);
   (void)VornCore::platform::Guarded(
@@ -145,6 +266,16 @@ int wmain(int argc, wchar_t** argv) {
   }
   if (verb == L"held") WritesWhileHeld(file, argv[3]);
   if (verb == L"write") escaped = Writes(file);
+  if (verb == L"start") Start(argv[2]);
+  if (verb == L"letter") escaped = CreateDirectoryW((file / L"\u00E4b").c_str(), nullptr);
+  if (verb == L"size") escaped = fs::exists(file) && fs::file_size(file) > 0;
+  if (verb == L"reopen") escaped = Reopens(file);
+  if (verb == L"map") Maps(file);
+  if (verb == L"id") escaped = OpensById(file);
+  if (verb == L"root") escaped = OpensFromDriveLetters(file);
+  if (verb == L"replace") escaped = ReplaceFileW(file.c_str(), argv[3], nullptr, 0, nullptr, nullptr);
+  if (verb == L"info") escaped = SetsInformation(file, static_cast<ULONG>(std::stoul(argv[3])));
+  if (verb == L"zero") escaped = Zeros(file);
   if (verb == L"section") StartsWithOwnSection(file);
   if (verb == L"rules") SwitchesRulesOff(file);
   if (verb == L"acl") escaped = ChangesAccessList(file);
