@@ -27,6 +27,11 @@ RunReport::RunReport(const host::CompiledPolicy& policy, host::RunJournal& journ
 bool RunReport::WriteEventsTo(const std::string& file) {
   events_.open(std::filesystem::path(host::ToWide(file)), std::ios::binary | std::ios::trunc);
   writes_events_ = events_.is_open();
+  // Who reads nothing but the events has to know, too.
+  const host::PolicyDocument& document = policy_.document();
+  if (!NotConfined(document).empty())
+    events_queue_.Push(fmt::format(R"({{"event":"run","files_confined":{},"network_confined":{}}})",
+                                   document.enforce_files, document.has_network && document.enforce_network));
   return writes_events_;
 }
 

@@ -256,7 +256,8 @@ TEST_F(VornExe, CheckTellsWhatARuleDoesNotDo) {
                                   "policy.toml:4:" + std::to_string(14 + Dos("").size()) + ": warning: \"" +
                                       Dos("policy.toml") + "\" does not open the policy for writing"})
     EXPECT_TRUE(check.Says(line)) << line << "\n" << check.text;
-  const Session run = Run("cmd /c echo ran");
+  const Session run = Run("cmd /c echo ran", "--events \"" + Dos("events.jsonl") + "\"");
+  EXPECT_TRUE(Read("events.jsonl").starts_with(R"({"event":"run","files_confined":false)"));
   EXPECT_LT(run.text.find("files are NOT CONFINED"), run.text.find("ran"));
   EXPECT_LT(run.text.find("---- exit"), run.text.rfind("files are NOT CONFINED"));
   Write("policy.toml", "[files]\nwrite = ['" + Dos("") + "']\n");
