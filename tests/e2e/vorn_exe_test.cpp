@@ -154,7 +154,8 @@ TEST_F(VornExe, FollowsATreeOfProgramsAndRestoresItsDeletions) {
     EXPECT_TRUE(Vorn("restore " + run.str(1)).Says("left in the bin " + Dos("work\\f.txt") + " (a link"));
     EXPECT_EQ(Read("denied\\f.txt"), "(none)");
   }
-  EXPECT_EQ(Vorn("restore " + run.str(1)).exit_code, 0u);
+  // Alone: what else the programs deleted is back already.
+  EXPECT_EQ(Vorn("restore " + run.str(1) + " \"" + Dos("work\\f.txt") + '"').exit_code, 0u);
   EXPECT_EQ(Read("work\\f.txt"), "old work");
   Run("cmd /c del \"" + Dos("work\\f.txt") + '"');
   EXPECT_EQ(Vorn("restore " + run.str(1)).exit_code, 1u)

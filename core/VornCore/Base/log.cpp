@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
+#include <utility>
 
 #include "Platform/last_error.h"
 #include "Platform/local_time.h"
@@ -79,8 +80,8 @@ class LogHelper {
     platform::LockGuard guard(lock_);
     OwnCallScope own;
     if (current_ < 0 || current_ >= kSlots) current_ = 0;
-    if (first_line_opens_) OpenSlot(slots_[current_]);
-    first_line_opens_ = false;
+    // Once: an open that fails is itself a line, of which there is no end.
+    if (std::exchange(first_line_opens_, false)) OpenSlot(slots_[current_]);
     if (slots_[current_].written > kSlotBytes) TakeNextSlot();
     Slot& slot = slots_[current_];
     if (slot.file == INVALID_HANDLE_VALUE) return STATUS_INVALID_HANDLE;
