@@ -37,6 +37,17 @@ std::wstring_view VolumeOf(std::wstring_view device_path) {
   return device_path.substr(0, device_path.find(L'\\', vorn::policy::kDevicePrefix.size()));
 }
 
+OwnHandle OpenForAttributes(std::wstring_view path, ULONG options = 0) {
+  UNICODE_STRING name = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
+  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
+  IO_STATUS_BLOCK io;
+  OwnHandle file;
+  (void)Ntdll::CallOriginalNtCreateFile(file.put(), SYNCHRONIZE | FILE_READ_ATTRIBUTES, &attributes, &io,
+                                        nullptr, 0, nt::kShareAll, FILE_OPEN,
+                                        options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+  return file;
+}
+
 }  // namespace
 
 FileLinkHelper::~FileLinkHelper() {
@@ -78,14 +89,8 @@ std::wstring_view FileLinkHelper::GetFileSymbolicLink(std::wstring_view path, bo
 
 std::wstring_view FileLinkHelper::ResolveFinalPath(std::wstring_view path, bool keep_open,
                                                    ULONG options) noexcept {
-  UNICODE_STRING name = nt::CountedString(path.data(), path.size() * sizeof(wchar_t));
-  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
-  IO_STATUS_BLOCK io;
-  OwnHandle file;
-  const NTSTATUS status = Ntdll::CallOriginalNtCreateFile(
-      file.put(), SYNCHRONIZE | FILE_READ_ATTRIBUTES, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
-      options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
-  if (!nt::Success(status)) return {};
+  OwnHandle file = OpenForAttributes(path, options);
+  if (!file) return {};
   std::wstring_view target = FinalPathOf(file.get());
   const std::wstring_view spelled = path.substr(0, path.size() - path.ends_with(L'\\'));
   if (!vorn::policy::EqualsNoCase(U16(target), U16(spelled)) && !IsPathOf(file.get(), target)) target = {};
@@ -114,14 +119,8 @@ std::wstring_view FinalPathOf(HANDLE file) noexcept {
 
 bool IsPathOf(HANDLE file, std::wstring_view final_path) noexcept {
   if (!platform::Native().paths_can_be_wrong) return true;
-  UNICODE_STRING name = nt::CountedString(final_path.data(), final_path.size() * sizeof(wchar_t));
-  OBJECT_ATTRIBUTES attributes = nt::NamedObject(&name);
-  IO_STATUS_BLOCK io;
-  OwnHandle other;
-  const NTSTATUS status = Ntdll::CallOriginalNtCreateFile(
-      other.put(), SYNCHRONIZE | FILE_READ_ATTRIBUTES, &attributes, &io, nullptr, 0, nt::kShareAll, FILE_OPEN,
-      FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
-  return nt::Success(status) && FileIdOf(other.get()) == FileIdOf(file);
+  const OwnHandle other = OpenForAttributes(final_path);
+  return other && FileIdOf(other.get()) == FileIdOf(file);
 }
 
 std::uint32_t LinkCountOf(HANDLE file) noexcept {

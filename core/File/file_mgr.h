@@ -11,6 +11,8 @@
 // ThreadState. No lock is held across a system call.
 #pragma once
 
+#include <optional>
+
 #include "File/created_files.h"
 #include "File/file_acl_model.h"
 #include "File/file_audit.h"
@@ -92,7 +94,7 @@ class CFileMgr : public Manager<CFileMgr>, public INtdllApiListener, public IKer
   FileDecision DecideTarget(Renaming& renaming) noexcept;
   std::uint32_t KeepReplaced(HANDLE handle, const Renaming& renaming) noexcept;
   void FollowRename(HANDLE handle, const Renaming& renaming) noexcept;
-  std::uint32_t KeepBeforeOpening(const OpenCall& call) noexcept;
+  std::optional<std::uint32_t> KeepBeforeOpening(const OpenCall& call) noexcept;
   void ReportKept(const FileHandleRecord& record) noexcept;
 
   FileACLModel model_;

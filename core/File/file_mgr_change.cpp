@@ -161,10 +161,11 @@ CFileMgr::Outcome CFileMgr::HoldPlace(AuditType type, HANDLE handle, std::wstrin
   return {true, true, STATUS_ACCESS_DENIED};
 }
 
-// Not every system asks a handle for that right, or says that it is missing.
+// Not every system checks whether the handle has that right, or answers that it is missing.
 CFileMgr::Outcome CFileMgr::RefuseWithout(ACCESS_MASK right, const SetFileCall& call) noexcept {
+  if (!model_.handles().ReadsWithout(right, call.handle)) return {};
   const HandleRecordPtr record = model_.handles().Find(call.handle);
-  if (!record || record->file.access != FileACL::kRead || (record->desired_access & right)) return {};
+  if (!record) return {};
   // A failure of the other kinds reports itself.
   if (call.info_class == nt::kFileBasicInformation || record->named.access == FileACL::kReadWrite)
     SendFileAudit(AuditType::kWrite, STATUS_ACCESS_DENIED, {record->file, record->path});

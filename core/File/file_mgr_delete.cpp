@@ -207,11 +207,12 @@ void CFileMgr::FollowRename(HANDLE handle, const Renaming& renaming) noexcept {
   model_.handles().Add(MakeHandleRecord(facts, renaming.target));
 }
 
-// What will be deleted with the handle that an opening is about to make: the number of the file, 0 for none.
-std::uint32_t CFileMgr::KeepBeforeOpening(const OpenCall& call) noexcept {
+// Keeps what will be deleted with the handle that an open is about to return: the number of the file, 0 where
+// it cannot be kept; nothing where there is no file to keep.
+std::optional<std::uint32_t> CFileMgr::KeepBeforeOpening(const OpenCall& call) noexcept {
   bool missing = false;
   const OwnHandle file = OpenForKeeping(call.final, &missing);
-  if (!file || created_.Holds(file.get(), call.path) || KindOf(file.get()).folder) return 0;
+  if (!file || created_.Holds(file.get(), call.path) || KindOf(file.get()).folder) return std::nullopt;
   return KeepFile(file.get(), call.path);
 }
 

@@ -295,17 +295,16 @@ void CFileMgr::OpenRecorded(OpenCall& call) noexcept {
   // What the close will do is not left to the system; without the right to delete, the system refuses it.
   const bool ours = call.DeletesOnClose() ? !CanKeep(call.path) : !call.Has(SectionOption::kHandleDecides);
   if (ours) call.given.options &= ~FILE_DELETE_ON_CLOSE;
-  const std::uint32_t kept =
-      call.DeletesOnClose() && !ours && !call.was_missing ? KeepBeforeOpening(call) : 0;
+  const auto kept = call.DeletesOnClose() && !ours ? KeepBeforeOpening(call) : std::nullopt;
   call.CallOnPath(kStepOpened);
-  if (!nt::Success(call.status))
-    TakeBackKept(call.path, kept);
-  else if (call.handle && LandedAsDecided(call))
-    Record(call, kept);
+  if (!nt::Success(call.status) || !call.handle || !LandedAsDecided(call))
+    return TakeBackKept(call.path, kept.value_or(0));
+  if (kept == 0u) SendFileAudit(AuditType::kDelete, STATUS_SUCCESS, {call.decision.named, call.path});
+  Record(call, kept.value_or(0));
 }
 
-// What was not there can be made elsewhere, by a link that leads nowhere. There it is taken back when the
-// rules do not allow it.
+// A missing file may be created elsewhere, through a dangling link. It is removed again when the rules do not
+// allow it there.
 bool CFileMgr::LandedAsDecided(OpenCall& call) noexcept {
   if (!call.Has(SectionOption::kHandleDecides) || !call.was_missing || call.given.disposition == FILE_OPEN)
     return true;

@@ -70,7 +70,7 @@ bool CFileMgr::OpenFirst(OpenCall& call) noexcept {
     return ask();
   const bool creation_taken = call.given.disposition != call.asked.disposition;
   if (creation_taken && call.asked.disposition == FILE_CREATE) return ask();
-  // Not every system tells a file that was there from one that it made: it is asked for either.
+  // Not every system says whether it opened or created the file: the one is asked for after the other.
   const bool makes_missing = call.given.disposition == FILE_OPEN_IF;
   if (call.Truncates()) call.given.disposition = FILE_CREATE;
   if (makes_missing) call.given.disposition = FILE_OPEN;
@@ -120,7 +120,8 @@ bool CFileMgr::OpenFirst(OpenCall& call) noexcept {
   return true;
 }
 
-// The system refuses what it would have refused at the opening; false where it may not have (a mapped file).
+// The system refuses here what it would have refused at the open. False where it might not have: a mapped
+// file.
 bool CFileMgr::DeleteOpened(OpenCall& call) noexcept {
   IO_STATUS_BLOCK io;
   BOOLEAN remove = TRUE;

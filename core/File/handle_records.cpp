@@ -16,10 +16,11 @@ std::uint64_t HashOf(HANDLE handle) { return HashWord(KeyOf(handle)); }
 std::atomic<void*> retired;
 
 void FreeRetired() {
-  for (void *block = retired.load(std::memory_order_relaxed) ? retired.exchange(nullptr) : nullptr, *next;
-       block; block = next) {
-    next = *static_cast<void**>(block);
+  void* block = retired.load(std::memory_order_relaxed) ? retired.exchange(nullptr) : nullptr;
+  while (block) {
+    void* const next = *static_cast<void**>(block);
     free(block);
+    block = next;
   }
 }
 
@@ -103,6 +104,12 @@ HandleRecordPtr HandleRecords::Take(HANDLE handle) noexcept {
 
 bool HandleRecords::Has(HANDLE handle) noexcept {
   return With(handle, [](const FileHandleRecord* record) { return record != nullptr; });
+}
+
+bool HandleRecords::ReadsWithout(ACCESS_MASK right, HANDLE handle) noexcept {
+  return With(handle, [right](const FileHandleRecord* record) {
+    return record && record->file.access == FileACL::kRead && !(record->desired_access & right);
+  });
 }
 
 void HandleRecords::SetDeleteDisposition(HANDLE handle, bool remove, bool on_close) noexcept {

@@ -70,6 +70,8 @@ class HandleRecords {
   HandleRecordPtr Find(HANDLE handle) noexcept;
   HandleRecordPtr Take(HANDLE handle) noexcept;
   bool Has(HANDLE handle) noexcept;
+  // Whether handle is open on a file that may only be read, without this right.
+  bool ReadsWithout(ACCESS_MASK right, HANDLE handle) noexcept;
   // Only for a handle with DELETE access: remembers or forgets a later request to delete; on_close also
   // forgets the one made at open.
   void SetDeleteDisposition(HANDLE handle, bool remove, bool on_close) noexcept;

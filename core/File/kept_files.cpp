@@ -31,7 +31,8 @@ constexpr ULONG kCopyBytes = 1u << 16;
 
 std::atomic<std::uint32_t> last_number;
 
-// How names in the folder of the only trash are best spelled; folder itself where the system does not care.
+// The folder of the trash, of which there is one, in the spelling in which the system finds names there
+// fastest.
 std::u16string_view SpelledFolder(std::u16string_view folder) noexcept {
   static std::atomic<const wchar_t*> spelled;
   if (GetSection().FormatOfKept() != KeepFormat::kTrash) return folder;
@@ -220,8 +221,9 @@ std::uint32_t KeepFolder(std::wstring_view path) noexcept {
 }
 
 void TakeBackKept(std::wstring_view path, std::uint32_t number) noexcept {
+  if (!number) return;
   const KeptNames names(path, number);
-  if (!number || !names) return;
+  if (!names) return;
   RemoveFile(names.File());
   RemoveFile(names.Index());
 }

@@ -28,6 +28,7 @@ NativeApi RealFunctions() noexcept {
   api.FindClose = &::FindClose;
   api.AliasTarget = [](std::wstring_view, wchar_t*, std::size_t) -> std::size_t { return 0; };
   api.paths_can_be_wrong = false;
+  api.listings_hide_links = false;
   api.UnixPath = [](const wchar_t*, char*, std::size_t) -> std::size_t { return 0; };
   api.ExactFolder = [](const wchar_t*, wchar_t*, std::size_t) -> std::size_t { return 0; };
   api.LoadMiniDumpWriteDump = &LoadMiniDumpWriteDump;

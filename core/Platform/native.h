@@ -31,9 +31,11 @@ struct NativeApi {
   decltype(&::NtQueryInformationFile) NtQueryInformationFile;
   decltype(&::NtReadFile) NtReadFile;
   decltype(&::GetFinalPathNameByHandleW) GetFinalPathNameByHandleW;
-  // Whether the path that is told of a file may be another's: of one that lies where the name that the file
-  // was opened by leads meanwhile, or of one whose name has no dot at its end.
+  // Whether the path told of an open file may be another's: that of what the opened name leads to by now, or,
+  // for a name that ends with a dot or blank, that of the name without it.
   bool paths_can_be_wrong;
+  // Whether the listing of a folder shows a link to a file as a file.
+  bool listings_hide_links;
   decltype(&::GetFileInformationByHandle) GetFileInformationByHandle;
   decltype(&::GetFileInformationByHandleEx) GetFileInformationByHandleEx;
   // Names are told without the volume; one on another volume than the file's, where a system has such, as

@@ -87,7 +87,7 @@ DWORD WINAPI GetFinalPathNameByHandle(HANDLE file, LPWSTR path, DWORD units, DWO
 
 constexpr UINT kUnixCodePage = 65010;
 
-// The name itself is taken as it is: a dot at its end would get lost with the path.
+// The last component is converted by itself: Wine's conversion would drop a dot at its end.
 std::size_t UnixPath(const wchar_t* path, char* out, std::size_t bytes) {
   using Convert = char*(CDECL*)(LPCWSTR);
   static const auto convert =
@@ -140,6 +140,7 @@ void Adapt(NativeApi& api) noexcept {
   api.GetFinalPathNameByHandleW = &GetFinalPathNameByHandle;
   api.AliasTarget = &AliasTarget;
   api.paths_can_be_wrong = true;
+  api.listings_hide_links = true;
   api.UnixPath = &UnixPath;
   api.ExactFolder = &ExactFolder;
   api.starts_foreign_programs = true;

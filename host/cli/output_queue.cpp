@@ -4,8 +4,7 @@
 
 namespace vorn::cli {
 
-OutputQueue::OutputQueue(std::function<void(const std::string&)> write)
-    : write_(std::move(write)), thread_([this] { Run(); }) {}
+OutputQueue::OutputQueue(std::function<void(const std::string&)> write) : write_(std::move(write)) {}
 
 OutputQueue::~OutputQueue() { Finish(); }
 
@@ -17,6 +16,7 @@ void OutputQueue::Push(std::string line) {
   }
   bytes_ += line.size();
   lines_.push_back(std::move(line));
+  if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
   changed_.notify_one();
 }
 

@@ -44,7 +44,7 @@ class OutputQueue {
   std::size_t bytes_ = 0;  // of lines_
   std::uint64_t dropped_ = 0;
   bool finished_ = false;
-  std::thread thread_;  // last: it uses the others
+  std::thread thread_;  // made with the first line; last: it uses the others
 };
 
 }  // namespace vorn::cli

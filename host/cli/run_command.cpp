@@ -148,6 +148,8 @@ int Run(const RunArguments& arguments) {
     auto started = launcher.Start(options);
     if (auto* failure = std::get_if<host::LaunchFailure>(&started)) {
       server.WaitUntilIdle(kLastMessages);
+      server.Stop();
+      report.Finish();
       if (g_interrupted) {
         PrintErrorLine("vorn: not run: ended by Ctrl-C");
         return static_cast<int>(kExitByControlC);

@@ -156,9 +156,13 @@ void RunReport::Show(const host::Event& event, const std::string& rule) {
   screen_.Push(line);
 }
 
-void RunReport::PrintSummary(const std::string& end) {
+void RunReport::Finish() {
   events_queue_.Finish();
   screen_.Finish();
+}
+
+void RunReport::PrintSummary(const std::string& end) {
+  Finish();
   PrintErrorLine(fmt::format("vorn: ---- {} ----", end));
   PrintErrorLine(
       fmt::format("vorn: {} process{}{}", processes_.size(), processes_.size() == 1 ? "" : "es",

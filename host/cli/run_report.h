@@ -32,7 +32,9 @@ class RunReport {
   void OnTransportError(const std::string& text);
   // The program itself, which its launcher knows to be confined, and whatever else ran under the launcher.
   void OnProcesses(std::uint32_t program, const std::vector<host::LaunchedProcess>& all);
-  // end: "exit code 7", "ended by Ctrl-C", …
+  // Waits until what was said so far is written; nothing may be said after it.
+  void Finish();
+  // Finish, and then the summary. end: "exit code 7", "ended by Ctrl-C", …
   void PrintSummary(const std::string& end);
 
  private:

@@ -57,7 +57,7 @@ bool IsBatchFile(const std::wstring& path) {
 }  // namespace
 
 std::optional<LaunchFailure> RefuseForeignProgram(LaunchOptions& options) {
-  if (!VornCore::platform::IsWine()) return {};
+  if (!VornCore::platform::Native().starts_foreign_programs) return {};
   const std::wstring program = FindProgram(options);
   if (IsImage(program)) return {};
   if (!IsBatchFile(program))

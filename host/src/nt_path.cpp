@@ -4,6 +4,7 @@
 #include <system_error>
 #include <vector>
 
+#include "Platform/native.h"
 #include "Policy/device_path.h"
 #include "Policy/file_decision.h"
 #include "Policy/wide.h"
@@ -121,10 +122,13 @@ FolderNames::FolderNames(const std::wstring& folder) {
   WIN32_FIND_DATAW entry;
   HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &entry);
   if (find == INVALID_HANDLE_VALUE) return;
+  const bool links_hide = VornCore::platform::Native().listings_hide_links;
   bool plain = true;
   do {
     const std::wstring name = entry.cFileName;
-    const bool is_link = entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT;
+    const bool is_folder = entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY;
+    const bool is_link =
+        (entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) || (links_hide && !is_folder);
     plain = plain && (IsPlainName(name) || name == L"." || name == L"..");
     for (const wchar_t* spelled : {entry.cFileName, entry.cAlternateFileName})
       if (*spelled) spellings_[SmallLetters(spelled)] = is_link ? std::wstring() : name;
@@ -162,7 +166,7 @@ PathResolver::Place PathResolver::Find(const std::wstring& path) {
   Folder* folder = is_root ? nullptr : &FindFolder(path.substr(0, separator));
   bool missing = folder && !folder->exists;
   if (folder && folder->exists) {
-    if (++folder->asked == kPathsBeforeReading) folder->names.emplace(folder->path);
+    if (++folder->asked == kPathsBeforeReading) folder->names = std::make_unique<FolderNames>(folder->path);
     const auto spelling = folder->names ? folder->names->Find(path.substr(separator + 1)) : std::nullopt;
     if (spelling && !spelling->empty()) return {folder->path + L'\\' + *spelling, true, true};
     missing = spelling.has_value();

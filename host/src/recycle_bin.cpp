@@ -88,7 +88,7 @@ UnixToDos GetUnixToDos() {
       GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_dos_file_name"));
 }
 
-// The name itself is taken as it is: a dot at its end would get lost with the path.
+// The last component is taken as it is: the conversion would drop a dot at its end.
 std::wstring DosPath(UnixToDos convert, const std::string& unix_path) {
   const std::size_t name = unix_path.rfind('/') + 1;
   std::unique_ptr<wchar_t, void (*)(wchar_t*)> folder(
@@ -168,7 +168,7 @@ bool MakeBin(const std::wstring& bin) {
   return true;
 }
 
-// Of which the system takes no part for another name, as it does with a dot at its end.
+// In the form whose name the system does not alter, as it would by dropping a dot at its end.
 std::wstring Exact(const std::wstring& path) { return path.starts_with(L"\\\\") ? path : L"\\\\?\\" + path; }
 
 // A folder that is reached without a link, made where it is missing. As long as this object lives, nothing on

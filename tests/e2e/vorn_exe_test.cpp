@@ -328,6 +328,19 @@ TEST_F(VornExe, ExplainsPathsAndDestinations) {
   EXPECT_TRUE(Vorn("explain -p \"" + Dos("policy.toml") + "\" -- \"" + Dos("denied") + '"').Says("deny  "));
 }
 
+// Also where enough rules name the folder for it to be read at one time.
+TEST_F(VornExe, ARuleForALinkCoversWhereItLeads) {
+  std::string deny;
+  for (const char* name : {"a", "b", "c", "d", "link"})
+    deny += "'" + Dos(std::string("work\\") + name) + "', ";
+  Write("policy.toml", "[files]\ndeny = [" + deny + "]\n");
+  std::error_code error;
+  fs::create_symlink(Path("protected\\f.txt"), Path("work\\link"), error);
+  if (error) RunUnix(L"ln -s", {Path("protected\\f.txt"), Path("work\\link")});
+  for (int i = 0; i < 500 && !fs::exists(Path("work\\link")); ++i) Sleep(10);
+  EXPECT_FALSE(Run("cmd /c type \"" + Dos("protected\\f.txt") + '"').Says("old protected"));
+}
+
 // Neither the program nor the starts of its children.
 TEST_F(VornExe, AReaderThatStandsStillHoldsNobodyUp) {
   constexpr int kRefusals = 1500;

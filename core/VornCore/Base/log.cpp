@@ -80,7 +80,7 @@ class LogHelper {
     platform::LockGuard guard(lock_);
     OwnCallScope own;
     if (current_ < 0 || current_ >= kSlots) current_ = 0;
-    // Once: an open that fails is itself a line, of which there is no end.
+    // Only once: an open that fails is logged itself.
     if (std::exchange(first_line_opens_, false)) OpenSlot(slots_[current_]);
     if (slots_[current_].written > kSlotBytes) TakeNextSlot();
     Slot& slot = slots_[current_];

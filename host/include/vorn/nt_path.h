@@ -1,6 +1,7 @@
 // The path that the library decides on, from the path that a person writes.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -56,8 +57,8 @@ class PathResolver {
     bool folder_exists = false;  // always true of a place that exists
   };
   struct Folder : Place {
-    int asked = 0;  // how many paths in it
-    std::optional<FolderNames> names = {};
+    int asked = 0;                            // how many paths in it
+    std::unique_ptr<FolderNames> names = {};  // once it was read
   };
   Place Find(const std::wstring& path);
   Folder& FindFolder(const std::wstring& path);
